@@ -1,0 +1,145 @@
+#include "avl.h"
+
+#include "avl_balance.h"
+#include "avl_hint.h"
+#include "avl_link.h"
+#include "avl_undo.h"
+
+namespace vrellis {
+
+AVL_HINT_TLS constinit thread_local const void *last_search_end = nullptr;
+
+namespace avl {
+namespace {
+
+constexpr int kEqual = 1;
+
+// Where a descent ended: at the node of an equal key, or at the one that the key would hang under.
+struct Spot {
+  Link *node;
+  int order;  // the last comparison's result; halved, the side to hang on
+};
+
+// Both children are on their way from memory while the keys are compared. `node` is no null pointer.
+inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
+  for (;;) {
+    __builtin_prefetch(child_of(node, 0));
+    __builtin_prefetch(child_of(node, 1));
+    const int order = compare(probe, node);
+    if (order == kEqual) {
+      return {node, order};
+    }
+    Link *next = child_of(node, static_cast<unsigned>(order) >> 1);
+    if (next == nullptr) {
+      return {node, order};
+    }
+    node = next;
+  }
+}
+
+// A tree's first node goes in, its last one out, by the store to the root field alone. Cut off before it (going in)
+// or behind it (going out), only a node that is in no tree has words left in its linkage.
+void link_first(Word *field, Link *node) {
+  Change change(nullptr, field);
+  change.put(&node->child[0], 0);
+  change.put(&node->child[1], 0);
+  change.put(&node->up, address_of(field) | kRoot);
+  change.put(field, address_of(node));
+}
+
+void unlink_last(Word *field, Link *node) {
+  Change change(nullptr, field);
+  change.put(field, 0);
+  change.put(&node->up, 0);
+}
+
+// A tree about to change: its window, its top, its own root field, and the one that the caller gave.
+struct Tree {
+  const WindowMap *map;
+  Word *given;  // the own field, or a copy of it
+  Link *top;    // nullptr: empty
+  Word *field;
+};
+
+// Brings the given field up to date first. False when it holds no root, or the recorded field cannot be this tree's.
+bool open_tree(Tree &tree, void **root, const void *node) {
+  tree.map = window_of(node);
+  tree.given = reinterpret_cast<Word *>(root);
+  const Word now = settled_root(tree.map, *tree.given);
+  if (now != *tree.given) {
+    store(tree.given, now);
+  }
+  tree.top = link_at(now);
+  tree.field = tree.given;
+  if (tree.top == nullptr) {
+    return true;
+  }
+  tree.field = field_of(tree.top);
+  const bool reachable = tree.field == tree.given || tree.map == nullptr || covers(*tree.map, address_of(tree.field));
+  return is_root(tree.top) && reachable;
+}
+
+void close_tree(const Tree &tree, int *flag) {
+  const Word now = *tree.field;
+  if (now != address_of(tree.top)) {
+    *flag = 1;
+  }
+  if (tree.given != tree.field) {
+    store(tree.given, now);
+  }
+}
+
+}  // namespace
+}  // namespace avl
+}  // namespace vrellis
+
+using namespace vrellis::avl;
+
+void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
+  if (root == nullptr) {
+    return nullptr;
+  }
+  const Word top = settled_root(vrellis::window_of(root), address_of(root));
+  const Spot spot = descend(link_at(top), probe, compare);
+  vrellis::last_search_end = spot.node;
+  return spot.order == kEqual ? spot.node : nullptr;
+}
+
+void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
+  Tree tree;
+  if (!open_tree(tree, root, node)) {
+    return nullptr;
+  }
+  auto *link = static_cast<Link *>(node);
+  if (tree.top == nullptr) {
+    link_first(tree.field, link);
+  } else {
+    const Spot spot = descend(tree.top, node, compare);
+    if (spot.order == kEqual) {
+      return nullptr;
+    }
+    Change change(tree.map, tree.field);
+    link_below(change, spot.node, static_cast<unsigned>(spot.order) >> 1, link);
+    change.commit();
+  }
+  close_tree(tree, flag);
+  return node;
+}
+
+// The comparison is of no use: a linked node knows its place.
+void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/) {
+  Tree tree;
+  auto *link = static_cast<Link *>(node);
+  if (link == nullptr || !open_tree(tree, root, node) || link->up == 0 || root_above(link) != tree.top) {
+    return nullptr;
+  }
+  if (link == tree.top && link->child[0] == 0 && link->child[1] == 0) {
+    unlink_last(tree.field, link);
+  } else {
+    Change change(tree.map, tree.field);
+    unlink_one(change, link);
+    change.commit();
+  }
+  close_tree(tree, flag);
+  return node;
+}

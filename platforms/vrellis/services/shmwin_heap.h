@@ -1,0 +1,53 @@
+// The allocator inside a window. For the window service alone.
+//
+// A node is placed in the page where the calling thread's last search ended (avl_hint.h), on the nearest free place, if
+// that page has nodes of its size and room; else in the page that this process last took one from; else in the lowest
+// page with room. So nodes that are entered together, or whose neighbour's page has room, lie together. No room is kept
+// free for it: a node costs 40.5 or 56.5 bytes, its share of the page and of the descriptor.
+#ifndef VRELLIS_SHMWIN_HEAP_H
+#define VRELLIS_SHMWIN_HEAP_H
+
+#include <cstdint>
+
+#include "shmwin_layout.h"
+#include "shmwin_page_set.h"
+
+namespace vrellis {
+
+// Where this process finds the heap of an attached window. Beside window_maps, slot by slot.
+struct Heap {
+  WindowHeader *header = nullptr;
+  PageDescriptor *page = nullptr;
+  std::uintptr_t first = 0;  // address of heap page 0
+  std::uint32_t pages = 0;
+  PageSet room[2];                                             // pages in a node state with a node to give, by class
+  PageSet free;                                                // pages that are free (H3)
+  std::uint32_t recent[2] = {PageSet::kNone, PageSet::kNone};  // page of the last node taken, by class: a guess
+};
+
+extern Heap heaps[SHMWIN_MAX_WINDOWS];
+
+// The heap of the window mapped at `header`, of the shape that its size gives. Nothing in the window is read.
+Heap heap_at(WindowHeader *header, const WindowShape &shape);
+
+// Makes the heap of a zeroed window an empty one.
+void heap_format(Heap &heap);
+
+// A node's place: heap page and slot within it.
+struct Place {
+  std::uint32_t page;
+  std::uint32_t slot;
+};
+
+// Takes a node of a class (0: 40 bytes, 1: 56), or a run of pages for `bytes` bytes. Returns: nullptr when there is no
+// room.
+void *take_node(Heap &heap, int cls);
+void *take_run(Heap &heap, std::uint64_t bytes);
+
+// Requires a node in use at `place`; a run of `pages` in use at `head`, within the heap.
+void give_node(Heap &heap, int cls, Place place);
+void give_run(Heap &heap, std::uint32_t head, std::uint32_t pages);
+
+}  // namespace vrellis
+
+#endif

@@ -1,0 +1,113 @@
+// The allocator compiled into a test, with a store_word() that shows each store, on windows in plain memory. For one
+// source of a test program.
+#ifndef SHMWIN_HEAP_FIXTURE_H
+#define SHMWIN_HEAP_FIXTURE_H
+
+#define VRELLIS_SHMWIN_STORE_H
+
+#include <atomic>
+#include <cstdint>
+
+namespace vrellis {
+
+inline void (*after_store)() = [] {};
+
+inline std::uint64_t load_word(const std::uint64_t &word) {
+  return word;
+}
+inline void store_word(std::uint64_t &word, std::uint64_t value) {
+  word = value;
+  after_store();
+}
+
+}  // namespace vrellis
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "avl_hint.h"
+#include "shmwin_heap.cc"    // NOLINT(bugprone-suspicious-include)
+#include "shmwin_malloc.cc"  // NOLINT(bugprone-suspicious-include)
+
+constinit vrellis::WindowMap vrellis::window_maps[SHMWIN_MAX_WINDOWS] = {};
+constinit thread_local const void *vrellis::last_search_end = nullptr;
+
+namespace heap_tests {
+
+inline std::vector<std::string> messages;
+
+}  // namespace heap_tests
+
+int oxa_errmsg(const oxa_msg_rec_t *record, int, ...) {
+  heap_tests::messages.emplace_back(record->name);
+  return 0;
+}
+
+namespace heap_tests {
+
+using namespace vrellis;
+
+inline constexpr std::uint32_t kId = 7;
+inline constexpr std::size_t kNodeSizes[] = {40, 56};
+
+class HeapTest : public ::testing::Test {
+ protected:
+  void make(std::uint64_t pages) {
+    shape_ = shape_of_pages(pages);
+    memory_ = static_cast<std::uint8_t *>(std::aligned_alloc(kPageBytes, shape_.size));
+    std::memset(memory_, 0, shape_.heap);
+    auto *const header = reinterpret_cast<WindowHeader *>(memory_);
+    heap() = heap_at(header, shape_);
+    heap_format(heap());
+    const auto begin = reinterpret_cast<std::uintptr_t>(memory_);
+    window_maps[0] = {begin, begin + shape_.size, kId, header, header->tree_area};
+    messages.clear();
+    last_search_end = nullptr;
+  }
+
+  void TearDown() override {
+    after_store = [] {};
+    window_maps[0] = WindowMap{};
+    std::free(memory_);
+  }
+
+  static Heap &heap() { return heaps[0]; }
+
+  static std::uint8_t *take(std::size_t size) {
+    void *block = nullptr;
+    const int status = shmwin_malloc(kId, size, &block);
+    EXPECT_EQ(status, block != nullptr ? 0 : 12);
+    return static_cast<std::uint8_t *>(block);
+  }
+
+  std::vector<std::uint8_t *> take_all(std::size_t size) {
+    std::vector<std::uint8_t *> blocks;
+    while (std::uint8_t *const block = take(size)) {
+      blocks.push_back(block);
+      if (blocks.size() > shape_.pages * 102) {
+        ADD_FAILURE() << "more blocks than the window has room for";
+        break;
+      }
+    }
+    return blocks;
+  }
+
+  static shmwin_stat_t stat() {
+    shmwin_stat_t now;
+    EXPECT_EQ(shmwin_stat(kId, &now), 0);
+    return now;
+  }
+
+  WindowShape shape_;
+  std::uint8_t *memory_ = nullptr;
+};
+
+}  // namespace heap_tests
+
+#endif
