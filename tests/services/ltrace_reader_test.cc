@@ -1,0 +1,227 @@
+// Reading traces: points joined, processes merged, events as text, damaged files survived.
+#include <fstream>
+#include <random>
+
+#include "ed.h"
+#include "ltrace_file.h"
+#include "ltrace_fixture.h"
+
+namespace vrellis {
+namespace {
+
+constexpr ed_catalogue_row_t kRows[] = {
+    {0, 10, 1, 0, 1, "find_it", "\"find_it Key: %d, \" \"found\""},
+    {1, 20, 15, 0, 1, "show_it", "\"all %d %d %d %d %d %d %d \" \"%d %d %d %d %d %d %d 0x%x\""},
+};
+constexpr const char *kCategories[] = {"error"};
+constexpr ed_catalogue_t kCatalogue = {"a component", 1, kCategories, 2, kRows};
+constexpr const ed_catalogue_t *kCatalogues[] = {&kCatalogue};
+
+void write_fifteen(std::uint64_t first) {
+  const auto v = [first](std::uint64_t i) { return first + i; };
+  _ltrace_7(0, trace_header(1, 2, 0), v(0), v(1), v(2), v(3), v(4), v(5), v(6));
+  _ltrace_7(0, trace_header(1, 2, 1), v(7), v(8), v(9), v(10), v(11), v(12), v(13));
+  _ltrace_1(0, trace_header(1, 2, 2), v(14));
+}
+
+class TraceReaderTest : public TraceTest {
+ protected:
+  void SetUp() override {
+    TraceTest::SetUp();
+    setenv("LTRACE_RING_KIB", "8", 1);
+  }
+};
+
+TEST_F(TraceReaderTest, AnEventReadsAsText) {
+  run([] {
+    ltrace_name_component(2, "a component");
+    _ltrace_1(0, trace_header(0, 2), 4711);
+    write_fifteen(1);
+    _ltrace_2(0, trace_header(99, 2), 1, 0xabc);
+    _ltrace_1(0, trace_header(5, 4), 1);
+  });
+  setenv("TZ", "UTC", 1);
+  const auto files = open_all();
+  const auto events = merge_traces(files).events;
+  ASSERT_EQ(events.size(), 4U);
+  const std::string who = std::to_string(files[0]->pid()) + "/" + std::to_string(files[0]->pid()) + " ";
+  const auto text = [&events](std::size_t i) { return render_event(events[i], kCatalogues); };
+  EXPECT_TRUE(text(0).ends_with("  " + who + "find_it Key: 4711, found")) << text(0);
+  EXPECT_TRUE(text(1).ends_with("~ " + who + "show_it: all 1 2 3 4 5 6 7 8 9 10 11 12 13 14 0xf")) << text(1);
+  EXPECT_TRUE(text(2).ends_with(who + "a component point 99: 0x1 0xabc")) << text(2);
+  EXPECT_TRUE(text(3).ends_with(who + "find_it") || text(3).find("point 5: 0x1") != std::string::npos) << text(3);
+  EXPECT_EQ(text(0).substr(0, 2), "20");
+}
+
+TEST_F(TraceReaderTest, JoinedPointsLoseNoValueAndAHeadlessOneCountsAsOverwritten) {
+  constexpr std::uint64_t kPoints = 2000;
+  run([] {
+    for (std::uint64_t i = 0; i < kPoints; ++i) {
+      write_fifteen(i * 100);
+    }
+  });
+  const auto files = open_all();
+  const TraceMerge merge = merge_traces(files);
+  ASSERT_EQ(merge.rings.size(), 1U);
+  ASSERT_FALSE(merge.events.empty());
+  EXPECT_EQ(merge.rings[0].overwritten_records + 3 * merge.events.size(), 3 * kPoints);
+  std::uint64_t first = (kPoints - merge.events.size()) * 100;
+  for (const TraceRecord &event : merge.events) {
+    ASSERT_EQ(event.num_values, 15U);
+    for (std::uint64_t i = 0; i < 15; ++i) {
+      ASSERT_EQ(event.value[i], first + i);
+    }
+    first += 100;
+  }
+}
+
+TEST_F(TraceReaderTest, JoiningTakesNothingThatDoesNotBelong) {
+  const auto record = [](std::uint32_t id, std::uint32_t number, unsigned values) {
+    TraceRecord out;
+    out.id = id;
+    out.number = number;
+    out.num_values = values;
+    return out;
+  };
+  const TraceRecord records[] = {record(1, 1, 7), record(1, 0, 7), record(2, 1, 7), record(1, 1, 1), record(1, 0, 6),
+                                 record(1, 1, 1), record(3, 0, 7), record(3, 1, 7), record(3, 2, 7)};
+  std::uint64_t orphans = 0;
+  const auto points = join_records(records, orphans);
+  ASSERT_EQ(points.size(), 3U);
+  EXPECT_EQ(points[0].num_values, 7U);
+  EXPECT_EQ(points[1].num_values, 6U);
+  EXPECT_EQ(points[2].num_values, 14U);
+  EXPECT_EQ(orphans, 5U);
+}
+
+TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
+  constexpr std::uint64_t kTurns = 20;
+  constexpr std::uint64_t kRecords = 40;  // more than a block: each turn has stamps of its own
+  int ping[2];
+  int pong[2];
+  ASSERT_EQ(pipe(ping), 0);
+  ASSERT_EQ(pipe(pong), 0);
+  const auto take_turns = [](int in, int out, std::uint64_t parity) {
+    char byte = 0;
+    for (std::uint64_t turn = parity; turn < kTurns && read(in, &byte, 1) == 1; turn += 2) {
+      for (std::uint64_t i = 0; i < kRecords; ++i) {
+        _ltrace_1(0, trace_header(1), turn);
+      }
+      EXPECT_EQ(write(out, "!", 1), 1);
+    }
+  };
+  const pid_t first = fork();
+  if (first == 0) {
+    take_turns(ping[0], pong[1], 0);
+    _exit(0);
+  }
+  const pid_t second = fork();
+  if (second == 0) {
+    take_turns(pong[0], ping[1], 1);
+    _exit(0);
+  }
+  ASSERT_EQ(write(ping[1], "!", 1), 1);
+  waitpid(first, nullptr, 0);
+  waitpid(second, nullptr, 0);
+  std::uint64_t newest = 0;
+  std::size_t exact = 0;
+  const auto files = open_all();
+  for (const TraceRecord &event : merge_traces(files).events) {
+    if (event.exact) {
+      EXPECT_GE(event.value[0], newest);
+      newest = event.value[0];
+      ++exact;
+    }
+  }
+  EXPECT_EQ(newest, kTurns - 1);
+  EXPECT_GE(exact, kTurns);
+}
+
+// Reads the file in every way there is. Returns: whether it was taken for a trace file.
+bool read_all_of(const std::string &path) {
+  std::string error;
+  std::vector<std::unique_ptr<TraceFile>> files;
+  files.push_back(TraceFile::open(path, error));
+  if (files[0] == nullptr) {
+    EXPECT_NE(error.find(path), std::string::npos);
+    return false;
+  }
+  const TraceMerge merge = merge_traces(files);
+  EXPECT_LE(merge.events.size(), 64U * 8192);
+  for (std::size_t i = 0; i < merge.events.size(); i += 7) {
+    EXPECT_FALSE(render_event(merge.events[i], kCatalogues).empty());
+  }
+  files[0]->waits();
+  files[0]->alive();
+  EXPECT_LE(files[0]->comm().size(), 16U);
+  return true;
+}
+
+class DamagedTrace : public TraceReaderTest {
+ protected:
+  static constexpr std::size_t kBytes = kRingHeaderBytes + kMinRingKib * 1024;  // the header and the first ring
+
+  void SetUp() override {
+    TraceReaderTest::SetUp();
+    run([] {
+      ltrace_name_component(2, "a component");
+      pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+      ptd_set_mutex_block(&mutex, "somewhere", 1);
+      for (std::uint64_t i = 0; i < 200; ++i) {
+        write_fifteen(i);
+      }
+    });
+    std::ifstream in(list_traces(directory_)[0].path, std::ios::binary);
+    good_.resize(kBytes);
+    in.read(good_.data(), kBytes);
+    ASSERT_TRUE(in);
+  }
+  bool survives(const std::string &bytes) const {
+    const std::string path = directory_ + "/damaged";
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<long>(bytes.size()));
+    return read_all_of(path);
+  }
+  std::string good_;
+};
+
+TEST_F(DamagedTrace, EachFieldOfTheHeaderMayBeWrong) {
+  EXPECT_TRUE(survives(good_));
+  for (std::size_t offset = 0; offset < offsetof(FileHeader, ring) + sizeof(RingEntry); ++offset) {
+    if (offset == offsetof(FileHeader, component)) {
+      offset = offsetof(FileHeader, ring);  // names are checked for nothing but unprintable characters
+    }
+    for (const char wrong : {'\0', '\x7f', '\xff'}) {
+      std::string bytes = good_;
+      bytes[offset] = wrong;
+      const bool read = survives(bytes);
+      const bool decisive = offset < offsetof(FileHeader, pid) && bytes != good_;
+      const bool another_valid_value = offset >= offsetof(FileHeader, ring_words);
+      EXPECT_TRUE(read || decisive) << offset;
+      EXPECT_FALSE(read && decisive && !another_valid_value) << offset;
+    }
+  }
+}
+
+TEST_F(DamagedTrace, TheFileMayEndAnywhere) {
+  for (std::size_t length = 0; length < kBytes; length += length < kRingHeaderBytes ? 509 : 61) {
+    EXPECT_EQ(survives(good_.substr(0, length)), length >= sizeof(FileHeader)) << length;
+  }
+}
+
+TEST_F(DamagedTrace, AnyBytesMayBeAnything) {
+  const char *given = getenv("LTRACE_TEST_SEED");
+  const unsigned seed = given != nullptr ? static_cast<unsigned>(atoi(given)) : std::random_device{}();
+  SCOPED_TRACE("LTRACE_TEST_SEED=" + std::to_string(seed));
+  std::mt19937_64 random(seed);
+  for (int round = 0; round < 400; ++round) {
+    std::string bytes = good_;
+    const std::size_t from = round % 4 == 0 ? 32 : offsetof(FileHeader, ring);
+    for (std::uint64_t i = random() % 2000; i > 0; --i) {
+      bytes[from + random() % (bytes.size() - from)] = static_cast<char>(random());
+    }
+    EXPECT_TRUE(survives(bytes));
+  }
+}
+
+}  // namespace
+}  // namespace vrellis
