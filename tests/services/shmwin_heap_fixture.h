@@ -36,7 +36,7 @@ inline void store_word(std::uint64_t &word, std::uint64_t value) {
 #include "shmwin_malloc.cc"  // NOLINT(bugprone-suspicious-include)
 
 constinit vrellis::WindowMap vrellis::window_maps[SHMWIN_MAX_WINDOWS] = {};
-constinit thread_local const void *vrellis::last_search_end = nullptr;
+constinit thread_local vrellis::SearchEnds vrellis::search_ends;
 
 namespace heap_tests {
 
@@ -68,7 +68,7 @@ class HeapTest : public ::testing::Test {
     const auto begin = reinterpret_cast<std::uintptr_t>(memory_);
     window_maps[0] = {begin, begin + shape_.size, kId, header, header->tree_area};
     messages.clear();
-    last_search_end = nullptr;
+    search_ends = {};
   }
 
   void TearDown() override {

@@ -67,7 +67,7 @@ TEST_F(HeapTest, RandomUseNeverOverlapsAndLosesNothing) {
     } else {
       std::swap(in_use[random() % in_use.size()], in_use.back());
       const auto [block, use] = in_use.back();
-      last_search_end = block;
+      search_ends.last = block;
       for (std::size_t i = 0; i < use.size; ++i) {
         ASSERT_EQ(block[i], use.pattern) << "of " << use.size << " bytes, byte " << i;
       }
@@ -119,13 +119,13 @@ TEST_F(HeapTest, ANodeLiesWhereTheLastSearchEnded) {
   for (const std::size_t i : {3u, 249u, 251u, 290u}) {
     shmwin_free(first[i]);
   }
-  last_search_end = near;
+  search_ends.last = near;
   EXPECT_EQ(take(40), first[251]);
   EXPECT_EQ(take(40), first[249]);
   EXPECT_EQ(take(40), first[290]);
   EXPECT_EQ(take(40), first[3]);
   shmwin_free(first[3]);
-  last_search_end = memory_;
+  search_ends.last = memory_;
   EXPECT_EQ(take(40), first[3]);
 }
 
@@ -184,7 +184,7 @@ TEST_F(HeapTest, DamagedBookkeepingDoesNoHarm) {
         ASSERT_EQ(window_of(block), &window_maps[0]);
         ASSERT_GE(block, memory_ + shape_.heap);
       }
-      last_search_end = memory_ + random() % shape_.size;
+      search_ends.last = memory_ + random() % shape_.size;
       shmwin_free(memory_ + random() % (shape_.size / 8) * 8);
     }
     stat();

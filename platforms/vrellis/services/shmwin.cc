@@ -135,12 +135,13 @@ std::uint64_t now() {
 }
 
 // The magic first: from then on the file is known for a window that is not complete.
-void write_header(WindowHeader &header, std::uint64_t address, std::uint64_t size, std::uint32_t shm_id) {
+void write_header(WindowHeader &header, std::uint64_t address, std::uint64_t size, const shmwin_config_t &config) {
   store_word(header.magic, kWindowMagic);
   header.version = kLayoutVersion;
   header.word_bits = kWordBits;
   header.mutex_bytes = sizeof(pthread_mutex_t);
-  header.shm_id = shm_id;
+  header.shm_id = config.shm_id;
+  store_word(header.nodes56, config.nodes56);
   store_word(header.size, size);
   store_word(header.address, address);
   store_word(header.pid_namespace, own_pid_namespace());
@@ -159,7 +160,7 @@ int make_window(const shmwin_claim_t &claim, const shmwin_config_t &config, Wind
     return status;
   }
   auto &header = *reinterpret_cast<WindowHeader *>(address);
-  write_header(header, address, size, config.shm_id);
+  write_header(header, address, size, config);
   Heap heap = heap_at(&header, shape_of_size(size));
   heap_format(heap);
   enter_process(header.process);

@@ -36,6 +36,7 @@ typedef struct shmwin_config {
   uint32_t mode;         /* file mode; 0: 0600 */
   uint64_t size;         /* bytes, rounded up to whole pages of 4096 */
   uint64_t address;      /* where every process maps it; 0: a default for the id that is free here */
+  uint64_t nodes56;      /* 56-byte nodes to expect: room for so many is kept from others; 0: not known */
 } shmwin_config_t;
 
 /* What a window holds. */

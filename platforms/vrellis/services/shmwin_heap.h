@@ -1,9 +1,14 @@
 // The allocator inside a window. For the window service alone.
 //
-// A node is placed in the page where the calling thread's last search ended (avl_hint.h), on the nearest free place, if
-// that page has nodes of its size and room; else in the page that this process last took one from; else in the lowest
-// page with room. So nodes that are entered together, or whose neighbour's page has room, lie together. No room is kept
-// free for it: a node costs 40.5 or 56.5 bytes, its share of the page and of the descriptor.
+// A node is placed in the page where one of the calling thread's last two searches ended (avl_hint.h), on the nearest
+// free place, if that page has nodes of its size and room; else in the page that this process last took one from; else
+// in the lowest page with room. So a node lies near the neighbours that a search for it passes last.
+//
+// A 40-byte node taken next after a 56-byte one begins a family: the owner of the window entered a parent and its first
+// child, and more children will follow in any order among other families'. Such a node gets room around it, kFamilies
+// to a page, in pages that nothing else needs: not in those that the 56-byte nodes still to come may need (nodes56 in
+// the header). When those run out, nodes go wherever there is room: no node is ever refused for it, and a node costs
+// 40.5 or 56.5 bytes, its share of the page and of the descriptor.
 #ifndef VRELLIS_SHMWIN_HEAP_H
 #define VRELLIS_SHMWIN_HEAP_H
 
@@ -23,6 +28,9 @@ struct Heap {
   PageSet room[2];                                             // pages in a node state with a node to give, by class
   PageSet free;                                                // pages that are free (H3)
   std::uint32_t recent[2] = {PageSet::kNone, PageSet::kNone};  // page of the last node taken, by class: a guess
+  bool family_begins = false;                                  // the last node taken was one of 56 bytes
+  std::uint32_t family_page = PageSet::kNone;                  // where the next family begins, and
+  std::uint32_t families = 0;                                  // how many have begun there
 };
 
 extern Heap heaps[SHMWIN_MAX_WINDOWS];
