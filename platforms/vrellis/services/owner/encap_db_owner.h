@@ -1,0 +1,54 @@
+/*
+ * Owner of encapsulation databases: creates or attaches a window, places the header, initialises the database.
+ *
+ * The start of every process that uses a database. Safe against two processes that do it at the same moment and
+ * against a creator that dies half-way: whoever comes next finds no database and makes it.
+ */
+#ifndef VRELLIS_ENCAP_DB_OWNER_H
+#define VRELLIS_ENCAP_DB_OWNER_H
+
+#include <stdint.h>
+
+#include "mpls_egress_encap_db.h"
+#include "shmwin.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Which database, and what it is like. Zero the record before filling it. */
+typedef struct encap_db_config {
+  const char *directory; /* NULL: /dev/shm */
+  const char *name;      /* file name of the window */
+  uint32_t shm_id;       /* id of the window, the same in every process */
+  uint32_t mode;         /* file mode; 0: 0600 */
+  uint32_t nh_start;
+  uint32_t nh_size;
+  uint32_t tun_start;
+  uint32_t tun_size;
+  uint64_t size;         /* bytes of the window; 0: enough for every NH and every tunnel of the ranges */
+  uint64_t address;      /* where to map it; 0: a default that is free here */
+} encap_db_config_t;
+
+/*
+ * Creates the database, or attaches the one that is there, and makes it this process's `egress_encap_db`.
+ * Out: *created (may be NULL), 1 when this call set the database up.
+ * Returns: 0; 22 for a configuration that can never work (a tunnel index past 65535, a range past 32 bits, a window too
+ *   small for the arrays) and for a database whose ranges differ from the configured ones; 17 when this process has a
+ *   database open; the codes of shmwin.h; the status of mpls_egress_encap_db_init(); `error` filled with one sentence.
+ *   A failure leaves nothing attached.
+ * Locking: one thread of a process at a time opens or closes.
+ */
+SHMWIN_API int encap_db_open(const encap_db_config_t *config, int *created, shmwin_error_t *error);
+
+/* Detaches the window of this process's database. Returns: 0; 2 when there is none. `egress_encap_db` is stale then. */
+SHMWIN_API int encap_db_close(void);
+
+/* Removes the database's window; see shmwin_unlink(). */
+SHMWIN_API int encap_db_destroy(const char *directory, const char *name, int force, shmwin_error_t *error);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

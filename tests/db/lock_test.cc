@@ -1,0 +1,141 @@
+// The lock: recursion, waits, dead holders, locks beyond repair.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "support/fixture.h"
+
+namespace encap_test {
+namespace {
+
+constexpr const char *kWait = "waits(lock,vrl_egress_encap_db_lock,43)";
+
+class LockTest : public DbTest {
+ protected:
+  pthread_mutex_t *mutex() { return &db().lock.mutex; }
+  int lock() { return vrl_egress_encap_db_lock(mutex()); }
+  int unlock() { return pthread_mutex_unlock(mutex()); }
+};
+
+// Forks a child that takes the lock, by `take`, and dies by SIGKILL while it holds it.
+template <typename Take>
+void holder_is_killed(Take take) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    take();
+    static_cast<void>(!write(ready[1], "x", 1));
+    for (;;) {
+      pause();
+    }
+  }
+  char byte;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  kill(child, SIGKILL);
+  int status;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  close(ready[0]);
+  close(ready[1]);
+}
+
+TEST_F(LockTest, IsRecursive) {
+  enter(full_key()).at(kNh).on(kTunnel);
+  EXPECT_EQ(lock(), 0);
+  EXPECT_EQ(lock(), 0);
+  EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 0);
+  EXPECT_EQ(held(), 2);
+  std::thread([&] {
+    faults().order("lock1=35");  // this thread finds it taken, and does not wait for it
+    EXPECT_EQ(lock(), 35);
+  }).join();
+  EXPECT_EQ(unlock(), 0);
+  EXPECT_EQ(unlock(), 0);
+  expect_journal(std::string("trylock=0 trylock=0 trylock=0 18(count=2) unlock=0 49 trylock=16 ") + kWait +
+                 " lock=35 waited unlock=0 unlock=0");
+  std::thread([&] {
+    EXPECT_EQ(lock(), 0) << "released as often as taken";
+    EXPECT_EQ(unlock(), 0);
+  }).join();
+}
+
+TEST_F(LockTest, AWaitThatBlocksIsToldToTheThreadDebugService) {
+  enter(full_key()).at(kNh).on(kTunnel);
+  EXPECT_EQ(lock(), 0);
+  journal().take();
+  std::thread waiter([&] { EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 0); });
+  while (!journal().holds(kWait)) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(unlock(), 0);
+  waiter.join();
+  expect_journal(std::string("trylock=16 ") + kWait + " unlock=0 lock=0 waited 18(count=2) unlock=0 49");
+}
+
+TEST_F(LockTest, CodesOfTheCallsComeBackUnchanged) {
+  for (const char *code : {"1", "11", "22", "35"}) {
+    faults().order("trylock1=" + std::string(code));
+    EXPECT_EQ(lock(), std::stoi(code));
+    expect_journal("trylock=" + std::string(code));
+    faults().order("trylock1=16 lock1=" + std::string(code));
+    EXPECT_EQ(lock(), std::stoi(code));
+    expect_journal("trylock=16 " + std::string(kWait) + " lock=" + code + " waited");
+  }
+}
+
+TEST_F(LockTest, KilledHolderPassesTheLockOn) {
+  enter(full_key()).at(kNh).on(kTunnel);
+  holder_is_killed([&] { lock(); });
+  EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 0);
+  expect_journal("trylock=130 consistent=0 18(count=2) unlock=0 49");
+  model.share(kNh);
+  EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 0);
+  expect_journal("trylock=0 18(count=3) unlock=0 49");
+  model.share(kNh);
+  expect_database();
+}
+
+TEST_F(LockTest, KilledHolderOfSeveralHoldsPassesTheLockOn) {
+  holder_is_killed([&] {
+    lock();
+    lock();
+  });
+  EXPECT_EQ(lock(), 0);
+  EXPECT_EQ(held(), 1);
+  EXPECT_EQ(unlock(), 0);
+  expect_journal("trylock=130 consistent=0 unlock=0");
+}
+
+TEST_F(LockTest, HolderThatDiesDuringAWait) {
+  faults().order("trylock1=16 lock1=130 consistent1=0");
+  EXPECT_EQ(lock(), 0);
+  expect_journal(std::string("trylock=16 ") + kWait + " lock=130 waited consistent=0");
+  EXPECT_EQ(unlock(), 0);
+}
+
+TEST_F(LockTest, StopsTheProcessWhenTheLockIsBeyondRepair) {
+  const std::string at = "platforms/vrellis/encap-id/src/mpls_egress_encap_db:";
+  const std::string function = ": vrl_egress_encap_db_lock: Assertion `";
+  for (const char *first : {"trylock1=", "trylock1=16 lock1="}) {
+    const std::string orders = first;
+    const auto lock_with = [&](const std::string &faults_text) {
+      faults().order(faults_text);
+      lock();
+    };
+    EXPECT_EXIT(lock_with(orders + "130 consistent1=22"), ::testing::KilledBySignal(SIGABRT),
+                at + "48" + function + "rc == 0' failed");
+    EXPECT_EXIT(lock_with(orders + "131"), ::testing::KilledBySignal(SIGABRT), at + "51" + function + "0' failed");
+  }
+}
+
+TEST_F(LockTest, MonitorHookDoesNothing) {
+  eencap_mutex_monitor_server_fn();
+  expect_journal("");
+  expect_database();
+}
+
+}  // namespace
+}  // namespace encap_test

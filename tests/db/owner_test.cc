@@ -1,0 +1,230 @@
+// The owner: one process creates the database, the others find it, and what can never work is refused.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "encap_db_owner.h"
+
+namespace {
+
+constexpr std::uint32_t kId = 11;
+
+int in_child(const std::function<int()> &body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+class OwnerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+    config_.directory = directory_.c_str();
+    config_.name = "encaps";
+    config_.shm_id = kId;
+    config_.nh_start = 1000;
+    config_.nh_size = 500;
+    config_.tun_start = 10;
+    config_.tun_size = 50;
+  }
+
+  void TearDown() override {
+    encap_db_close();
+    std::filesystem::remove_all(directory_);
+  }
+
+  int open() { return encap_db_open(&config_, &created_, &error_); }
+
+  void expect_refusal(int expected, std::initializer_list<const char *> parts) {
+    EXPECT_EQ(open(), expected) << error_.text;
+    for (const char *const part : parts) {
+      EXPECT_NE(std::strstr(error_.text, part), nullptr) << "'" << part << "' in: " << error_.text;
+    }
+    EXPECT_EQ(shmwin_user_area(kId), nullptr) << "still attached";
+  }
+
+  // Enters NH `nh` under a tunnel of its own.
+  static int enter(std::uint32_t nh, std::uint32_t tunnel) {
+    egress_encap_key_t key{};
+    key.out_label1 = nh & 0xfffff;
+    key.ifh = tunnel;
+    egress_encap_info_t info{};
+    info.egr_nh = nh;
+    info.egr_tun = tunnel;
+    return vrl_insert_egress_encap(&info, key);
+  }
+
+  std::string directory_ = "/dev/shm/owner_test.XXXXXX";
+  encap_db_config_t config_{};
+  shmwin_error_t error_{};
+  int created_ = -1;
+};
+
+TEST_F(OwnerTest, ARestartedProcessFindsItsState) {
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(created_, 1);
+  EXPECT_EQ(egress_encap_db, shmwin_user_area(kId));
+  EXPECT_EQ(egress_encap_db->is_initialized, 1u);
+  ASSERT_EQ(enter(1003, 12), 0);
+  EXPECT_EQ(encap_db_close(), 0);
+  EXPECT_EQ(encap_db_close(), 2);
+  EXPECT_EQ(encap_db_open(&config_, nullptr, nullptr), 0);
+  EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 1);
+  EXPECT_EQ(in_child([this] {
+              if (encap_db_close() != 0 || open() != 0 || created_ != 0) {
+                return 99;
+              }
+              return vrl_find_and_share_egress_nh(1003);
+            }),
+            0);
+  EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 0);
+}
+
+TEST_F(OwnerTest, OfManyAtOnceOneCreatesAndAllUseIt) {
+  constexpr std::uint32_t kProcesses = 16;
+  int start[2];
+  ASSERT_EQ(pipe(start), 0);
+  std::vector<pid_t> children;
+  for (std::uint32_t i = 0; i < kProcesses; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      close(start[1]);
+      char byte;
+      [[maybe_unused]] const ssize_t at_end = read(start[0], &byte, 1);
+      const bool worked = open() == 0 && enter(1000 + i, 10 + i) == 0;
+      _exit(worked ? created_ : 2);
+    }
+    children.push_back(child);
+  }
+  close(start[0]);
+  close(start[1]);
+  int count[3] = {};
+  for (const pid_t child : children) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    ++count[WIFEXITED(status) ? std::min(WEXITSTATUS(status), 2) : 2];
+  }
+  EXPECT_EQ(count[1], 1);
+  EXPECT_EQ(count[2], 0);
+  ASSERT_EQ(open(), 0) << error_.text;
+  for (std::uint32_t i = 0; i < kProcesses; ++i) {
+    EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1000 + i), 1);
+  }
+}
+
+TEST_F(OwnerTest, ACreatorThatDiesBeforeTheLastWordIsFollowedByAnother) {
+  ASSERT_EQ(in_child([this] {
+              if (open() != 0) {
+                return 1;
+              }
+              enter(1003, 12);
+              egress_encap_db->is_initialized = 0;
+              raise(SIGKILL);
+              return 2;
+            }),
+            -SIGKILL);
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(created_, 1);
+  EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 0);
+  shmwin_stat_t stat;
+  ASSERT_EQ(shmwin_stat(kId, &stat), 0);
+  EXPECT_EQ(stat.nodes40 + stat.nodes56, 0u);
+}
+
+TEST_F(OwnerTest, WhatCanNeverWorkIsRefused) {
+  const encap_db_config_t good = config_;
+  EXPECT_EQ(encap_db_open(nullptr, &created_, &error_), 22);
+  config_.name = nullptr;
+  expect_refusal(22, {"names its window"});
+  config_ = good;
+  config_.tun_start = 65500;
+  config_.tun_size = 37;
+  expect_refusal(22, {"65536", "65535"});
+  config_ = good;
+  config_.nh_start = UINT32_MAX - 499;
+  expect_refusal(22, {"NH", "4294966796", "500", "32 bits"});
+  config_ = good;
+  config_.tun_start = UINT32_MAX;
+  expect_refusal(22, {"tunnel", "32 bits"});
+  config_ = good;
+  config_.size = 64 * 1024;
+  config_.nh_size = 5000;
+  expect_refusal(22, {"65536", "5000", "arrays"});
+  config_.size = 0;
+  config_.nh_size = UINT32_MAX - 1000;
+  expect_refusal(22, {"arrays"});
+  EXPECT_TRUE(std::filesystem::is_empty(directory_));
+}
+
+TEST_F(OwnerTest, TheEdgesOfTheRangesWork) {
+  config_.tun_start = 65500;
+  config_.tun_size = 36;
+  config_.nh_start = UINT32_MAX - 500;
+  config_.mode = 0640;
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(enter(UINT32_MAX - 1, 65535), 0);
+  struct stat status;
+  ASSERT_EQ(stat((directory_ + "/encaps").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  ASSERT_EQ(encap_db_close(), 0);
+  ASSERT_EQ(encap_db_destroy(config_.directory, config_.name, 0, &error_), 0) << error_.text;
+
+  config_ = {config_.directory, config_.name, kId, 0, 0, 0, 0, 0, 0, 0};
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(enter(0, 0), 22);
+}
+
+TEST_F(OwnerTest, AnotherDatabaseThanConfiguredIsRefused) {
+  ASSERT_EQ(open(), 0);
+  const encap_db_config_t good = config_;
+  config_.name = "second";
+  EXPECT_EQ(open(), EEXIST);
+  config_ = good;
+  ASSERT_EQ(encap_db_close(), 0);
+  config_.nh_size = 501;
+  expect_refusal(22, {"'encaps'", "below 1500", "1501"});
+  config_ = good;
+  config_.tun_start = 11;
+  expect_refusal(22, {"from 10", "11"});
+  config_ = good;
+  config_.shm_id = 12;
+  expect_refusal(22, {"id 11", "12"});
+  config_ = good;
+  ASSERT_EQ(open(), 0) << error_.text;
+  egress_encap_db->nh_info_array = reinterpret_cast<egr_nh_info_t *>(8);
+  ASSERT_EQ(encap_db_close(), 0);
+  expect_refusal(22, {"damaged"});
+}
+
+// The default size has room for a node for every index.
+TEST_F(OwnerTest, TheDefaultSizeHoldsEveryIndex) {
+  ASSERT_EQ(open(), 0);
+  for (std::uint32_t nh = 1000; nh < 1500; ++nh) {
+    ASSERT_EQ(enter(nh, nh < 1050 ? nh - 990 : 0x10000 + nh), nh < 1050 ? 0 : 22) << nh;
+  }
+  for (std::uint32_t nh = 1050; nh < 1500; ++nh) {
+    egress_encap_key_t key{};
+    key.ifh = nh;
+    egress_encap_info_t info{};
+    info.egr_nh = nh;
+    ASSERT_EQ(vrl_insert_egress_encap(&info, key), 0) << "an interface of its own, on the null tunnel: " << nh;
+  }
+  EXPECT_EQ(encap_db_destroy(config_.directory, config_.name, 0, &error_), EBUSY);
+}
+
+}  // namespace

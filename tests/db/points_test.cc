@@ -1,0 +1,193 @@
+// The debug points: their descriptors and texts, and what each pass of a point does.
+#include <set>
+
+#include "diag/catalogue.h"
+#include "support/expected_points.h"
+#include "support/fixture.h"
+
+namespace encap_test {
+namespace {
+
+constexpr std::uint16_t kStored = 0x11;
+
+class PointsTest : public DbTest {
+ protected:
+  void SetUp() override {
+    DbTest::SetUp();
+    set_messages(false);
+  }
+  // The one point under test; every other one is silent.
+  void only(std::uint32_t id, std::uint32_t flags) {
+    for (const Site &point : sites()) {
+      point.site->flags = 0x04;
+    }
+    sites()[id].site->flags = static_cast<std::uint16_t>(flags);
+  }
+};
+
+TEST_F(PointsTest, ChainOfDescriptors) {
+  ASSERT_EQ(sites().size(), kPoints);
+  EXPECT_EQ(sites()[0].line, 132u);
+  for (const ExpectedPoint &point : expected_points()) {
+    SCOPED_TRACE(point.id);
+    const ed_site_t &site = *sites()[point.id].site;
+    EXPECT_EQ(site.flags, point.traced ? 0x31 : 0x11);
+    EXPECT_EQ(site.category, point.category);
+    EXPECT_EQ(site.trace_index, point.traced ? point.category : 255);
+    EXPECT_EQ(sites()[point.id].line >> 24, 0u);
+    EXPECT_TRUE(point.id == 0 || sites()[point.id - 1].line < sites()[point.id].line);
+    EXPECT_TRUE(point.id == kNeverEmitted || site.num_values == point.values.size());
+    EXPECT_EQ(site.zero, 0u);
+    EXPECT_EQ(site.zero_end, 0u);
+  }
+}
+
+TEST_F(PointsTest, HeadsOfTheChains) {
+  ed_site_t head{};
+  EXPECT_EQ(std::memcmp(&ed_perf_dummy_libmpls_egress_encap_db, &head, sizeof head), 0);
+  head.next = sites().back().site;
+  EXPECT_EQ(std::memcmp(&ed_dummy_libmpls_egress_encap_db, &head, sizeof head), 0);
+}
+
+TEST_F(PointsTest, CatalogueIsTheChainWithTexts) {
+  ASSERT_EQ(encap_catalogue.num_rows, kPoints);
+  EXPECT_STREQ(encap_catalogue.component, "libmpls_egress_encap_db");
+  ASSERT_EQ(encap_catalogue.num_categories, 3u);
+  EXPECT_STREQ(encap_catalogue.category[0], "error");
+  EXPECT_STREQ(encap_catalogue.category[1], "event");
+  EXPECT_STREQ(encap_catalogue.category[2], "init");
+  for (const ExpectedPoint &point : expected_points()) {
+    SCOPED_TRACE(point.id);
+    const ed_catalogue_row_t &row = encap_catalogue.row[point.id];
+    const ed_site_t &site = *sites()[point.id].site;
+    EXPECT_EQ(row.id, point.id);
+    EXPECT_EQ(row.line, sites()[point.id].line);
+    EXPECT_EQ(row.num_values, site.num_values);
+    EXPECT_EQ(row.category, site.category);
+    EXPECT_EQ(row.traced, point.traced);
+    EXPECT_EQ(row.function, point.function);
+    EXPECT_EQ(conversions(row.format), row.num_values);
+    const std::string joined = join_pieces(row.format);
+    EXPECT_NE(joined, "");
+    EXPECT_TRUE(point.id == kNeverEmitted || joined == point.message) << joined;
+  }
+}
+
+TEST_F(PointsTest, StoredFormKeepsThePieces) {
+  const std::pair<std::uint32_t, const char *> stored[] = {
+      {3,
+       R"("vrl_find_mpls_nh_entry Key: out_label1 %d, " "te_local_label %d, is_failover_nh %d, " "protocol %d,is_l2vpn_pref_path %d, Result %d")"},
+      {23, R"("vrl_mem_set_egr_tun_data tunnel_if %d, " "out_label2.label %d, out_label3.label %d")"},
+      {114, R"("mpls_egress_encap_db_init")"},
+      {116, R"("mpls_egress_encap_db_init" "NH Init Failed ! :0x%x")"},
+      {119, R"("mpls_egress_encap_db_init Init Success :0x%x")"}};
+  for (const auto &[id, text] : stored) {
+    EXPECT_STREQ(encap_catalogue.row[id].format, text);
+  }
+}
+
+// What a point does with its descriptor's state, derived case by case.
+struct Decision {
+  bool printed = false, asked = false, traced = false;
+};
+
+Decision decide(std::uint32_t flags, std::uint32_t filter_set, bool own_line, int answer, bool has_trace) {
+  Decision decision;
+  bool enabled = false;
+  if (flags & 0x40) {
+    const bool filtered = filter_set != 0 || (flags & 0x200);
+    const bool line_matches = own_line || !(flags & 0x200);
+    enabled = !filtered || line_matches != ((flags & 0x100) != 0);
+    decision.printed = enabled && !(flags & 0x06);
+  } else if (flags & 0x80) {
+    decision.asked = true;
+    enabled = answer != 0;
+  }
+  decision.traced = has_trace && (enabled || !(flags & 0x04));
+  return decision;
+}
+
+// The descriptor's states: every set of the six flags, with and without the stored ones, filters and lines.
+template <typename Visit>
+void every_state(Visit visit) {
+  for (std::uint32_t bits = 0; bits < 64; ++bits) {
+    const std::uint32_t flags = (bits & 3) << 1 | (bits & 60) << 4;  // 0x02 0x04 0x40 0x80 0x100 0x200
+    for (const std::uint32_t stored : {0x31u, 0x00u}) {
+      for (const std::uint32_t filter_set : {0u, 1u, 0x80u}) {
+        for (const std::uint32_t off : {0u, 1u}) {
+          for (const int answer : {0, 1, 2}) {
+            visit(flags | stored, filter_set, off, answer);
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST_F(PointsTest, WholeTableOfDecisions) {
+  struct Subject {
+    std::uint32_t id;
+    const char *values;  // of the record as printed
+    std::string records;
+  };
+  const Subject subjects[] = {{46, "999", "trace(46.0)=999\n"}, {81, "", "trace(81.0)=0\n"}, {112, "0", ""}};
+  for (const Subject &subject : subjects) {
+    const std::string id = std::to_string(subject.id);
+    const std::string message = "(" + id + ")" + (*subject.values ? "=" : "") + subject.values + "\n";
+    every_state([&](std::uint32_t flags, std::uint32_t filter_set, std::uint32_t off, int answer) {
+      only(subject.id, flags);
+      ed_site_t &site = *sites()[subject.id].site;
+      site.line = filter_set << 24 | (sites()[subject.id].line + off);
+      slow_answers(answer);
+      if (subject.id == 46) {
+        vrl_find_and_share_egress_nh(999);
+      } else if (subject.id == 81) {
+        vrl_egress_encap_nh_insert_attach(nullptr, 0, Key());
+      } else {
+        arena().reset();
+        db().is_initialized = 0;
+        mpls_egress_encap_db_init(kWindow, 0, 0, 0, 0, &db());
+        std::string mallocs = journal().take();
+        mallocs.erase(0, mallocs.find('\n') + 1);
+        mallocs.erase(mallocs.rfind("malloc"));
+        journal().add(mallocs.empty() ? "" : mallocs.substr(0, mallocs.size() - 1));
+      }
+      const Decision decision = decide(flags, filter_set, off == 0, answer, subject.id != 112);
+      std::string expected = (decision.printed ? "print" + message : decision.asked ? "slow" + message : "") +
+                             (decision.traced ? subject.records : "");
+      const std::string is = journal().take();
+      EXPECT_EQ(is == "\n" ? "" : is, expected) << "flags " << flags << " filter_set " << filter_set << " off " << off;
+    });
+  }
+}
+
+// 15 values: three records, the same values with the message; 32-bit patterns, never sign-extended.
+TEST_F(PointsTest, RecordsOfFifteenValues) {
+  only(50, kStored | 0x60);
+  egress_encap_info_t info = record(kNh, kTunnel, true, true);
+  EXPECT_EQ(vrl_insert_egress_encap(&info, full_key()), 0);
+  expect_journal("50(tunf=1,nhf=1)");
+  only(50, 0x80);
+  slow_answers(0);
+  EXPECT_EQ(vrl_insert_egress_encap(&info, full_key()), 0);
+  std::string text = expand("50(tunf=1,nhf=1)", values);
+  EXPECT_EQ(journal().take(), text.replace(0, 5, "slow"));
+}
+
+// A change by the facility counts from the next pass on, and a line filter names the point's own line.
+TEST_F(PointsTest, LineFilterAddressesOnePoint) {
+  for (const Site &point : sites()) {
+    point.site->flags = 0x40 | 0x200 | 0x04;
+    point.site->line = sites()[48].line;
+  }
+  enter(full_key()).at(kNh).on(kTunnel);
+  sites()[48].site->flags = 0x40 | 0x200;
+  faults().order("unlock1=1");
+  EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 1);
+  expect_journal("trylock=0 unlock=1 48(rc=1)");
+  model.share(kNh);
+  faults().clear();
+}
+
+}  // namespace
+}  // namespace encap_test
