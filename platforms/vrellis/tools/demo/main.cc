@@ -1,0 +1,122 @@
+// The demo: worker processes enter the routes of a file into one database, one dies, all is withdrawn again.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "guard.h"
+#include "plan.h"
+#include "report.h"
+#include "stage.h"
+#include "worker.h"
+
+namespace {
+
+constexpr unsigned kLimitSeconds = 60;
+constexpr int kFailed = 1;
+constexpr int kBadInput = 2;
+
+constexpr std::string_view kUsage =
+    "Usage: encap_demo [--dir DIRECTORY] ROUTE-FILE\n"
+    "\n"
+    "Shows the MPLS egress encapsulation database at work. Two processes enter the routes of\n"
+    "ROUTE-FILE, as `ip route` and `ip -6 route` print them, into one shared-memory window and\n"
+    "share each other's encapsulations; one is killed while it holds the lock, the other takes\n"
+    "over, and a new process finds the dead one's state again; then all routes are withdrawn.\n"
+    "Each count is compared with what the route file says.\n"
+    "\n"
+    "  --dir DIRECTORY  where the window and the traces are kept meanwhile (default: /dev/shm)\n"
+    "  --help           this text\n"
+    "\n"
+    "Exit status: 0 every expectation was met; 1 not so; 2 bad arguments or a bad route file.\n";
+
+struct Arguments {
+  std::string directory = "/dev/shm";
+  std::string route_file;
+};
+
+// Returns: false when the words are no arguments of this program.
+bool parse(const std::vector<std::string> &words, Arguments &arguments) {
+  std::size_t at = 0;
+  if (words.size() > 1 && words[0] == "--dir") {
+    arguments.directory = words[1];
+    at = 2;
+  }
+  if (words.size() != at + 1 || words[at].empty() || words[at].starts_with("--")) {
+    return false;
+  }
+  arguments.route_file = words[at];
+  return true;
+}
+
+bool wants_colour() {
+  return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+}
+
+void introduce(const demo::Plan &plan, const std::string &route_file, demo::Report &report) {
+  const route_file::RouteFile &routes = plan.routes;
+  report.line("routes    {}", route_file);
+  report.line("          {} labelled routes with {} next hops over {} interfaces; {} plain routes skipped",
+              routes.labelled_routes, routes.hops.size(), routes.interfaces.size(), routes.plain_routes);
+  report.line("window    {}/{}", plan.directory, demo::kWindowName);
+}
+
+int supervise(const demo::Plan &plan, const std::string &route_file) {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  demo::Report report(wants_colour());
+  report.heading("MPLS egress encapsulation database: two processes, one window");
+  introduce(plan, route_file, report);
+  try {
+    demo::Stage stage(plan, route_file, report);
+    demo::enter_routes(stage);
+    demo::lose_a_process(stage);
+    demo::withdraw_routes(stage);
+  } catch (const std::exception &error) {
+    report.fail(error.what());
+  }
+  report.heading(report.failures() == 0
+                     ? fmt::format("All {} expectations met", report.expectations())
+                     : fmt::format("{} of {} expectations FAILED", report.failures(), report.expectations()));
+  return report.failures() == 0 ? EXIT_SUCCESS : kFailed;
+}
+
+int run_demo(const Arguments &arguments) {
+  demo::Plan plan = demo::make_plan(arguments.route_file, "");
+  return demo::run_guarded(arguments.directory, kLimitSeconds, [&](const std::string &directory) {
+    unsetenv("LTRACE");  // the traces are part of what it shows
+    setenv("LTRACE_DIR", (directory + "/trace").c_str(), 1);
+    plan.directory = directory;
+    return supervise(plan, arguments.route_file);
+  });
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  const std::vector<std::string> words(argv + 1, argv + argc);
+  try {
+    if (words.size() == 4 && words[0] == "--worker") {  // started by the supervisor: number, directory, route file
+      return demo::run_worker(demo::make_plan(words[3], words[2]), words[1] == "0" ? demo::kA : demo::kB);
+    }
+    if (words.size() == 1 && (words[0] == "--help" || words[0] == "-h")) {
+      fmt::print("{}", kUsage);
+      return EXIT_SUCCESS;
+    }
+    Arguments arguments;
+    if (!parse(words, arguments)) {
+      fmt::print(stderr, "encap_demo: needs one route file; see encap_demo --help\n");
+      return kBadInput;
+    }
+    return run_demo(arguments);
+  } catch (const std::exception &error) {
+    fmt::print(stderr, "encap_demo: {}\n", error.what());
+    return kBadInput;
+  }
+}

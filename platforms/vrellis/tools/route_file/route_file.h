@@ -1,0 +1,74 @@
+// Route files: what `ip route` and `ip -6 route` print, read for the routes with MPLS encapsulations.
+//
+//   10.1.0.0/24  encap mpls  100/200/16001 via 192.0.2.1 dev eth1 proto bgp metric 20
+//   10.2.0.0/24 proto bgp metric 20
+//   	nexthop  encap mpls  24001/16001 via 192.0.2.1 dev eth1 weight 1
+//   	nexthop  encap mpls  24002/16001 via inet6 fe80::1 dev eth2 weight 1
+//
+// The labels of a stack are written from the top. The one-line form (`ip -o`) is read as well; blank lines and lines
+// that begin with '#' are skipped.
+#ifndef VRELLIS_ROUTE_FILE_H
+#define VRELLIS_ROUTE_FILE_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+#include "mpls_egress_encap_db.h"
+
+namespace route_file {
+
+inline constexpr std::size_t kMaxLabels = 3;
+inline constexpr std::uint32_t kMaxLabel = (1u << 20) - 1;
+inline constexpr std::uint32_t kFirstIfh = 0x01000000;
+
+// One labelled next hop of a route: one user of an encapsulation.
+struct Hop {
+  std::uint32_t line = 0;                         // where it stands in the file, from 1
+  std::uint32_t route = 0;                        // which labelled route it belongs to, from 0
+  std::string prefix;                             // the route's destination, as written
+  std::string via;                                // gateway; empty: none
+  std::string dev;                                // interface name
+  std::uint32_t ifh = 0;                          // its handle
+  std::array<std::uint32_t, kMaxLabels> label{};  // from the bottom: out_label1, 2, 3; 0 above the top
+  std::size_t depth = 0;                          // labels in the stack, 1 to 3
+};
+
+// Why a line was refused.
+struct Fault {
+  std::uint32_t line = 0;
+  std::string reason;
+};
+
+// All that a file holds. Interface handles count up from kFirstIfh in the order in which the interfaces first appear
+// under an accepted hop, so that every process that reads the same file agrees on them.
+struct RouteFile {
+  std::vector<Hop> hops;                // in the order of the file
+  std::vector<std::string> interfaces;  // by handle
+  std::vector<Fault> faults;            // refused lines; what stands on other lines is not lost
+  std::uint32_t labelled_routes = 0;    // routes with a labelled next hop
+  std::uint32_t plain_routes = 0;       // routes without, skipped
+};
+
+RouteFile read_routes(std::istream &in);
+
+// The key under which the database knows the hop's encapsulation.
+egress_encap_key_t key_of(const Hop &hop);
+
+// A single label needs no labelled tunnel.
+inline bool on_null_tunnel(const Hop &hop) {
+  return hop.depth == 1;
+}
+
+// "100/200/16001": the stack as written, from the top.
+std::string stack_text(const Hop &hop);
+
+// "line 12: label 1048576 is past 20 bits"
+std::string sentence(const Fault &fault);
+
+}  // namespace route_file
+
+#endif

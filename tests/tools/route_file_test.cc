@@ -1,0 +1,188 @@
+// The reader of route files: the forms in which routes are printed, and each refusal.
+#include "route_file.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace route_file {
+namespace {
+
+RouteFile read(const std::string &text) {
+  std::istringstream in(text);
+  return read_routes(in);
+}
+
+std::vector<std::string> sentences(const RouteFile &file) {
+  std::vector<std::string> all;
+  for (const Fault &fault : file.faults) {
+    all.push_back(sentence(fault));
+  }
+  return all;
+}
+
+using Sentences = std::vector<std::string>;
+
+TEST(RouteFileTest, StackIsReadFromTheTopIntoTheKeyFromTheBottom) {
+  const RouteFile file = read("10.1.0.0/24  encap mpls  100/200/16001 via 192.0.2.1 dev eth1 \n");
+  ASSERT_EQ(sentences(file), Sentences{});
+  ASSERT_EQ(file.hops.size(), 1u);
+  const Hop &hop = file.hops[0];
+  EXPECT_EQ(hop.prefix, "10.1.0.0/24");
+  EXPECT_EQ(hop.via, "192.0.2.1");
+  EXPECT_EQ(hop.dev, "eth1");
+  EXPECT_EQ(hop.line, 1u);
+  EXPECT_EQ(stack_text(hop), "100/200/16001");
+
+  // out_label1, te_local_label..., out_label2, out_label3, ifh: every other bit of the key is 0.
+  const std::uint32_t words[5] = {16001, 0, 200, 100, 0x01000000};
+  const egress_encap_key_t key = key_of(hop);
+  EXPECT_EQ(std::memcmp(&key, words, sizeof words), 0);
+}
+
+TEST(RouteFileTest, SingleLabelRidesOnTheNullTunnel) {
+  const RouteFile file = read(
+      "198.51.100.1 encap mpls 1048575 dev eth0\n"
+      "198.51.100.2 encap mpls 24001/0 dev eth0\n");
+  ASSERT_EQ(sentences(file), Sentences{});
+  ASSERT_EQ(file.hops.size(), 2u);
+  EXPECT_TRUE(on_null_tunnel(file.hops[0]));
+  EXPECT_EQ(key_of(file.hops[0]).out_label1, kMaxLabel);
+  EXPECT_EQ(key_of(file.hops[0]).out_label2, 0u);
+  EXPECT_FALSE(on_null_tunnel(file.hops[1]));
+  EXPECT_EQ(key_of(file.hops[1]).out_label1, 0u) << "explicit null at the bottom";
+  EXPECT_EQ(key_of(file.hops[1]).out_label2, 24001u);
+}
+
+TEST(RouteFileTest, EveryPrintedAttributeIsReadOver) {
+  const char *const lines[] = {
+      "10.0.0.1/32  encap mpls  16001 via 192.0.2.1 dev eth1 ",
+      ("unicast 10.0.0.0/24 nhid 41  encap mpls  16001 ttl 64 via 192.0.2.1 dev eth1 table 100 proto bgp scope global "
+       "src 198.51.100.9 metric 20 onlink rt_offload mtu lock 1400 advmss 1360 hoplimit 64 rtt 10ms initcwnd 10 "),
+      "10.0.0.0/24  encap mpls  16001 via inet6 fe80::1 dev eth1 proto static dead linkdown \r",
+      "2001:db8:1::1/128  encap mpls  16001 via fe80::1 dev eth1 proto bgp metric 1024 expires 86sec pref medium",
+      "default  encap mpls  16001 via inet 192.0.2.1 dev eth1 ttl-propogate enabled",
+      "\t 198.51.100.7 encap mpls 16001 dev eth1 realm 3 congctl lock cubic features ecn",
+  };
+  for (const char *line : lines) {
+    const RouteFile file = read(line);
+    EXPECT_EQ(sentences(file), Sentences{}) << line;
+    ASSERT_EQ(file.hops.size(), 1u) << line;
+    EXPECT_EQ(file.hops[0].dev, "eth1") << line;
+    EXPECT_EQ(file.hops[0].label[0], 16001u) << line;
+  }
+}
+
+TEST(RouteFileTest, EachLabelledNextHopOfAMultipathRouteIsAUser) {
+  const std::string route =
+      "10.2.0.0/24 proto bgp metric 20 \n"
+      "\tnexthop  encap mpls  24001/16001 via 192.0.2.1 dev eth1 weight 1 \n"
+      "\tnexthop via 192.0.2.5 dev eth9 weight 1 \n"
+      "\tnexthop  encap mpls  24002/16001 via inet6 fe80::1 dev eth2 weight 2 onlink \n"
+      "10.3.0.0/24 via 192.0.2.1 dev eth1 \n";
+  std::string one_line = route;
+  one_line.replace(one_line.find(" \n\tnext"), 2, " \\");
+  for (const std::string &text : {route, one_line}) {
+    const RouteFile file = read(text);
+    EXPECT_EQ(sentences(file), Sentences{});
+    ASSERT_EQ(file.hops.size(), 2u);
+    EXPECT_EQ(file.hops[0].prefix, "10.2.0.0/24");
+    EXPECT_EQ(file.hops[1].prefix, "10.2.0.0/24");
+    EXPECT_EQ(file.hops[1].via, "fe80::1");
+    EXPECT_EQ(file.hops[1].route, file.hops[0].route);
+    EXPECT_EQ(file.labelled_routes, 1u);
+    EXPECT_EQ(file.plain_routes, 1u);
+  }
+}
+
+TEST(RouteFileTest, RoutesWithoutMplsAreCountedAndSkipped) {
+  const RouteFile file = read(
+      "# the main table\n"
+      "\n"
+      "default via 192.0.2.1 dev eth0 proto static metric 100 \n"
+      "blackhole 10.255.0.0/16 proto bgp metric 20 \n"
+      "192.0.2.0/30 dev eth1 proto kernel scope link src 192.0.2.2 \n"
+      "10.8.0.0/16  encap ip id 7 src 192.0.2.2 dst 192.0.2.1 ttl 0 tos 0 via 192.0.2.1 dev eth1 \n"
+      "10.9.0.0/16 proto bgp \n"
+      "\tnexthop via 192.0.2.1 dev eth1 weight 1 \n"
+      "\tnexthop via 192.0.2.5 dev eth2 weight 1 \n");
+  EXPECT_EQ(sentences(file), Sentences{});
+  EXPECT_TRUE(file.hops.empty());
+  EXPECT_EQ(file.plain_routes, 5u);
+  EXPECT_EQ(file.labelled_routes, 0u);
+  EXPECT_TRUE(file.interfaces.empty());
+}
+
+TEST(RouteFileTest, HandlesFollowTheFirstAppearanceOfAnAcceptedHop) {
+  const RouteFile file = read(
+      "10.0.0.0/24 via 192.0.2.9 dev eth9\n"
+      "10.0.1.0/24 encap mpls 1048576 dev eth8\n"
+      "10.0.2.0/24 encap mpls 100 dev eth2\n"
+      "10.0.3.0/24 encap mpls 100 dev eth1\n"
+      "10.0.4.0/24 encap mpls 200 dev eth2\n");
+  EXPECT_EQ(file.interfaces, (std::vector<std::string>{"eth2", "eth1"}));
+  ASSERT_EQ(file.hops.size(), 3u);
+  EXPECT_EQ(file.hops[0].ifh, kFirstIfh);
+  EXPECT_EQ(file.hops[1].ifh, kFirstIfh + 1);
+  EXPECT_EQ(file.hops[2].ifh, kFirstIfh);
+}
+
+TEST(RouteFileTest, EachBadLineGetsOneSentence) {
+  const struct {
+    const char *line;
+    const char *reason;
+  } cases[] = {
+      {"10.0.0.0/24 encap mpls 1048576 dev eth1", "label 1048576 is past 20 bits"},
+      {"10.0.0.0/24 encap mpls 99999999999/5 dev eth1", "label 99999999999 is past 20 bits"},
+      {"10.0.0.0/24 encap mpls 100/x2 dev eth1", "label 'x2' is no number"},
+      {"10.0.0.0/24 encap mpls -1 dev eth1", "label '-1' is no number"},
+      {"10.0.0.0/24 encap mpls 100//200 dev eth1", "a label is missing between slashes"},
+      {"10.0.0.0/24 encap mpls 100/ dev eth1", "a label is missing between slashes"},
+      {"10.0.0.0/24 encap mpls 3 dev eth1", "label 3 is the implicit null, which never stands in a stack"},
+      {"10.0.0.0/24 encap mpls 0/100 dev eth1",
+       "label 0 is the explicit null, which stands at the bottom of a stack only"},
+      {"10.0.0.0/24 encap mpls 1/2/4/5 dev eth1", "a stack of 4 labels is past the three that an encapsulation has"},
+      {"10.0.0.0/24 encap mpls", "no labels behind 'encap mpls'"},
+      {"10.0.0.0/24 encap mpls 100 via 192.0.2.1", "a labelled next hop needs an interface: 'dev' is missing"},
+      {"10.0.0.0/24 encap mpls 100 dev", "no value behind 'dev'"},
+      {"10.0.0.0/24 encap mpls 100 dev eth1 mtu lock", "no value behind 'mtu'"},
+      {"10.0.0.0/24 encap mpls 100 via inet6 dev eth1", "gateway 'dev' is no address"},
+      {"10.0.0.0/24 encap mpls 100 dev eth1 colour blue", "'colour' is no attribute of a route"},
+      {"10.0.0.0/33 encap mpls 100 dev eth1",
+       "'10.0.0.0/33' is no destination: neither an address, a prefix nor 'default'"},
+      {"2001:db8::/129 via fe80::1", "'2001:db8::/129' is no destination: neither an address, a prefix nor 'default'"},
+      {"nexthop encap mpls 100 dev eth1", "a next hop without a route above it"},
+  };
+  for (const auto &[line, reason] : cases) {
+    EXPECT_EQ(sentences(read(std::string("\n") + line)), Sentences{std::string("line 2: ") + reason}) << line;
+  }
+}
+
+TEST(RouteFileTest, ABadLineTakesNothingElseWithIt) {
+  const RouteFile file = read(
+      "10.0.0.0/24 encap mpls 100 dev eth1\n"
+      "10.0.1.0/24 proto bgp\n"
+      "\tnexthop encap mpls 1048576 dev eth1 weight 1\n"
+      "\tnexthop encap mpls 101 dev eth1 weight 1\n"
+      "rubbish proto bgp\n"
+      "\tnexthop encap mpls 102 dev eth1 weight 1\n"
+      "10.0.2.0/24 encap mpls nothing dev eth1\n"
+      "10.0.3.0/24 encap mpls 103 dev eth1\n");
+  EXPECT_EQ(sentences(file), (Sentences{"line 3: label 1048576 is past 20 bits",
+                                        "line 5: 'rubbish' is no destination: neither an address, a prefix nor "
+                                        "'default'",
+                                        "line 7: label 'nothing' is no number"}));
+  ASSERT_EQ(file.hops.size(), 3u);
+  EXPECT_EQ(file.hops[0].label[0], 100u);
+  EXPECT_EQ(file.hops[1].label[0], 101u);
+  EXPECT_EQ(file.hops[2].label[0], 103u);
+  EXPECT_EQ(file.hops[2].route, 2u);
+  EXPECT_EQ(file.labelled_routes, 3u);
+  EXPECT_EQ(file.plain_routes, 0u);
+}
+
+}  // namespace
+}  // namespace route_file
