@@ -1,5 +1,7 @@
 #include "avl.h"
 
+#include <cstddef>
+
 #include "avl_balance.h"
 #include "avl_hint.h"
 #include "avl_link.h"
@@ -43,14 +45,13 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
 // that only prefetches for one without effect, and drops its calls.
 [[gnu::always_inline]] inline void prefetch_around(const WindowMap *map, const Link *top) {
   constexpr std::uintptr_t kBigWindow = std::uintptr_t{16} << 20;
-  constexpr int kLines = 5;
-  constexpr int kLineBytes = 64;
+  constexpr std::ptrdiff_t kAround = 5 * 64;  // five cache lines on either side
   if (map == nullptr || map->end - map->begin < kBigWindow) {
     return;
   }
   const char *const middle = reinterpret_cast<const char *>(top);
-  for (int line = -kLines; line <= kLines; ++line) {
-    __builtin_prefetch(middle + kLineBytes * line);
+  for (std::ptrdiff_t offset = -kAround; offset <= kAround; offset += 64) {
+    __builtin_prefetch(middle + offset);
   }
 }
 

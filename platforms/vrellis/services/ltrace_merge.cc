@@ -60,7 +60,7 @@ TickClock::TickClock(std::span<const TraceFile *const> files) {
 }
 
 std::int64_t TickClock::realtime_ns(std::uint64_t ticks) const {
-  constexpr auto kMost = static_cast<long double>(std::numeric_limits<std::int64_t>::max() / 2);
+  constexpr auto kMost = static_cast<long double>(std::numeric_limits<std::int64_t>::max()) / 2;
   const long double ns = static_cast<long double>(realtime_) + difference(ticks, ticks_) * ns_per_tick_;
   return static_cast<std::int64_t>(std::clamp(ns, 0.0L, kMost));
 }

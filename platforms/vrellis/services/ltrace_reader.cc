@@ -23,7 +23,7 @@ constexpr int kTries = 8;
 
 // Blocks copied between two looks at the writer.
 constexpr std::uint64_t kCopyBlocks = 16;
-static_assert(kMinRingKib * 1024 / sizeof(std::uint64_t) % (kCopyBlocks * kBlockWords) == 0);
+static_assert(std::uint64_t{kMinRingKib} * 1024 / sizeof(std::uint64_t) % (kCopyBlocks * kBlockWords) == 0);
 
 // Reads up to `bytes` at `offset`; what the file does not have is zero.
 std::size_t read_at(int fd, void *out, std::size_t bytes, std::uint64_t offset) {
@@ -126,7 +126,7 @@ std::string TraceFile::component(std::uint32_t tag) const {
   if (header_->component[tag][0] != '\0') {
     return printable(header_->component[tag], kNameBytes);
   }
-  read_at(fd_, name, sizeof name, offsetof(FileHeader, component) + tag * kNameBytes);
+  read_at(fd_, name, sizeof name, offsetof(FileHeader, component) + std::uint64_t{tag} * kNameBytes);
   return printable(name, sizeof name);
 }
 

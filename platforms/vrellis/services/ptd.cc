@@ -39,7 +39,9 @@ class EntryChange {
 
 void enter_wait(WaitEntry &wait, const void *mutex, const char *function, int line) {
   std::uint64_t text[kFunctionWords] = {};
-  std::memcpy(text, function, function != nullptr ? strnlen(function, sizeof text - 1) : 0);
+  if (function != nullptr) {
+    std::memcpy(text, function, strnlen(function, sizeof text - 1));
+  }
   const std::uint64_t now = clock_ns(CLOCK_MONOTONIC);
   const EntryChange change(wait);
   change.set(wait.mutex, reinterpret_cast<std::uintptr_t>(mutex));

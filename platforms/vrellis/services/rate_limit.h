@@ -21,7 +21,8 @@ struct [[gnu::may_alias]] RateLimitState {
   uint64_t shown;       // ever
   uint64_t suppressed;  // ever
 };
-static_assert(sizeof(RateLimitState) == sizeof(oxa_msg_limit_t) && alignof(RateLimitState) == alignof(oxa_msg_limit_t));
+static_assert(sizeof(RateLimitState) == sizeof(oxa_msg_limit_t));
+static_assert(alignof(RateLimitState) == alignof(oxa_msg_limit_t));
 static_assert(offsetof(RateLimitState, pending) == 4 && offsetof(RateLimitState, window) == 8);
 static_assert(offsetof(RateLimitState, shown) == 16 && offsetof(RateLimitState, suppressed) == 24);
 

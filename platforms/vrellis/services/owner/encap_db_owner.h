@@ -26,8 +26,8 @@ typedef struct encap_db_config {
   uint32_t nh_size;
   uint32_t tun_start;
   uint32_t tun_size;
-  uint64_t size;         /* bytes of the window; 0: enough for every NH and every tunnel of the ranges */
-  uint64_t address;      /* where to map it; 0: a default that is free here */
+  uint64_t size;    /* bytes of the window; 0: enough for every NH and every tunnel of the ranges */
+  uint64_t address; /* where to map it; 0: a default that is free here */
 } encap_db_config_t;
 
 /*
