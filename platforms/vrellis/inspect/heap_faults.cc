@@ -1,0 +1,158 @@
+// The window's bookkeeping: page descriptors, blocks that nothing reaches, nodes in blocks that are free, hints.
+#include <algorithm>
+
+#include "faults.h"
+
+namespace encap_inspect {
+namespace {
+
+using vrellis::PageDescriptor;
+
+class HeapFaults {
+ public:
+  HeapFaults(const Survey &survey, Faults *faults) : survey_(survey), heap_(survey.heap), out_(*faults) {}
+
+  void run() {
+    for (const PageRange &array : survey_.arrays) {
+      judge_array(array);
+    }
+    for (std::uint32_t page = 0; page < heap_.pages; ++page) {
+      if (!is_of_array(page)) {
+        judge_page(page);
+      }
+      judge_hints(page);
+    }
+    judge_orphans();
+    judge_counts();
+  }
+
+ private:
+  void add(FindingKind kind, Address address, std::uint64_t found = 0, std::uint64_t wanted = 0) {
+    out_.all.push_back({kind, kNoIndex, kNoIndex, address, found, wanted, kNoNode});
+  }
+
+  Address page_address(std::uint32_t page) const { return survey_.address_of(page, 0); }
+
+  bool is_of_array(std::uint32_t page) const { return survey_.arrays[0].has(page) || survey_.arrays[1].has(page); }
+
+  void judge_array(const PageRange &array) {
+    const std::uint64_t head = vrellis::page_state(vrellis::kRunHead, array.end - array.begin);
+    for (std::uint32_t page = array.begin; page < array.end; ++page) {
+      const std::uint64_t wanted = page == array.begin ? head : vrellis::page_state(vrellis::kRunTail, array.begin);
+      if (heap_.page[page].state != wanted) {
+        add(FindingKind::kBlockNotTaken, page_address(page), heap_.page[page].state, wanted);
+      }
+    }
+  }
+
+  // A run that is not one of the arrays, at its head. Returns: whether its pages are such as the allocator makes.
+  bool is_whole_run(std::uint32_t head) const {
+    const std::uint32_t length = vrellis::run_length(heap_, head);
+    for (std::uint32_t page = head + 1; page < head + length; ++page) {
+      if (heap_.page[page].state != vrellis::page_state(vrellis::kRunTail, head) || is_of_array(page)) {
+        return false;
+      }
+    }
+    return length != 0;
+  }
+
+  void judge_page(std::uint32_t page) {
+    const PageDescriptor &descriptor = heap_.page[page];
+    const Reached &reached = survey_.reached[page];
+    const vrellis::PageKind kind = vrellis::page_kind(descriptor.state);
+    const int cls = vrellis::class_of_kind(kind);
+    if (reached.cls >= 0 && cls != reached.cls) {
+      add(FindingKind::kBlockNotTaken, page_address(page), descriptor.state,
+          vrellis::page_state(vrellis::kClass[reached.cls].kind));
+      return;
+    }
+    if (cls >= 0) {
+      judge_node_page(page, cls);
+    } else if (kind > vrellis::kRunTail || (kind == vrellis::kRunHead && !is_whole_run(page))) {
+      add(FindingKind::kHeapPage, page_address(page), descriptor.state);
+    } else if (kind == vrellis::kRunHead) {
+      add(FindingKind::kBlockUnreachable, page_address(page), descriptor.state);
+    }
+  }
+
+  void judge_node_page(std::uint32_t page, int cls) {
+    const PageDescriptor &descriptor = heap_.page[page];
+    const vrellis::NodeClass &node = vrellis::kClass[cls];
+    const bool bits_past_end = ((descriptor.used[0] & ~node.all[0]) | (descriptor.used[1] & ~node.all[1])) != 0;
+    if (bits_past_end || vrellis::page_argument(descriptor.state) != 0) {
+      add(FindingKind::kHeapPage, page_address(page), descriptor.state);
+    }
+    for (std::uint32_t word = 0; word < 2; ++word) {
+      if ((survey_.reached[page].nodes[word] & ~descriptor.used[word]) != 0) {
+        add(FindingKind::kBlockNotTaken, page_address(page), descriptor.state, descriptor.state);
+        return;
+      }
+    }
+  }
+
+  // Whether the allocator finds the page: its bit on every level of the set, which lie behind each other.
+  bool is_listed(int set, std::uint32_t page) const {
+    const std::uint64_t offset =
+        sizeof(vrellis::WindowHeader) + static_cast<std::uint64_t>(set) * survey_.shape.set_bytes;
+    const auto *words = static_cast<const std::uint64_t *>(survey_.view().at(offset, survey_.shape.set_bytes, 8));
+    std::uint64_t count = survey_.shape.pages;
+    for (std::uint64_t index = page;; index /= 64) {
+      if ((words[index / 64] & std::uint64_t{1} << index % 64) == 0) {
+        return false;
+      }
+      count = vrellis::words_above(count);
+      if (count == 1) {
+        return true;
+      }
+      words += count;
+    }
+  }
+
+  void judge_hints(std::uint32_t page) {
+    const PageDescriptor &descriptor = heap_.page[page];
+    for (int cls = 0; cls < 2; ++cls) {
+      if (vrellis::has_room(descriptor, cls) && !is_listed(cls, page)) {
+        add(FindingKind::kHeapHint, page_address(page), static_cast<std::uint64_t>(cls));
+      }
+    }
+    if (vrellis::is_free(heap_, page) && !is_listed(2, page)) {
+      add(FindingKind::kHeapHint, page_address(page), 2);
+    }
+  }
+
+  // But for those that come back into a tree.
+  void judge_orphans() {
+    std::vector<Address> adopted;
+    for (const Fault &fault : out_.all) {
+      if (fault.kind == FindingKind::kTreeLost && fault.address != 0) {
+        adopted.push_back(fault.address);
+      }
+    }
+    std::sort(adopted.begin(), adopted.end());
+    for (const Orphan &orphan : survey_.orphans) {
+      if (!std::binary_search(adopted.begin(), adopted.end(), orphan.address)) {
+        add(FindingKind::kBlockUnreachable, orphan.address, vrellis::kClass[orphan.cls].bytes);
+      }
+    }
+  }
+
+  void judge_counts() {
+    const HeapUse &use = survey_.db.heap;
+    const std::uint64_t used = use.pages - use.free_pages;
+    if (use.pages_used != used || use.high_water < used || use.high_water > use.pages) {
+      add(FindingKind::kHeapCount, 0, use.pages_used, used);
+    }
+  }
+
+  const Survey &survey_;
+  const vrellis::Heap &heap_;
+  Faults &out_;
+};
+
+}  // namespace
+
+void find_heap_faults(const Survey &survey, Faults *faults) {
+  HeapFaults(survey, faults).run();
+}
+
+}  // namespace encap_inspect

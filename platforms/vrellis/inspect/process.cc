@@ -1,0 +1,149 @@
+// Who is attached to a window, who holds its lock, and whether they live.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "lock_word.h"
+#include "shmwin_layout.h"
+
+namespace encap_inspect {
+namespace {
+
+constexpr int kPidBits = 22;  // of an entry in the table of processes, below its start time
+constexpr std::uint64_t kLockOffset = offsetof(vrellis::WindowHeader, user_area) + offsetof(egress_encap_db_t, lock);
+
+// The kernel's layout of a robust lock word.
+constexpr std::uint32_t kTidBits = 0x3fffffff;
+constexpr std::uint32_t kOwnerDied = 0x40000000;
+constexpr std::uint32_t kWaiters = 0x80000000;
+
+// Reads /proc/<id>/<name>. Returns: an empty text when there is none.
+std::string proc_text(pid_t id, const char *name) {
+  const std::string path = "/proc/" + std::to_string(id) + "/" + name;
+  char text[2048];
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const ssize_t length = fd >= 0 ? read(fd, text, sizeof text) : 0;
+  if (fd >= 0) {
+    close(fd);
+  }
+  return {text, static_cast<std::size_t>(length > 0 ? length : 0)};
+}
+
+// Field `number` of /proc/<id>/stat, from 3 on; the second one, in parentheses, may itself hold blanks.
+std::string stat_field(const std::string &text, int number) {
+  std::size_t at = text.rfind(')');
+  for (int field = 2; at != std::string::npos && field < number; ++field) {
+    at = text.find(' ', at + 1);
+  }
+  return at == std::string::npos ? "" : text.substr(at + 1, text.find(' ', at + 1) - at - 1);
+}
+
+bool has_ended(const std::string &stat) {
+  const std::string state = stat_field(stat, 3);
+  return stat.empty() || state == "Z" || state == "X";
+}
+
+pid_t process_of_thread(pid_t tid) {
+  const std::string text = proc_text(tid, "status");
+  const std::size_t at = text.find("\nTgid:");
+  return at != std::string::npos ? static_cast<pid_t>(std::strtol(text.c_str() + at + 6, nullptr, 10)) : 0;
+}
+
+bool ids_mean_something(const View &view) {
+  const auto *header = static_cast<const vrellis::WindowHeader *>(view.at(0, 64));
+  struct stat own {};
+  return view.is_live() && header != nullptr && stat("/proc/self/ns/pid", &own) == 0 &&
+         own.st_ino == header->pid_namespace;
+}
+
+// What a mutex of a database is like, by making one.
+int wanted_kind() {
+  egress_encap_lock_t fresh{};
+  eencap_lock_init(&fresh);
+  const int kind = fresh.mutex.__data.__kind;
+  pthread_mutex_destroy(&fresh.mutex);
+  return kind;
+}
+
+}  // namespace
+
+Liveness liveness_of_thread(pid_t tid) {
+  return has_ended(proc_text(tid, "stat")) ? Liveness::kDead : Liveness::kAlive;
+}
+
+Liveness liveness_of_process(pid_t pid, std::uint64_t start_ticks) {
+  const std::string stat = proc_text(pid, "stat");
+  const bool same = std::strtoull(stat_field(stat, 22).c_str(), nullptr, 10) == start_ticks;
+  return !has_ended(stat) && same ? Liveness::kAlive : Liveness::kDead;
+}
+
+std::vector<AttachedProcess> decode_processes(const View &view) {
+  std::vector<AttachedProcess> processes;
+  const void *table = view.at(offsetof(vrellis::WindowHeader, process), 8 * vrellis::kMaxProcesses, 8);
+  const bool meaningful = ids_mean_something(view);
+  for (std::size_t i = 0; table != nullptr && i < vrellis::kMaxProcesses; ++i) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, static_cast<const std::uint8_t *>(table) + 8 * i, sizeof word);
+    if (word != 0) {
+      const auto pid = static_cast<pid_t>(word & ((1U << kPidBits) - 1));
+      const std::uint64_t start = word >> kPidBits;
+      processes.push_back({pid, start, meaningful ? liveness_of_process(pid, start) : Liveness::kUnknown});
+    }
+  }
+  return processes;
+}
+
+LockState decode_lock(const View &view) {
+  LockState lock;
+  pthread_mutex_t mutex;
+  const void *bytes = view.at(kLockOffset, sizeof mutex);
+  if (bytes == nullptr) {
+    return lock;
+  }
+  std::memcpy(&mutex, bytes, sizeof mutex);
+  const auto word = static_cast<std::uint32_t>(mutex.__data.__lock);
+  const auto owner = static_cast<std::uint32_t>(mutex.__data.__owner);
+  lock.recognised = mutex.__data.__kind == wanted_kind() && owner <= kTidBits;
+  lock.owner_died = (word & kOwnerDied) != 0;
+  lock.waiters = (word & kWaiters) != 0;
+  lock.held = (word & kTidBits) != 0 || lock.owner_died;
+  if (!lock.recognised || !lock.held) {
+    return lock;
+  }
+  lock.depth = mutex.__data.__count;
+  lock.owner_tid = static_cast<pid_t>((word & kTidBits) != 0 ? word & kTidBits : owner);
+  if (lock.owner_died) {
+    lock.owner = Liveness::kDead;
+  } else if (ids_mean_something(view)) {
+    lock.owner = liveness_of_thread(lock.owner_tid);
+    lock.owner_pid = process_of_thread(lock.owner_tid);
+    if (lock.owner == Liveness::kDead && word_now(view, kLockOffset, word) != word) {
+      lock.owner = Liveness::kUnknown;  // it gave the lock back before it ended
+    }
+  }
+  return lock;
+}
+
+std::uint32_t word_now(const View &view, std::uint64_t offset, std::uint32_t otherwise) {
+  std::uint32_t word = otherwise;
+  const int fd = view.path().empty() ? -1 : open(view.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd >= 0) {
+    if (pread(fd, &word, sizeof word, static_cast<off_t>(offset)) != sizeof word) {
+      word = otherwise;
+    }
+    close(fd);
+  }
+  return word;
+}
+
+bool lock_is_held_by_the_living(const View &view) {
+  const LockState lock = decode_lock(view);
+  return lock.recognised && lock.held && lock.owner != Liveness::kDead;
+}
+
+}  // namespace encap_inspect

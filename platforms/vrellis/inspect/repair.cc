@@ -1,0 +1,190 @@
+#include "repair.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "avl.h"
+#include "lock_word.h"
+#include "mend.h"
+#include "shmwin.h"
+
+namespace encap_inspect {
+namespace {
+
+// Damage can hide damage: what is mended shows what lies behind it. No chain of it is longer than this.
+constexpr int kMostRounds = 8;
+
+int always_equal(const void *, const void *) {
+  return 1;
+}
+
+// The tree service takes back what was cut off when it is called next. Searching a place that holds no node, with an
+// order in which everything is equal, calls it and follows nothing. A log that it must not follow is emptied instead.
+void settle(const View &window) {
+  bool sound = true;
+  window.settled(&sound);
+  auto *const header = const_cast<vrellis::WindowHeader *>(
+      static_cast<const vrellis::WindowHeader *>(window.at(0, sizeof(vrellis::WindowHeader), 64)));
+  std::uint64_t log[2];  // its count and the root field
+  std::memcpy(log, header->tree_area, sizeof log);
+  const auto *root = window.record<std::uint64_t>(log[1]);
+  const bool misleading = root != nullptr && *root == reinterpret_cast<std::uintptr_t>(header->spare);
+  if (!sound || misleading) {
+    std::memset(header->tree_area, 0, sizeof log[0]);
+  }
+  avl_search(header->spare, header->spare, always_equal);
+}
+
+RepairResult refuse(int status, std::string error) {
+  RepairResult result;
+  result.status = status;
+  result.error = std::move(error);
+  return result;
+}
+
+// What stands against a repair, before the lock is taken. Returns: an empty text when nothing does.
+std::string obstacle(const View &window) {
+  Faults faults;
+  if (!find_window_faults(survey_header(window), true, &faults)) {
+    return faults.all.empty() ? "the window cannot be looked at" : sentence_of(faults.all.front());
+  }
+  for (const Fault &fault : faults.all) {
+    if (fault.kind == FindingKind::kLockDamaged || fault.kind == FindingKind::kLockLost ||
+        fault.kind == FindingKind::kHeaderIdentity) {
+      return sentence_of(fault);
+    }
+  }
+  return "";
+}
+
+void add_change(std::vector<Change> *changes, const Fault &fault) {
+  changes->push_back({fault.kind, kNoIndex, kNoIndex, 0, mending_of(fault)});
+}
+
+class Repair {
+ public:
+  Repair(const View &window, const RepairOptions &options) : window_(window), options_(options) {}
+
+  // Requires the lock. `lock_and_log`: faults of the lock and the undo log, seen before it was taken.
+  RepairResult run(const Faults &lock_and_log) {
+    for (const Fault &fault : lock_and_log.all) {
+      add_change(&result_.changes, fault);
+    }
+    if (options_.dry_run) {
+      const View settled = window_.settled(nullptr);
+      round(settled);
+    } else {
+      settle(window_);
+      for (int number = 0; number < kMostRounds && round(window_); ++number) {
+      }
+    }
+    return std::move(result_);
+  }
+
+ private:
+  // Returns: whether anything was changed, so that there may be more to see.
+  bool round(const View &view) {
+    const Survey found = survey(view);
+    Faults faults;
+    find_faults(found, &faults);
+    const std::size_t before = result_.changes.size();
+    mend(found, faults, options_, &result_.changes);
+    result_.after = report_of(faults, true);
+    if (!result_.before.looked) {
+      result_.before = result_.after;
+    }
+    return result_.changes.size() != before;
+  }
+
+  const View &window_;
+  const RepairOptions &options_;
+  RepairResult result_;
+};
+
+// The window's id, as its file has it. Returns: 0 or an errno value.
+int read_id(const std::string &path, std::uint32_t *shm_id) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    return errno;
+  }
+  vrellis::WindowHeader header;
+  const ssize_t got = pread(fd, &header, 64, 0);
+  close(fd);
+  *shm_id = header.shm_id;
+  return got == 64 && header.magic == vrellis::kWindowMagic ? 0 : EINVAL;
+}
+
+int fail(std::string *error, int status, const std::string &text) {
+  if (error != nullptr) {
+    *error = text;
+  }
+  return status;
+}
+
+}  // namespace
+
+RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
+  void *begin = nullptr;
+  std::size_t bytes = 0;
+  if (shmwin_bounds(shm_id, &begin, &bytes) != 0) {
+    return refuse(ENOENT, "window " + std::to_string(shm_id) + " is not attached in this process");
+  }
+  const View window = View::over(begin, bytes);
+  std::string text = obstacle(window);
+  if (!text.empty()) {
+    return refuse(EINVAL, std::move(text));
+  }
+  const LockState before = decode_lock(window);
+  auto *const header = static_cast<egress_encap_db_t *>(shmwin_user_area(shm_id));
+  const int locked = vrl_egress_encap_db_lock(&header->lock.mutex);
+  if (locked != 0) {
+    return refuse(locked, "the database's lock cannot be taken: " + std::string(std::strerror(locked)));
+  }
+  Faults lock_and_log;
+  if (before.held && before.owner_died) {
+    lock_and_log.all.push_back({FindingKind::kLockDeadOwner});
+  }
+  bool sound = true;
+  window.settled(&sound);
+  std::uint64_t words = 0;
+  std::memcpy(&words, window.at(offsetof(vrellis::WindowHeader, tree_area), sizeof words), sizeof words);
+  if (words != 0) {
+    Fault log{sound ? FindingKind::kUndoLogInUse : FindingKind::kUndoLogDamaged};
+    log.found = words;
+    lock_and_log.all.push_back(log);
+  }
+  RepairResult result = Repair(window, options).run(lock_and_log);
+  const int unlocked = pthread_mutex_unlock(&header->lock.mutex);
+  if (unlocked != 0) {
+    result.status = unlocked;
+    result.error = "the database's lock cannot be given back: " + std::string(std::strerror(unlocked));
+  }
+  return result;
+}
+
+int attach_for_repair(const char *directory, const char *name, std::uint32_t *shm_id, std::string *error) {
+  const std::string path = std::string(directory != nullptr ? directory : "/dev/shm") + "/" + name;
+  int status = read_id(path, shm_id);
+  if (status != 0) {
+    return fail(error, status, "'" + path + "' cannot be read as a window: " + std::strerror(status));
+  }
+  shmwin_config_t config{};
+  config.directory = directory;
+  config.name = name;
+  config.shm_id = *shm_id;
+  shmwin_error_t refused{};
+  shmwin_claim_t *claim = nullptr;
+  int present = 0;
+  status = shmwin_claim(&config, &claim, &present, &refused);
+  if (status != 0) {
+    return fail(error, status, refused.text);
+  }
+  status = present != 0 ? shmwin_attach(claim, *shm_id, &refused) : ENOENT;
+  shmwin_release(claim);
+  return status == 0 ? 0 : fail(error, status, present != 0 ? refused.text : "'" + path + "' holds no window");
+}
+
+}  // namespace encap_inspect

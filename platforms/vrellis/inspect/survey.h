@@ -1,0 +1,78 @@
+// What check and repair work on: the decoded database, and beside it what did not hold while it was decoded. For the
+// inspector alone.
+#ifndef ENCAP_INSPECT_SURVEY_H
+#define ENCAP_INSPECT_SURVEY_H
+
+#include <vector>
+
+#include "check.h"
+#include "database.h"
+#include "shmwin_pages.h"
+
+namespace encap_inspect {
+
+// Something in a tree that cannot be: the tree is broken. `tree`: number of the tunnel node whose NH tree it is,
+// kNoNode for the tunnel tree.
+struct Flaw {
+  FindingKind kind;
+  std::uint32_t tree;
+  Address address;
+};
+
+// A block in use that no tree reaches.
+struct Orphan {
+  Address address;
+  int cls;  // 0: an NH's 40 bytes, 1: a tunnel's 56
+};
+
+// The nodes that trees reach in one page.
+struct Reached {
+  std::uint64_t nodes[2] = {};
+  std::int8_t cls = -1;  // all of one class: a node of the other cannot be
+};
+
+struct PageRange {
+  std::uint32_t begin = 0, end = 0;
+  bool has(std::uint32_t page) const { return page >= begin && page < end; }
+};
+
+struct Survey {
+  Database db;
+  vrellis::WindowShape shape;
+  vrellis::Heap heap;            // of the view's bytes: never written through
+  PageRange arrays[2];           // heap pages of the NH and of the tunnel array
+  std::vector<Reached> reached;  // by page
+  std::vector<Orphan> orphans;   // in the order of addresses
+  std::vector<Flaw> flaws;
+  bool tunnel_tree_broken = false;
+  std::vector<bool> nh_tree_broken;     // by tunnel node
+  std::vector<std::uint32_t> believed;  // by tunnel node: its index, or the one that all its NHs' slots have instead
+
+  const View &view() const { return *db.view; }
+  Address address_of(std::uint32_t page, std::uint64_t offset) const {
+    return db.window.address + shape.heap + page * vrellis::kPageBytes + offset;
+  }
+  bool any_tree_broken() const;
+};
+
+// Decodes and tests the header; survey() also the rest, when the header is sound.
+Survey survey_header(const View &view);
+Survey survey(const View &view);
+
+// Whether a node's key is the slot's, which lacks the spare bits.
+inline bool same_key(const mpls_nh_key_t &key, const egr_nh_info_t &slot) {
+  return key.out_label1 == slot.out_label1 && key.te_local_label == slot.te_local_label &&
+         key.is_failover_nh == slot.is_failover_nh && key.protocol == slot.protocol &&
+         key.is_l2vpn_pref_path == slot.is_l2vpn_pref_path;
+}
+
+// Where a node of the class could begin: its page and its slot in it. Returns: false when none can begin there.
+bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *place);
+
+// Walks the tree whose root field lies at `field`, in key order. Each node is entered into `reached`, none twice.
+// What cannot be followed is not; each flaw is entered. Appends the nodes' addresses.
+void walk_tree(Survey &survey, Address field, int cls, std::uint32_t tree, std::vector<Address> *nodes);
+
+}  // namespace encap_inspect
+
+#endif

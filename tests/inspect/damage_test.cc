@@ -1,0 +1,236 @@
+// What no death leaves: bytes overwritten. Each fault is named and mended; anything at all is survived.
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+
+#include "avl_link.h"
+#include "inspect_fixture.h"
+
+namespace inspect_tests {
+namespace {
+
+using vrellis::avl::Link;
+
+class DamageTest : public InspectTest {
+ protected:
+  void SetUp() override {
+    InspectTest::SetUp();
+    fill(3, 9);
+    pristine_.assign(window_, window_ + bytes_);
+    fresh_ = entered_;
+  }
+
+  void restore() {
+    std::memcpy(window_, pristine_.data(), bytes_);
+    entered_ = fresh_;
+  }
+
+  // The slots of all entries, and those of the tunnels, are what they were before the damage.
+  void expect_slots_untouched() {
+    const auto was = [&](const void *slot) {
+      return pristine_.data() + (static_cast<const std::uint8_t *>(slot) - window_);
+    };
+    for (const auto &[index, entry] : entered_) {
+      EXPECT_EQ(std::memcmp(&nh(index), was(&nh(index)), sizeof(egr_nh_info_t)), 0) << "NH " << index;
+    }
+    if (entered_.size() == fresh_.size()) {
+      EXPECT_EQ(std::memcmp(db().tun_info_array, was(db().tun_info_array), 16 * (ranges_.tun_size + 1)), 0);
+    }
+  }
+
+  // The node of tunnel 7.
+  mpls_tunnel_entry_t *tunnel_node() {
+    const View view = View::over(window_, bytes_);
+    const Database seen = decode(view);
+    const std::uint32_t number = seen.tunnel_of_slot[seen.tunnel_slot_number(7)];
+    return reinterpret_cast<mpls_tunnel_entry_t *>(seen.tunnels[number].address);
+  }
+  static Link *link(void *node) { return static_cast<Link *>(node); }
+
+  vrellis::PageDescriptor &page_of(const void *node) {
+    const vrellis::WindowShape shape = vrellis::shape_of_size(bytes_);
+    const auto offset = static_cast<std::uint64_t>(static_cast<const std::uint8_t *>(node) - window_) - shape.heap;
+    return reinterpret_cast<vrellis::PageDescriptor *>(window_ + shape.descriptors)[offset / vrellis::kPageBytes];
+  }
+
+  std::vector<std::uint8_t> pristine_;
+  std::map<std::uint32_t, Entered> fresh_;
+};
+
+struct Damage {
+  const char *kind;
+  std::function<void()> make;
+};
+
+TEST_F(DamageTest, EachIsNamedAndMendedAndNothingElseIsTouched) {
+  mpls_tunnel_entry_t *top = tunnel_node();
+  auto *nh_top = static_cast<mpls_nh_entry_t *>(top->nh_root);
+  const std::uint32_t index = nh_top->nh_index;
+  const Damage damages[] = {
+      {"pointer-outside", [&] { link(top)->child[0] = 0x10; }},
+      {"pointer-outside", [&] { link(nh_top)->child[1] += 8; }},
+      {"pointer-outside", [&] { db().tun_root = window_; }},
+      {"tree-cycle", [&] { link(nh_top)->child[1] = reinterpret_cast<Address>(nh_top); }},
+      {"tree-balance", [&] { link(nh_top)->up ^= 1; }},
+      {"tree-parent", [&] { link(reinterpret_cast<void *>(link(nh_top)->child[0]))->up += 64; }},
+      {"tree-order", [&] { std::swap(link(nh_top)->child[0], link(nh_top)->child[1]); }},
+      {"root-field", [&] { link(nh_top)->up += 64; }},
+      {"tree-lost", [&] { top->nh_root = nullptr; }},
+      {"tree-lost", [&] { db().tun_root = nullptr; }},
+      {"slot-node-mismatch", [&] { nh(index).ifh ^= 0x40; }},
+      {"slot-node-mismatch", [&] { nh(index).out_label1 ^= 1; }},
+      {"duplicate-index",
+       [&] {
+         auto *other = reinterpret_cast<mpls_nh_entry_t *>(link(nh_top)->child[0]);
+         entered_.erase(other->nh_index);
+         std::memset(&nh(other->nh_index), 0, sizeof(egr_nh_info_t));
+         other->nh_index = index;
+       }},
+      {"tunnel-index-mismatch", [&] { top->egr_tun ^= 1; }},
+      {"tunnel-without-slot", [&] { tunnel(top->egr_tun).valid = 0; }},
+      {"tunnel-slot-mismatch", [&] { tunnel(top->egr_tun).out_label2 ^= 5; }},
+      {"tunnel-count", [&] { tunnel(top->egr_tun).ref_count += 5; }},
+      {"null-tunnel-count", [&] { tunnel(0).ref_count -= 5; }},
+      {"node-residue", [&] { nh_top->spare = 1; }},
+      {"node-residue", [&] { top->zero[2] = 1; }},
+      {"block-not-taken", [&] { page_of(nh_top).used[0] &= ~std::uint64_t{2}; }},
+      {"block-not-taken", [&] { page_of(top).state = 0; }},
+      {"block-not-taken", [&] { page_of(db().nh_info_array).state = 0; }},
+      {"heap-page", [&] { page_of(nh_top).used[1] |= std::uint64_t{1} << 60; }},
+      {"heap-page", [&] { page_of(window_ + bytes_ - 1).state = 77; }},
+      {"heap-hint", [&] { std::memset(window_ + sizeof(vrellis::WindowHeader), 0, 24); }},
+      {"block-unreachable", [&] { page_of(nh_top).used[1] |= std::uint64_t{1} << 20; }},
+      {"heap-count", [&] { window_header().pages_used = 0; }},
+      {"undo-log-damaged",
+       [&] { std::memset(window_header().tree_area, 1, 1), std::memset(window_header().tree_area + 16, 9, 8); }},
+      {"undo-log-damaged", [&] { std::memset(window_header().tree_area, 255, 8); }},
+  };
+  for (const Damage &damage : damages) {
+    restore();
+    damage.make();
+    SCOPED_TRACE(std::string(damage.kind) + "\n" + text(look()));
+    EXPECT_TRUE(kinds(look()).contains(damage.kind));
+    EXPECT_FALSE(look().sound());
+    EXPECT_FALSE(expect_mended().changes.empty());
+    expect_slots_untouched();
+  }
+}
+
+TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
+  const Damage damages[] = {
+      {"not-a-window", [&] { window_header().magic ^= 1; }},
+      {"not-a-window", [&] { window_header().version = 9; }},
+      {"truncated", [&] { window_header().size += 4096; }},
+      {"header-identity", [&] { window_header().heap_pages += 1; }},
+      {"header-identity", [&] { window_header().address += 1; }},
+      {"not-initialised", [&] { db().is_initialized = 0; }},
+      {"header-range", [&] { db().nh_end = db().nh_start - 1; }},
+      {"header-array", [&] { db().nh_info_array = nullptr; }},
+      {"header-array", [&] { db().tun_end = 0xffff0000; }},
+  };
+  for (const Damage &damage : damages) {
+    restore();
+    damage.make();
+    const Report report = look();
+    EXPECT_EQ(kinds(report), std::set<std::string>{damage.kind});
+    EXPECT_FALSE(report.looked);
+    EXPECT_EQ(repair(kId).status, EINVAL);
+    EXPECT_FALSE(repair(kId).error.empty());
+  }
+  restore();
+  db().lock.area[16] ^= 1;  // the mutex's kind
+  EXPECT_EQ(kinds(look()), std::set<std::string>{"lock-damaged"});
+  EXPECT_EQ(repair(kId).status, EINVAL);
+  restore();
+}
+
+// ENCAP_ROUNDS makes a run longer.
+std::uint32_t rounds(std::uint32_t usual) {
+  const char *text = std::getenv("ENCAP_ROUNDS");
+  return text != nullptr ? static_cast<std::uint32_t>(std::strtoul(text, nullptr, 10)) : usual;
+}
+
+// One to six words or bytes anywhere, more often where it hurts.
+class Vandal {
+ public:
+  Vandal(std::uint8_t *window, std::size_t bytes, std::uint32_t seed) : window_(window), bytes_(bytes), random_(seed) {}
+
+  void strike() {
+    for (std::size_t i = 1 + random_() % 6; i > 0; --i) {
+      const std::size_t at = place();
+      switch (random_() % 4) {
+        case 0:
+          window_[at] ^= static_cast<std::uint8_t>(1U << random_() % 8);
+          break;
+        case 1:
+          put(at, random_());
+          break;
+        case 2:
+          put(at, word(place()));  // what lies elsewhere: another node's address, a count, a key
+          break;
+        default:
+          put(at, word(0x20) + random_() % bytes_ / 8 * 8);  // some address of the window
+      }
+    }
+  }
+
+ private:
+  std::size_t place() {
+    const vrellis::WindowShape shape = vrellis::shape_of_size(bytes_);
+    const std::size_t regions[][2] = {{64, 1024},
+                                      {1024, 192},
+                                      {2048, 2048},
+                                      {4096, 128},
+                                      {sizeof(vrellis::WindowHeader), shape.heap - sizeof(vrellis::WindowHeader)},
+                                      {shape.heap, bytes_ - shape.heap},
+                                      {shape.heap, bytes_ - shape.heap},
+                                      {shape.heap, bytes_ - shape.heap}};
+    const auto &region = regions[random_() % std::size(regions)];
+    return (region[0] + random_() % region[1]) / 8 * 8;
+  }
+  std::uint64_t word(std::size_t at) const {
+    std::uint64_t value;
+    std::memcpy(&value, window_ + at, sizeof value);
+    return value;
+  }
+  void put(std::size_t at, std::uint64_t value) { std::memcpy(window_ + at, &value, sizeof value); }
+
+  std::uint8_t *window_;
+  std::size_t bytes_;
+  std::mt19937_64 random_;
+};
+
+TEST_F(DamageTest, AnythingIsLookedAtWithoutFaultOrEnd) {
+  std::vector<std::uint8_t> copy(bytes_);
+  const auto begin = std::chrono::steady_clock::now();
+  std::size_t unsound = 0;
+  for (std::uint32_t seed = 0; seed < rounds(20'000); ++seed) {
+    std::memcpy(copy.data(), pristine_.data(), bytes_);
+    Vandal(copy.data(), bytes_, seed).strike();
+    unsound += check(View::copy_of(copy.data(), bytes_)).sound() ? 0U : 1U;
+  }
+  EXPECT_GT(unsound, 5'000U);
+  const auto each = (std::chrono::steady_clock::now() - begin) / rounds(20'000);
+  EXPECT_LT(each, std::chrono::milliseconds(2));
+}
+
+TEST_F(DamageTest, AnythingIsMendedOrRefused) {
+  std::size_t mended = 0;
+  for (std::uint32_t seed = 0; seed < rounds(3'000); ++seed) {
+    restore();
+    Vandal(window_, bytes_, seed).strike();
+    std::memcpy(window_, pristine_.data(), 64);  // who is mapped stays mapped
+    std::memcpy(db().lock.area, pristine_.data() + 1024 + 48, sizeof db().lock.area);
+    const RepairResult result = repair(kId);
+    if (result.status == 0) {
+      ASSERT_TRUE(result.after.sound()) << text(result.after) << "seed " << seed << "\nbefore:\n"
+                                        << text(result.before);
+      ++mended;
+    }
+  }
+  EXPECT_GT(mended, 1'500U);
+  restore();
+}
+
+}  // namespace
+}  // namespace inspect_tests

@@ -1,0 +1,180 @@
+// A repair that dies itself: at each of its calls of the services, the next repair mends what it left.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include "avl.h"
+#include "inspect_fixture.h"
+
+namespace {
+
+// Calls left until this process dies: before a call, and behind it. Negative: never.
+int calls_left = -1;
+
+void count_call() {
+  if (calls_left >= 0 && calls_left-- == 0) {
+    _exit(42);
+  }
+}
+
+}  // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+// The linker puts these in the places of the services' functions, which go on under their second names.
+void *__real_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare);
+void *__real_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare);
+int __real_shmwin_malloc(uint32_t shm_id, size_t size, void **block);
+void __real_shmwin_free(void *block);
+void *__wrap_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare);
+void *__wrap_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare);
+int __wrap_shmwin_malloc(uint32_t shm_id, size_t size, void **block);
+void __wrap_shmwin_free(void *block);
+
+void *__wrap_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
+  count_call();
+  void *const result = __real_avl_insert(root, node, flag, compare);
+  count_call();
+  return result;
+}
+
+void *__wrap_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare) {
+  count_call();
+  void *const result = __real_avl_delete(root, node, flag, compare);
+  count_call();
+  return result;
+}
+
+int __wrap_shmwin_malloc(uint32_t shm_id, size_t size, void **block) {
+  count_call();
+  const int status = __real_shmwin_malloc(shm_id, size, block);
+  count_call();
+  return status;
+}
+
+void __wrap_shmwin_free(void *block) {
+  count_call();
+  __real_shmwin_free(block);
+  count_call();
+}
+}
+#pragma GCC visibility pop
+
+namespace inspect_tests {
+namespace {
+
+class DeathTest : public InspectTest {
+ protected:
+  // Returns: whether the repair died at the call.
+  bool repair_dies_at(int call) {
+    const pid_t child = fork();
+    if (child == 0) {
+      calls_left = call;
+      repair(kId);
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    return WEXITSTATUS(status) == 42;
+  }
+
+  void expect_mended_after_every_death() {
+    const std::vector<std::uint8_t> damaged(window_, window_ + bytes_);
+    int call = 0;
+    do {
+      std::memcpy(window_, damaged.data(), bytes_);
+      SCOPED_TRACE("call " + std::to_string(call));
+      const bool died = repair_dies_at(call);
+      expect_mended();
+      if (!died) {
+        break;
+      }
+    } while (++call < 2000 && !HasFailure());
+    EXPECT_GT(call, 0);
+  }
+};
+
+TEST_F(DeathTest, WhileNodesAndTunnelsGo) {
+  fill(2, 3);
+  void *const none = db().tun_root;
+  ASSERT_NE(none, nullptr);
+  for (auto it = entered_.begin(); it != entered_.end();) {  // all NHs of tunnel 6 lose their slots
+    if (it->second.tunnel == 6) {
+      std::memset(&nh(it->first), 0, sizeof(egr_nh_info_t));
+      it = entered_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  tunnel(6).ref_count = 0;
+  expect_mended_after_every_death();
+}
+
+TEST_F(DeathTest, WhileAnNhTreeIsRebuilt) {
+  fill(2, 9);
+  auto *top = static_cast<mpls_tunnel_entry_t *>(db().tun_root);
+  reinterpret_cast<std::uint64_t *>(top->nh_root)[1] = 0x10;
+  tunnel(top->egr_tun).ref_count = 2;
+  expect_mended_after_every_death();
+}
+
+TEST_F(DeathTest, WhileTheTunnelTreeIsRebuilt) {
+  fill(5, 3);
+  auto *words = static_cast<std::uint64_t *>(db().tun_root);
+  std::swap(words[0], words[1]);
+  expect_mended_after_every_death();
+}
+
+TEST_F(DeathTest, WhileNodesAreMadeAnew) {
+  fill(3, 3);
+  db().tun_root = nullptr;
+  const vrellis::WindowShape shape = vrellis::shape_of_size(bytes_);
+  auto *pages = reinterpret_cast<vrellis::PageDescriptor *>(window_ + shape.descriptors);
+  for (std::uint64_t page = 0; page < shape.pages; ++page) {
+    if (pages[page].state == vrellis::page_state(vrellis::kNodes40)) {
+      std::memset(pages[page].used, 0, sizeof pages[page].used);
+      std::memset(window_ + shape.heap + page * vrellis::kPageBytes, 0x5a, vrellis::kPageBytes);
+    }
+  }
+  expect_mended_after_every_death();
+}
+
+// Callers that are killed while they work leave what a death can leave and no more; the others' entries survive it.
+TEST_F(DeathTest, WhoeverDiesInAnOperation) {
+  fill(2, 4);
+  const std::uint32_t first = ranges_.nh_start + 20;
+  for (std::uint32_t life = 0; life < 250 && !HasFailure(); ++life) {
+    const pid_t child = fork();
+    if (child == 0) {
+      for (std::mt19937 random(life);;) {
+        std::uint32_t out[3];
+        const std::uint32_t index = first + static_cast<std::uint32_t>(random() % 20);
+        enter(index, index % 3 == 0 ? 0 : 7 + index % 6, 100 + index);
+        const std::uint32_t other = first + static_cast<std::uint32_t>(random() % 20);
+        if (random() % 2 == 0) {
+          vrl_egress_encap_nh_detach(other, &out[0], &out[1], &out[2]);
+        } else {
+          vrl_delete_and_free_egress_encap_with_nh_key(other, &out[0], &out[1], &out[2]);
+        }
+      }
+    }
+    usleep(500 + life % 100 * 10);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    for (const Finding &finding : look().findings) {
+      EXPECT_NE(severity_of(finding.kind), Severity::kDamage) << finding.text;
+    }
+    const RepairResult result = repair(kId, {.drop_unreferenced = true});
+    EXPECT_EQ(result.status, 0) << result.error;
+    EXPECT_EQ(text(look()), "") << "before:\n" << text(result.before);
+    for (std::uint32_t index = first; index < first + 20; ++index) {
+      std::uint32_t out[3];
+      vrl_egress_encap_nh_detach(index, &out[0], &out[1], &out[2]);
+    }
+    expect_entries();
+    EXPECT_EQ(text(look()), "");
+  }
+}
+
+}  // namespace
+}  // namespace inspect_tests

@@ -1,0 +1,171 @@
+// A database in a window of the test's own, filled through the library, and what the inspector says of it.
+#ifndef INSPECT_FIXTURE_H
+#define INSPECT_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "encap_db_owner.h"
+#include "repair.h"
+#include "shmwin_layout.h"
+
+namespace inspect_tests {
+
+using namespace encap_inspect;
+
+struct Ranges {
+  std::uint32_t nh_start = 100, nh_size = 64, tun_start = 5, tun_size = 12;
+};
+
+// What a caller entered and did not yet take out.
+struct Entered {
+  egress_encap_key_t key;
+  std::uint32_t tunnel;
+  std::uint32_t count;
+};
+
+class InspectTest : public ::testing::Test {
+ protected:
+  static constexpr std::uint32_t kId = 3;
+
+  void SetUp() override {
+    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+    open({});
+  }
+
+  void TearDown() override {
+    encap_db_close();
+    std::filesystem::remove_all(directory_);
+  }
+
+  void open(const Ranges &ranges) {
+    encap_db_close();
+    std::filesystem::remove(path());
+    ranges_ = ranges;
+    entered_.clear();
+    encap_db_config_t config{};
+    config.directory = directory_.c_str();
+    config.name = "window";
+    config.shm_id = kId;
+    config.nh_start = ranges.nh_start;
+    config.nh_size = ranges.nh_size;
+    config.tun_start = ranges.tun_start;
+    config.tun_size = ranges.tun_size;
+    shmwin_error_t error{};
+    int created = 0;
+    ASSERT_EQ(encap_db_open(&config, &created, &error), 0) << error.text;
+    ASSERT_EQ(created, 1);
+    void *begin = nullptr;
+    ASSERT_EQ(shmwin_bounds(kId, &begin, &bytes_), 0);
+    window_ = static_cast<std::uint8_t *>(begin);
+  }
+
+  std::string path() const { return directory_ + "/window"; }
+  vrellis::WindowHeader &window_header() { return *reinterpret_cast<vrellis::WindowHeader *>(window_); }
+  egress_encap_db_t &db() { return *egress_encap_db; }
+  egr_nh_info_t &nh(std::uint32_t index) { return db().nh_info_array[index - ranges_.nh_start]; }
+  egr_tun_info_t &tunnel(std::uint32_t index) {
+    return db().tun_info_array[(index == 0 ? db().tun_end : index) - db().tun_start];
+  }
+
+  // One key a tunnel and a label; tunnel 0 is the null tunnel of the interface 70 + label % 2.
+  static egress_encap_key_t key(std::uint32_t tunnel, std::uint32_t label) {
+    egress_encap_key_t made{};
+    made.out_label1 = label & 0x1fffff;
+    made.protocol = label & 3;
+    made.out_label2 = tunnel != 0 ? (1000 + tunnel) & 0x1fffff : 0;
+    made.out_label3 = tunnel != 0 ? 2000 : 0;
+    made.ifh = tunnel != 0 ? 50 + tunnel : 70 + label % 2;
+    return made;
+  }
+
+  // Finds, and inserts what is missing.
+  int enter(std::uint32_t nh_index, std::uint32_t tunnel, std::uint32_t label) {
+    egress_encap_info_t info{};
+    const egress_encap_key_t wanted = key(tunnel, label);
+    vrl_find_egress_encap(&info, wanted);
+    if (info.nh_found != 0) {
+      return -1;
+    }
+    info.egr_nh = nh_index;
+    info.egr_tun = tunnel;
+    info.seed_nh = nh_index + 7;
+    const int status = vrl_insert_egress_encap(&info, wanted);
+    if (status == 0) {
+      entered_[nh_index] = {wanted, tunnel, 1};
+    }
+    return status;
+  }
+
+  // `nhs` NHs on each of `tunnels` tunnels, and as many on the null tunnel.
+  void fill(std::uint32_t tunnels, std::uint32_t nhs) {
+    std::uint32_t index = ranges_.nh_start + 1;
+    for (std::uint32_t t = 0; t <= tunnels; ++t) {
+      for (std::uint32_t label = 0; label < nhs; ++label) {
+        ASSERT_EQ(enter(index++, t == 0 ? 0 : ranges_.tun_start + t, 16 + label), 0);
+      }
+    }
+  }
+
+  Report look() { return check(View::copy_of(window_, bytes_)); }
+
+  static std::string text(const Report &report) {
+    std::string all = report.looked ? "" : "not looked\n";
+    for (const Finding &finding : report.findings) {
+      all += std::string(name_of(finding.kind)) + ": " + finding.text + "\n";
+    }
+    return all;
+  }
+
+  static std::set<std::string> kinds(const Report &report) {
+    std::set<std::string> names;
+    for (const Finding &finding : report.findings) {
+      names.insert(name_of(finding.kind));
+    }
+    return names;
+  }
+
+  // Every entry of the caller is there, as it was entered; nothing else is.
+  void expect_entries() {
+    const View view = View::copy_of(window_, bytes_);
+    const Database seen = decode(view);
+    EXPECT_EQ(seen.nhs.size(), entered_.size());
+    for (const auto &[index, entry] : entered_) {
+      egress_encap_info_t info{};
+      EXPECT_EQ(vrl_find_egress_encap(&info, entry.key), 0);
+      EXPECT_EQ(info.nh_found, 1) << "NH " << index;
+      EXPECT_EQ(info.egr_nh, index);
+      EXPECT_EQ(info.egr_tun, entry.tunnel) << "NH " << index;
+      EXPECT_EQ(nh(index).ref_count, entry.count) << "NH " << index;
+      EXPECT_EQ(nh(index).seed_nh, index + 7);
+    }
+  }
+
+  // Repairs, expects an empty check behind it and the caller's entries as they were.
+  RepairResult expect_mended(const RepairOptions &options = {}) {
+    RepairResult result = repair(kId, options);
+    EXPECT_EQ(result.status, 0) << result.error;
+    EXPECT_EQ(text(result.after), "");
+    EXPECT_EQ(text(look()), "");
+    expect_entries();
+    return result;
+  }
+
+  std::string directory_ = "/dev/shm/inspect_test.XXXXXX";
+  Ranges ranges_;
+  std::uint8_t *window_ = nullptr;
+  std::size_t bytes_ = 0;
+  std::map<std::uint32_t, Entered> entered_;
+};
+
+}  // namespace inspect_tests
+
+#endif
