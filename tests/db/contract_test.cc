@@ -60,8 +60,8 @@ Names expected_exports() {
                  "ed_dummy_libmpls_egress_encap_db",
                  "ed_perf_dummy_libmpls_egress_encap_db"};
   for (const char *kind : {"rec", "limit"}) {
-    for (const char *message : {"nh_notfound", "nh_notvalid", "nh_refcount", "tun_notfound", "tun_notvalid",
-                                "tun_refcount"}) {
+    for (const char *message :
+         {"nh_notfound", "nh_notvalid", "nh_refcount", "tun_notfound", "tun_notvalid", "tun_refcount"}) {
       names.insert(std::string("oxa_msg_") + kind + "_mpls_encap_db_" + message + "_error");
     }
   }
@@ -94,11 +94,29 @@ TEST(ContractTest, NameAndNeeds) {
 
 TEST(ContractTest, EachServiceIsReachedByItsSymbol) {
   const Names undefined = matches(output_of(ENCAP_NM " -D --undefined-only " ENCAP_LIBRARY), R"( U ([^@\s]+))");
-  for (const char *service :
-       {"shmwin_malloc", "shmwin_free", "avl_search", "avl_insert", "avl_delete", "ptd_set_mutex_block",
-        "ptd_unset_mutex_block", "ed_init", "ed_print_debug", "ed_slow_debugs", "_ltrace_1", "_ltrace_2", "_ltrace_3",
-        "_ltrace_4", "_ltrace_5", "_ltrace_6", "_ltrace_7", "oxa_errmsg", "pthread_mutex_trylock",
-        "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_mutex_consistent", "pthread_mutex_init"}) {
+  for (const char *service : {"shmwin_malloc",
+                              "shmwin_free",
+                              "avl_search",
+                              "avl_insert",
+                              "avl_delete",
+                              "ptd_set_mutex_block",
+                              "ptd_unset_mutex_block",
+                              "ed_init",
+                              "ed_print_debug",
+                              "ed_slow_debugs",
+                              "_ltrace_1",
+                              "_ltrace_2",
+                              "_ltrace_3",
+                              "_ltrace_4",
+                              "_ltrace_5",
+                              "_ltrace_6",
+                              "_ltrace_7",
+                              "oxa_errmsg",
+                              "pthread_mutex_trylock",
+                              "pthread_mutex_lock",
+                              "pthread_mutex_unlock",
+                              "pthread_mutex_consistent",
+                              "pthread_mutex_init"}) {
     EXPECT_TRUE(undefined.contains(service)) << service;
   }
 }

@@ -125,8 +125,17 @@ TEST_F(DataTest, ReadOfTheNullTunnelTakesItsLabelsFromTheNullSlot) {
   egress_encap_key_t key{};
   EXPECT_EQ(vrl_get_encap_key_and_aux_data_from_nh(106, &aux, &key), 0);
   EXPECT_EQ(key.out_label2, 500u);
-  expect_journal("trylock=0 25 unlock=0", {{"nh", 106}, {"tun", 0}, {"slot", kNullSlot}, {"l1", 17}, {"l2", 500},
-                                           {"l3", 600}, {"te", 0}, {"fo", 0}, {"l2vpn", 0}, {"proto", 0}, {"ifh", 0x40}});
+  expect_journal("trylock=0 25 unlock=0", {{"nh", 106},
+                                           {"tun", 0},
+                                           {"slot", kNullSlot},
+                                           {"l1", 17},
+                                           {"l2", 500},
+                                           {"l3", 600},
+                                           {"te", 0},
+                                           {"fo", 0},
+                                           {"l2vpn", 0},
+                                           {"proto", 0},
+                                           {"ifh", 0x40}});
 }
 
 }  // namespace

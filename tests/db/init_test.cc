@@ -14,7 +14,7 @@ class InitTest : public DbTest {
  protected:
   void SetUp() override {
     DbTest::SetUp();
-    values = {{"shm_id", kWindow}, {"nh_start", 100},  {"nh_end", 108}, {"tun_start", 5},
+    values = {{"shm_id", kWindow}, {"nh_start", 100},    {"nh_end", 108},        {"tun_start", 5},
               {"tun_end", 9},      {"nh_size", kNhSize}, {"slots", kTunSize + 1}};
     fresh();
   }
@@ -101,8 +101,9 @@ TEST_F(InitTest, AttachesWhatIsThere) {
 
 TEST_F(InitTest, EmptyRanges) {
   EXPECT_EQ(init(0, 0, 0xfffffff0, 0), 0);
-  values = {{"shm_id", kWindow}, {"nh_start", 0xfffffff0}, {"nh_end", 0xfffffff0}, {"tun_start", 0},
-            {"tun_end", 0},      {"nh_size", 0},           {"slots", 1}};
+  values = {{"shm_id", kWindow}, {"nh_start", 0xfffffff0}, {"nh_end", 0xfffffff0},
+            {"tun_start", 0},    {"tun_end", 0},           {"nh_size", 0},
+            {"slots", 1}};
   std::string stream = kSetUp;
   stream.replace(stream.find("224"), 3, "0").replace(stream.find(",80"), 3, ",16");
   expect_journal(stream);
@@ -137,8 +138,8 @@ TEST_F(InitTest, ArraysThatCannotBeAllocated) {
            {"malloc1=5", "114 113 115 111 malloc(9,224)=5 112(rc=5) 116(rc=5)", 5, 0},
            {"malloc1=NULL", "114 113 115 111 malloc(9,224)=NULL 112(rc=12) 116(rc=12)", 12, 0},
            {"malloc2=5", "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=5 110(rc=5) 117(rc=5)", 5, 1},
-           {"malloc2=NULL", "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=NULL 110(rc=12) 117(rc=12)",
-            12, 1}}) {
+           {"malloc2=NULL", "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=NULL 110(rc=12) 117(rc=12)", 12,
+            1}}) {
     fresh();
     faults().order(failure.faults);
     EXPECT_EQ(init(), failure.status);
@@ -181,7 +182,8 @@ TEST_F(InitTest, LockAreaIsZeroedWholeAndNothingBeyondIt) {
   EXPECT_EQ(db().tun_end, 0xA5A5A5A5u);
   EXPECT_EQ(db().spare_end, 0xA5A5A5A5u);
   const auto *area = db().lock.area;
-  EXPECT_TRUE(std::all_of(area + sizeof(pthread_mutex_t), area + sizeof db().lock, [](auto byte) { return byte == 0; }));
+  EXPECT_TRUE(
+      std::all_of(area + sizeof(pthread_mutex_t), area + sizeof db().lock, [](auto byte) { return byte == 0; }));
 }
 
 }  // namespace

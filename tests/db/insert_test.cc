@@ -11,9 +11,15 @@ int insert(const egress_encap_info_t &info, const Key &key = full_key()) {
   return status;
 }
 
-egress_encap_info_t new_tunnel() { return DbTest::record(DbTest::kNh, DbTest::kTunnel); }
-egress_encap_info_t known_tunnel() { return DbTest::record(DbTest::kNh, DbTest::kTunnel, true); }
-void tunnel_is_there(DbTest &db) { EXPECT_EQ(db.enter(full_key().raw(0, 0x100000)).at(100).on(DbTest::kTunnel), 0); }
+egress_encap_info_t new_tunnel() {
+  return DbTest::record(DbTest::kNh, DbTest::kTunnel);
+}
+egress_encap_info_t known_tunnel() {
+  return DbTest::record(DbTest::kNh, DbTest::kTunnel, true);
+}
+void tunnel_is_there(DbTest &db) {
+  EXPECT_EQ(db.enter(full_key().raw(0, 0x100000)).at(100).on(DbTest::kTunnel), 0);
+}
 
 using InsertTest = DbTest;
 
@@ -123,8 +129,9 @@ TEST_F(InsertTest, SecondNodeOfAKeyIsRefused) {
   expect_journal("50(tunf=0,nhf=0,nh=106,tun=8) trylock=0 4 malloc(9,56)=0 insert(tun_root,$T)=no free($T) 6 unlock=0");
   expect_database();
   EXPECT_EQ(insert(record(106, kTunnel, true)), 22);
-  expect_journal("50(tunf=1,nhf=0,nh=106) trylock=0 search(tun_root,$T)=hit 2(result=1) "
-                 "8 malloc(9,40)=0 insert(nh_root,$N)=no free($N) 10 62(rc=22) unlock=0");
+  expect_journal(
+      "50(tunf=1,nhf=0,nh=106) trylock=0 search(tun_root,$T)=hit 2(result=1) "
+      "8 malloc(9,40)=0 insert(nh_root,$N)=no free($N) 10 62(rc=22) unlock=0");
   expect_database();
 }
 
@@ -168,13 +175,13 @@ TEST_F(InsertTest, SlotsThatLoseTheirValidBitUnderTheLock) {
     EXPECT_EQ(insert(c.tunnel_found ? known_tunnel() : new_tunnel()), 22);
     at_point(22, nullptr);
     at_point(18, nullptr);
-    const std::string begin =
-        c.tunnel_found ? "50(tunf=1,nhf=0) trylock=0 search(tun_root,$T)=hit 2(result=1) "
-                         "8 malloc(9,40)=0 insert(nh_root,$N)=ok 11 64 22 "
-                       : "50(tunf=0,nhf=0) trylock=0 4 malloc(9,56)=0 insert(tun_root,$T)=ok 7 23 "
-                         "8 malloc(9,40)=0 insert(nh_root,$N)=ok 11 22 ";
-    expect_journal(begin +
-                   (c.point == 22 ? nh_lost : "18(count=1) " + tunnel_lost(c.tunnel_found ? "1" : "0")) + c.tail);
+    const std::string begin = c.tunnel_found
+                                  ? "50(tunf=1,nhf=0) trylock=0 search(tun_root,$T)=hit 2(result=1) "
+                                    "8 malloc(9,40)=0 insert(nh_root,$N)=ok 11 64 22 "
+                                  : "50(tunf=0,nhf=0) trylock=0 4 malloc(9,56)=0 insert(tun_root,$T)=ok 7 23 "
+                                    "8 malloc(9,40)=0 insert(nh_root,$N)=ok 11 22 ";
+    expect_journal(begin + (c.point == 22 ? nh_lost : "18(count=1) " + tunnel_lost(c.tunnel_found ? "1" : "0")) +
+                   c.tail);
     expect_nh(kNh).count(c.point == 22 ? 0 : 1);
   }
 }
@@ -182,10 +189,31 @@ TEST_F(InsertTest, SlotsThatLoseTheirValidBitUnderTheLock) {
 TEST_F(InsertTest, TunnelSlotOfTheRecordIsCountedNotThatOfTheEntry) {
   tunnel_is_there(*this);
   EXPECT_EQ(insert(record(kNh, 8, true)), 22);
-  expect_journal("50(tunf=1,nhf=0,tun=8) trylock=0 search(tun_root,$T)=hit 2(result=1) 8 malloc(9,40)=0 "
-                 "insert(nh_root,$N)=ok 11 64 22(tun=8) 18(count=1) 21(tun=8,slot=3,count=0) "
-                 "TUN_NOTVALID_ERROR(vrl_mem_increment_egr_tun_ref_count,tun=8,slot=3,count=0) unlock=0");
+  expect_journal(
+      "50(tunf=1,nhf=0,tun=8) trylock=0 search(tun_root,$T)=hit 2(result=1) 8 malloc(9,40)=0 "
+      "insert(nh_root,$N)=ok 11 64 22(tun=8) 18(count=1) 21(tun=8,slot=3,count=0) "
+      "TUN_NOTVALID_ERROR(vrl_mem_increment_egr_tun_ref_count,tun=8,slot=3,count=0) unlock=0");
   model.insert(record(kNh, 8, true), full_key());
+  expect_database();
+}
+
+// A range that passes 16 bits cuts the index on its way into slot and node; what comes back is refused by every road.
+TEST_F(InsertTest, TunnelIndexPast16BitsIsCutAndThenRefused) {
+  open(kNhStart, kNhSize, 65530, 20);
+  values["tun"] = 65540;
+  EXPECT_EQ(insert(record(kNh, 65540)), 0);
+  expect_journal(
+      "50(tunf=0,nhf=0) trylock=0 4 malloc(9,56)=0 insert(tun_root,$T)=ok 7 23 "
+      "8 malloc(9,40)=0 insert(nh_root,$N)=ok 11 22 18(count=1) 20(count=1,slot=10) unlock=0 68");
+  model.insert(record(kNh, 65540), full_key());
+  expect_database();
+  egress_encap_aux_data_t aux{};
+  egress_encap_key_t key{};
+  EXPECT_EQ(vrl_get_encap_key_and_aux_data_from_nh(kNh, &aux, &key), 22);
+  expect_journal("trylock=0 24 74 unlock=0");
+  EXPECT_EQ(insert(record(106, 4, true)), 22);
+  expect_journal("50(tunf=1,nhf=0,nh=106,tun=4) 51(tun=4)");
+  EXPECT_EQ(vrl_egress_encap_nh_detach(kNh, &outs.first, &outs.second, &outs.third), 22);
   expect_database();
 }
 
@@ -234,8 +262,9 @@ TEST_F(InsertTest, AttachRefuses) {
   EXPECT_EQ(attach(record(108, kTunnel), 5), 22);
   expect_journal("50(tunf=0,nhf=0) 52 82(rc=22)", {{"nh", 108}});
   EXPECT_EQ(attach(record(kNh, kTunnel, true, true), 5), 22);  // said to be there, and is not
-  expect_journal("50(tunf=1,nhf=1) trylock=0 79(old=0,count=5) NH_NOTVALID_ERROR(vrl_find_and_set_egress_nh_ref,count=0) "
-                 "unlock=0 83(count=5,rc=22)");
+  expect_journal(
+      "50(tunf=1,nhf=1) trylock=0 79(old=0,count=5) NH_NOTVALID_ERROR(vrl_find_and_set_egress_nh_ref,count=0) "
+      "unlock=0 83(count=5,rc=22)");
   expect_database();
 }
 
@@ -253,7 +282,8 @@ TEST_F(InsertTest, SetOfACount) {
     EXPECT_EQ(vrl_find_and_set_egress_nh_ref(nh, 1), 22);
     expect_journal("76", {{"nh", nh}});
   }
-  const std::string not_valid = "trylock=0 79(old=0,count=3) NH_NOTVALID_ERROR(vrl_find_and_set_egress_nh_ref,count=0) ";
+  const std::string not_valid =
+      "trylock=0 79(old=0,count=3) NH_NOTVALID_ERROR(vrl_find_and_set_egress_nh_ref,count=0) ";
   EXPECT_EQ(vrl_find_and_set_egress_nh_ref(106, 3), 22);
   expect_journal(not_valid + "unlock=0", {{"nh", 106}});
   faults().order("unlock1=1");

@@ -4,7 +4,8 @@
 namespace encap_test {
 namespace {
 
-// Calls a lookup with both flags set and indexes preset; outs are the record's egr_nh, egr_tun and 2 * tun_found + nh_found.
+// Calls a lookup with both flags set and indexes preset; outs are the record's egr_nh, egr_tun and 2 * tun_found +
+// nh_found.
 template <int (*Lookup)(egress_encap_info_t *, egress_encap_key_t)>
 int look_up(DbTest &db, const Key &key) {
   egress_encap_info_t info = DbTest::record(0xEEEEEEEE, 0xEEEEEEEE, true, true);
@@ -17,9 +18,15 @@ int look_up(DbTest &db, const Key &key) {
   return status;
 }
 
-int find(DbTest &db) { return look_up<vrl_find_egress_encap>(db, full_key()); }
-int share(DbTest &db) { return look_up<vrl_find_and_share_egress_encap>(db, full_key()); }
-void encap_is_there(DbTest &db) { db.enter(full_key()).at(DbTest::kNh).on(DbTest::kTunnel); }
+int find(DbTest &db) {
+  return look_up<vrl_find_egress_encap>(db, full_key());
+}
+int share(DbTest &db) {
+  return look_up<vrl_find_and_share_egress_encap>(db, full_key());
+}
+void encap_is_there(DbTest &db) {
+  db.enter(full_key()).at(DbTest::kNh).on(DbTest::kTunnel);
+}
 
 constexpr std::uint32_t kKept = 0xEEEEEEEE;
 constexpr Outs kFound{DbTest::kNh, DbTest::kTunnel, 3};
@@ -29,34 +36,34 @@ constexpr Outs kNothing{kKept, kKept, 0};
 using LookupTest = DbTest;
 
 TEST_F(LookupTest, Find) {
-  run(*this, {"find",
-              encap_is_there,
-              find,
-              "trylock=0 search(tun_root,$T)=hit 2(result=1) 42 search(nh_root,$N)=hit 3(result=1) 43 unlock=0 "
-              "45(nhf=1,tunf=1)",
-              nullptr,
-              kFound,
-              {{"trylock1=11", "41(rc=11)", 11, nullptr, kNothing},
-               {"search1=none", "2(result=0) unlock=0 45(nhf=0,tunf=0,nh=0xEEEEEEEE,tun=0xEEEEEEEE)", 0, nullptr,
-                kNothing},
-               {"search2=none", "3(result=0) unlock=0 45(nhf=0,tunf=1,nh=0xEEEEEEEE)", 0, nullptr, kTunnelFound},
-               {"unlock1=1", "44(rc=1)", 1, nullptr, kFound}}});
+  run(*this,
+      {"find",
+       encap_is_there,
+       find,
+       "trylock=0 search(tun_root,$T)=hit 2(result=1) 42 search(nh_root,$N)=hit 3(result=1) 43 unlock=0 "
+       "45(nhf=1,tunf=1)",
+       nullptr,
+       kFound,
+       {{"trylock1=11", "41(rc=11)", 11, nullptr, kNothing},
+        {"search1=none", "2(result=0) unlock=0 45(nhf=0,tunf=0,nh=0xEEEEEEEE,tun=0xEEEEEEEE)", 0, nullptr, kNothing},
+        {"search2=none", "3(result=0) unlock=0 45(nhf=0,tunf=1,nh=0xEEEEEEEE)", 0, nullptr, kTunnelFound},
+        {"unlock1=1", "44(rc=1)", 1, nullptr, kFound}}});
 }
 
 TEST_F(LookupTest, FindAndShare) {
   const auto shared = [](DbTest &db) { db.model.share(kNh); };
-  run(*this, {"find and share",
-              encap_is_there,
-              share,
-              "35 trylock=0 search(tun_root,$T)=hit 2(result=1) 37 search(nh_root,$N)=hit 3(result=1) 38 18(count=2) "
-              "unlock=0 40(nhf=1,tunf=1)",
-              shared,
-              kFound,
-              {{"trylock1=11", "36(rc=11)", 11, nullptr, kNothing},
-               {"search1=none", "2(result=0) unlock=0 40(nhf=0,tunf=0,nh=0xEEEEEEEE,tun=0xEEEEEEEE)", 0, nullptr,
-                kNothing},
-               {"search2=none", "3(result=0) unlock=0 40(nhf=0,tunf=1,nh=0xEEEEEEEE)", 0, nullptr, kTunnelFound},
-               {"unlock1=1", "39(rc=1) 40(nhf=1,tunf=1)", 0, shared, kFound}}});
+  run(*this,
+      {"find and share",
+       encap_is_there,
+       share,
+       "35 trylock=0 search(tun_root,$T)=hit 2(result=1) 37 search(nh_root,$N)=hit 3(result=1) 38 18(count=2) "
+       "unlock=0 40(nhf=1,tunf=1)",
+       shared,
+       kFound,
+       {{"trylock1=11", "36(rc=11)", 11, nullptr, kNothing},
+        {"search1=none", "2(result=0) unlock=0 40(nhf=0,tunf=0,nh=0xEEEEEEEE,tun=0xEEEEEEEE)", 0, nullptr, kNothing},
+        {"search2=none", "3(result=0) unlock=0 40(nhf=0,tunf=1,nh=0xEEEEEEEE)", 0, nullptr, kTunnelFound},
+        {"unlock1=1", "39(rc=1) 40(nhf=1,tunf=1)", 0, shared, kFound}}});
 }
 
 TEST_F(LookupTest, ShareByIndex) {
@@ -80,7 +87,8 @@ TEST_F(LookupTest, SharingASlotThatIsNotValid) {
   nh_slot(kNh).valid = 0;
   model.nh(kNh).valid = 0;
   const std::string refused = "19(count=1) NH_NOTVALID_ERROR(vrl_mem_increment_egr_nh_ref_count,count=1) ";
-  const std::string found = "35 trylock=0 search(tun_root,$T)=hit 2(result=1) 37 search(nh_root,$N)=hit 3(result=1) 38 ";
+  const std::string found =
+      "35 trylock=0 search(tun_root,$T)=hit 2(result=1) 37 search(nh_root,$N)=hit 3(result=1) 38 ";
   for (const char *unlock : {"unlock=0", "unlock=1"}) {  // the unlock's result is not looked at
     faults().order(std::string(unlock) == "unlock=1" ? "unlock1=1" : "");
     EXPECT_EQ(share(*this), 22);

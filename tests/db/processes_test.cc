@@ -41,8 +41,8 @@ class ProcessesTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(directory), nullptr);
     directory_ = directory;
     setenv("LTRACE_DIR", (directory_ + "/trace").c_str(), 1);
-    ledger_ = static_cast<Ledger *>(
-        mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ledger_ =
+        static_cast<Ledger *>(mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   }
   void TearDown() override {
     munmap(ledger_, sizeof(Ledger));

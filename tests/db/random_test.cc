@@ -132,10 +132,14 @@ void RandomTest::go(bool stray, unsigned operations) {
   }
 }
 
-TEST_F(RandomTest, CallersThatKeepTheRules) { go(false, 6000); }
+TEST_F(RandomTest, CallersThatKeepTheRules) {
+  go(false, 4000);
+}
 
 // Indexes in use, flags that are wrong: the database follows the model all the same.
-TEST_F(RandomTest, CallersThatDoNot) { go(true, 6000); }
+TEST_F(RandomTest, CallersThatDoNot) {
+  go(true, 4000);
+}
 
 }  // namespace
 }  // namespace encap_test

@@ -13,10 +13,16 @@ std::uint64_t link(const void *node, std::size_t word) {
   return value;
 }
 
-void *node_at(std::uint64_t address) { return reinterpret_cast<void *>(address); }
+void *node_at(std::uint64_t address) {
+  return reinterpret_cast<void *>(address);
+}
 
-const mpls_tunnel_entry_t &tunnel_node(const void *node) { return *static_cast<const mpls_tunnel_entry_t *>(node); }
-const mpls_nh_entry_t &nh_node(const void *node) { return *static_cast<const mpls_nh_entry_t *>(node); }
+const mpls_tunnel_entry_t &tunnel_node(const void *node) {
+  return *static_cast<const mpls_tunnel_entry_t *>(node);
+}
+const mpls_nh_entry_t &nh_node(const void *node) {
+  return *static_cast<const mpls_nh_entry_t *>(node);
+}
 
 template <typename Key>
 Key key_at(const void *node) {
@@ -79,7 +85,8 @@ void compare_slots(const char *kind, const Slot *slots, const std::vector<Expect
   for (std::size_t i = 0; i < expected.size(); ++i) {
     const Bytes is = image_of(slots[i]);
     if (is != expected[i].image()) {
-      out << kind << " slot " << i << "\n  is        " << hex(is) << "\n  should be " << hex(expected[i].image()) << '\n';
+      out << kind << " slot " << i << "\n  is        " << hex(is) << "\n  should be " << hex(expected[i].image())
+          << '\n';
     }
   }
 }

@@ -20,14 +20,14 @@ struct Group {
 };
 
 #define NH_FIELDS "out_label1 %d, te_local_label %d, is_failover_nh %d, is_l2vpn_pref_path %d, protocol %d"
-#define KEY_FIELDS                                                                                     \
-  "out_label1 %d, out_label2 %d, out_label3 %d, te_local_label %d, is_failover_nh %d, "                \
+#define KEY_FIELDS                                                                      \
+  "out_label1 %d, out_label2 %d, out_label3 %d, te_local_label %d, is_failover_nh %d, " \
   "is_l2vpn_pref_path %d, protocol %d, ifh 0x%x"
 #define TUN_FIELDS "out_label2 %d, out_label3 %d, ifh 0x%x"
 #define NH_RANGE "@ NH index %d out of range, rc 0x%x, " NH_FIELDS
-#define TUN_MISSING                                                                                    \
+#define TUN_MISSING                                                                                         \
   "@ vrl_find_mpls_tunnel_entry failed: out_label1 %d, out_label2 %d, out_label3  %d, te_local_label  %d, " \
-  "is_failover_nh %d, is_l2vpn_pref_path %d, protocol %d, ifh 0x%x NH %d, Tunnel %d, seed_nh %d, "      \
+  "is_failover_nh %d, is_l2vpn_pref_path %d, protocol %d, ifh 0x%x NH %d, Tunnel %d, seed_nh %d, "          \
   "is_protected_te_nh %d"
 #define NH_REMOVAL "@ vrl_delete_mpls_nh_entry failed: " NH_FIELDS ", NH %d, Tunnel %d, rc 0x%x"
 #define FINAL "@ Failedrc_nh 0x%x, rc_tun 0x%x, rc 0x%x"
@@ -204,8 +204,7 @@ const std::vector<Group> &groups() {
       {"mpls_egress_encap_dbg_init", {{113, 'i', "@", ""}}},
       {"mpls_egress_encap_db_init",
        {{114, 'i', "@", ""},
-        {115, 'i',
-         "@ Initializing egress encap lib,shm_id %d,nh_start %d, nh_end %d,tun_start %d,tun_end %d",
+        {115, 'i', "@ Initializing egress encap lib,shm_id %d,nh_start %d, nh_end %d,tun_start %d,tun_end %d",
          "shm_id nh_start nh_end tun_start tun_end"},
         {116, 'e', "@NH Init Failed ! :0x%x", "rc"},
         {117, 'e', "@ Tun Init Failed ! :0x%x", "rc"},
@@ -218,7 +217,9 @@ const std::vector<Group> &groups() {
 ExpectedPoint expand(const std::string &function, const Row &row) {
   static constexpr std::array kUntraced = {7u, 11u, 14u, 68u, 94u, 106u, 110u, 112u};
   ExpectedPoint point{row.id,
-                      static_cast<std::uint8_t>(row.category == 'e' ? 0 : row.category == 'v' ? 1 : 2),
+                      static_cast<std::uint8_t>(row.category == 'e'   ? 0
+                                                : row.category == 'v' ? 1
+                                                                      : 2),
                       std::find(kUntraced.begin(), kUntraced.end(), row.id) == kUntraced.end(),
                       function,
                       row.message ? row.message : "",

@@ -1,5 +1,5 @@
-// What the debug points must be: written down here a second time, so that the library's own table is checked by one that
-// it does not share.
+// What the debug points must be: written down here a second time, so that the library's own table is checked by one
+// that it does not share.
 #ifndef ENCAP_TESTS_EXPECTED_POINTS_H
 #define ENCAP_TESTS_EXPECTED_POINTS_H
 

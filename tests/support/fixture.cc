@@ -16,9 +16,15 @@ Key Key::raw(std::size_t word, std::uint32_t bits) const {
   std::memcpy(at, &value, 4);
   return key;
 }
-Key Key::over(std::uint32_t label2, std::uint32_t label3) const { return raw(2, label2).raw(3, label3); }
-Key Key::out_of(std::uint32_t ifh_) const { return raw(4, ifh_); }
-Key label(std::uint32_t label1) { return Key().raw(0, label1); }
+Key Key::over(std::uint32_t label2, std::uint32_t label3) const {
+  return raw(2, label2).raw(3, label3);
+}
+Key Key::out_of(std::uint32_t ifh_) const {
+  return raw(4, ifh_);
+}
+Key label(std::uint32_t label1) {
+  return Key().raw(0, label1);
+}
 
 Key full_key() {
   return label(0x1abcd).raw(1, 0x1f0f0u | 1u << 21 | 2u << 22 | 1u << 24).over(0x12345, 0x0fedc).out_of(0x80000123);
@@ -28,13 +34,20 @@ namespace {
 
 // The values that streams name, unless a test says otherwise.
 Values default_values() {
-  return {{"l1", 0x1abcd},    {"te", 0x1f0f0},
-          {"fo", 1},          {"proto", 2},
-          {"l2vpn", 1},       {"l2", 0x12345},
-          {"l3", 0x0fedc},    {"ifh", 0x80000123},
-          {"seed", 0xfffffff0}, {"fnh", 0x87654321},
-          {"fid", 0xabc},     {"prot", 1},
-          {"nh", DbTest::kNh}, {"tun", DbTest::kTunnel},
+  return {{"l1", 0x1abcd},
+          {"te", 0x1f0f0},
+          {"fo", 1},
+          {"proto", 2},
+          {"l2vpn", 1},
+          {"l2", 0x12345},
+          {"l3", 0x0fedc},
+          {"ifh", 0x80000123},
+          {"seed", 0xfffffff0},
+          {"fnh", 0x87654321},
+          {"fid", 0xabc},
+          {"prot", 1},
+          {"nh", DbTest::kNh},
+          {"tun", DbTest::kTunnel},
           {"slot", DbTest::kTunnel - DbTest::kTunStart}};
 }
 
@@ -65,7 +78,7 @@ std::string value_of(const std::string &name, const Values &values) {
   return found == values.end() ? "?" + name : std::to_string(found->second);
 }
 
-std::string point_lines(const ExpectedPoint &point, const Values &values) {
+std::string point_lines(const ExpectedPoint &point, const Values &values, bool message) {
   const std::string id = std::to_string(point.id);
   std::string print = "print(" + id + ")";
   std::string records;
@@ -78,7 +91,7 @@ std::string point_lines(const ExpectedPoint &point, const Values &values) {
   if (records.empty()) {
     records = "trace(" + id + ".0)=0";
   }
-  return print + "\n" + (point.traced ? records + "\n" : "");
+  return (message ? print + "\n" : "") + (point.traced ? records + "\n" : "");
 }
 
 std::string message_line(const std::string &name, const std::vector<std::string> &names, const Values &values) {
@@ -95,7 +108,8 @@ std::string message_line(const std::string &name, const std::vector<std::string>
 
 std::string literal(std::string word) {
   const Key key = full_key();
-  const auto *bytes = static_cast<const std::uint8_t *>(static_cast<const void *>(static_cast<const egress_encap_key_t *>(&key)));
+  const auto *bytes =
+      static_cast<const std::uint8_t *>(static_cast<const void *>(static_cast<const egress_encap_key_t *>(&key)));
   if (const auto at = word.find("$T"); at != std::string::npos) {
     word.replace(at, 2, tunnel_name(bytes + 8));
   }
@@ -128,9 +142,11 @@ FirstCallsMade *const first = [] {
 
 }  // namespace
 
-const FirstCalls &first_calls() { return first->made; }
+const FirstCalls &first_calls() {
+  return first->made;
+}
 
-std::string expand(const std::string &stream, const Values &values) {
+std::string expand(const std::string &stream, const Values &values, bool messages) {
   std::string text;
   std::istringstream words(stream);
   for (std::string word; words >> word;) {
@@ -138,7 +154,7 @@ std::string expand(const std::string &stream, const Values &values) {
     Values own = values;
     const auto names = arguments_of(word, own);
     if (head.find_first_not_of("0123456789") == std::string::npos) {
-      text += point_lines(expected_points().at(std::stoul(head)), own);
+      text += point_lines(expected_points().at(std::stoul(head)), own, messages);
     } else {
       text += head.ends_with("_ERROR") ? message_line(head, names, own) : literal(word);
     }
@@ -151,7 +167,7 @@ void DbTest::open(std::uint32_t nh_start, std::uint32_t nh_size, std::uint32_t t
   faults().clear();
   db().is_initialized = 0;
   watch(&db().lock.mutex);
-  set_messages(true);
+  set_messages(messages);
   ASSERT_EQ(mpls_egress_encap_db_init(kWindow, nh_size, tun_size, nh_start, tun_start, &db()), 0);
   model = Model(nh_start, nh_size, tun_start, tun_size);
   values = default_values();
@@ -230,7 +246,7 @@ void DbTest::expect_journal(const std::string &stream, const Values &more) {
   for (const auto &[name, value] : more) {
     all[name] = value;
   }
-  EXPECT_EQ(journal().take(), expand(stream, all)) << "stream: " << stream;
+  EXPECT_EQ(journal().take(), expand(stream, all, messages)) << "stream: " << stream;
 }
 
 }  // namespace encap_test

@@ -30,13 +30,13 @@ Key full_key();
 
 /*
  * Expands a stream into the journal it stands for. Its words:
- *   50  50(count=3)            a point with its message and trace records; values by their names
+ *   50  50(count=3)            a point with its message (when on) and trace records; values by their names
  *   NH_NOTVALID_ERROR(nh,...)  an error message: the function's name, then the values by their names
  *   $T $N                      the names of the tunnel and of the NH of full_key()
  *   anything else              itself
  * In names with a value, name=value sets it for this word alone.
  */
-std::string expand(const std::string &stream, const Values &values);
+std::string expand(const std::string &stream, const Values &values, bool messages = true);
 
 class DbTest : public ::testing::Test {
  public:
@@ -47,7 +47,7 @@ class DbTest : public ::testing::Test {
   void SetUp() override { open(); }
   void TearDown() override;
 
-  // An empty database, messages on, journal empty.
+  // An empty database, messages on or off as `messages` says, journal empty.
   void open(std::uint32_t nh_start = kNhStart, std::uint32_t nh_size = kNhSize, std::uint32_t tun_start = kTunStart,
             std::uint32_t tun_size = kTunSize);
 
@@ -95,7 +95,8 @@ class DbTest : public ::testing::Test {
                                     bool nh_found = false);
 
   Model model;
-  Values values;  // of the names in streams
+  bool messages = true;  // off, points take their shorter road to the same trace records
+  Values values;         // of the names in streams
   Outs outs;
 };
 
@@ -118,7 +119,8 @@ struct Scenario {
   std::vector<Failure> failures;
 };
 
-// Runs the scenario, then each of its failures, on fresh databases; demands a failure for every call that may fail.
+// Runs the scenario, then each of its failures, on fresh databases, with messages on and off; demands a failure for
+// every call that may fail.
 void run(DbTest &db, const Scenario &scenario);
 
 // The first calls of the process, made before any test: what a null header and the first initialisation did.

@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -46,11 +47,14 @@ void Faults::order(const std::string &text) {
   for (std::string word; words >> word;) {
     const std::size_t equals = word.find('=');
     const std::string result = word.substr(equals + 1);
-    orders_[word.substr(0, equals)] = result == "NULL" || result == "no" || result == "none" ? kNull : std::stoi(result);
+    orders_[word.substr(0, equals)] =
+        result == "NULL" || result == "no" || result == "none" ? kNull : std::stoi(result);
   }
 }
 
-void Faults::clear() { order(""); }
+void Faults::clear() {
+  order("");
+}
 
 std::optional<int> Faults::due(const std::string &kind) {
   const std::lock_guard hold(mutex_);
@@ -73,8 +77,8 @@ constexpr std::size_t kHeaderBytes = 256;
 
 void Arena::reset() {
   if (base_ == nullptr) {
-    base_ = static_cast<std::uint8_t *>(
-        mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    base_ =
+        static_cast<std::uint8_t *>(mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   }
   std::memset(base_, kFill, used_ == 0 ? kBytes : used_ + kGap);
   used_ = kHeaderBytes + kGap;
@@ -84,6 +88,9 @@ void Arena::reset() {
 void *Arena::take(std::size_t bytes) {
   std::uint8_t *block = base_ + used_;
   used_ += (bytes + 7) / 8 * 8 + kGap;
+  if (used_ + kGap > kBytes) {
+    std::abort();  // a test that needs a larger window
+  }
   blocks_[block] = bytes;
   return block;
 }
@@ -161,7 +168,11 @@ std::string words(const void *key, std::size_t count) {
 
 }  // namespace
 
-std::string tunnel_name(const void *key) { return "T:" + words(key, 3); }
-std::string nh_name(const void *key) { return "N:" + words(key, 2); }
+std::string tunnel_name(const void *key) {
+  return "T:" + words(key, 3);
+}
+std::string nh_name(const void *key) {
+  return "N:" + words(key, 2);
+}
 
 }  // namespace encap_test

@@ -29,7 +29,7 @@ inline constexpr int kNull = -1;                            // an ordered fault:
 class Journal {
  public:
   void add(const std::string &entry);
-  std::string take();               // all entries, one a line; the journal is empty afterwards
+  std::string take();  // all entries, one a line; the journal is empty afterwards
   bool holds(const std::string &entry);
   const std::set<std::uint32_t> &points_seen() const { return points_; }
   void saw_point(std::uint32_t id);
@@ -61,10 +61,10 @@ class Arena {
   static constexpr std::size_t kBytes = std::size_t{1} << 21;
   void reset();
   void *take(std::size_t bytes);
-  bool give(void *block);                              // false: no such block
+  bool give(void *block);  // false: no such block
   const std::map<std::uint8_t *, std::size_t> &blocks() const { return blocks_; }
-  bool gaps_intact() const;                            // nobody wrote outside a block
-  egress_encap_db_t *header() const;                   // at the start of the window
+  bool gaps_intact() const;           // nobody wrote outside a block
+  egress_encap_db_t *header() const;  // at the start of the window
   bool covers(const void *address) const;
 
  private:

@@ -62,8 +62,12 @@ void watch(pthread_mutex_t *mutex) {
   watched = mutex;
   depth = 0;
 }
-void arm_attributes(bool on) { armed = on; }
-int held() { return depth; }
+void arm_attributes(bool on) {
+  armed = on;
+}
+int held() {
+  return depth;
+}
 
 }  // namespace encap_test
 
@@ -113,18 +117,18 @@ DOUBLE pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *att
   return attribute("mutex_init", zeroed ? "(zeroed)" : "(leftovers)", [&] { return real(mutex, attr); });
 }
 
-#define ATTRIBUTE_DOUBLE(call, kind)                                                                         \
-  DOUBLE call(pthread_mutexattr_t *attr) noexcept {                                                          \
-    static constinit std::atomic<AttrCall *> cache{nullptr};                                                 \
-    AttrCall *real = next(cache, #call);                                                                     \
-    return armed ? attribute(kind, "", [&] { return real(attr); }) : real(attr);                             \
+#define ATTRIBUTE_DOUBLE(call, kind)                                             \
+  DOUBLE call(pthread_mutexattr_t *attr) noexcept {                              \
+    static constinit std::atomic<AttrCall *> cache{nullptr};                     \
+    AttrCall *real = next(cache, #call);                                         \
+    return armed ? attribute(kind, "", [&] { return real(attr); }) : real(attr); \
   }
-#define ATTRIBUTE_SET_DOUBLE(call, kind)                                                                     \
-  DOUBLE call(pthread_mutexattr_t *attr, int value) noexcept {                                               \
-    static constinit std::atomic<AttrSetCall *> cache{nullptr};                                              \
-    AttrSetCall *real = next(cache, #call);                                                                  \
-    return armed ? attribute(kind, "(" + std::to_string(value) + ")", [&] { return real(attr, value); })     \
-                 : real(attr, value);                                                                        \
+#define ATTRIBUTE_SET_DOUBLE(call, kind)                                                                 \
+  DOUBLE call(pthread_mutexattr_t *attr, int value) noexcept {                                           \
+    static constinit std::atomic<AttrSetCall *> cache{nullptr};                                          \
+    AttrSetCall *real = next(cache, #call);                                                              \
+    return armed ? attribute(kind, "(" + std::to_string(value) + ")", [&] { return real(attr, value); }) \
+                 : real(attr, value);                                                                    \
   }
 
 ATTRIBUTE_DOUBLE(pthread_mutexattr_init, "attr_init")

@@ -35,7 +35,7 @@ std::string until(const std::string &stream, const std::string &order) {
 }
 
 void check(DbTest &db, const Scenario &scenario, const Failure &failure, const std::string &stream) {
-  SCOPED_TRACE(std::string(scenario.name) + ", " + failure.faults);
+  SCOPED_TRACE(std::string(scenario.name) + ", " + failure.faults + (db.messages ? "" : ", messages off"));
   db.open();
   if (scenario.given) {
     scenario.given(db);
@@ -73,10 +73,13 @@ void demand_every_call(const Scenario &scenario) {
 }  // namespace
 
 void run(DbTest &db, const Scenario &scenario) {
-  check(db, scenario, {"", "", 0, scenario.then, scenario.outs}, scenario.stream);
   demand_every_call(scenario);
-  for (const Failure &failure : scenario.failures) {
-    check(db, scenario, failure, until(scenario.stream, words_of(failure.faults).front()) + failure.tail);
+  for (const bool messages : {false, true}) {
+    db.messages = messages;
+    check(db, scenario, {"", "", 0, scenario.then, scenario.outs}, scenario.stream);
+    for (const Failure &failure : scenario.failures) {
+      check(db, scenario, failure, until(scenario.stream, words_of(failure.faults).front()) + failure.tail);
+    }
   }
 }
 
