@@ -108,7 +108,8 @@ struct Values {
 
 namespace detail {
 
-inline constexpr std::uint32_t kDecided = ED_SITE_TRACE_IF_ON | ED_SITE_ON | ED_SITE_SLOW;
+inline constexpr std::uint32_t kMayPrint = ED_SITE_ON | ED_SITE_SLOW;
+inline constexpr std::uint32_t kDecided = ED_SITE_TRACE_IF_ON | kMayPrint;
 inline constexpr std::size_t kGroup = 7;  // values of one trace record
 
 using AliasedWord [[gnu::may_alias]] = const std::uint32_t;
@@ -220,6 +221,9 @@ template <Point P, typename... V>
   } else {
     const std::uint32_t word = detail::first_word(sites[static_cast<std::size_t>(P)]);
     if (__builtin_expect(word & detail::kDecided, 0) != 0) {
+      if ((word & detail::kMayPrint) == 0) {
+        return;  // traced only when on, and not on
+      }
       const auto spilled = gathered;  // only here do the values need an address
       detail::pass(P, spilled.value);
     } else if constexpr (kFacts.traced) {
