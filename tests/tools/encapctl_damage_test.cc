@@ -1,0 +1,119 @@
+// Damaged windows: every reading verb ends, without a signal, and says so.
+#include <algorithm>
+#include <random>
+
+#include "encapctl_fixture.h"
+#include "shmwin_layout.h"
+
+namespace encapctl_test {
+namespace {
+
+const std::vector<std::vector<std::string>> kReadingVerbs = {
+    {"status", "--json"}, {"show", "nhs"},          {"show", "tunnels", "--json"},
+    {"summary"},          {"find", "label1=16001"}, {"check"},
+};
+
+class EncapctlDamageTest : public EncapctlTest {
+ protected:
+  void SetUp() override {
+    EncapctlTest::SetUp();
+    make_database();
+    sound_ = bytes();
+  }
+
+  // Runs the reading verbs on a window of these bytes.
+  void expect_survived(const std::vector<char> &damaged, const std::string &what) const {
+    put_bytes(damaged);
+    for (const std::vector<std::string> &verb : kReadingVerbs) {
+      const Outcome run = on_window(verb);
+      EXPECT_LE(run.status, 2) << what << ", " << verb[0] << ": " << run.err;
+      EXPECT_FALSE(run.out.empty() && run.err.empty()) << what << ", " << verb[0] << " says nothing";
+    }
+  }
+
+  // The sound window with one 64-bit word replaced.
+  std::vector<char> with_word(std::size_t offset, std::uint64_t word) const {
+    std::vector<char> damaged = sound_;
+    std::copy_n(reinterpret_cast<const char *>(&word), sizeof word,
+                damaged.begin() + static_cast<std::ptrdiff_t>(offset));
+    return damaged;
+  }
+
+  std::vector<char> sound_;
+};
+
+constexpr std::size_t kUser = offsetof(vrellis::WindowHeader, user_area);
+
+// Words of the window's header and of the database's, with what each is replaced by.
+TEST_F(EncapctlDamageTest, HeaderWords) {
+  const std::size_t offsets[] = {offsetof(vrellis::WindowHeader, magic),
+                                 offsetof(vrellis::WindowHeader, size),
+                                 offsetof(vrellis::WindowHeader, address),
+                                 offsetof(vrellis::WindowHeader, heap_pages),
+                                 offsetof(vrellis::WindowHeader, process),
+                                 kUser + offsetof(egress_encap_db_t, tun_root),
+                                 kUser + offsetof(egress_encap_db_t, tun_info_array),
+                                 kUser + offsetof(egress_encap_db_t, nh_info_array),
+                                 kUser + offsetof(egress_encap_db_t, nh_start),
+                                 kUser + offsetof(egress_encap_db_t, tun_start),
+                                 kUser + offsetof(egress_encap_db_t, lock)};
+  for (const std::size_t offset : offsets) {
+    for (const std::uint64_t word : {~std::uint64_t{0}, std::uint64_t{0x0000100000001003}}) {
+      expect_survived(with_word(offset, word), "word at " + std::to_string(offset));
+    }
+  }
+}
+
+TEST_F(EncapctlDamageTest, TruncatedAndForeignFiles) {
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{100}, std::size_t{4096}, std::size_t{20000}, sound_.size() - 1}) {
+    expect_survived({sound_.begin(), sound_.begin() + static_cast<std::ptrdiff_t>(size)},
+                    std::to_string(size) + " bytes");
+  }
+  expect_survived(std::vector<char>(sound_.size(), 'x'), "a foreign file");
+  EXPECT_EQ(on_window({"summary"}).status, 2);
+}
+
+TEST_F(EncapctlDamageTest, RandomBytes) {
+  const std::uint32_t seed = std::random_device{}();
+  std::mt19937 random(seed);
+  for (int round = 0; round < 8; ++round) {
+    std::vector<char> damaged = sound_;
+    // The bytes in use, which are few of the window's, are as likely to be hit as the others together.
+    for (int i = 0; i < 200; ++i) {
+      std::size_t at = random() % damaged.size();
+      for (int tries = 0; i % 2 == 0 && tries < 1000 && damaged[at] == 0; ++tries) {
+        at = random() % damaged.size();
+      }
+      damaged[std::max<std::size_t>(at, 64)] = static_cast<char>(random());
+    }
+    expect_survived(damaged, "seed " + std::to_string(seed));
+  }
+}
+
+TEST_F(EncapctlDamageTest, CheckNamesAFaultAndRepairMendsIt) {
+  EXPECT_EQ(on_window({"check"}).status, 0);
+  open_database();
+  egress_encap_db->tun_info_array[101 - kTunStart].ref_count = 9;
+  close_database();
+  const Outcome found = on_window({"check", "--json"});
+  EXPECT_EQ(found.status, 1);
+  ASSERT_EQ(found.objects().size(), 2u) << found.out;
+  EXPECT_EQ(found.objects()[0].at("name"), "tunnel-count");
+  EXPECT_EQ(found.objects()[0].at("tunnel"), 101);
+  EXPECT_EQ(found.objects()[1].at("sound"), false);
+  EXPECT_TRUE(has(on_window({"summary"}).err, "1 finding")) << "the other verbs go on, and tell";
+
+  const Outcome dry = on_window({"repair", "--dry-run", "--json"});
+  EXPECT_EQ(dry.status, 1);
+  EXPECT_EQ(dry.objects().back().at("changes"), 1);
+  EXPECT_EQ(on_window({"check"}).status, 1) << "a dry run changes nothing";
+  const Outcome mended = on_window({"repair"});
+  EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
+  EXPECT_TRUE(has(mended.out, "1 change; 1 finding before, 0 after"));
+  EXPECT_EQ(on_window({"check"}).status, 0);
+  EXPECT_EQ(on_window({"check", "--name", "none"}).status, 2);
+}
+
+}  // namespace
+}  // namespace encapctl_test

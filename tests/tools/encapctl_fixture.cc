@@ -1,0 +1,214 @@
+#include "encapctl_fixture.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "encap_db_owner.h"
+
+namespace encapctl_test {
+namespace {
+
+// Made at first use, removed when the test process ends.
+struct Directory {
+  std::string path;
+  pid_t owner = getpid();
+
+  Directory() {
+    char name[] = "/dev/shm/encapctl-test-XXXXXX";
+    path = mkdtemp(name);
+    setenv("LTRACE_DIR", (path + "/trace").c_str(), 1);
+    for (const char *inherited : {"LTRACE", "ED_DEBUG", "ENCAPCTL_DIR", "ENCAPCTL_NAME", "NO_COLOR"}) {
+      unsetenv(inherited);
+    }
+  }
+  ~Directory() {
+    if (getpid() == owner) {
+      std::filesystem::remove_all(path);
+    }
+  }
+};
+
+Directory &the_directory() {
+  static Directory directory;
+  return directory;
+}
+
+std::string content_of(const std::string &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+[[noreturn]] void execute(std::vector<std::string> &words, const std::string &out, const std::string &err) {
+  const int outputs[] = {open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                         open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+  dup2(outputs[0], STDOUT_FILENO);
+  dup2(outputs[1], STDERR_FILENO);
+  std::vector<char *> arguments;
+  for (std::string &word : words) {
+    arguments.push_back(word.data());
+  }
+  arguments.push_back(nullptr);
+  execv(ENCAPCTL_BINARY, arguments.data());
+  _exit(127);
+}
+
+}  // namespace
+
+std::vector<Json> Outcome::objects() const {
+  std::vector<Json> all;
+  std::istringstream lines(out);
+  for (std::string line; std::getline(lines, line);) {
+    all.push_back(Json::parse(line));
+    EXPECT_EQ(all.back().at("schema"), "encapctl/1");
+  }
+  return all;
+}
+
+Json Outcome::object() const {
+  const std::vector<Json> all = objects();
+  EXPECT_EQ(all.size(), 1u) << out << err;
+  return all.empty() ? Json::object() : all[0];
+}
+
+void Child::kill() {
+  if (alive_) {
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    alive_ = false;
+  }
+}
+
+Child fork_child(const std::function<void(const Ready &ready)> &body, int stderr_fd) {
+  int pipe_fds[2];
+  EXPECT_EQ(pipe(pipe_fds), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+    if (stderr_fd >= 0) {
+      dup2(stderr_fd, STDERR_FILENO);
+    }
+    const Ready ready = [&] { EXPECT_EQ(write(pipe_fds[1], "r", 1), 1); };
+    body(ready);
+    ready();
+    while (true) {
+      pause();
+    }
+  }
+  close(pipe_fds[1]);
+  char byte = 0;
+  EXPECT_EQ(read(pipe_fds[0], &byte, 1), 1);
+  close(pipe_fds[0]);
+  return Child(pid);
+}
+
+void EncapctlTest::SetUpTestSuite() {
+  the_directory();
+}
+
+const std::string &EncapctlTest::directory() {
+  return the_directory().path;
+}
+
+void EncapctlTest::SetUp() {
+  name_ = testing::UnitTest::GetInstance()->current_test_info()->name();
+}
+
+void EncapctlTest::TearDown() {
+  encap_db_close();
+  encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
+}
+
+void EncapctlTest::open_database() const {
+  encap_db_config_t config{};
+  config.directory = directory().c_str();
+  config.name = name_.c_str();
+  config.shm_id = 1;
+  config.nh_start = kNhStart, config.nh_size = kNhSize;
+  config.tun_start = kTunStart, config.tun_size = kTunSize;
+  shmwin_error_t error{};
+  ASSERT_EQ(encap_db_open(&config, nullptr, &error), 0) << error.text;
+}
+
+void EncapctlTest::close_database() const {
+  ASSERT_EQ(encap_db_close(), 0);
+}
+
+egress_encap_key_t EncapctlTest::key_of(std::uint32_t ifh, std::uint32_t label1, std::uint32_t label2,
+                                        std::uint32_t label3) {
+  egress_encap_key_t key{};
+  key.ifh = ifh;
+  key.out_label1 = label1 & 0x1fffff;
+  key.out_label2 = label2 & 0x1fffff;
+  key.out_label3 = label3 & 0x1fffff;
+  return key;
+}
+
+void EncapctlTest::enter(std::uint32_t nh, std::uint32_t tunnel, egress_encap_key_t key, std::uint32_t references) {
+  egress_encap_info_t info{};
+  ASSERT_EQ(vrl_find_egress_encap(&info, key), 0);
+  info.egr_nh = nh;
+  info.egr_tun = tunnel;
+  info.seed_nh = nh + 10000;
+  ASSERT_EQ(vrl_insert_egress_encap(&info, key), 0);
+  for (std::uint32_t i = 1; i < references; ++i) {
+    ASSERT_EQ(vrl_find_and_share_egress_nh(nh), 0);
+  }
+}
+
+void EncapctlTest::make_database() const {
+  const Child maker = fork_child([&](const Ready &) {
+    open_database();
+    enter(1001, 101, key_of(0x10, 16001, 200, 0), 2);
+    enter(1002, 101, key_of(0x10, 16002, 200, 0), 5);
+    enter(1003, 102, key_of(0x11, 16001, 200, 300), 1);
+    enter(1004, 0, key_of(0x12, 16004, 0, 0), 7);
+    close_database();
+  });
+}
+
+Outcome EncapctlTest::encapctl(std::vector<std::string> words, unsigned seconds) {
+  words.insert(words.begin(), "encapctl");
+  const std::string out = directory() + "/stdout";
+  const std::string err = directory() + "/stderr";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    execute(words, out, err);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    usleep(1000);
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGTERM);
+    }
+  }
+  return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status), content_of(out), content_of(err)};
+}
+
+Outcome EncapctlTest::on_window(std::vector<std::string> words) const {
+  words.insert(words.end(), {"--dir", directory(), "--name", name_});
+  return encapctl(words);
+}
+
+std::vector<char> EncapctlTest::bytes() const {
+  const std::string all = content_of(path());
+  return {all.begin(), all.end()};
+}
+
+void EncapctlTest::put_bytes(const std::vector<char> &bytes) const {
+  std::ofstream file(path(), std::ios::binary | std::ios::trunc);
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+}  // namespace encapctl_test

@@ -1,0 +1,95 @@
+// Windows to look at, and the built command run as a process against them.
+#ifndef ENCAPCTL_FIXTURE_H
+#define ENCAPCTL_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mpls_egress_encap_db.h"
+
+namespace encapctl_test {
+
+using Json = nlohmann::json;
+
+// What one run of the command gave.
+struct Outcome {
+  int status = -1;  // exit status; 128 + signal when one killed it
+  std::string out;
+  std::string err;
+
+  std::vector<Json> objects() const;  // of each line
+  Json object() const;                // of the only line
+};
+
+inline testing::AssertionResult has(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos ? testing::AssertionSuccess()
+                                              : testing::AssertionFailure() << "no '" << part << "' in:\n"
+                                                                            << text;
+}
+
+// A process of the test's own, killed at the end of its life.
+class Child {
+ public:
+  explicit Child(pid_t pid) : pid_(pid) {}
+  ~Child() { kill(); }
+  Child(const Child &) = delete;
+  Child &operator=(const Child &) = delete;
+  Child(Child &&other) noexcept : pid_(other.pid_), alive_(std::exchange(other.alive_, false)) {}
+
+  std::string pid() const { return std::to_string(pid_); }
+  void kill();
+
+ private:
+  pid_t pid_;
+  bool alive_ = true;
+};
+
+// Forks a process that runs `body`, and returns when it has; it sleeps then until it is killed. `body` may call `ready`
+// sooner and go on. Its stderr goes to `stderr_fd`, when that is given.
+using Ready = std::function<void()>;
+Child fork_child(const std::function<void(const Ready &ready)> &body, int stderr_fd = -1);
+
+inline constexpr std::uint32_t kNhStart = 1000, kNhSize = 64, kTunStart = 100, kTunSize = 32;
+
+// One directory a test process, which its trace file is in too; one window a test.
+class EncapctlTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  void SetUp() override;
+  void TearDown() override;
+
+  // Opens the test's database in this process, or attaches it.
+  void open_database() const;
+  void close_database() const;
+
+  // Enters an encapsulation with so many references. `tunnel` 0: on the null tunnel.
+  static void enter(std::uint32_t nh, std::uint32_t tunnel, egress_encap_key_t key, std::uint32_t references);
+  static egress_encap_key_t key_of(std::uint32_t ifh, std::uint32_t label1, std::uint32_t label2, std::uint32_t label3);
+
+  // NH 1001 on tunnel 101 (2 references), 1002 on 101 (5), 1003 on 102 (1), 1004 on the null tunnel (7);
+  // by a process that is gone.
+  void make_database() const;
+
+  // Runs the command with these words, and terminates it after so many seconds; on_window() appends --dir and --name.
+  static Outcome encapctl(std::vector<std::string> words, unsigned seconds = 60);
+  Outcome on_window(std::vector<std::string> words) const;
+
+  std::string path() const { return directory() + "/" + name_; }
+  static const std::string &directory();
+
+  std::vector<char> bytes() const;  // of the window's file
+  void put_bytes(const std::vector<char> &bytes) const;
+
+  std::string name_;
+};
+
+}  // namespace encapctl_test
+
+#endif

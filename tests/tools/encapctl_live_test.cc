@@ -1,0 +1,136 @@
+// The verbs beside live and dead processes: who is attached, who holds the lock, what may be done then; and load.
+
+#include <fstream>
+
+#include "encapctl_fixture.h"
+
+namespace encapctl_test {
+namespace {
+
+TEST_F(EncapctlTest, StatusTellsWhoIsAttached) {
+  make_database();
+  const Json nobody = on_window({"status", "--json"}).object();
+  EXPECT_EQ(nobody.at("processes"), Json::array());
+  EXPECT_EQ(nobody.at("lock").at("state"), "free");
+  EXPECT_EQ(nobody.at("sound"), true);
+  EXPECT_EQ(nobody.at("database").at("nh_end"), kNhStart + kNhSize);
+  Child child = fork_child([&](const Ready &) { open_database(); });
+  const Json alive = on_window({"status", "--json"}).object();
+  ASSERT_EQ(alive.at("processes").size(), 1u);
+  EXPECT_EQ(std::to_string(alive.at("processes")[0].at("pid").get<int>()), child.pid());
+  EXPECT_EQ(alive.at("processes")[0].at("liveness"), "alive");
+  EXPECT_NE(alive.at("processes")[0].at("comm"), "");
+  child.kill();
+  EXPECT_EQ(on_window({"status", "--json"}).object().at("processes")[0].at("liveness"), "dead");
+  EXPECT_TRUE(has(on_window({"status"}).out, "dead"));
+}
+
+TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
+  make_database();
+  Child holder = fork_child([&](const Ready &) {
+    open_database();
+    vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
+  });
+  const Json held = on_window({"status", "--json"}).object().at("lock");
+  EXPECT_EQ(held.at("state"), "held");
+  EXPECT_EQ(std::to_string(held.at("pid").get<int>()), holder.pid());
+  EXPECT_EQ(held.at("depth"), 1);
+  Child waiter = fork_child([&](const Ready &ready) {
+    open_database();
+    ready();
+    vrl_find_and_share_egress_nh(1001);
+  });
+  Json waits;
+  for (int tries = 0; tries < 100 && waits.empty(); ++tries) {
+    waits = on_window({"status", "--json"}).object().at("waits");
+  }
+  ASSERT_EQ(waits.size(), 1u);
+  EXPECT_EQ(std::to_string(waits[0].at("pid").get<int>()), waiter.pid());
+  EXPECT_GT(waits[0].at("waited_ns"), 0);
+  EXPECT_TRUE(has(on_window({"status"}).out, "waits        " + waiter.pid()));
+  waiter.kill();
+  holder.kill();
+  EXPECT_EQ(on_window({"status", "--json"}).object().at("lock").at("state"), "held by the dead");
+  EXPECT_TRUE(
+      has(on_window({"status"}).out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
+}
+
+TEST_F(EncapctlTest, ReadingNeedsNoLockAndASnapshotWantsTheMomentAfterIt) {
+  make_database();
+  Child holder = fork_child([&](const Ready &) {
+    open_database();
+    vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
+  });
+  EXPECT_EQ(on_window({"show", "nhs", "--json"}).objects().size(), 4u);
+  const std::string file = path() + ".snap";
+  const Outcome refused = on_window({"snapshot", file, "--patience", "0.1"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_TRUE(has(refused.err, "was locked"));
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(on_window({"snapshot", file, "--patience", "0", "--unsettled", "--json"}).object().at("consistent"), false);
+  unlink(file.c_str());
+}
+
+TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
+  make_database();
+  EXPECT_EQ(on_window({"destroy", "--name", "none"}).status, 2);
+  {
+    Child child = fork_child([&](const Ready &) { open_database(); });
+    const Outcome refused = on_window({"destroy"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_TRUE(has(refused.err, "process " + child.pid()));
+  }
+  EXPECT_EQ(on_window({"destroy", "--json"}).object().at("forced"), false);
+  EXPECT_EQ(on_window({"status"}).status, 2) << "it is gone";
+
+  make_database();
+  Child child = fork_child([&](const Ready &) { open_database(); });
+  EXPECT_EQ(on_window({"destroy", "--force"}).status, 0);
+  EXPECT_NE(access(path().c_str(), F_OK), 0);
+}
+
+TEST_F(EncapctlTest, LoadEntersTheRoutesOfAListing) {
+  const Json first = on_window({"load", ENCAPCTL_ROUTES, "--json"}).object();
+  EXPECT_EQ(first.at("created"), true);
+  EXPECT_EQ(first.at("refused"), 0);
+  EXPECT_GT(first.at("shared"), 0);
+  const int hops = first.at("next_hops");
+  EXPECT_EQ(first.at("new_nhs").get<int>() + first.at("shared").get<int>(), hops);
+  Json summary = on_window({"summary", "--json"}).object();
+  EXPECT_EQ(summary.at("nhs").at("used"), first.at("new_nhs"));
+  EXPECT_EQ(summary.at("nhs").at("references"), hops);
+
+  const Json second = on_window({"load", ENCAPCTL_ROUTES, "--json"}).object();
+  EXPECT_EQ(second.at("created"), false);
+  EXPECT_EQ(second.at("new_nhs"), 0);
+  EXPECT_EQ(second.at("shared"), hops);
+  summary = on_window({"summary", "--json"}).object();
+  EXPECT_EQ(summary.at("nhs").at("references"), 2 * hops);
+  EXPECT_EQ(on_window({"check"}).status, 0);
+}
+
+TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
+  const std::string listing = path() + ".routes";
+  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 via 192.0.2.1 dev eth1\n"
+                            "10.0.1.0/24 encap mpls 200/16002 via 192.0.2.1 dev eth1\n"
+                            "10.0.2.0/24 encap mpls 9999999 via 192.0.2.1 dev eth1\n"
+                            "10.0.3.0/24 encap mpls 201/16003 via 192.0.2.1 dev eth1\n"
+                            "10.0.4.0/24 encap mpls 202/16004 via 192.0.2.1 dev eth1\n"
+                            "10.0.5.0/24 encap mpls 16005 via 192.0.2.1 dev eth1\n"
+                            "10.0.6.0/24 encap mpls 16006 via 192.0.2.1 dev eth1\n";
+  const Outcome run = on_window({"load", listing, "--json", "--nh-size", "4", "--tun-start", "0", "--tun-size", "3"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_TRUE(has(run.err, "line 3"));
+  EXPECT_EQ(run.object().at("refused_lines"), 1);
+  EXPECT_EQ(run.object().at("new_nhs"), 4);
+  EXPECT_EQ(run.object().at("refused"), 2) << "one finds no tunnel index, one no NH index";
+  EXPECT_EQ(on_window({"check"}).status, 0);
+  const Outcome ranges = on_window({"load", listing, "--nh-size", "5"});
+  EXPECT_EQ(ranges.status, 2);
+  EXPECT_TRUE(has(ranges.err, "NH indexes from"));
+  EXPECT_EQ(on_window({"load", listing + ".none"}).status, 2);
+  unlink(listing.c_str());
+}
+
+}  // namespace
+}  // namespace encapctl_test

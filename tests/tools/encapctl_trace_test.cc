@@ -1,0 +1,198 @@
+// trace: which records are told of, and the slices of the Perfetto file.
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "diag/catalogue.h"
+#include "encapctl_fixture.h"
+#include "ltrace.h"
+
+namespace encapctl_test {
+namespace {
+
+// Writes a record of a point as the library would, with the values 5001, 5002 and so on.
+void write_record(const ed_catalogue_row_t &row) {
+  constexpr std::uint64_t kFixedBits = 0x780000000;
+  for (std::uint32_t from = 0; from == 0 || from < row.num_values; from += 7) {
+    std::uint64_t v[7];
+    for (std::uint32_t i = 0; i < 7; ++i) {
+      v[i] = 5001 + from + i;
+    }
+    const std::uint64_t header = kFixedBits | (from / 7) << 28 | row.id;
+    switch (row.num_values - from) {
+      case 0:
+      case 1:
+        _ltrace_1(0, header, v[0]);
+        break;
+      case 2:
+        _ltrace_2(0, header, v[0], v[1]);
+        break;
+      case 3:
+        _ltrace_3(0, header, v[0], v[1], v[2]);
+        break;
+      case 4:
+        _ltrace_4(0, header, v[0], v[1], v[2], v[3]);
+        break;
+      case 5:
+        _ltrace_5(0, header, v[0], v[1], v[2], v[3], v[4]);
+        break;
+      case 6:
+        _ltrace_6(0, header, v[0], v[1], v[2], v[3], v[4], v[5]);
+        break;
+      default:
+        _ltrace_7(0, header, v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
+    }
+  }
+}
+
+// Which value of each point is an NH index, counted from 1, read off the messages by hand.
+const std::map<int, int> kNhValues = {
+    {18, 1}, {19, 1}, {22, 2}, {24, 1}, {25, 1}, {26, 1}, {27, 1},  {28, 1},  {32, 1},  {33, 1},  {34, 1},
+    {38, 1}, {40, 4}, {43, 1}, {45, 4}, {46, 1}, {49, 2}, {50, 11}, {52, 1},  {58, 1},  {64, 1},  {69, 1},
+    {70, 1}, {71, 1}, {72, 1}, {74, 1}, {76, 1}, {78, 1}, {79, 1},  {82, 2},  {83, 2},  {84, 1},  {85, 1},
+    {87, 1}, {88, 1}, {89, 9}, {90, 9}, {91, 6}, {97, 1}, {99, 1},  {100, 9}, {101, 9}, {102, 9}, {103, 6}};
+const std::map<int, int> kTunnelValues = {{20, 1},   {21, 1},  {22, 1},  {23, 1}, {25, 2}, {29, 1},   {30, 1},
+                                          {31, 1},   {37, 1},  {40, 5},  {42, 1}, {45, 5}, {50, 12},  {51, 1},
+                                          {89, 10},  {90, 10}, {91, 7},  {92, 1}, {93, 1}, {100, 10}, {101, 10},
+                                          {102, 10}, {103, 7}, {104, 1}, {105, 1}};
+
+TEST_F(EncapctlTest, EveryPointTellsWhichNhAndTunnelItIsAbout) {
+  const Child writer = fork_child([](const Ready &) {
+    for (std::uint32_t id = 0; id < encap_catalogue.num_rows; ++id) {
+      write_record(encap_catalogue.row[id]);
+    }
+  });
+  const auto expected = [](const std::map<int, int> &values, int id) {
+    const auto value = values.find(id);
+    return value == values.end() ? Json(nullptr) : Json(5000 + value->second);
+  };
+  const std::vector<Json> records = encapctl({"trace", writer.pid(), "--json"}).objects();
+  ASSERT_EQ(records.size(), encap_catalogue.num_rows);
+  for (const Json &record : records) {
+    EXPECT_EQ(record.at("nh"), expected(kNhValues, record.at("id"))) << record.dump();
+    EXPECT_EQ(record.at("tunnel"), expected(kTunnelValues, record.at("id"))) << record.dump();
+  }
+}
+
+// The whole life of NH 1007, and a lookup that finds nothing with its index left over in the record.
+void live_and_die() {
+  egress_encap_key_t key{};
+  key.out_label1 = 16007;
+  key.out_label2 = 207;
+  key.ifh = 0x77;
+  egress_encap_info_t info{};
+  info.egr_nh = 1007;
+  vrl_find_and_share_egress_encap(&info, key);
+  info.egr_nh = 1007;
+  info.egr_tun = 107;
+  vrl_insert_egress_encap(&info, key);
+  vrl_find_egress_encap(&info, key);
+  vrl_find_and_share_egress_nh(1007);
+  vrl_update_egr_nh_data_in_encap_db(1007, {});
+  egress_encap_aux_data_t aux{};
+  vrl_get_encap_key_and_aux_data_from_nh(1007, &aux, &key);
+  std::uint32_t a = 0, b = 0, c = 0;
+  vrl_delete_and_free_egress_encap_with_nh_key(1007, &a, &b, &c);
+  vrl_delete_and_free_egress_encap_with_nh_key(1007, &a, &b, &c);
+  info = {};
+  info.egr_nh = 1008;
+  info.egr_tun = 108;
+  vrl_egress_encap_nh_insert_attach(&info, 3, key);
+  vrl_egress_encap_nh_detach(1008, &a, &b, &c);
+}
+
+class EncapctlTraceTest : public EncapctlTest {
+ protected:
+  void SetUp() override {
+    EncapctlTest::SetUp();
+    worker_.emplace(fork_child([&](const Ready &) {
+      open_database();
+      live_and_die();
+    }));
+  }
+
+  Outcome trace(std::vector<std::string> words) {
+    words.insert(words.begin(), {"trace", worker_->pid()});
+    return encapctl(words);
+  }
+
+  std::optional<Child> worker_;
+};
+
+TEST_F(EncapctlTraceTest, IndexTellsTheLifeOfOneNh) {
+  worker_->kill();  // its trace outlives it
+  std::vector<int> ids;
+  const std::string pid = worker_->pid();
+  for (const Json &record : encapctl({"trace", "--index", "1007", "--json"}).objects()) {
+    EXPECT_EQ(record.at("nh"), 1007);
+    ids.push_back(record.at("id"));
+  }
+  EXPECT_EQ(ids, (std::vector<int>{50, 22, 18, 43, 45, 18, 49, 70, 25, 25, 28, 100, 101, 25, 28, 100}));
+}
+
+TEST_F(EncapctlTraceTest, FiltersByPointTimeAndProcess) {
+  EXPECT_EQ(trace({"--point", "50", "--json"}).objects().size(), 2u);
+  EXPECT_EQ(trace({"--point", "vrl_egress_encap_nh_*", "--json"}).objects().size(), 3u);
+  EXPECT_EQ(trace({"--point", "vrl_nothing"}).status, 1);
+  EXPECT_EQ(trace({"--since", "1h", "--json"}).objects().size(), trace({"--json"}).objects().size());
+  EXPECT_EQ(trace({"--since", "5"}).status, 2) << "5 what";
+  EXPECT_EQ(encapctl({"trace", "1"}).status, 2);
+  const Outcome last = trace({"--limit", "1"});
+  EXPECT_TRUE(has(last.out, "vrl_egress_encap_nh_detach: Tunnel 108") || has(last.out, "vrl_delete_mpls_tunnel_entry"));
+  EXPECT_TRUE(has(last.out, " " + worker_->pid() + "/" + worker_->pid() + " "));
+}
+
+// A process that counts NH 1001 up, without end.
+TEST_F(EncapctlTest, FollowTellsOfEachRecordOnce) {
+  make_database();
+  const Child writer = fork_child([&](const Ready &ready) {
+    open_database();
+    ready();
+    while (true) {
+      vrl_find_and_share_egress_nh(1001);
+      usleep(500);
+    }
+  });
+  const Outcome outcome = encapctl({"trace", writer.pid(), "--follow", "--point", "18", "--json"}, 1);
+  EXPECT_EQ(outcome.status, 0) << "it goes on until it is ended, and ends with a whole line";
+  const std::vector<Json> records = outcome.objects();
+  ASSERT_GT(records.size(), 100u);
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    ASSERT_EQ(records[i].at("values"), Json({1001, 3 + i})) << "each count once, in order";
+  }
+}
+
+// Each operation is one slice; the attach has its two steps within it; no two overlap otherwise.
+TEST_F(EncapctlTraceTest, PerfettoSlicesAreTheOperationsAndNest) {
+  const std::string file = path() + ".json";
+  ASSERT_EQ(trace({"--perfetto", file}).status, 0);
+  std::ifstream in(file);
+  const Json all = Json::parse(in);
+  std::vector<std::string> names;
+  std::vector<std::pair<double, double>> open;  // slices around the current one
+  for (const Json &event : all.at("traceEvents")) {
+    if (event.at("ph") != "X") {
+      continue;
+    }
+    names.push_back(event.at("name"));
+    const double begin = event.at("ts");
+    const double end = begin + event.at("dur").get<double>();
+    while (!open.empty() && open.back().second <= begin && open.back().first < begin) {
+      open.pop_back();
+    }
+    EXPECT_TRUE(open.empty() || end <= open.back().second + 0.002) << event.dump();
+    open.emplace_back(begin, end);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{
+                       "mpls_egress_encap_db_init", "vrl_find_and_share_egress_encap", "vrl_insert_egress_encap",
+                       "vrl_find_egress_encap", "vrl_find_and_share_egress_nh", "vrl_update_egr_nh_data_in_encap_db",
+                       "vrl_get_encap_key_and_aux_data_from_nh", "vrl_delete_and_free_egress_encap_with_nh_key",
+                       "vrl_delete_and_free_egress_encap_with_nh_key", "vrl_egress_encap_nh_insert_attach",
+                       "vrl_insert_egress_encap", "vrl_find_and_set_egress_nh_ref", "vrl_egress_encap_nh_detach"}));
+  unlink(file.c_str());
+}
+
+}  // namespace
+}  // namespace encapctl_test
