@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Builds the Debian packages and uses what they hold; as root, and where none of them is installed, installs and removes
+# them too.
+#   packages.sh BUILD SOURCE CPACK WORK; compilers and pkg-config come from the environment
+set -euo pipefail
+build=$1 source=$2 cpack=$3 work=$4
+here=$(dirname "$(readlink -f "$0")")
+names="libmpls-egress-encap-db1 libmpls-egress-encap-db-dev mpls-egress-encap-db-tools"
+
+rm -rf "$work"
+mkdir -p "$work/run"
+"$cpack" --config "$build/CPackConfig.cmake" -B "$work" >"$work/cpack.log" || { cat "$work/cpack.log"; exit 1; }
+
+package() {
+  find "$work" -maxdepth 1 -name "$1_*.deb"
+}
+
+check_control() {
+  local library=$1 tools=$2
+  dpkg-deb -f "$library" Depends | grep -q 'libc6 (>=' || { echo "no dependencies were found"; exit 1; }
+  dpkg-deb -f "$tools" Depends | grep -qF 'libmpls-egress-encap-db1 (=' || { echo "the tools need no library"; exit 1; }
+  dpkg-deb --ctrl-tarfile "$library" | tar -xO ./shlibs | grep -q '^libmpls_egress_encap_db 1 libmpls-egress-encap-db1' ||
+    { echo "the library does not tell what depends on it what to need"; exit 1; }
+}
+
+use_packages() {
+  if [ -x "$prefix/bin/encapctl" ]; then
+    "$prefix/bin/encapctl" --version
+    "$prefix/bin/encapctl" --help >"$work/run/help"
+    grep -q status "$work/run/help"
+  fi
+  "$prefix/bin/encap_demo" "$prefix/share/doc/mpls-egress-encap-db/examples/routes.txt" | tail -1
+  build_and_run_c "$prefix/share/doc/mpls-egress-encap-db/examples/daemon.c"
+}
+
+# In a subshell, so that the packages are removed whatever happens in between.
+install_use_remove() (
+  trap 'dpkg -P $names >>"$work/dpkg.log" 2>&1' EXIT
+  # shellcheck disable=SC2086
+  dpkg -i $(for name in $names; do package "$name"; done) >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; exit 1; }
+  prefix=/usr
+  libdir=$(dirname "$(dpkg -L libmpls-egress-encap-db1 | grep 'libmpls_egress_encap_db.so.1$')")
+  PKG_CONFIG_PATH=
+  use_packages
+  [ "$(ldconfig -p | grep -c -e libmpls_egress_encap_db.so.1 -e libvrellis_services.so.1)" -ge 2 ] ||
+    fail "the loader was not told of the libraries"
+)
+
+for name in $names; do
+  [ -n "$(package "$name")" ] || { echo "no package $name"; exit 1; }
+  dpkg-deb -x "$(package "$name")" "$work/root"
+done
+check_control "$(package libmpls-egress-encap-db1)" "$(package mpls-egress-encap-db-tools)"
+prefix=$work/root/usr
+. "$here/use_tree.sh"
+check_no_build_path "$build" "$source"
+use_packages
+
+# shellcheck disable=SC2086
+if [ "$(id -u)" = 0 ] && ! dpkg-query -W -f='${Status}\n' $names 2>/dev/null | grep -q installed; then
+  install_use_remove
+  ! dpkg-query -W -f='${Status}\n' $names 2>/dev/null | grep 'ok installed' || fail "packages stayed behind"
+fi
+rm -rf "$work"
