@@ -1,0 +1,71 @@
+#include "contestant_db.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "ed.h"
+#include "encap_db_owner.h"
+#include "lock.h"
+
+namespace encap_bench {
+namespace {
+
+constexpr char kWindow[] = "encap_db";
+constexpr std::uint32_t kWindowId = 1;
+
+void query(const char *text) {
+  ed_query_error_t error;
+  if (ed_query(text, &error) != 0) {
+    std::fprintf(stderr, "%s\n", error.text);
+    std::exit(1);
+  }
+}
+
+}  // namespace
+
+EncapDb::EncapDb(const Place &place, const Workload &workload, Role role, std::uint64_t address)
+    : directory_(place.directory), role_(role) {
+  encap_db_config_t config{};
+  config.directory = directory_.c_str();
+  config.name = kWindow;
+  config.shm_id = kWindowId;
+  config.nh_start = kFirstIndex;
+  config.nh_size = workload.nh_room();
+  config.tun_start = kFirstIndex;
+  config.tun_size = workload.tunnel_room;
+  config.address = address;
+  shmwin_error_t error{};
+  if (encap_db_open(&config, nullptr, &error) != 0) {
+    std::fprintf(stderr, "%s\n", error.text);
+    std::exit(1);
+  }
+}
+
+EncapDb::~EncapDb() {
+  encap_db_close();
+  if (role_ == Role::creator) {
+    encap_db_destroy(directory_.c_str(), kWindow, 1, nullptr);
+  }
+}
+
+shmwin_stat_t EncapDb::usage() const {
+  const Guard guard(&egress_encap_db->lock.mutex);
+  shmwin_stat_t stat{};
+  shmwin_stat(kWindowId, &stat);
+  return stat;
+}
+
+std::uint64_t EncapDb::bytes() const {
+  const shmwin_stat_t stat = usage();
+  return stat.size - stat.free_pages * 4096;
+}
+
+void switch_points_off() {
+  query("component libmpls_egress_encap_db -pst");
+}
+
+void switch_points_back() {
+  query("component libmpls_egress_encap_db =_");
+}
+
+}  // namespace encap_bench
