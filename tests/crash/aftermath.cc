@@ -1,0 +1,146 @@
+#include "aftermath.h"
+
+namespace crash {
+namespace {
+
+using encap_inspect::Finding;
+using encap_inspect::FindingKind;
+using encap_inspect::Report;
+using encap_inspect::Severity;
+
+std::string told(const Report &report) {
+  std::string text;
+  for (const Finding &finding : report.findings) {
+    text += std::string("  ") + encap_inspect::name_of(finding.kind) + ": " + finding.text + '\n';
+  }
+  return report.looked ? text : text + "  the database could not be looked at\n";
+}
+
+// Before the repair: only named states, of the interrupted operation alone, and few blocks out of reach.
+std::string faults_before(const Report &report, const Expectation &expected, unsigned deaths, Kinds &kinds) {
+  std::uint64_t unreachable = 0;
+  for (const Finding &finding : report.findings) {
+    const Severity severity = encap_inspect::severity_of(finding.kind);
+    ++kinds[static_cast<std::size_t>(finding.kind)];
+    unreachable += finding.kind == FindingKind::kBlockUnreachable ? 1 : 0;
+    const bool others =
+        (finding.nh_index != encap_inspect::kNoIndex && finding.nh_index != 0 &&
+         !expected.touches_nh(finding.nh_index)) ||
+        (finding.tunnel != encap_inspect::kNoIndex && finding.tunnel != 0 && !expected.touches_tunnel(finding.tunnel));
+    if (severity == Severity::kDamage || (severity == Severity::kPartial && others)) {
+      return "no state of this death: " + std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text +
+             '\n';
+    }
+  }
+  return unreachable <= 2 * deaths ? "" : std::to_string(unreachable) + " blocks are out of reach\n";
+}
+
+// Under the lock: what was complete is found as ever, before any repair.
+std::string find_others(const Expectation &expected) {
+  for (const auto &[key, nh] : expected.untouched()) {
+    egress_encap_info_t info{};
+    if (vrl_find_egress_encap(&info, key) != 0 || info.nh_found == 0 || info.egr_nh != nh) {
+      return "NH " + std::to_string(nh) + " is not found any more\n";
+    }
+  }
+  egress_encap_info_t info{};
+  vrl_find_egress_encap(&info, key_of(1, 1, 1));  // also an empty database lets its services recover
+  return "";
+}
+
+// Goes on: the interrupted operation's own NH again, a new tunnel, the null tunnel; all of it withdrawn at last.
+std::string go_on(const Expectation &expected) {
+  encap_test::Model model = model_of(*egress_encap_db);
+  std::string wrong;
+  const auto both = [&](const Operation &operation) {
+    const Answer is = on_database(operation);
+    const Answer should = on_model(model, operation);
+    if (!(is == should)) {
+      wrong += text_of(operation) + "\n  answers   " + text_of(is) + "\n  should be " + text_of(should) + '\n';
+    }
+  };
+  std::vector<std::uint32_t> entered;
+  const auto enter = [&](const egress_encap_key_t &key, std::uint32_t nh, std::uint32_t tunnel) {
+    both(entering(model, key, nh, tunnel));
+    entered.push_back(nh);
+  };
+  for (const Operation &operation : expected.interrupted()) {
+    if (model.nh(operation.nh).valid != 0) {
+      both(on_nh(Verb::kRead, operation.nh));
+      both(on_nh(Verb::kShare, operation.nh));
+      both(on_nh(Verb::kDetach, operation.nh));
+    } else if (operation.verb == Verb::kInsert || operation.verb == Verb::kAttach) {
+      enter(operation.key, operation.nh, operation.info.egr_tun);
+    }
+  }
+  enter(key_of(900, 901, 9), kNhStart + kNhSize - 1, kTunStart + kTunSize - 1);
+  enter(key_of(901, 901, 9), kNhStart + kNhSize - 2, kTunStart + kTunSize - 1);
+  enter(key_of(900, 0, 99), kNhStart + kNhSize - 3, 0);
+  wrong += encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  for (const std::uint32_t nh : entered) {
+    both(on_nh(Verb::kRelease, nh));
+  }
+  return wrong + encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+}
+
+// As many nodes are in use as the trees hold.
+std::string leaks() {
+  std::size_t nhs = 0;
+  const std::vector<void *> tunnels = encap_test::walk_avl(egress_encap_db->tun_root);
+  for (const void *tunnel : tunnels) {
+    nhs += encap_test::walk_avl(static_cast<const mpls_tunnel_entry_t *>(tunnel)->nh_root).size();
+  }
+  shmwin_stat_t stat{};
+  shmwin_stat(kWindowId, &stat);
+  if (stat.nodes40 != nhs || stat.nodes56 != tunnels.size() || stat.arrays != 2 || stat.bad_releases != 0) {
+    return std::to_string(stat.nodes40) + " NH nodes for " + std::to_string(nhs) + ", " + std::to_string(stat.nodes56) +
+           " tunnel nodes for " + std::to_string(tunnels.size()) + ", " + std::to_string(stat.arrays) + " arrays, " +
+           std::to_string(stat.bad_releases) + " bad releases\n";
+  }
+  return "";
+}
+
+std::string recover(const Expectation &expected) {
+  pthread_mutex_t *mutex = &egress_encap_db->lock.mutex;
+  const int locked = vrl_egress_encap_db_lock(mutex);
+  if (locked != 0) {
+    return "the lock answers " + std::to_string(locked) + '\n';
+  }
+  const std::string wrong = find_others(expected);
+  return pthread_mutex_unlock(mutex) == 0 ? wrong : wrong + "the unlock fails\n";
+}
+
+}  // namespace
+
+std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds,
+                      ChangeLog *log) {
+  const auto view = [&window] { return encap_inspect::View::over(window.bytes(), window.size()); };
+  const Report found = encap_inspect::check(view());
+  std::string wrong = faults_before(found, expected, deaths, kinds);
+  if (!wrong.empty()) {
+    return wrong;
+  }
+  if (log != nullptr) {
+    watch_writes(window.bytes(), window.size(), log);
+  }
+  wrong = recover(expected);
+  const encap_inspect::RepairResult repaired = encap_inspect::repair(kWindowId);
+  if (log != nullptr) {
+    unwatch_writes();
+  }
+  if (!wrong.empty() || repaired.status != 0) {
+    return wrong + "repair: status " + std::to_string(repaired.status) + ": " + repaired.error + '\n';
+  }
+  if (!repaired.after.sound()) {
+    return "before the repair\n" + told(repaired.before) + "after it\n" + told(repaired.after);
+  }
+  wrong = expected.difference(*egress_encap_db) + leaks();
+  if (!wrong.empty()) {
+    return "found\n" + told(found) + "repaired\n" + told(repaired.before) + wrong;
+  }
+  wrong = go_on(expected) + leaks();
+  const Report last = encap_inspect::check(view());
+  return last.sound() ? wrong : wrong + "at last\n" + told(last);
+}
+
+}  // namespace crash

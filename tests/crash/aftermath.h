@@ -1,0 +1,57 @@
+// What the process that comes after a death does, and what must hold when it has done it.
+#ifndef ENCAP_TESTS_CRASH_AFTERMATH_H
+#define ENCAP_TESTS_CRASH_AFTERMATH_H
+
+#include <array>
+#include <set>
+
+#include "check.h"
+#include "repair.h"
+#include "scenarios.h"
+#include "window.h"
+#include "write_watch.h"
+
+namespace crash {
+
+// How often each kind of finding was met before repair; lies in shared memory.
+using Kinds = std::array<std::uint64_t, encap_inspect::kFindingKinds>;
+
+// What the interrupted operation may have changed, from the models before and after it.
+class Expectation {
+ public:
+  Expectation(const Scenario &scenario, encap_test::Model before);
+
+  bool touches_nh(std::uint32_t nh) const { return nhs_.contains(nh); }
+  bool touches_tunnel(std::uint32_t tunnel) const { return tunnels_.contains(tunnel); }
+  const std::set<std::uint32_t> &touched_nhs() const { return nhs_; }
+
+  // Each NH that the operation leaves alone, by its full key.
+  const std::vector<std::pair<egress_encap_key_t, std::uint32_t>> &untouched() const { return untouched_; }
+
+  // Compares what is there after a repair; returns "" or what is wrong.
+  std::string difference(const egress_encap_db_t &header) const;
+
+  const encap_test::Model &before() const { return before_; }
+  const encap_test::Model &after() const { return after_; }
+  const std::vector<Operation> &interrupted() const { return interrupted_; }
+
+ private:
+  std::string tunnel_difference(const egress_encap_db_t &header) const;
+
+  encap_test::Model before_, after_;
+  std::vector<Operation> interrupted_;
+  std::set<std::uint32_t> nhs_, tunnels_;
+  std::vector<std::pair<egress_encap_key_t, std::uint32_t>> untouched_;
+};
+
+/*
+ * The next process on the window as it lies there: takes the lock, lets the services recover, finds what was in the
+ * database; checks, repairs, checks again; goes on with operations beside a model.
+ * `deaths`: how many processes died on the way here. `log` (may be nullptr): receives each change up to the repair's.
+ * Returns: "" or what is wrong.
+ */
+std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds, ChangeLog *log);
+
+}  // namespace crash
+
+#endif

@@ -1,0 +1,162 @@
+// What comes from outside: each gets a status and one clear sentence, and loses nothing of the database that is there.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "operations.h"
+#include "window.h"
+
+namespace crash {
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+class BadInputTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(chmod(directory_.path().c_str(), 0755), 0);
+    ASSERT_EQ(open(), 0) << error_.text;
+    ASSERT_EQ(on_database(entering(model_, key_of(16, 200, 1), kNhStart, kTunStart)).status, 0);
+    encap_db_close();
+  }
+  void TearDown() override { encap_db_close(); }
+
+  int open() { return encap_db_open(&config_, nullptr, &error_); }
+
+  static int in_child(const std::function<int()> &body) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      _exit(body());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+  bool refused(int expected, std::initializer_list<const char *> parts) {
+    const int status = open();
+    bool good = status == expected && std::strchr(error_.text, '\n') == nullptr;
+    for (const char *part : parts) {
+      good = good && std::strstr(error_.text, part) != nullptr;
+    }
+    if (!good) {
+      std::fprintf(stderr, "status %d: %s\n", status, error_.text);
+    }
+    return good;
+  }
+
+  void expect_nothing_lost() {
+    ASSERT_EQ(open(), 0) << error_.text;
+    EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(kNhStart), 1);
+  }
+
+  std::string path() const { return directory_.path() + "/window"; }
+
+  Directory directory_;
+  encap_db_config_t config_ = config_in(directory_);
+  encap_test::Model model_{kNhStart, kNhSize, kTunStart, kTunSize};
+  shmwin_error_t error_{};
+};
+
+// Each attaches, enters an NH of its own and finds everybody's first one.
+TEST_F(BadInputTest, ManyAttachAtOnceAndAllWork) {
+  constexpr std::uint32_t kProcesses = 32;
+  int start[2];
+  ASSERT_EQ(pipe(start), 0);
+  std::vector<pid_t> children;
+  for (std::uint32_t i = 1; i <= kProcesses; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      close(start[1]);
+      char byte;
+      [[maybe_unused]] const ssize_t at_end = read(start[0], &byte, 1);
+      const bool worked =
+          open() == 0 &&
+          on_database(entering(model_, key_of(16, 200 + i, 1), kNhStart + i, kTunStart + i)).status == 0 &&
+          on_database(on_nh(Verb::kShare, kNhStart)).status == 0;
+      _exit(worked ? 0 : 1);
+    }
+    children.push_back(child);
+  }
+  close(start[0]);
+  close(start[1]);
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(egress_encap_db->nh_info_array[0].ref_count, 1 + kProcesses);
+  EXPECT_EQ(encap_test::inconsistency(*egress_encap_db, encap_test::walk_avl), "");
+  EXPECT_EQ(encap_test::walk_avl(egress_encap_db->tun_root).size(), 1 + kProcesses);
+}
+
+TEST_F(BadInputTest, AnotherUsersWindowNamesBothUsers) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "becoming another user takes root";
+  }
+  EXPECT_EQ(in_child([this] {
+              const bool other = setresgid(kNobody, kNobody, kNobody) == 0 && setresuid(kNobody, kNobody, kNobody) == 0;
+              return other && refused(EACCES, {"'window'", "user 0", "0600", "user 65534"}) ? 0 : 1;
+            }),
+            0);
+  expect_nothing_lost();
+}
+
+TEST_F(BadInputTest, AFileSystemWithoutRoomIsRefusedAndNothingStays) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "mounting a small file system takes root";
+  }
+  const int ended = in_child([this] {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", directory_.path().c_str(), "tmpfs", 0, "size=48k") != 0) {
+      return 77;
+    }
+    return refused(ENOSPC, {"65536"}) && access(path().c_str(), F_OK) != 0 ? 0 : 1;
+  });
+  if (ended == 77) {
+    GTEST_SKIP() << "no mounting here";
+  }
+  EXPECT_EQ(ended, 0);
+  expect_nothing_lost();
+}
+
+TEST_F(BadInputTest, ATruncatedWindowIsRefusedAndLeftAsItIs) {
+  for (const std::uint64_t size : {std::uint64_t{1}, std::uint64_t{100}, std::uint64_t{20000}, kWindowBytes - 1}) {
+    std::filesystem::resize_file(path(), size);
+    EXPECT_TRUE(refused(EINVAL, {"window"})) << size;
+    EXPECT_EQ(shmwin_user_area(kWindowId), nullptr);
+    EXPECT_EQ(std::filesystem::file_size(path()), size);
+  }
+}
+
+// Whatever bytes of the identity or of the database's header are damaged: refused, or of no consequence.
+TEST_F(BadInputTest, ADamagedHeaderNeverHarmsWhoOpensIt) {
+  std::ifstream file(path(), std::ios::binary);
+  const std::string sound{std::istreambuf_iterator<char>(file), {}};
+  for (std::size_t offset = 0; offset < 1024 + 48; offset += offset == 88 ? 936 : 8) {
+    for (const char value : {'\x00', '\x01', '\x7f', '\xff'}) {
+      std::string damaged = sound;
+      std::memset(damaged.data() + offset, value, 8);
+      std::ofstream(path(), std::ios::binary) << damaged;
+      const int ended = in_child([this] { return open() == 0 ? 0 : error_.text[0] != '\0' ? 1 : 2; });
+      EXPECT_TRUE(ended == 0 || ended == 1) << "offset " << offset << " value " << int{value} << " ended " << ended;
+    }
+  }
+  std::ofstream(path(), std::ios::binary) << sound;
+  expect_nothing_lost();
+}
+
+}  // namespace
+}  // namespace crash

@@ -1,0 +1,103 @@
+// Random operations on the real services beside the model, seeded and replayable.
+//
+//   random_operations [--operations N] [--seed S] [--all-every K] [--stray]
+//
+// After every operation: its whole answer, the bytes of the NH slot and of the tunnel slots that it names, and what
+// both trees then give for its key. Every K operations, and at the end: all bytes of both arrays, all nodes of all
+// trees in order, every count; without --stray also the inspector's whole check of the window, heap included.
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+
+#include "caller.h"
+#include "check.h"
+#include "window.h"
+
+namespace crash {
+namespace {
+
+struct Options {
+  std::uint64_t operations = 1'000'000;
+  std::uint64_t seed = 0;
+  std::uint64_t all_every = 1000;
+  bool stray = false;
+};
+
+// Few indexes: they run out now and then, and keys meet.
+encap_db_config_t small(const Directory &directory) {
+  encap_db_config_t config = config_in(directory);
+  config.nh_size = 24;
+  config.tun_size = 6;
+  return config;
+}
+
+std::string look(const Window &window, const Caller &caller, bool stray) {
+  std::string wrong = caller.compare_all();
+  if (!stray) {
+    const encap_inspect::Report report = encap_inspect::check(encap_inspect::View::over(window.bytes(), window.size()));
+    for (const encap_inspect::Finding &finding : report.findings) {
+      const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
+      wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
+    }
+    wrong += report.looked ? "" : "the database could not be looked at\n";
+  }
+  return wrong;
+}
+
+int run(const Options &options) {
+  setenv("LTRACE", "off", 1);
+  const Directory directory;
+  const encap_db_config_t config = small(directory);
+  const Window window(directory, config);
+  std::mt19937_64 random(options.seed);
+  Caller caller(
+      encap_test::Model(config.nh_start, config.nh_size, config.tun_start, config.tun_size),
+      [&random](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); }, options.stray);
+  std::printf("random_operations --operations %" PRIu64 " --seed %" PRIu64 " --all-every %" PRIu64 "%s\n",
+              options.operations, options.seed, options.all_every, options.stray ? " --stray" : "");
+  std::fflush(stdout);
+  const auto begin = std::chrono::steady_clock::now();
+  for (std::uint64_t i = 1; i <= options.operations; ++i) {
+    std::string wrong = caller.step();
+    if (wrong.empty() && (i % options.all_every == 0 || i == options.operations)) {
+      wrong = look(window, caller, options.stray);
+    }
+    if (!wrong.empty()) {
+      std::printf("FAILED at operation %" PRIu64 "\n%s", i, wrong.c_str());
+      return 1;
+    }
+  }
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  std::printf("%" PRIu64 " operations, all of them as the model has it, %.1f s\n", options.operations, seconds);
+  return 0;
+}
+
+Options parse(int argc, char **argv) {
+  Options options;
+  options.seed = std::random_device{}();
+  for (int i = 1; i < argc; ++i) {
+    const bool more = i + 1 < argc;
+    if (more && std::strcmp(argv[i], "--operations") == 0) {
+      options.operations = std::strtoull(argv[++i], nullptr, 0);
+    } else if (more && std::strcmp(argv[i], "--seed") == 0) {
+      options.seed = std::strtoull(argv[++i], nullptr, 0);
+    } else if (more && std::strcmp(argv[i], "--all-every") == 0) {
+      options.all_every = std::max<std::uint64_t>(1, std::strtoull(argv[++i], nullptr, 0));
+    } else if (std::strcmp(argv[i], "--stray") == 0) {
+      options.stray = true;
+    } else {
+      give_up("usage: random_operations [--operations N] [--seed S] [--all-every K] [--stray]");
+    }
+  }
+  return options;
+}
+
+}  // namespace
+}  // namespace crash
+
+int main(int argc, char **argv) {
+  return crash::run(crash::parse(argc, argv));
+}

@@ -1,0 +1,22 @@
+// Plays the next process for many states of a window: each in a copy, in child processes that cannot harm the driver.
+#ifndef ENCAP_TESTS_CRASH_REPLAY_H
+#define ENCAP_TESTS_CRASH_REPLAY_H
+
+#include "aftermath.h"
+#include "stepper.h"
+
+namespace crash {
+
+struct Verdicts {
+  std::string failure;         // of the first state that failed; "" when none did
+  std::size_t failed_at = 0;   // its number
+  std::vector<Image> seconds;  // what a second death at each change of the recovery leaves; buried, some more than once
+};
+
+// Requires that nobody holds the window's lock. With `watched`, collects the states of second deaths.
+Verdicts play(const Window &window, const Expectation &expected, const std::vector<Image> &states, unsigned deaths,
+              bool watched, Kinds &kinds);
+
+}  // namespace crash
+
+#endif

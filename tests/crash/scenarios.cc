@@ -1,0 +1,194 @@
+// Scenarios of the operations and of the allocator's boundaries.
+#include "scenarios.h"
+
+#include "window.h"
+
+namespace crash {
+namespace {
+
+constexpr std::uint32_t kNodes40 = 102, kNodes56 = 73;  // nodes of a page
+
+// Many encapsulations on tunnel `label2`, with labels from `first` on.
+void fill(Story &story, std::uint32_t count, std::uint32_t first, std::uint32_t label2) {
+  for (std::uint32_t i = 0; i < count; ++i) {
+    story.enter(first + i, label2);
+  }
+}
+
+// Runs of pages belong to no operation but the first initialisation: taken and given here under the lock.
+void with_lock(const std::function<void()> &work) {
+  vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
+  work();
+  pthread_mutex_unlock(&egress_encap_db->lock.mutex);
+}
+
+void *run_of_two_pages() {
+  void *block = nullptr;
+  with_lock([&] { shmwin_malloc(kWindowId, 5000, &block); });
+  return block;
+}
+
+}  // namespace
+
+Story::Story(std::string name) : model_(kNhStart, kNhSize, kTunStart, kTunSize) {
+  scenario_.name = std::move(name);
+}
+
+void Story::given(const Operation &operation) {
+  on_model(model_, operation);
+  scenario_.given.push_back(operation);
+}
+
+Operation Story::entry(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) const {
+  std::uint32_t nh = kNhStart;
+  while (model_.nh(nh).valid != 0) {
+    ++nh;
+  }
+  std::uint32_t tunnel = label2 == 0 ? 0 : kTunStart;
+  while (tunnel != 0 && model_.tunnel(tunnel).valid != 0) {
+    ++tunnel;
+  }
+  return entering(model_, key_of(label1, label2, ifh), nh, tunnel);
+}
+
+std::uint32_t Story::enter(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) {
+  const Operation operation = entry(label1, label2, ifh);
+  given(operation);
+  return operation.nh;
+}
+
+std::uint32_t Story::nh_of(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) const {
+  const egress_encap_key_t key = key_of(label1, label2, ifh);
+  return model_.tunnels.at(encap_test::tunnel_key(key)).nhs.at(encap_test::nh_key(key));
+}
+
+Scenario Story::dies_in(const Operation &operation) {
+  scenario_.when = {operation};
+  return scenario_;
+}
+
+Scenario Story::dies_in(std::function<void()> work) {
+  scenario_.work = std::move(work);
+  return scenario_;
+}
+
+// Each among others: two tunnels and the null tunnel with NHs that must not be touched.
+std::vector<Scenario> database_scenarios() {
+  std::vector<Scenario> all;
+  const auto add = [&all](const char *name, auto &&tell) {
+    Story story(name);
+    for (const std::uint32_t label : {40u, 41u, 42u}) {
+      story.enter(label, 210);
+    }
+    story.enter(40, 220, 2);
+    story.enter(40, 0, 3);
+    all.push_back(tell(story));
+  };
+  add("insert: new tunnel and NH", [](Story &s) { return s.dies_in(s.entry(16, 200)); });
+  add("insert: new NH on a known tunnel", [](Story &s) { return s.dies_in(s.entry(16, 210)); });
+  add("insert: new NH and null tunnel node", [](Story &s) { return s.dies_in(s.entry(16, 0, 9)); });
+  add("insert: new NH on a known null tunnel", [](Story &s) { return s.dies_in(s.entry(16, 0, 3)); });
+  add("insert: the first of the null tunnel's after the last went", [](Story &s) {
+    s.given(on_nh(Verb::kDetach, s.nh_of(40, 0, 3)));
+    return s.dies_in(s.entry(16, 0, 3));
+  });
+  add("attach: new tunnel and NH, count 5", [](Story &s) {
+    Operation attach = s.entry(16, 200);
+    attach.verb = Verb::kAttach;
+    attach.count = 5;
+    return s.dies_in(attach);
+  });
+  add("attach: new NH, count 0", [](Story &s) {
+    Operation attach = s.entry(16, 210);
+    attach.verb = Verb::kAttach;
+    return s.dies_in(attach);
+  });
+  add("find and share", [](Story &s) {
+    Operation share = s.entry(41, 210);
+    share.verb = Verb::kFindShare;
+    share.nh = s.nh_of(41, 210);
+    return s.dies_in(share);
+  });
+  add("share", [](Story &s) { return s.dies_in(on_nh(Verb::kShare, s.nh_of(41, 210))); });
+  add("set", [](Story &s) { return s.dies_in(on_nh(Verb::kSet, s.nh_of(41, 210), 7)); });
+  add("update", [](Story &s) { return s.dies_in(on_nh(Verb::kUpdate, s.nh_of(41, 210))); });
+  add("read", [](Story &s) { return s.dies_in(on_nh(Verb::kRead, s.nh_of(41, 210))); });
+  const auto removals = [&add](Verb verb, const char *stays, const char *goes, const char *tunnel, const char *null,
+                               const char *null_node) {
+    add(stays, [verb](Story &s) {
+      s.given(on_nh(Verb::kShare, s.nh_of(41, 210)));
+      return s.dies_in(on_nh(verb, s.nh_of(41, 210)));
+    });
+    add(goes, [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(41, 210))); });
+    add(tunnel, [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(40, 220, 2))); });
+    add(null, [verb](Story &s) {
+      s.enter(50, 0, 3);
+      return s.dies_in(on_nh(verb, s.nh_of(50, 0, 3)));
+    });
+    add(null_node, [verb](Story &s) {
+      s.enter(50, 0, 4);
+      return s.dies_in(on_nh(verb, s.nh_of(50, 0, 4)));
+    });
+  };
+  removals(Verb::kRelease, "release: the NH stays", "release: the NH goes", "release: the tunnel goes",
+           "release: the NH on the null tunnel goes", "release: a null tunnel node goes, others stay");
+  removals(Verb::kDetach, "detach: of several users", "detach: the NH goes", "detach: the tunnel goes",
+           "detach: the NH on the null tunnel goes", "detach: a null tunnel node goes, others stay");
+  return all;
+}
+
+std::vector<Scenario> heap_scenarios() {
+  std::vector<Scenario> all;
+  const auto add = [&all](const char *name, auto &&tell) {
+    Story story(name);
+    all.push_back(tell(story));
+  };
+  add("first node of a page", [](Story &s) {
+    fill(s, kNodes40, 1, 200);
+    return s.dies_in(s.entry(500, 200));
+  });
+  add("last free node of a page", [](Story &s) {
+    fill(s, kNodes40 - 1, 1, 200);
+    return s.dies_in(s.entry(500, 200));
+  });
+  add("a full page gets room", [](Story &s) {
+    fill(s, kNodes40, 1, 200);
+    return s.dies_in(on_nh(Verb::kDetach, s.nh_of(70, 200)));
+  });
+  add("a page becomes free", [](Story &s) {
+    fill(s, kNodes40 + 1, 1, 200);
+    return s.dies_in(on_nh(Verb::kDetach, s.nh_of(kNodes40 + 1, 200)));
+  });
+  add("both pages become free", [](Story &s) {
+    s.enter(1, 200);
+    return s.dies_in(on_nh(Verb::kDetach, s.nh_of(1, 200)));
+  });
+  add("first node of a page of tunnels", [](Story &s) {
+    for (std::uint32_t i = 0; i < kNodes56; ++i) {
+      s.enter(1, 200 + i);
+    }
+    return s.dies_in(s.entry(1, 500));
+  });
+  add("a free page of tunnels becomes one of NHs", [](Story &s) {
+    for (std::uint32_t i = 0; i <= kNodes56; ++i) {
+      s.enter(1, 200 + i);
+    }
+    s.given(on_nh(Verb::kDetach, s.nh_of(1, 200 + kNodes56)));
+    fill(s, kNodes40 - kNodes56, 100, 200);
+    return s.dies_in(s.entry(500, 200));
+  });
+  add("a run of pages is taken", [](Story &s) {
+    s.enter(1, 200);
+    return s.dies_in([] { run_of_two_pages(); });
+  });
+  add("a run of pages is given", [](Story &s) {
+    s.enter(1, 200);
+    static void *block = nullptr;
+    Scenario scenario = s.dies_in([] { with_lock([] { shmwin_free(block); }); });
+    scenario.prepare = [] { block = run_of_two_pages(); };
+    return scenario;
+  });
+  return all;
+}
+
+}  // namespace crash

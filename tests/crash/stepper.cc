@@ -1,0 +1,108 @@
+#include "stepper.h"
+
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace crash {
+namespace {
+
+// Without the handlers of fork(): the child does not enter itself into the window's table of processes.
+pid_t start(const std::function<void()> &work) {
+  const pid_t child = _Fork();
+  if (child == 0) {
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) {
+      _exit(1);
+    }
+    raise(SIGSTOP);
+    work();
+    _exit(0);
+  }
+  return child;
+}
+
+}  // namespace
+
+Stepper::Stepper(const std::function<void()> &work) : pid_(start(work)) {
+  int status = 0;
+  if (pid_ < 0 || waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status)) {
+    give_up("a child process cannot be traced here: ptrace() is not permitted, and without it no instruction is seen");
+  }
+}
+
+Stepper::~Stepper() {
+  kill();
+}
+
+bool Stepper::step() {
+  if (ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0) {
+    give_up("process %d cannot be stepped: %s", pid_, std::strerror(errno));
+  }
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  if (WIFSTOPPED(status) && WSTOPSIG(status) == SIGTRAP) {
+    ++instructions_;
+    return true;
+  }
+  ended_ = !WIFSTOPPED(status);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    give_up("the stepped work did not end well: wait status %#x", static_cast<unsigned>(status));
+  }
+  return false;
+}
+
+void Stepper::kill() {
+  if (!ended_) {
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    ended_ = true;
+  }
+}
+
+bool States::add(Image image) {
+  if (!seen_.insert(hash_of(image)).second) {
+    return false;
+  }
+  images_.push_back(std::move(image));
+  return true;
+}
+
+Walk walk_through(const Window &window, const std::function<void()> &work) {
+  Walk walk;
+  Stepper stepper(work);
+  Image last = window.image();
+  walk.states.add(last);
+  while (stepper.step()) {
+    if (std::memcmp(last.data(), window.bytes(), window.size()) != 0) {
+      ++walk.changes;
+      last = window.image();
+      Image left = last;
+      window.bury(left, stepper.pid());
+      walk.states.add(std::move(left));
+    }
+  }
+  walk.instructions = stepper.instructions();
+  return walk;
+}
+
+Image killed_at(const Window &window, const std::function<void()> &work, std::uint64_t change) {
+  Stepper stepper(work);
+  Image last = window.image();
+  for (std::uint64_t changes = 0; changes < change && stepper.step();) {
+    if (std::memcmp(last.data(), window.bytes(), window.size()) != 0) {
+      ++changes;
+      last = window.image();
+    }
+  }
+  stepper.kill();
+  Image left = window.image();
+  const auto owner = window.mutex_in(left).__data.__owner;
+  window.bury(left, owner != 0 ? owner : stepper.pid());
+  return left;
+}
+
+}  // namespace crash

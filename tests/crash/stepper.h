@@ -1,0 +1,57 @@
+// Runs work in a child process one instruction at a time, and keeps each state in which its death would leave a window.
+#ifndef ENCAP_TESTS_CRASH_STEPPER_H
+#define ENCAP_TESTS_CRASH_STEPPER_H
+
+#include <functional>
+#include <unordered_set>
+
+#include "window.h"
+
+namespace crash {
+
+// A child process that stops before its work and then goes on by single steps.
+class Stepper {
+ public:
+  // Ends the program with a sentence where processes must not be traced.
+  explicit Stepper(const std::function<void()> &work);
+  ~Stepper();
+  Stepper(const Stepper &) = delete;
+  Stepper &operator=(const Stepper &) = delete;
+
+  bool step();  // one instruction; false when the work is done
+  void kill();
+  pid_t pid() const { return pid_; }
+  std::uint64_t instructions() const { return instructions_; }
+
+ private:
+  pid_t pid_;
+  bool ended_ = false;
+  std::uint64_t instructions_ = 0;
+};
+
+// States in the order in which they were first seen, none twice.
+class States {
+ public:
+  bool add(Image image);  // false: seen before
+  const std::vector<Image> &all() const { return images_; }
+
+ private:
+  std::vector<Image> images_;
+  std::unordered_set<std::uint64_t> seen_;
+};
+
+struct Walk {
+  States states;  // buried: as the next process finds them
+  std::uint64_t instructions = 0;
+  std::uint64_t changes = 0;  // of the window
+};
+
+// Steps through `work` on the window as it is, from the state before to the state after.
+Walk walk_through(const Window &window, const std::function<void()> &work);
+
+// Kills `work` for good at its change number `change`. Returns: the window as the kernel leaves it, owner's id aside.
+Image killed_at(const Window &window, const std::function<void()> &work, std::uint64_t change);
+
+}  // namespace crash
+
+#endif

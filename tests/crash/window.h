@@ -1,0 +1,74 @@
+// A small database in a window of the test's own, as bytes that can be kept, put back and looked at.
+#ifndef ENCAP_TESTS_CRASH_WINDOW_H
+#define ENCAP_TESTS_CRASH_WINDOW_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "encap_db_owner.h"
+
+namespace crash {
+
+using Image = std::vector<std::uint8_t>;  // all bytes of a window
+
+inline constexpr std::uint32_t kWindowId = 3;
+inline constexpr std::uint32_t kNhStart = 1000, kNhSize = 128, kTunStart = 10, kTunSize = 100;
+inline constexpr std::uint64_t kWindowBytes = 64 * 1024;
+
+// A fresh directory, removed with all its files at the end, also by give_up(); one at a time.
+class Directory {
+ public:
+  explicit Directory(const char *base = "/dev/shm");
+  ~Directory();
+  Directory(const Directory &) = delete;
+  Directory &operator=(const Directory &) = delete;
+  const std::string &path() const { return path_; }
+  void remove() const;
+
+ private:
+  std::string path_;
+  pid_t maker_;  // a forked child leaves it alone
+};
+
+encap_db_config_t config_in(const Directory &directory);
+
+// Prints the sentence and ends the program: for what no test can go on without.
+[[noreturn]] void give_up(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// This process's open database.
+class Window {
+ public:
+  Window(const Directory &directory, const encap_db_config_t &config);
+  ~Window();
+  Window(const Window &) = delete;
+  Window &operator=(const Window &) = delete;
+
+  std::uint8_t *bytes() const { return bytes_; }
+  std::size_t size() const { return size_; }
+  Image image() const { return {bytes_, bytes_ + size_}; }
+  void put(const Image &image) const;
+  // In a child: gives this process a copy of its own, at the same address.
+  void become_copy() const;
+
+  // The mutex of the database in an image of this window.
+  pthread_mutex_t &mutex_in(Image &image) const;
+  /*
+   * What the kernel makes of the lock when its holder `tid` dies, which `image` shows at its last instruction: a lock
+   * word that names it is marked so that the next process takes the lock over. Images that differ in who held the
+   * lock alone become equal.
+   */
+  void bury(Image &image, pid_t tid) const;
+
+ private:
+  std::uint8_t *bytes_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+std::uint64_t hash_of(const Image &image);
+
+}  // namespace crash
+
+#endif

@@ -1,0 +1,163 @@
+// A damaged window: looked at, checked, repaired. Nothing may fault or loop; what a repair calls mended, is.
+//
+// The input is a list of changes: where (in one of the window's parts), what (raw words, addresses that lie in the
+// window, small numbers). Its first byte may cut the window off as well; a cut one is looked at and checked alone.
+#include <unistd.h>
+
+#include "check.h"
+#include "fuzz_input.h"
+#include "operations.h"
+#include "repair.h"
+#include "shmwin_layout.h"
+#include "window.h"
+
+namespace {
+
+crash::Window *window;
+crash::Image sound_window;
+
+// Several tunnels and NHs, shared ones, and NHs on the null tunnel.
+void enter_some() {
+  encap_test::Model model(crash::kNhStart, crash::kNhSize, crash::kTunStart, crash::kTunSize);
+  std::uint32_t nh = crash::kNhStart;
+  for (std::uint32_t label2 : {200u, 201u, 202u, 0u}) {
+    for (std::uint32_t label1 = 16; label1 < 24; ++label1, ++nh) {
+      const crash::Operation enter =
+          crash::entering(model, crash::key_of(label1, label2, 1), nh, label2 == 0 ? 0 : label2 - 190);
+      crash::on_database(enter);
+      crash::on_model(model, enter);
+    }
+  }
+}
+
+std::size_t place(fuzz::Input &input) {
+  const auto header = sizeof(vrellis::WindowHeader);
+  const vrellis::WindowShape shape = vrellis::shape_of_size(sound_window.size());
+  const std::uint16_t offset = input.take<std::uint16_t>();
+  switch (input.below(8)) {
+    case 0:
+      return offset % 1024;
+    case 1:
+      return 1024 + offset % sizeof(egress_encap_db_t);
+    case 2:
+      return 4096 + offset % 512;  // the undo log's beginning
+    case 3:
+      return header + offset % (shape.heap - header);
+    case 4:
+      return offset % sound_window.size();
+    default:
+      return shape.heap + offset % (4 * vrellis::kPageBytes);  // arrays and nodes
+  }
+}
+
+std::uint64_t word(fuzz::Input &input) {
+  const auto base = reinterpret_cast<std::uint64_t>(window->bytes());
+  const vrellis::WindowShape shape = vrellis::shape_of_size(sound_window.size());
+  switch (input.below(4)) {
+    case 0:
+      return input.take<std::uint64_t>();
+    case 1:
+      return base + input.take<std::uint16_t>();
+    case 2:
+      return base + shape.heap + 2 * vrellis::kPageBytes + 8 * (input.take<std::uint16_t>() % 1024u);
+    default:
+      return input.take<std::uint8_t>();
+  }
+}
+
+// Returns how many bytes of the window are left.
+std::size_t damage(crash::Image &image, fuzz::Input &input) {
+  const std::uint8_t cut = input.take<std::uint8_t>();
+  for (unsigned changes = 0; !input.empty() && changes < 24; ++changes) {
+    const std::size_t offset = place(input);
+    const std::uint64_t value = word(input);
+    const std::size_t width = std::size_t{1} << input.below(4);
+    std::memcpy(image.data() + offset, &value, std::min(width, image.size() - offset));
+  }
+  return cut < 240 ? image.size() : image.size() * (cut - 240u) / 16 + cut % 7;
+}
+
+void look(const crash::Image &image, std::size_t size) {
+  const auto view = encap_inspect::View::copy_of(image.data(), size);
+  const encap_inspect::Database database = encap_inspect::decode(view);
+  for (const encap_inspect::NhNode &nh : database.nhs) {
+    database.full_key(nh);
+    database.nh_slot(nh.nh_index);
+  }
+  encap_inspect::check(view);
+}
+
+// The lock and who is attached stay whole: a repair waits for a lock that a living thread holds.
+void keep_lock(crash::Image &image) {
+  const auto lock = reinterpret_cast<std::uint8_t *>(&egress_encap_db->lock) - window->bytes();
+  std::memcpy(image.data() + lock, sound_window.data() + lock, sizeof(egress_encap_lock_t));
+}
+
+// Nobody reads the spare bits of a slot in use: damage there stays, and does no harm.
+void clear_spare_bits() {
+  egress_encap_db_t &db = *egress_encap_db;
+  for (std::uint32_t i = 0; i < db.nh_end - db.nh_start; ++i) {
+    egr_nh_info_t &slot = db.nh_info_array[i];
+    slot.spare_word1 = 0;
+    slot.spare_word2 = 0;
+    slot.spare = 0;
+  }
+  for (std::uint32_t i = 0; i <= db.tun_end - db.tun_start; ++i) {
+    egr_tun_info_t &slot = db.tun_info_array[i];
+    slot.spare_word1 = 0;
+    slot.spare_word2 = 0;
+    slot.spare = 0;
+    std::memset(slot.zero, 0, sizeof slot.zero);
+  }
+}
+
+void mend(crash::Image &image) {
+  keep_lock(image);
+  window->put(image);
+  const encap_inspect::RepairResult result = encap_inspect::repair(crash::kWindowId);
+  if (result.status != 0) {
+    return;
+  }
+  std::string wrong = result.after.sound() ? "" : "not sound after a repair\n";
+  for (const encap_inspect::Finding &finding : result.after.findings) {
+    const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
+    wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
+  }
+  // Other ranges than it was made with make it another database, with slots that belong to nobody.
+  const egress_encap_db_t &db = *egress_encap_db;
+  if (wrong.empty() && db.nh_start == crash::kNhStart && db.tun_start == crash::kTunStart) {
+    // The trees are all there is to know: slots and counts follow from them.
+    clear_spare_bits();
+    const encap_test::Model model = crash::model_of(*egress_encap_db);
+    wrong = encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  }
+  if (!wrong.empty()) {
+    for (const encap_inspect::Finding &finding : result.before.findings) {
+      wrong += std::string("before: ") + encap_inspect::name_of(finding.kind) + ": " + finding.text + '\n';
+    }
+    fuzz::found(wrong);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
+  static const crash::Directory directory;
+  static crash::Window opened(directory, crash::config_in(directory));
+  window = &opened;
+  enter_some();
+  sound_window = opened.image();
+  directory.remove();  // the mapping stays; a fuzzer may end without a word
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+  fuzz::Input input(data, size);
+  crash::Image image = sound_window;
+  const std::size_t left = damage(image, input);
+  look(image, left);
+  if (left == image.size()) {
+    mend(image);
+  }
+  return 0;
+}
