@@ -19,11 +19,12 @@
 namespace {
 
 constexpr unsigned kLimitSeconds = 60;
+constexpr unsigned kLookingLimitSeconds = 3600;
 constexpr int kFailed = 1;
 constexpr int kBadInput = 2;
 
 constexpr std::string_view kUsage =
-    "Usage: encap_demo [--dir DIRECTORY] ROUTE-FILE\n"
+    "Usage: encap_demo [--dir DIRECTORY] [--look] ROUTE-FILE\n"
     "\n"
     "Shows the MPLS egress encapsulation database at work. Two processes enter the routes of\n"
     "ROUTE-FILE, as `ip route` and `ip -6 route` print them, into one shared-memory window and\n"
@@ -32,6 +33,7 @@ constexpr std::string_view kUsage =
     "Each count is compared with what the route file says.\n"
     "\n"
     "  --dir DIRECTORY  where the window and the traces are kept meanwhile (default: /dev/shm)\n"
+    "  --look           stop after each act, for a look at the window with encapctl, until Enter\n"
     "  --help           this text\n"
     "\n"
     "Exit status: 0 every expectation was met; 1 not so; 2 bad arguments or a bad route file.\n";
@@ -39,16 +41,22 @@ constexpr std::string_view kUsage =
 struct Arguments {
   std::string directory = "/dev/shm";
   std::string route_file;
+  bool look = false;
 };
 
 // Returns: false when the words are no arguments of this program.
 bool parse(const std::vector<std::string> &words, Arguments &arguments) {
   std::size_t at = 0;
-  if (words.size() > 1 && words[0] == "--dir") {
-    arguments.directory = words[1];
-    at = 2;
+  for (; at < words.size() && words[at].starts_with("--"); ++at) {
+    if (words[at] == "--look") {
+      arguments.look = true;
+    } else if (words[at] == "--dir" && at + 1 < words.size()) {
+      arguments.directory = words[++at];
+    } else {
+      return false;
+    }
   }
-  if (words.size() != at + 1 || words[at].empty() || words[at].starts_with("--")) {
+  if (words.size() != at + 1 || words[at].empty()) {
     return false;
   }
   arguments.route_file = words[at];
@@ -67,7 +75,17 @@ void introduce(const demo::Plan &plan, const std::string &route_file, demo::Repo
   report.line("window    {}/{}", plan.directory, demo::kWindowName);
 }
 
-int supervise(const demo::Plan &plan, const std::string &route_file) {
+// Waits for Enter, or the end of the input, with the window as the act left it.
+void let_look(const demo::Plan &plan, demo::Report &report) {
+  report.line("look      LTRACE_DIR={}/trace encapctl status --dir {} --name {}", plan.directory, plan.directory,
+              demo::kWindowName);
+  report.line("          (or show nhs, summary, check, trace ...); Enter goes on");
+  for (int byte = std::getchar(); byte != '\n' && byte != EOF;) {
+    byte = std::getchar();
+  }
+}
+
+int supervise(const demo::Plan &plan, const std::string &route_file, bool look) {
   std::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   demo::Report report(wants_colour());
@@ -75,9 +93,12 @@ int supervise(const demo::Plan &plan, const std::string &route_file) {
   introduce(plan, route_file, report);
   try {
     demo::Stage stage(plan, route_file, report);
-    demo::enter_routes(stage);
-    demo::lose_a_process(stage);
-    demo::withdraw_routes(stage);
+    for (const auto act : {demo::enter_routes, demo::lose_a_process, demo::withdraw_routes}) {
+      act(stage);
+      if (look) {
+        let_look(plan, report);
+      }
+    }
   } catch (const std::exception &error) {
     report.fail(error.what());
   }
@@ -89,11 +110,12 @@ int supervise(const demo::Plan &plan, const std::string &route_file) {
 
 int run_demo(const Arguments &arguments) {
   demo::Plan plan = demo::make_plan(arguments.route_file, "");
-  return demo::run_guarded(arguments.directory, kLimitSeconds, [&](const std::string &directory) {
+  const unsigned limit = arguments.look ? kLookingLimitSeconds : kLimitSeconds;
+  return demo::run_guarded(arguments.directory, limit, [&](const std::string &directory) {
     unsetenv("LTRACE");  // the traces are part of what it shows
     setenv("LTRACE_DIR", (directory + "/trace").c_str(), 1);
     plan.directory = directory;
-    return supervise(plan, arguments.route_file);
+    return supervise(plan, arguments.route_file, arguments.look);
   });
 }
 
