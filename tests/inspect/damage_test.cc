@@ -1,4 +1,5 @@
 // What no death leaves: bytes overwritten. Each fault is named and mended; anything at all is survived.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -142,6 +143,57 @@ TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
   EXPECT_EQ(kinds(look()), std::set<std::string>{"lock-damaged"});
   EXPECT_EQ(repair(kId).status, EINVAL);
   restore();
+}
+
+// Each sound in itself, and none the window that is attached here: what the services make would lie elsewhere.
+TEST_F(DamageTest, AHeaderOfAnotherWindowIsNotRepaired) {
+  const Damage damages[] = {
+      {"header-identity", [&] { db().shm_id = window_header().shm_id = 0; }},
+      {"header-identity", [&] { window_header().address += 1 << 20; }},
+  };
+  for (const Damage &damage : damages) {
+    restore();
+    db().tun_root = nullptr;
+    damage.make();
+    EXPECT_EQ(repair(kId).status, EINVAL);
+  }
+  restore();
+}
+
+// What is to be made anew in a full window waits for what the same repair frees, and is told once.
+TEST_F(DamageTest, AFullWindowIsMended) {
+  void *block = nullptr;
+  for (const std::size_t size : {vrellis::kPageBytes, sizeof(mpls_nh_entry_t), sizeof(mpls_tunnel_entry_t)}) {
+    while (shmwin_malloc(kId, size, &block) == 0) {
+    }
+  }
+  db().tun_root = nullptr;
+  const RepairResult result = expect_mended();
+  const auto lost = [](const Change &change) { return change.because == FindingKind::kTreeLost; };
+  EXPECT_EQ(std::count_if(result.changes.begin(), result.changes.end(), lost),
+            static_cast<std::ptrdiff_t>(entered_.size()));
+  restore();
+}
+
+// Two NHs' array is as large as a node and lies in a node's block.
+TEST_F(DamageTest, AnArrayAmongTheNodesIsMendedLikeANode) {
+  open({100, 2, 5, 12});
+  ASSERT_EQ(enter(100, 6, 16), 0);
+  const auto array = reinterpret_cast<std::uintptr_t>(db().nh_info_array);
+  vrellis::PageDescriptor &page = page_of(db().nh_info_array);
+  ASSERT_EQ(vrellis::page_kind(page.state), vrellis::kNodes56);
+  page.used[0] &= ~(std::uint64_t{1} << array % vrellis::kPageBytes / 56);
+  EXPECT_EQ(kinds(look()), std::set<std::string>{"block-not-taken"});
+  expect_mended();
+  page.state = 0;
+  EXPECT_TRUE(kinds(look()).contains("block-not-taken"));
+  expect_mended();
+  db().tun_root = db().nh_info_array;
+  EXPECT_TRUE(kinds(look()).contains("tree-cycle"));
+  expect_mended();
+  db().nh_info_array = reinterpret_cast<egr_nh_info_t *>(array + 8);
+  EXPECT_EQ(kinds(look()), std::set<std::string>{"header-array"});
+  db().nh_info_array = reinterpret_cast<egr_nh_info_t *>(array);
 }
 
 // ENCAP_ROUNDS makes a run longer.

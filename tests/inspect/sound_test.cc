@@ -36,9 +36,10 @@ class SoundTest : public InspectTest {
 };
 
 TEST_F(SoundTest, NothingIsFoundWhileCallersWork) {
-  // A range that begins at 0 has index 0 twice: as an NH that exists, as a tunnel that is the null one.
-  for (const Ranges &ranges :
-       {Ranges{}, Ranges{0, 300, 1, 40}, Ranges{4'000'000'000U, 150, 65'500, 20}, Ranges{1, 40, 9, 0}}) {
+  // A range that begins at 0 has index 0 twice: as an NH that exists, as a tunnel that is the null one. The array of
+  // two NHs is as large as a node, and in a node's block.
+  for (const Ranges &ranges : {Ranges{}, Ranges{0, 300, 1, 40}, Ranges{4'000'000'000U, 150, 65'500, 20},
+                               Ranges{1, 40, 9, 0}, Ranges{100, 2, 5, 12}}) {
     open(ranges);
     EXPECT_EQ(text(look()), "");
     for (int i = 0; i < 1500; ++i) {

@@ -40,7 +40,7 @@ struct LockState {
   bool held = false;        // locked, or left locked by a thread that died
   bool owner_died = false;  // the kernel has marked it so: the next to lock it takes it over
   bool waiters = false;     // somebody waits, or did
-  pid_t owner_tid = 0;
+  pid_t owner_tid = 0;      // 0 in a held one: a thread that died while it took the lock over
   pid_t owner_pid = 0;      // 0: not known
   std::uint32_t depth = 0;  // how often its holder has locked it
   Liveness owner = Liveness::kUnknown;

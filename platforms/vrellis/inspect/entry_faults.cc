@@ -15,9 +15,6 @@ bool all_zero(const void *record, std::size_t bytes) {
   return std::all_of(byte, byte + bytes, [](std::uint8_t value) { return value == 0; });
 }
 
-// What becomes of an NH slot.
-enum class SlotFate : std::uint8_t { kOpen, kSettled };
-
 class Entries {
  public:
   Entries(const Survey &survey, Faults *faults) : survey_(survey), db_(survey.db), out_(*faults) {}
@@ -27,7 +24,7 @@ class Entries {
     out_.tunnel_empty.assign(db_.tunnels.size(), false);
     out_.users.assign(db_.tunnel_slots(), 0);
     out_.tunnels_with_nhs.assign(db_.tunnel_slots(), 0);
-    fate_.assign(db_.nh_slots(), SlotFate::kOpen);
+    settled_.assign(db_.nh_slots(), false);
     stays_.assign(db_.tunnels.size(), 0);
     index_orphans();
     for (std::uint32_t n = 0; n < db_.nhs.size(); ++n) {
@@ -72,7 +69,7 @@ class Entries {
     }
     const std::uint32_t i = nh.nh_index - db_.nh_start;
     if (db_.node_of_slot[i] == n && has_tunnel) {
-      fate_[i] = SlotFate::kSettled;
+      settled_[i] = true;
       keep(n);
       judge_sound(n, *slot);
     } else if (survey_.nh_tree_broken[nh.tunnel] || !has_tunnel) {
@@ -80,11 +77,11 @@ class Entries {
       if (!has_tunnel) {
         refuse(FindingKind::kNodeWithoutSlot, n);
       }
-    } else if (db_.node_of_slot[i] != kNoNode || fate_[i] == SlotFate::kSettled) {
+    } else if (db_.node_of_slot[i] != kNoNode || settled_[i]) {
       // A node of which the index is not yet filled in says 0: somebody else's.
       refuse(nh.nh_index == 0 ? FindingKind::kNodeWithoutSlot : FindingKind::kDuplicateIndex, n);
     } else {
-      fate_[i] = SlotFate::kSettled;
+      settled_[i] = true;
       judge_disagreement(n, *slot);
     }
   }
@@ -115,7 +112,7 @@ class Entries {
 
   void judge_slot(std::uint32_t nh_index) {
     const egr_nh_info_t *slot = db_.nh_slot(nh_index);
-    if (fate_[nh_index - db_.nh_start] == SlotFate::kSettled || all_zero(slot, sizeof *slot)) {
+    if (settled_[nh_index - db_.nh_start] || all_zero(slot, sizeof *slot)) {
       return;
     }
     if (slot->valid == 0) {
@@ -184,17 +181,16 @@ class Entries {
   }
 
   void bring_back(std::uint32_t nh_index, std::uint32_t tunnel) {
-    const std::uint32_t home = home_of(*db_.nh_slot(nh_index));
-    if (home != kNoNode) {
-      ++stays_[home];
-    }
     const std::size_t orphan = orphan_of(nh_index);
     Fault fault{FindingKind::kTreeLost, nh_index, tunnel};
+    fault.node = home_of(*db_.nh_slot(nh_index));
+    if (fault.node != kNoNode) {
+      ++stays_[fault.node];
+    }
     if (orphan != SIZE_MAX && !adopted_[orphan]) {
       adopted_[orphan] = true;
       fault.address = survey_.orphans[orphan].address;
     }
-    fault.node = home;
     add(fault);
   }
 
@@ -284,7 +280,7 @@ class Entries {
   const Survey &survey_;
   const Database &db_;
   Faults &out_;
-  std::vector<SlotFate> fate_;                                      // by NH slot
+  std::vector<bool> settled_;                                       // by NH slot: its node is judged, and it with it
   std::vector<std::uint32_t> stays_;                                // by tunnel node: NHs that stay or come back
   std::vector<std::uint32_t> lost_;                                 // indexes of valid slots without a node
   std::unordered_multimap<std::uint32_t, std::size_t> orphan_nhs_;  // by the index in the node

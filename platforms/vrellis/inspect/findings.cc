@@ -20,8 +20,8 @@ constexpr KindRow kRows[] = {
 #undef ENCAP_FINDING_ROW
 };
 
-// In the texts: %n "NH 7", %t "tunnel 7" or "the null tunnel", %T the tree, %a the address, %f and %w the values found
-// and wanted. A kind without a second text is nothing that repair can mend.
+// In the texts: %n "NH 7", %t "tunnel 7" or "the null tunnel", %T the tree, %a the address, %h the thread found, %f and
+// %w the values found and wanted. A kind without a second text is nothing that repair can mend.
 struct Text {
   FindingKind kind;
   const char *sentence;
@@ -36,7 +36,7 @@ constexpr Text kTexts[] = {
     {Kind::kNotInitialised, "the window holds no initialised database", ""},
     {Kind::kHeaderRange, "an index range in the database's header ends before it begins", ""},
     {Kind::kHeaderArray, "the slot arrays in the database's header are no blocks of the window", ""},
-    {Kind::kLockDeadOwner, "thread %f died holding the lock", "took the lock over from a dead thread"},
+    {Kind::kLockDeadOwner, "%h died holding the lock", "took the lock over from a dead thread"},
     {Kind::kLockLost, "the lock is held by thread %f, which is gone and was not marked as dead", ""},
     {Kind::kLockDamaged, "the lock is no robust, recursive, process-shared mutex any more", ""},
     {Kind::kUndoLogInUse, "a change of a tree was cut off: %f words are to be restored",
@@ -110,6 +110,8 @@ std::string value_text(const Fault &fault, char letter) {
     case 'a':
       std::snprintf(hexadecimal, sizeof hexadecimal, "%#" PRIx64, fault.address);
       return hexadecimal;
+    case 'h':
+      return fault.found != 0 ? "thread " + std::to_string(fault.found) : "a thread that was taking it over";
     case 'f':
       return std::to_string(fault.found);
     default:

@@ -57,9 +57,13 @@ void Mender::work_through(const Step (&steps)[Count]) {
 }
 
 void Mender::work_off(const Fault &fault, Mend mend) {
+  waits_ = false;
   if (!options_.dry_run) {
     (this->*mend)(fault);
     end_of_step();
+  }
+  if (waits_) {
+    return;
   }
   changes_.push_back({fault.kind, fault.nh_index, fault.tunnel, fault.address, mending_of(fault)});
 }

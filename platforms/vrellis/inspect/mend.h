@@ -104,6 +104,7 @@ class Mender {
   const Faults &faults_;
   const RepairOptions &options_;
   std::vector<Change> &changes_;
+  bool waits_ = false;  // the fault at hand cannot be mended for want of memory
 };
 
 }  // namespace encap_inspect

@@ -81,11 +81,13 @@ void Mender::bring_back(const Fault &fault) {
   egr_nh_info_t *slot = nh_slot(fault.nh_index);
   mpls_tunnel_entry_t *home = home_of(*slot, fault.node);
   if (home == nullptr) {
+    waits_ = true;
     return;
   }
   auto *node = fault.address != 0 ? writable<mpls_nh_entry_t>(survey_, fault.address)
                                   : new_node<mpls_nh_entry_t>(db_.window.shm_id);
   if (node == nullptr) {
+    waits_ = true;
     return;
   }
   if (fault.address == 0) {

@@ -22,6 +22,9 @@ constexpr std::uint32_t kTidBits = 0x3fffffff;
 constexpr std::uint32_t kOwnerDied = 0x40000000;
 constexpr std::uint32_t kWaiters = 0x80000000;
 
+// The C library's owner field of a mutex that was taken over from a dead thread and is not yet made consistent.
+constexpr std::uint32_t kInconsistent = 0x7fffffff;
+
 // Reads /proc/<id>/<name>. Returns: an empty text when there is none.
 std::string proc_text(pid_t id, const char *name) {
   const std::string path = "/proc/" + std::to_string(id) + "/" + name;
@@ -108,15 +111,16 @@ LockState decode_lock(const View &view) {
   std::memcpy(&mutex, bytes, sizeof mutex);
   const auto word = static_cast<std::uint32_t>(mutex.__data.__lock);
   const auto owner = static_cast<std::uint32_t>(mutex.__data.__owner);
-  lock.recognised = mutex.__data.__kind == wanted_kind() && owner <= kTidBits;
   lock.owner_died = (word & kOwnerDied) != 0;
   lock.waiters = (word & kWaiters) != 0;
   lock.held = (word & kTidBits) != 0 || lock.owner_died;
+  const bool taken_over = owner == kInconsistent && lock.held;
+  lock.recognised = mutex.__data.__kind == wanted_kind() && (owner <= kTidBits || taken_over);
   if (!lock.recognised || !lock.held) {
     return lock;
   }
   lock.depth = mutex.__data.__count;
-  lock.owner_tid = static_cast<pid_t>((word & kTidBits) != 0 ? word & kTidBits : owner);
+  lock.owner_tid = static_cast<pid_t>((word & kTidBits) != 0 ? word & kTidBits : taken_over ? 0 : owner);
   if (lock.owner_died) {
     lock.owner = Liveness::kDead;
   } else if (ids_mean_something(view)) {

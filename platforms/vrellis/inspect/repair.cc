@@ -45,6 +45,19 @@ RepairResult refuse(int status, std::string error) {
   return result;
 }
 
+// Services go by where and as what the window is attached, the inspector by what its header records: they must agree.
+std::string misplaced(const View &window, std::uint32_t shm_id, Address begin) {
+  vrellis::WindowHeader header;
+  std::memcpy(&header, window.bytes().data(), 64);
+  const std::uint64_t pairs[][2] = {{header.shm_id, shm_id}, {header.address, begin}, {header.size, window.size()}};
+  for (const auto &[found, wanted] : pairs) {
+    if (found != wanted) {
+      return sentence_of({FindingKind::kHeaderIdentity, kNoIndex, kNoIndex, 0, found, wanted, kNoNode});
+    }
+  }
+  return "";
+}
+
 // What stands against a repair, before the lock is taken. Returns: an empty text when nothing does.
 std::string obstacle(const View &window) {
   Faults faults;
@@ -80,6 +93,7 @@ class Repair {
       settle(window_);
       for (int number = 0; number < kMostRounds && round(window_); ++number) {
       }
+      tell_what_is_left();
     }
     return std::move(result_);
   }
@@ -97,6 +111,13 @@ class Repair {
       result_.before = result_.after;
     }
     return result_.changes.size() != before;
+  }
+
+  void tell_what_is_left() {
+    if (!result_.after.sound()) {
+      result_.status = EIO;
+      result_.error = std::to_string(result_.after.faults()) + " faults are left that could not be mended";
+    }
   }
 
   const View &window_;
@@ -134,6 +155,9 @@ RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
   }
   const View window = View::over(begin, bytes);
   std::string text = obstacle(window);
+  if (text.empty()) {
+    text = misplaced(window, shm_id, reinterpret_cast<Address>(begin));
+  }
   if (!text.empty()) {
     return refuse(EINVAL, std::move(text));
   }

@@ -30,7 +30,8 @@ struct Change {
 };
 
 struct RepairResult {
-  int status = 0;     // 0; 2 (ENOENT) window not attached; 22 nothing can be done (see `error`); the lock's code
+  int status = 0;     // 0; 2 (ENOENT) window not attached; 22 nothing can be done (see `error`); the lock's code;
+                      // 5 (EIO) `after` has faults left, as nodes to be made anew for which the window has no room
   std::string error;  // one sentence unless status is 0
   std::vector<Change> changes;
   Report before;  // under the lock, after the services rolled back what they had to (a dry run: would have to)

@@ -63,6 +63,23 @@ PageRange pages_of_array(const Survey &survey, Address address, std::uint64_t by
   return {static_cast<std::uint32_t>(page), static_cast<std::uint32_t>(page + pages)};
 }
 
+std::uint64_t array_bytes(const Database &db, int array) {
+  return array == 0 ? std::uint64_t{db.nh_end - db.nh_start} * sizeof(egr_nh_info_t)
+                    : (std::uint64_t{db.tun_end - db.tun_start} + 1) * sizeof(egr_tun_info_t);
+}
+
+// An array as large as a node is in a node's block: the allocator goes by the size alone.
+bool find_array(Survey &survey, int array, Address address) {
+  const std::uint64_t bytes = array_bytes(survey.db, array);
+  const int cls = vrellis::class_of_size(bytes);
+  if (cls >= 0) {
+    vrellis::Place place{};
+    return place_in_heap(survey, address, cls, &place);
+  }
+  survey.arrays[array] = pages_of_array(survey, address, bytes);
+  return survey.arrays[array].end != 0;
+}
+
 void decode_header(Survey &survey, const WindowHeader &header) {
   Database &db = survey.db;
   egress_encap_db_t record;
@@ -79,13 +96,12 @@ void decode_header(Survey &survey, const WindowHeader &header) {
   if (!db.initialised || db.nh_end < db.nh_start || db.tun_end < db.tun_start) {
     return;
   }
-  const std::uint64_t nh_bytes = std::uint64_t{db.nh_end - db.nh_start} * sizeof(egr_nh_info_t);
-  const std::uint64_t tun_bytes = (std::uint64_t{db.tun_end - db.tun_start} + 1) * sizeof(egr_tun_info_t);
-  survey.arrays[0] = pages_of_array(survey, db.nh_array, nh_bytes);
-  survey.arrays[1] = pages_of_array(survey, db.tun_array, tun_bytes);
+  const bool found = find_array(survey, 0, db.nh_array) && find_array(survey, 1, db.tun_array);
   const PageRange &nh = survey.arrays[0];
   const PageRange &tun = survey.arrays[1];
-  db.usable = nh.end != 0 && tun.end != 0 && (nh.end <= tun.begin || tun.end <= nh.begin);
+  const auto page = static_cast<std::uint32_t>((db.nh_array - survey.address_of(0, 0)) / vrellis::kPageBytes);
+  const bool apart = nh.end == 0 ? !tun.has(page) : nh.end <= tun.begin || tun.end <= nh.begin;
+  db.usable = found && apart;
 }
 
 // The recorded index, or the one that all NHs of the tunnel which name one and the same other tunnel slot have: that
@@ -133,9 +149,21 @@ void add_nhs(Survey &survey, std::uint32_t number) {
   }
 }
 
+// The block of an array that lies among the nodes is none of theirs.
+void reach_array(Survey &survey, int array, Address address) {
+  const int cls = vrellis::class_of_size(array_bytes(survey.db, array));
+  vrellis::Place place{};
+  if (cls >= 0 && place_in_heap(survey, address, cls, &place)) {
+    survey.reached[place.page].cls = static_cast<std::int8_t>(cls);
+    survey.reached[place.page].nodes[place.slot / 64] |= std::uint64_t{1} << place.slot % 64;
+  }
+}
+
 void survey_trees(Survey &survey) {
   Database &db = survey.db;
   survey.reached.resize(survey.shape.pages);
+  reach_array(survey, 0, db.nh_array);
+  reach_array(survey, 1, db.tun_array);
   std::vector<Address> nodes;
   walk_tree(survey, db.window.address + offsetof(WindowHeader, user_area), 1, kNoNode, &nodes);
   for (const Address address : nodes) {

@@ -25,7 +25,7 @@ struct Orphan {
   int cls;  // 0: an NH's 40 bytes, 1: a tunnel's 56
 };
 
-// The nodes that trees reach in one page.
+// The nodes that trees reach in one page, and an array as large as a node.
 struct Reached {
   std::uint64_t nodes[2] = {};
   std::int8_t cls = -1;  // all of one class: a node of the other cannot be
@@ -40,7 +40,7 @@ struct Survey {
   Database db;
   vrellis::WindowShape shape;
   vrellis::Heap heap;            // of the view's bytes: never written through
-  PageRange arrays[2];           // heap pages of the NH and of the tunnel array
+  PageRange arrays[2];           // heap pages of the NH and of the tunnel array; empty: it is in a node's block
   std::vector<Reached> reached;  // by page
   std::vector<Orphan> orphans;   // in the order of addresses
   std::vector<Flaw> flaws;
@@ -65,6 +65,9 @@ inline bool same_key(const mpls_nh_key_t &key, const egr_nh_info_t &slot) {
          key.is_failover_nh == slot.is_failover_nh && key.protocol == slot.protocol &&
          key.is_l2vpn_pref_path == slot.is_l2vpn_pref_path;
 }
+
+// The block of a node of the class that begins at `address`, whatever the page is used for. Returns: false: none does.
+bool place_in_heap(const Survey &survey, Address address, int cls, vrellis::Place *place);
 
 // Where a node of the class could begin: its page and its slot in it. Returns: false when none can begin there.
 bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *place);

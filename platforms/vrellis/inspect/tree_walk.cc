@@ -148,7 +148,7 @@ void walk_tree(Survey &survey, Address field, int cls, std::uint32_t tree, std::
   Walk(survey, cls, tree, nodes).run(field);
 }
 
-bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *place) {
+bool place_in_heap(const Survey &survey, Address address, int cls, vrellis::Place *place) {
   const std::uint64_t offset = address - survey.address_of(0, 0);
   const std::uint64_t page = offset / vrellis::kPageBytes;
   if (page >= survey.shape.pages) {
@@ -157,10 +157,14 @@ bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *
   const auto within = static_cast<std::uint32_t>(offset % vrellis::kPageBytes);
   *place = {static_cast<std::uint32_t>(page), vrellis::slot_at(cls, within)};
   const vrellis::NodeClass &node = vrellis::kClass[cls];
-  if (place->slot * node.bytes != within || place->slot >= node.per_page()) {
+  return place->slot * node.bytes == within && place->slot < node.per_page();
+}
+
+bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *place) {
+  if (!place_in_heap(survey, address, cls, place)) {
     return false;
   }
-  const vrellis::PageDescriptor &descriptor = survey.heap.page[page];
+  const vrellis::PageDescriptor &descriptor = survey.heap.page[place->page];
   const bool others = vrellis::page_kind(descriptor.state) == vrellis::kClass[1 - cls].kind && in_use(descriptor);
   return !others && !survey.arrays[0].has(place->page) && !survey.arrays[1].has(place->page);
 }

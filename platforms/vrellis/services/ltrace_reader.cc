@@ -291,7 +291,8 @@ std::vector<TraceRecord> TraceFile::records(std::uint32_t ring, const TickClock 
   Decoder decoder(this, copy.entry.tid, clock.ticks_in(kBurstNs));
   const std::span<const std::uint64_t> oldest = copy.block(copy.first);
   report.overwritten_records = oldest.size() >= kBlockHeadWords ? oldest[1] : 0;
-  for (std::uint64_t number = copy.first; number * kBlockWords < copy.head; ++number) {
+  const std::uint64_t end = copy.head / kBlockWords + (copy.head % kBlockWords != 0);
+  for (std::uint64_t number = copy.first; number < end; ++number) {
     if (!decoder.add_block(copy.block(number))) {
       ++report.damaged_blocks;
     }
