@@ -14,21 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "../support/child.h"
 #include "encap_db_owner.h"
 
 namespace {
 
 constexpr std::uint32_t kId = 11;
 
-int in_child(const std::function<int()> &body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(body());
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+using test_support::in_child;
 
 class OwnerTest : public ::testing::Test {
  protected:

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 
+#include "../support/child.h"
 #include "shmwin.h"
 #include "shmwin_layout.h"
 
@@ -24,16 +25,7 @@ using vrellis::WindowHeader;
 inline constexpr std::uint32_t kId = 3;
 inline constexpr std::uint64_t kBytes = 256 * 1024;
 
-// Runs `body` in a child process. Returns: its exit status, or minus the signal that ended it.
-inline int in_child(const std::function<int()> &body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(body());
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-}
+using test_support::in_child;
 
 class WindowTest : public ::testing::Test {
  protected:
