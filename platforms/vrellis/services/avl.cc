@@ -26,13 +26,15 @@ struct Spot {
 // Both children are on their way from memory while the keys are compared. `node` is no null pointer.
 inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   for (;;) {
-    __builtin_prefetch(child_of(node, 0));
-    __builtin_prefetch(child_of(node, 1));
+    Link *const before = child_of(node, 0);
+    Link *const after = child_of(node, 1);
+    __builtin_prefetch(before);
+    __builtin_prefetch(after);
     const int order = compare(probe, node);
     if (order == kEqual) {
       return {node, order};
     }
-    Link *next = child_of(node, static_cast<unsigned>(order) >> 1);
+    Link *const next = __builtin_expect_with_probability(order > kEqual, 1, 0.5) ? after : before;
     if (next == nullptr) {
       return {node, order};
     }
@@ -55,20 +57,24 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   }
 }
 
-// A tree's first node goes in, its last one out, by the store to the root field alone. Cut off before it (going in)
-// or behind it (going out), only a node that is in no tree has words left in its linkage.
+// A tree's first node goes in, its last one out, by the store to the root field alone.
 void link_first(Word *field, Link *node) {
-  Change change(nullptr, field);
-  change.put(&node->child[0], 0);
-  change.put(&node->child[1], 0);
-  change.put(&node->up, address_of(field) | kRoot);
-  change.put(field, address_of(node));
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, address_of(field) | kRoot);
+  store(field, address_of(node));
 }
 
-void unlink_last(Word *field, Link *node) {
-  Change change(nullptr, field);
-  change.put(field, 0);
-  change.put(&node->up, 0);
+void unlink_last(Word *field) {
+  store(field, 0);
+}
+
+// Of a node that has left its tree. Cut off here, or before a node is linked, only a node that is in no tree has words
+// left in its linkage.
+void clear_linkage(Link *node) {
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, 0);
 }
 
 // A tree about to change: its window, its top, its own root field, and the one that the caller gave.
@@ -152,16 +158,18 @@ void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
 void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/) {
   Tree tree;
   auto *link = static_cast<Link *>(node);
-  if (link == nullptr || !open_tree(tree, root, node) || link->up == 0 || root_above(link) != tree.top) {
+  if (link == nullptr || !open_tree(tree, root, node) || link->up == 0 || root_above(link) != tree.top ||
+      !is_held(link)) {
     return nullptr;
   }
   if (link == tree.top && link->child[0] == 0 && link->child[1] == 0) {
-    unlink_last(tree.field, link);
+    unlink_last(tree.field);
   } else {
     Change change(tree.map, tree.field);
     unlink_one(change, link);
     change.commit();
   }
+  clear_linkage(link);
   close_tree(tree, flag);
   return node;
 }

@@ -109,9 +109,9 @@ Link *neighbour_of(const Link *node, unsigned side) {
 }  // namespace
 
 void link_below(Change &change, Link *parent, unsigned side, Link *node) {
-  change.put(&node->child[0], 0);
-  change.put(&node->child[1], 0);
-  change.put(&node->up, address_of(parent));
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, address_of(parent));
   change.put(&parent->child[side], address_of(node));
   rebalance_grown(change, parent, side);
 }
@@ -127,9 +127,6 @@ void unlink_one(Change &change, Link *node) {
   if (both) {
     inherit(change, node, leaver);
     start = start == node ? leaver : start;
-  }
-  for (Word *word : {&node->child[0], &node->child[1], &node->up}) {
-    change.put(word, 0);
   }
   if (start != nullptr) {
     rebalance_shrunk(change, start, start_side);

@@ -12,7 +12,7 @@ namespace vrellis::avl {
 // Hangs `node` below `parent`, which has no child on `side`.
 void link_below(Change &change, Link *parent, unsigned side, Link *node);
 
-// Takes `node` out of its tree and zeroes its linkage.
+// Takes `node` out of its tree; its linkage stays as it is.
 void unlink_one(Change &change, Link *node);
 
 }  // namespace vrellis::avl

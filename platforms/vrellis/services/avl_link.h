@@ -75,6 +75,12 @@ inline Word *holder_of(const Link *node) {
   return is_root(node) ? field_of(node) : &parent_of(node)->child[side_of(node)];
 }
 
+// Whether the tree knows of the node that says it is linked: a death behind the end of a delete leaves its words
+// behind.
+inline bool is_held(const Link *node) {
+  return *holder_of(node) == address_of(node);
+}
+
 // The root of the tree that a linked node is in.
 inline Link *root_above(Link *node) {
   while (!is_root(node)) {

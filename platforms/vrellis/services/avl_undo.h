@@ -44,7 +44,7 @@ constexpr std::size_t greatest_height(std::uint64_t nodes) {
 }
 
 // The longest change is a delete that turns twice on every level; NH and tunnel indexes are 32-bit numbers.
-inline constexpr std::size_t kWordsOfUnlinking = 11;
+inline constexpr std::size_t kWordsOfUnlinking = 8;
 inline constexpr std::size_t kWordsOfLift = 6;
 inline constexpr std::size_t kLongestChange =
     kWordsOfUnlinking + 2 * kWordsOfLift * greatest_height(std::uint64_t{1} << 32);
@@ -56,38 +56,41 @@ inline UndoLog &undo_log_of(const WindowMap &map) {
   return *static_cast<UndoLog *>(map.tree_area);
 }
 
-// One open change of the tree under `field`. Without a window (`map` is nullptr) it writes and logs nothing.
+// One open change of the tree under `field`, whose nodes all lie in `map`'s window or, without a window (nullptr), in
+// none; then nothing is logged. A node that is in no tree needs no undoing: its words are written with store().
 class Change {
  public:
-  Change(const WindowMap *map, const Word *field) : map_(map) {
-    if (map_ != nullptr) {
-      store(&undo_log_of(*map_).field, address_of(field));
+  Change(const WindowMap *map, const Word *field) {
+    if (map != nullptr) {
+      log_ = &undo_log_of(*map);
+      outside_ = covers(*map, address_of(field)) ? nullptr : field;
+      store(&log_->field, address_of(field));
     }
   }
 
   void put(Word *word, Word value) {
-    if (map_ != nullptr && covers(*map_, address_of(word))) {
+    if (log_ != nullptr && word != outside_) {
       log(word);
     }
     store(word, value);
   }
 
   void commit() {
-    if (map_ != nullptr) {
-      store(&undo_log_of(*map_).count, 0);
+    if (log_ != nullptr) {
+      store(&log_->count, 0);
     }
   }
 
  private:
   void log(const Word *word) {
-    UndoLog &undo = undo_log_of(*map_);
-    UndoEntry &entry = undo.entries[count_];
+    UndoEntry &entry = log_->entries[count_];
     store(&entry.address, address_of(word));
     store(&entry.old, *word);
-    store(&undo.count, ++count_);
+    store(&log_->count, ++count_);
   }
 
-  const WindowMap *map_;
+  UndoLog *log_ = nullptr;
+  const Word *outside_ = nullptr;  // the root field, when it lies outside the window: it is no other process's
   std::size_t count_ = 0;
 };
 

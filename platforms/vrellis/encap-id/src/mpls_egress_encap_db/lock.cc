@@ -78,7 +78,7 @@ TAKES_NO_DATABASE_LOCK
 int vrl_egress_encap_db_lock(pthread_mutex_t *mutex) {
   int status = pthread_mutex_trylock(mutex);
   if (__builtin_expect(status, 0) == 0) {
-    return 0;
+    return status;
   }
   if (status == EBUSY) {
     status = encap::wait_for(mutex);
