@@ -2,11 +2,12 @@
 #ifndef VRELLIS_LTRACE_HINT_H
 #define VRELLIS_LTRACE_HINT_H
 
+#include <algorithm>
 #include <cstdint>
 
-namespace vrellis {
+#include "ltrace_file.h"
 
-struct RingEntry;
+namespace vrellis {
 
 // Positions count the words of the thread's ring since it was claimed and never wrap. All zero: no ring. A record is
 // written from `head` alone, so that one written by a signal handler half-way through another costs no more than that.
@@ -19,19 +20,48 @@ struct ThreadTrace {
   std::uint64_t stamped = 0;       // position of the first record after the newest time stamp
   std::uint64_t block_end = 0;     // position where the open block ends
   std::uint64_t *words = nullptr;  // the ring
+  std::uint64_t ring_mask = 0;     // its words less one
+  std::uint64_t ticks = 0;         // of the newest time stamp
+  std::uint64_t stride = 0;        // words after which the next stamp is due, if no operation is told of before
   std::uint32_t refused = 0;       // records to drop before asking for a ring again
 };
 
 extern constinit thread_local ThreadTrace thread_trace __attribute__((tls_model("initial-exec")));
 
+// A time stamp is due after so many words, the records of a small operation. Where operations are told of, at each of
+// them instead: a block that is opened meanwhile repeats the stamp of the operation.
+inline constexpr std::uint64_t kStampWords = 16;
+
 // More than any one record: an operation that searches twice, with one record in between, is stamped once.
 inline constexpr std::uint64_t kHintWords = 10;
 
-// Tells the trace that an operation begins about now: the next record carries a time stamp unless the newest stamp is
-// only a record old.
+// Notes that a time stamp lies right before the next record.
+inline void note_stamp(ThreadTrace &trace) {
+  trace.stamped = trace.head;
+  trace.limit = std::min(trace.block_end, trace.head + trace.stride);
+}
+
+// Writes a time stamp where the next record was to go. Requires a ring, and room in the open block.
+inline void put_stamp(ThreadTrace &trace) {
+  auto *word = reinterpret_cast<std::uint64_t *>(trace.origin + trace.head * sizeof(std::uint64_t));
+  trace.ticks = read_ticks();
+  store_shared(*word, stamp_of(trace.ticks));
+  ++trace.head;
+  note_stamp(trace);
+}
+
+// Tells the trace that an operation begins now: its records stand behind a time stamp, unless the newest one is only a
+// record old. The stamp is shown to readers with the next record.
 inline void trace_operation_begins() {
-  if (thread_trace.head - thread_trace.stamped >= kHintWords) {
-    thread_trace.limit = 0;
+  ThreadTrace &trace = thread_trace;
+  trace.stride = kBlockWords;
+  if (trace.head - trace.stamped < kHintWords) {
+    return;
+  }
+  if (trace.head + kHintWords <= trace.block_end) {
+    put_stamp(trace);
+  } else {
+    trace.limit = 0;
   }
 }
 

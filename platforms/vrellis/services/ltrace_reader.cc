@@ -249,9 +249,12 @@ class Decoder {
     records_.push_back(record);
   }
 
-  // The clock of one thread never runs backwards here, whatever the processors it ran on thought.
+  // A block may repeat the last stamp, which says nothing of its records. Nor does one before it: the clock of one
+  // thread never runs backwards here, whatever the processors it ran on thought.
   void stamp(std::uint64_t ticks) {
-    ticks = std::max(ticks, newest_);
+    if (ticks <= newest_) {
+      return;
+    }
     place(ticks);
     newest_ = ticks;
     stamped_ = records_.size();
