@@ -1,5 +1,10 @@
 #include "aftermath.h"
 
+#include <cstring>
+#include <map>
+
+#include "shmwin_layout.h"
+
 namespace crash {
 namespace {
 
@@ -16,13 +21,38 @@ std::string told(const Report &report) {
   return report.looked ? text : text + "  the database could not be looked at\n";
 }
 
-// Before the repair: only named states, of the interrupted operation alone, and few blocks out of reach.
-std::string faults_before(const Report &report, const Expectation &expected, unsigned deaths, Kinds &kinds) {
-  std::uint64_t unreachable = 0;
+// The kind of the page that a block lies in.
+vrellis::PageKind page_of(const Window &window, std::uint64_t block) {
+  const vrellis::WindowShape shape = vrellis::shape_of_size(window.size());
+  const std::uint64_t page =
+      (block - reinterpret_cast<std::uintptr_t>(window.bytes()) - shape.heap) / vrellis::kPageBytes;
+  vrellis::PageDescriptor descriptor;
+  std::memcpy(&descriptor, window.bytes() + shape.descriptors + page * sizeof descriptor, sizeof descriptor);
+  return vrellis::page_kind(descriptor.state);
+}
+
+// One block of a kind is out of reach a death, at most.
+std::string lost_blocks(const Window &window, const Report &report, unsigned deaths) {
+  std::map<vrellis::PageKind, unsigned> lost;
+  for (const Finding &finding : report.findings) {
+    if (finding.kind == FindingKind::kBlockUnreachable) {
+      ++lost[page_of(window, finding.address)];
+    }
+  }
+  std::string wrong;
+  for (const auto &[kind, count] : lost) {
+    if (count > deaths) {
+      wrong += std::to_string(count) + " blocks of page kind " + std::to_string(kind) + " are out of reach\n";
+    }
+  }
+  return wrong;
+}
+
+// Before the repair: only named states, and of the interrupted operation alone.
+std::string faults_before(const Report &report, const Expectation &expected, Kinds &kinds) {
   for (const Finding &finding : report.findings) {
     const Severity severity = encap_inspect::severity_of(finding.kind);
     ++kinds[static_cast<std::size_t>(finding.kind)];
-    unreachable += finding.kind == FindingKind::kBlockUnreachable ? 1 : 0;
     const bool others =
         (finding.nh_index != encap_inspect::kNoIndex && finding.nh_index != 0 &&
          !expected.touches_nh(finding.nh_index)) ||
@@ -32,7 +62,7 @@ std::string faults_before(const Report &report, const Expectation &expected, uns
              '\n';
     }
   }
-  return unreachable <= 2 * deaths ? "" : std::to_string(unreachable) + " blocks are out of reach\n";
+  return "";
 }
 
 // Under the lock: what was complete is found as ever, before any repair.
@@ -116,7 +146,7 @@ std::string aftermath(const Window &window, const Expectation &expected, unsigne
                       ChangeLog *log) {
   const auto view = [&window] { return encap_inspect::View::over(window.bytes(), window.size()); };
   const Report found = encap_inspect::check(view());
-  std::string wrong = faults_before(found, expected, deaths, kinds);
+  std::string wrong = faults_before(found, expected, kinds) + lost_blocks(window, found, deaths);
   if (!wrong.empty()) {
     return wrong;
   }
