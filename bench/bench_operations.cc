@@ -86,12 +86,19 @@ void add_changes(const Workload &workload, C &...contestants) {
   add_operation<Mix>(workload, contestants...);
 }
 
-void add_parts(const Workload &workload, EncapDb &db, MutexPair &mutex) {
-  add(FindHit::kName, "encap_db, points off", [&](benchmark::State &state) {
-    switch_points_off();
-    time_operation<FindHit>(state, db, workload);
-    switch_points_back();
-  });
+// The database with all points off: what is left is the lock, the trees, the slots and the allocator.
+template <typename... Op>
+void add_without_points(const Workload &workload, EncapDb &db) {
+  (add(Op::kName, "encap_db, points off",
+       [&](benchmark::State &state) {
+         switch_points_off();
+         time_operation<Op>(state, db, workload);
+         switch_points_back();
+       }),
+   ...);
+}
+
+void add_mutex_pair(MutexPair &mutex) {
   add("mutex pair", MutexPair::kName, [&](benchmark::State &state) {
     for (auto _ : state) {
       benchmark::DoNotOptimize(mutex.lock_and_unlock());
@@ -142,7 +149,8 @@ int run(int argc, char **argv) {
   fill_all(db, map2, map2_pooled, map2_fixed, map1, hash, lmdb, bound);
   record_memory(arguments, db, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
   record_counts(arguments, workload, db);
-  add_parts(workload, db, mutex);
+  add_mutex_pair(mutex);
+  add_without_points<FindHit, FindAndShare, DeleteInsert, LoneTunnel>(workload, db);
   add_finds(workload, db, bound, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
   add_changes(workload, db, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
   return run_rounds(arguments);

@@ -9,9 +9,13 @@
 
 namespace encap_bench {
 
-struct FindHit {
-  static constexpr const char *kName = "find, hit";
+// Works on the encapsulations that are entered.
+struct OverUsed {
   static std::size_t positions(const Workload &workload) { return workload.used.size(); }
+};
+
+struct FindHit : OverUsed {
+  static constexpr const char *kName = "find, hit";
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     const Encap &encap = workload.used[i];
@@ -39,9 +43,8 @@ struct FindMissTunnel {
   }
 };
 
-struct FindAndShare {
+struct FindAndShare : OverUsed {
   static constexpr const char *kName = "find and share";
-  static std::size_t positions(const Workload &workload) { return workload.used.size(); }
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     const Found found = contestant.share(workload.used[i].key);
@@ -53,9 +56,8 @@ struct FindAndShare {
   }
 };
 
-struct DeleteInsert {
+struct DeleteInsert : OverUsed {
   static constexpr const char *kName = "NH deleted, inserted";
-  static std::size_t positions(const Workload &workload) { return workload.used.size(); }
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     const Encap &encap = workload.used[i];
@@ -75,9 +77,8 @@ struct LoneTunnel {
   }
 };
 
-struct ReadBack {
+struct ReadBack : OverUsed {
   static constexpr const char *kName = "read back";
-  static std::size_t positions(const Workload &workload) { return workload.used.size(); }
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     const Encap &encap = workload.used[i];
@@ -86,9 +87,8 @@ struct ReadBack {
   }
 };
 
-struct DetachAttach {
+struct DetachAttach : OverUsed {
   static constexpr const char *kName = "NH detached, attached";
-  static std::size_t positions(const Workload &workload) { return workload.used.size(); }
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     const Encap &encap = workload.used[i];
@@ -98,9 +98,8 @@ struct DetachAttach {
 };
 
 // Nine in ten: one more user and one less. One in ten: the NH goes and comes.
-struct Mix {
+struct Mix : OverUsed {
   static constexpr const char *kName = "mix";
-  static std::size_t positions(const Workload &workload) { return workload.used.size(); }
   template <typename C>
   static bool run(C &contestant, const Workload &workload, std::size_t i) {
     if (workload.used[i].nh % 10 == 0) {

@@ -85,13 +85,23 @@ std::string machine_text(const Results &results) {
 }
 
 std::string operations_text(const Results &results) {
-  const auto alone = [&](const char *what, const char *who) {
+  const auto times = [&](const char *what, const char *who) {
     return by_size([&](const char *size) { return results.median({"ns", size, what, who}); }, 0);
   };
-  return "![Medians](performance.svg)\n\n" + medians_of(results) +
-         "The mutex pair alone: " + alone("mutex pair", "mutex pair") +
-         " ns. A find hit with all points off: " + alone("find, hit", "encap_db, points off") + " ns.\n\n" +
-         ratios_of(results);
+  constexpr char kNoPoints[] = "encap_db, points off";
+  std::string text = "![Medians](performance.svg)\n\n" + medians_of(results) +
+                     "The mutex pair alone: " + times("mutex pair", "mutex pair") + " ns.\n\n" +
+                     "What the points and their records cost, ns:\n\n| | as it is | points off | points off / map |\n" +
+                     "|---|---:|---:|---:|\n";
+  for (const char *what :
+       {"find, hit", "find and share", "NH deleted, inserted", "tunnel with its only NH inserted, deleted"}) {
+    const auto ratio = [&](const char *size) {
+      return results.ratio({"ns", size, what, kNoPoints}, {"ns", size, what, kMap});
+    };
+    text += std::string("| ") + what + " | " + times(what, kOurs) + " | " + times(what, kNoPoints) + " | " +
+            by_size(ratio, 2) + " |\n";
+  }
+  return text + "\n" + ratios_of(results);
 }
 
 std::string processes_text(const Results &results) {
