@@ -23,13 +23,20 @@ struct Spot {
   int order;  // the last comparison's result; halved, the side to hang on
 };
 
+// Fetches a node with its linkage and the key behind it, which often lies in the next cache line.
+[[gnu::always_inline]] inline void prefetch_node(const Link *node) {
+  constexpr std::ptrdiff_t kKeyEnd = 32;
+  __builtin_prefetch(node);
+  __builtin_prefetch(reinterpret_cast<const char *>(node) + kKeyEnd);
+}
+
 // Both children are on their way from memory while the keys are compared. `node` is no null pointer.
 inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   for (;;) {
     Link *const before = child_of(node, 0);
     Link *const after = child_of(node, 1);
-    __builtin_prefetch(before);
-    __builtin_prefetch(after);
+    prefetch_node(before);
+    prefetch_node(after);
     const int order = compare(probe, node);
     if (order == kEqual) {
       return {node, order};
