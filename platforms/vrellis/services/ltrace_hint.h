@@ -43,10 +43,11 @@ inline void note_stamp(ThreadTrace &trace) {
 
 // Writes a time stamp where the next record was to go. Requires a ring, and room in the open block.
 inline void put_stamp(ThreadTrace &trace) {
-  auto *word = reinterpret_cast<std::uint64_t *>(trace.origin + trace.head * sizeof(std::uint64_t));
+  const std::uint64_t position = trace.head;
+  auto *word = reinterpret_cast<std::uint64_t *>(trace.origin + position * sizeof(std::uint64_t));
   trace.ticks = read_ticks();
   store_shared(*word, stamp_of(trace.ticks));
-  ++trace.head;
+  trace.head = position + 1;
   note_stamp(trace);
 }
 
