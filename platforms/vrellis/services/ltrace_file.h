@@ -4,7 +4,7 @@
 //    16384  ring 0, then the others: words in blocks of 64; its space is reserved when the ring is first claimed
 //
 // A block:
-//        0  time stamp
+//        0  time stamp; a repetition of the last one when the block was opened in the midst of an operation
 //        1  records written into the ring before this block
 //        2  records and time stamps; a zero word says that the rest of the block is unused
 // No record crosses a block. Each but the newest of a ring's blocks is closed.
