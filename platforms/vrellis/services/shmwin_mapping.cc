@@ -21,7 +21,7 @@ static_assert(kFirstAddress + kAddresses * kAddressStep <= 0x555500000000);
 
 // What lies first in an address range of this process, as the system lists it: its name, or what it is.
 void name_mapping(std::uint64_t begin, std::uint64_t end, char (&name)[160]) {
-  std::strcpy(name, "something that is gone by now");
+  std::snprintf(name, sizeof name, "something that is gone by now");
   std::FILE *const maps = std::fopen("/proc/self/maps", "re");
   char line[512];
   while (maps != nullptr && std::fgets(line, sizeof line, maps) != nullptr) {

@@ -32,9 +32,8 @@ std::uint64_t start_time_in(char *text) {
 
 // Takes no lock and no memory: it runs in the child of a fork, too.
 std::uint64_t process_entry(const char *directory, int pid) {
-  char text[1024] = "/proc/";
-  std::strncat(text, directory, 32);
-  std::strcat(text, "/stat");
+  char text[1024];
+  std::snprintf(text, sizeof text, "/proc/%.32s/stat", directory);
   const int fd = open(text, O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     return 0;
