@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <numeric>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 

@@ -19,7 +19,6 @@ inline void store(Word *word, Word value) {
 }  // namespace vrellis::avl
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <array>
 #include <cstring>
@@ -57,11 +56,8 @@ using Snapshot = std::array<std::byte, kSnapshotBytes>;
 class AvlUndo : public testing::Test {
  protected:
   void SetUp() override {
-    void *memory = mmap(nullptr, sizeof(Window), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(memory, MAP_FAILED);
-    window_ = static_cast<Window *>(memory);
     vrellis::WindowMap &map = vrellis::window_maps[1];  // slot 0 stays empty: the search for the slot is real
-    map.begin = reinterpret_cast<std::uintptr_t>(memory);
+    map.begin = reinterpret_cast<std::uintptr_t>(window_);
     map.end = map.begin + sizeof(Window);
     map.tree_area = window_->tree_area;
   }
@@ -69,7 +65,6 @@ class AvlUndo : public testing::Test {
   void TearDown() override {
     vrellis::avl::after_store = [] {};
     vrellis::window_maps[1] = {};
-    munmap(window_, sizeof(Window));
   }
 
   static void build(const Keys &order) {
@@ -82,9 +77,9 @@ class AvlUndo : public testing::Test {
     }
   }
 
-  static bool insert(std::uint64_t key) {
+  static bool insert(std::uint64_t key, void **field = &window_->root) {
     int flag = 0;
-    return avl_insert(&window_->root, &window_->nodes[key], &flag, compare_keys) != nullptr;
+    return avl_insert(field, &window_->nodes[key], &flag, compare_keys) != nullptr;
   }
 
   // As the database does it: with a copy of the root.
@@ -149,7 +144,8 @@ class AvlUndo : public testing::Test {
 
   static void expect_all_or_nothing(const Keys &order, std::uint64_t key);
 
-  static inline Window *window_;
+  static inline Window memory_;
+  static constexpr Window *window_ = &memory_;
   static inline std::deque<Snapshot> states_;
 };
 
@@ -164,6 +160,9 @@ void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
   const std::deque<Snapshot> deaths = deaths_in([key] { ASSERT_TRUE(toggle(key)); });
   const View after = view_of(&window_->root);
   ASSERT_EQ(after.fault, "");
+  std::set<std::uint64_t> expected(before.keys.begin(), before.keys.end());
+  ASSERT_TRUE(key % 2 == 0 ? expected.erase(key) == 1 : expected.insert(key).second);
+  ASSERT_EQ(after.keys, Keys(expected.begin(), expected.end()));
   const bool bytewise = !before.keys.empty() && !after.keys.empty();  // else one store does it, without the log
   bool committed = false;
   for (const Snapshot &death : deaths) {
@@ -195,26 +194,23 @@ void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
   ASSERT_TRUE(committed);
 }
 
-// The thinnest AVL tree of a height, `heavy` its deeper side, in an order of insertion without rotations.
+// The thinnest AVL tree of a height, `heavy` its deeper side: its keys, each after `key`, by their depth.
+void add_thinnest(int height, bool heavy, std::uint64_t &key, std::size_t depth, std::array<Keys, 8> &levels) {
+  if (height >= 1) {
+    add_thinnest(heavy ? height - 2 : height - 1, heavy, key, depth + 1, levels);
+    levels[depth].push_back(key += 2);
+    add_thinnest(heavy ? height - 1 : height - 2, heavy, key, depth + 1, levels);
+  }
+}
+
+// Level by level: an order of insertion without rotations.
 Keys thinnest_tree(int height, bool heavy) {
-  struct Part {
-    std::uint64_t first;
-    int height;
-  };
-  const auto size = [](auto &self, int h) -> std::uint64_t {
-    return h < 1 ? 0 : 1 + self(self, h - 1) + self(self, h - 2);
-  };
+  std::array<Keys, 8> levels;
   Keys order;
-  std::deque<Part> level{{1, height}};
-  for (; !level.empty(); level.pop_front()) {
-    const auto [first, high] = level.front();
-    if (high >= 1) {
-      const int left = heavy ? high - 2 : high - 1;
-      const std::uint64_t middle = first + size(size, left);
-      order.push_back(2 * middle);
-      level.push_back({first, left});
-      level.push_back({middle + 1, heavy ? high - 1 : high - 2});
-    }
+  std::uint64_t key = 0;
+  add_thinnest(height, heavy, key, 0, levels);
+  for (const Keys &level : levels) {
+    order.insert(order.end(), level.begin(), level.end());
   }
   return order;
 }
@@ -237,8 +233,7 @@ TEST_F(AvlUndo, ADeathAfterAnyStoreLeavesTheTreeBeforeOrAfterTheChange) {
 TEST_F(AvlUndo, AnotherTreesRootIsNotMistakenForTheOneTakenBack) {
   build({4, 2, 6});
   void *&second = window_->other_root;
-  int flag = 0;
-  ASSERT_TRUE(avl_insert(&second, &window_->nodes[20], &flag, compare_keys));
+  ASSERT_TRUE(insert(20, &second));
   for (const Snapshot &death : deaths_in([] { remove(2), remove(4); })) {
     restore(death);
     ASSERT_EQ(find(second, 20), &window_->nodes[20]);
@@ -247,33 +242,25 @@ TEST_F(AvlUndo, AnotherTreesRootIsNotMistakenForTheOneTakenBack) {
   }
 }
 
-TEST_F(AvlUndo, OnlyWordsOfTheWindowAreLogged) {
+// A root field outside the window is some process's stack: it is not logged, and it must be the one the caller gives.
+TEST_F(AvlUndo, ARootFieldOutsideTheWindowIsItsOwnProcesss) {
   build({});
-  void *outside = nullptr;  // a root field in plain memory
-  int flag = 0;
+  void *outside = nullptr;
   for (const std::uint64_t key : {2U, 4U, 6U, 8U}) {
-    ASSERT_TRUE(avl_insert(&outside, &window_->nodes[key], &flag, compare_keys));
+    ASSERT_TRUE(insert(key, &outside));
   }
+  int flag = 0;
   for (const Snapshot &state : deaths_in([&] { avl_delete(&outside, &window_->nodes[4], &flag, compare_keys); })) {
     restore(state);
     for (Word i = 0; i < window_->log().count; ++i) {
       ASSERT_TRUE(covers(vrellis::window_maps[1], window_->log().entries[i].address));
     }
   }
-  EXPECT_EQ(view_of(&outside).fault, "");
-  EXPECT_EQ(view_of(&outside).keys, (Keys{2, 6, 8}));
-}
-
-// A root field recorded outside the window is another process's stack, unless it is the one that the caller gives.
-TEST_F(AvlUndo, ARootFieldOutOfReachIsRefused) {
-  build({});
-  void *outside = nullptr;
-  int flag = 0;
-  ASSERT_TRUE(avl_insert(&outside, &window_->nodes[2], &flag, compare_keys));
   void *copy = outside;
   EXPECT_EQ(avl_delete(&copy, &window_->nodes[2], &flag, compare_keys), nullptr);
-  EXPECT_EQ(avl_insert(&copy, &window_->nodes[4], &flag, compare_keys), nullptr);
-  EXPECT_EQ(view_of(&outside).keys, (Keys{2}));
+  EXPECT_FALSE(insert(4, &copy));
+  EXPECT_EQ(view_of(&outside).fault, "");
+  EXPECT_EQ(view_of(&outside).keys, (Keys{2, 6, 8}));
 }
 
 TEST_F(AvlUndo, ADamagedLogIsDroppedWithoutTouchingWhatIsNotItsOwn) {

@@ -2,26 +2,19 @@
 #ifndef TESTS_SERVICES_ED_FIXTURE_H
 #define TESTS_SERVICES_ED_FIXTURE_H
 
-#include <gtest/gtest.h>
-
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "ed.h"
 #include "ed_catalogue.h"
-#include "log_line_prefix.h"
-
-using Strings = std::vector<std::string>;
+#include "kept_lines.h"
 
 inline constexpr uint16_t kTraced = ED_SITE_PRESENT | ED_SITE_MESSAGE | ED_SITE_TRACE;
 inline constexpr uint16_t kUntraced = ED_SITE_PRESENT | ED_SITE_MESSAGE;
 
+constexpr const char *kDropped = "\"port_close out of range; dropped\"";
 inline const ed_catalogue_row_t kRows[] = {
     {0, 100, 2, 1, 1, "port_open", R"("port_open ifh 0x%x, " "speed %u")"},
     {1, 110, 1, 0, 1, "port_open", R"("port_open no memory" ": rc %d")"},
     {2, 120, 1, 1, 0, "port_open", R"("port_open return rc %d")"},
-    {3, 200, 0, 0, 1, "port_close", R"("port_close out of range; dropped")"},
+    {3, 200, 0, 0, 1, "port_close", kDropped},
     {4, 210, 0, 2, 1, "init_ports", R"("init_ports")"},
 };
 inline const char *const kCategories[] = {"error", "event", "init"};
@@ -38,14 +31,9 @@ struct Component {
     for (size_t id = 0; id < 5; ++id) {
       const ed_catalogue_row_t &row = kRows[id];
       const bool traced = row.traced != 0;
-      site[id] = {traced ? kTraced : kUntraced,
-                  row.category,
-                  traced ? row.category : uint8_t{ED_NO_TRACE_INDEX},
-                  row.line,
-                  row.num_values,
-                  0,
-                  id == 0 ? nullptr : &site[id - 1],
-                  0};
+      const uint8_t trace_index = traced ? row.category : uint8_t{ED_NO_TRACE_INDEX};
+      ed_site_t *const next = id == 0 ? nullptr : &site[id - 1];
+      site[id] = {traced ? kTraced : kUntraced, row.category, trace_index, row.line, row.num_values, 0, next, 0};
     }
     catalogue = {name, 3, kCategories, 5, kRows};
   }
@@ -66,15 +54,6 @@ struct Component {
   ed_catalogue_t catalogue;
 };
 
-inline std::mutex lines_mutex;
-inline Strings lines;  // what reached the sink
-
-inline void keep_line(void *, const char *line, size_t length) {
-  const std::lock_guard lock(lines_mutex);
-  EXPECT_EQ(line[length], '\n');
-  lines.emplace_back(line, length);
-}
-
 class Ed : public testing::Test {
  protected:
   void SetUp() override {
@@ -86,8 +65,8 @@ class Ed : public testing::Test {
   }
   void TearDown() override { ed_set_sink(nullptr, nullptr); }
 
-  void print(size_t id, std::vector<uint64_t> values, const char *format) {
-    ed_print_debug(&ports.site[id], &ports.record, values.data(), 0, kRows[id].line, 0, format, 0);
+  void print(size_t id, std::vector<uint64_t> values, const char *format, Component &component = ports) {
+    ed_print_debug(&component.site[id], &component.record, values.data(), 0, kRows[id].line, 0, format, 0);
   }
   int pass_slowly(size_t id) {
     int enabled = 0;

@@ -1,7 +1,6 @@
 // The query language of the debug facility, from ed_query() and from the environment.
 #include <cerrno>
 #include <cstdlib>
-#include <random>
 #include <string>
 
 #include "ed_fixture.h"
@@ -56,9 +55,7 @@ TEST_F(EdQuery, ThePointsBitsFollowTheLetters) {
 }
 
 TEST_F(EdQuery, AMistakeIsAnsweredWithItsPlaceItsReasonAndNearNames) {
-  std::string nine;
-  for (int i = 0; i < 9; ++i)
-    nine += "id 1 ";
+  const std::string four = "id 1 id 1 id 1 id 1 ";
   const struct {
     std::string query;
     uint32_t position;
@@ -94,7 +91,7 @@ TEST_F(EdQuery, AMistakeIsAnsweredWithItsPlaceItsReasonAndNearNames) {
       {"id 1 +", 5, "wants flags", nullptr},
       {"id 1 +pz", 7, "unknown flag 'z'", nullptr},
       {"id 1 +_", 6, "unknown flag '_'", nullptr},
-      {nine + "+p", 40, "at most 8 conditions", nullptr},
+      {four + four + "id 1 +p", 40, "at most 8 conditions", nullptr},
       {std::string(4097, ' '), 4096, "at most 4096 bytes", nullptr},
       {"func \x01z\xff +p", 5, "'?z?'", nullptr},
   };
@@ -114,24 +111,6 @@ TEST_F(EdQuery, AMistakeIsAnsweredWithItsPlaceItsReasonAndNearNames) {
   EXPECT_EQ(ed_query(nullptr, nullptr), EINVAL);
 }
 
-TEST_F(EdQuery, AnyBytesAreAnswered) {
-  const char *const words[] = {"func ", "id ",  "line ", "text ", "category ", "component ", "+p", "=_",  "-t",
-                               "\"",    ";",    "\n",    "*",     "?",         "1-",         "9",  "err", "port_",
-                               " ",     "\xff", "%s%n",  "\\",    "+",         "=",          "-"};
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  for (int i = 0; i < 20000; ++i) {
-    std::string query;
-    for (size_t n = random() % 24; n-- > 0;)
-      query += random() % 4 == 0 ? std::string(1, static_cast<char>(random() % 255 + 1))
-                                 : words[random() % std::size(words)];
-    ed_query_error_t error;
-    const int status = ed_query(query.c_str(), &error);
-    ASSERT_TRUE(status == 0 || (status == EINVAL && error.position <= query.size() && error.text[0] != '\0')) << query;
-  }
-}
-
 TEST_F(EdQuery, EnvironmentIsAppliedAtRegistrationAndItsMistakesAreReported) {
   setenv("ED_DEBUG", "component libports id 0 +q; id 0 +s\nid one +p; component libenv func port_clse +p;func init* +p",
          1);
@@ -141,11 +120,9 @@ TEST_F(EdQuery, EnvironmentIsAppliedAtRegistrationAndItsMistakesAreReported) {
   unsetenv("ED_DEBUG");
   EXPECT_EQ(env.letters(), (Strings{"st", "t", "", "t", "pt"}));
   EXPECT_EQ(ports.letters(), (Strings{"t", "t", "", "t", "t"}));
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(without_prefix(lines[0]),
-            "ED_DEBUG for libenv, column 40: 'id' wants a number N or a range N-M, not 'one'");
-  EXPECT_EQ(without_prefix(lines[1]),
-            "ED_DEBUG for libenv, column 70: no function matches 'port_clse'; did you mean 'port_close'?");
+  EXPECT_EQ(taken_lines(),
+            (Strings{"ED_DEBUG for libenv, column 40: 'id' wants a number N or a range N-M, not 'one'",
+                     "ED_DEBUG for libenv, column 70: no function matches 'port_clse'; did you mean 'port_close'?"}));
 }
 
 }  // namespace

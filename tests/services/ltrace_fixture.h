@@ -2,12 +2,7 @@
 #ifndef VRELLIS_TESTS_LTRACE_FIXTURE_H
 #define VRELLIS_TESTS_LTRACE_FIXTURE_H
 
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <memory>
@@ -16,9 +11,14 @@
 
 #include "ltrace.h"
 #include "ltrace_reader.h"
+#include "processes.h"
 #include "ptd.h"
 
 namespace vrellis {
+
+using test_support::kill_hard;
+using test_support::Signal;
+using test_support::spawn;
 
 constexpr std::uint64_t trace_header(std::uint32_t id, std::uint32_t tag = 0, std::uint64_t number = 0) {
   return std::uint64_t{7} << 32 | 0x80000000U | number << 28 | tag << 23 | id;
@@ -27,50 +27,30 @@ constexpr std::uint64_t trace_header(std::uint32_t id, std::uint32_t tag = 0, st
 class TraceTest : public testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/dev/shm/ltrace-test-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    directory_ = name;
-    setenv("LTRACE_DIR", name, 1);
+    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+    setenv("LTRACE_DIR", directory_.c_str(), 1);
     for (const char *setting : {"LTRACE", "LTRACE_RING_KIB", "PTD_SPIN_NS"}) {
       unsetenv(setting);
     }
   }
   void TearDown() override { std::filesystem::remove_all(directory_); }
 
-  // A test that fails half-way leaves no process behind.
-  static void die_with_parent() { prctl(PR_SET_PDEATHSIG, SIGKILL); }
-
-  // Runs `body` in a process of its own, which tells that it is through with it; then it ends, or stays until killed.
-  template <typename Body>
-  static pid_t start(Body body, bool stays) {
-    int told[2];
-    EXPECT_EQ(pipe(told), 0);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      die_with_parent();
-      close(told[0]);
-      body();
-      EXPECT_EQ(write(told[1], "!", 1), 1);
-      while (stays) {
-        pause();
-      }
-      _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    close(told[1]);
-    char byte = 0;
-    EXPECT_EQ(read(told[0], &byte, 1), 1);
-    close(told[0]);
-    return pid;
-  }
+  // Runs `body` in a process of its own.
   template <typename Body>
   static void run(Body body) {
-    int status = 0;
-    waitpid(start(body, false), &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test_support::in_child([&] { return body(), HasFailure() ? 1 : 0; }), 0);
   }
-  static void kill_hard(pid_t pid) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+  // The process is through with `body`, and stays until it is killed.
+  template <typename Body>
+  static pid_t start(Body body) {
+    Signal done;
+    const pid_t pid = spawn([&] {
+      body();
+      done.give();
+      return pause();
+    });
+    EXPECT_TRUE(done.await());
+    return pid;
   }
 
   std::vector<std::unique_ptr<TraceFile>> open_all() const {
@@ -95,7 +75,7 @@ class TraceTest : public testing::Test {
     return file.records(number, TickClock({&only, 1}), report);
   }
 
-  std::string directory_;
+  std::string directory_ = "/dev/shm/ltrace-test-XXXXXX";
 };
 
 }  // namespace vrellis

@@ -1,11 +1,13 @@
 // The trace from a record's writing to its text: rings, threads, forks, deaths.
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <latch>
 #include <set>
 #include <thread>
 
+#include "ltrace_file.h"
 #include "ltrace_fixture.h"
 
 namespace vrellis {
@@ -14,36 +16,43 @@ namespace {
 constexpr std::uint64_t kStray = 0xffff'fff8'0000'0000;  // bits that a header word is to have 0
 
 std::int64_t now_ns() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
 }
 
 // Sizes in no order that fits the blocks: what an older lap left lies at ever other places.
-std::uint64_t size_class(std::uint64_t count) {
-  return (count * 2654435761 >> 13) % 3;
+constexpr unsigned values_of(std::uint64_t count) {
+  constexpr unsigned kValues[] = {1, 5, 7};
+  return kValues[(count * 2654435761 >> 13) % 3];
 }
 
 // A record that tells a torn or misplaced one: all its values follow from the first.
 void write_counted(std::uint64_t count) {
-  switch (size_class(count)) {
-    case 0:
-      return _ltrace_1(0, trace_header(7), count);
+  switch (values_of(count)) {
     case 1:
+      return _ltrace_1(0, trace_header(7), count);
+    case 5:
       return _ltrace_5(0, trace_header(7), count, ~count, count * 3, count ^ 0xff, count + 5);
     default:
       return _ltrace_7(0, trace_header(7), count, ~count, count * 3, count ^ 0xff, count + 5, 6, 7);
   }
 }
 
-void expect_counted(const TraceRecord &record, std::uint64_t count) {
-  constexpr unsigned kValues[] = {1, 5, 7};
-  ASSERT_EQ(record.value[0], count);
-  ASSERT_EQ(record.num_values, kValues[size_class(count)]);
-  ASSERT_EQ(record.id, 7U);
-  if (record.num_values >= 5) {
-    ASSERT_EQ(record.value[1], ~count);
-    ASSERT_EQ(record.value[4], count + 5);
+void write_counted(std::uint64_t from, std::uint64_t to) {
+  for (std::uint64_t i = from; i < to; ++i) {
+    write_counted(i);
   }
+}
+
+// All that were written but for those reported as overwritten. Returns: how many were written.
+std::uint64_t expect_counted(const std::vector<TraceRecord> &records, const RingReport &report) {
+  EXPECT_EQ(report.damaged_blocks, 0U);
+  std::uint64_t count = report.overwritten_records;
+  for (const TraceRecord &record : records) {
+    const bool whole = record.num_values < 5 || (record.value[1] == ~count && record.value[4] == count + 5);
+    EXPECT_TRUE(record.value[0] == count && record.num_values == values_of(count) && record.id == 7 && whole) << count;
+    ++count;
+  }
+  return count;
 }
 
 TEST_F(TraceTest, EachArityComesBackWithItsHeaderItsHandleAndItsTime) {
@@ -66,48 +75,45 @@ TEST_F(TraceTest, EachArityComesBackWithItsHeaderItsHandleAndItsTime) {
   RingReport report;
   const auto records = ring(*file, 0, report);
   ASSERT_EQ(records.size(), 7U);
-  EXPECT_EQ(records[0].handle, 0x3ffffffU);
   EXPECT_TRUE(records[0].exact);
-  EXPECT_EQ(records[6].value[6], ~0ULL);
   EXPECT_EQ(file->component(9), "component nine");
   EXPECT_EQ(report.tid, file->pid());
-  EXPECT_FALSE(file->alive());
+  EXPECT_EQ(file->header().ring_words, 64U * 1024 / sizeof(std::uint64_t));
+  const std::vector<std::uint64_t> all = {1, 2, 3, 4, 5, 6, ~0ULL};
   for (unsigned i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(records[i].num_values, i + 1);
-    EXPECT_EQ(records[i].value[i < 6 ? i : 0], i < 6 ? i + 1 : 1);
-    EXPECT_EQ(records[i].id, 0x7fffffU);
-    EXPECT_EQ(records[i].tag, 9U);
-    EXPECT_GE(records[i].time_ns, before - 1'000'000);
-    EXPECT_LE(records[i].time_ns, after + 1'000'000);
+    const TraceRecord &record = records[i];
+    EXPECT_EQ(record.num_values, i + 1);
+    EXPECT_TRUE(std::equal(all.begin(), all.begin() + i + 1, record.value.begin())) << i;
+    EXPECT_EQ((std::array{record.id, record.tag, record.handle}),
+              (std::array{0x7fffffU, 9U, i == 0 ? 0x3ffffffU : i + 1}));
+    EXPECT_GE(record.time_ns, before - 1'000'000);
+    EXPECT_LE(record.time_ns, after + 1'000'000);
   }
 }
 
+// A writer that is killed leaves all that it wrote last.
 TEST_F(TraceTest, AWrappedRingKeepsTheNewestAndCountsTheOthersExactly) {
+  setenv("LTRACE_RING_KIB", "8", 1);
   for (const std::uint64_t total : {100U, 170U, 5'000U, 40'001U}) {
-    setenv("LTRACE_RING_KIB", "8", 1);
-    run([total] {
-      for (std::uint64_t i = 0; i < total; ++i) {
-        write_counted(i);
-      }
-    });
+    const pid_t writer = start([total] { write_counted(0, total); });
     const auto file = open_one();
+    EXPECT_TRUE(file->alive());
+    kill_hard(writer);
+    EXPECT_FALSE(file->alive());
+    EXPECT_FALSE(list_traces(directory_)[0].alive);
     RingReport report;
     const auto records = ring(*file, 0, report);
-    ASSERT_FALSE(records.empty());
-    EXPECT_EQ(report.overwritten_records + records.size(), total);
+    EXPECT_EQ(expect_counted(records, report), total);
+    EXPECT_TRUE(report.owned);
     EXPECT_EQ(report.overwritten_words % 64, 0U);
     EXPECT_GE(records.size(), std::min<std::uint64_t>(total, 150));
-    EXPECT_EQ(report.damaged_blocks, 0U);
-    for (std::size_t i = 0; i < records.size(); ++i) {
-      expect_counted(records[i], report.overwritten_records + i);
-      EXPECT_TRUE(i == 0 || records[i - 1].ticks <= records[i].ticks);
-    }
+    EXPECT_TRUE(std::is_sorted(records.begin(), records.end(), [](auto &a, auto &b) { return a.ticks < b.ticks; }));
     std::filesystem::remove(file->path());
   }
 }
 
 TEST_F(TraceTest, ThreadsHaveRingsThatOutliveThemAndAreReused) {
-  constexpr int kThreads = 150;
+  constexpr std::uint64_t kThreads = 150;
   run([] {
     for (std::uint64_t i = 0; i < kThreads; ++i) {
       std::thread([i] { write_counted(i); }).join();
@@ -128,28 +134,21 @@ TEST_F(TraceTest, ThreadsHaveRingsThatOutliveThemAndAreReused) {
 }
 
 TEST_F(TraceTest, MoreThreadsThanRingsLoseRecordsAndCountThem) {
-  constexpr int kThreads = 70;
-  constexpr int kRecords = 10;
   run([] {
-    std::latch all_wrote(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
+    std::latch all_wrote(70);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 70; ++i) {
       threads.emplace_back([&all_wrote] {
-        for (int k = 0; k < kRecords; ++k) {
-          _ltrace_1(0, trace_header(1), 1);
-        }
+        write_counted(0, 10);
         all_wrote.arrive_and_wait();
       });
-    }
-    for (std::thread &thread : threads) {
-      thread.join();
     }
   });
   const auto files = open_all();
   ASSERT_EQ(files.size(), 1U);
   EXPECT_EQ(files[0]->rings_refused(), 6U);
-  EXPECT_EQ(files[0]->records_dropped(), 6U * kRecords);
-  EXPECT_EQ(merge_traces(files).events.size(), 64U * kRecords);
+  EXPECT_EQ(files[0]->records_dropped(), 6U * 10);
+  EXPECT_EQ(merge_traces(files).events.size(), 64U * 10);
 }
 
 TEST_F(TraceTest, AForkedChildWritesAFileOfItsOwn) {
@@ -167,43 +166,16 @@ TEST_F(TraceTest, AForkedChildWritesAFileOfItsOwn) {
   ASSERT_EQ(files.size(), 2U);
   const TraceMerge merge = merge_traces(files);
   ASSERT_EQ(merge.events.size(), 3U);
-  const auto child = std::find_if(merge.events.begin(), merge.events.end(),
-                                  [](const TraceRecord &event) { return event.value[0] == 20; });
-  ASSERT_NE(child, merge.events.end());
+  std::set<std::pair<bool, std::uint64_t>> seen;  // whether in the first event's file, and what
   for (const TraceRecord &event : merge.events) {
-    EXPECT_EQ(event.file == child->file, event.value[0] == 20);
+    seen.insert({event.file == merge.events[0].file, event.value[0]});
     EXPECT_EQ(event.file->component(3), "inherited");
   }
-}
-
-TEST_F(TraceTest, AKilledWriterIsReadToItsLastRecord) {
-  const pid_t pid = start(
-      [] {
-        for (std::uint64_t i = 0; i < 1000; ++i) {
-          write_counted(i);
-        }
-      },
-      true);
-  EXPECT_TRUE(open_one()->alive());
-  kill_hard(pid);
-  const auto file = open_one();
-  EXPECT_FALSE(file->alive());
-  EXPECT_FALSE(list_traces(directory_)[0].alive);
-  RingReport report;
-  const auto records = ring(*file, 0, report);
-  ASSERT_EQ(records.size(), 1000U);
-  EXPECT_EQ(records.back().value[0], 999U);
-  EXPECT_TRUE(report.owned);
+  EXPECT_EQ(seen, (decltype(seen){{true, 10}, {false, 20}, {true, 11}}));
 }
 
 TEST_F(TraceTest, ALiveWriterAtFullSpeedIsReadWithoutATornRecord) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    die_with_parent();
-    for (std::uint64_t i = 0;; ++i) {
-      write_counted(i);
-    }
-  }
+  const pid_t pid = spawn([] { return write_counted(0, UINT64_MAX), 0; });
   while (list_traces(directory_).empty()) {
     std::this_thread::yield();
   }
@@ -214,10 +186,7 @@ TEST_F(TraceTest, ALiveWriterAtFullSpeedIsReadWithoutATornRecord) {
   while (std::chrono::steady_clock::now() < end && !HasFailure()) {
     RingReport report;
     const auto records = ring(*file, 0, report);
-    EXPECT_EQ(report.damaged_blocks, 0U);
-    for (std::size_t i = 0; i < records.size(); ++i) {
-      expect_counted(records[i], report.overwritten_records + i);
-    }
+    expect_counted(records, report);
     seen += records.size();
   }
   kill_hard(pid);
@@ -236,8 +205,7 @@ TEST_F(TraceTest, SwitchedOffOrWithoutADirectoryNothingIsWrittenAndNothingBreaks
   run([] {
     testing::internal::CaptureStderr();
     errno = 77;
-    write_counted(1);
-    write_counted(2);
+    write_counted(0, 2);
     EXPECT_EQ(errno, 77);
     EXPECT_EQ(ltrace_path(), nullptr);
     const std::string said = testing::internal::GetCapturedStderr();
@@ -247,44 +215,32 @@ TEST_F(TraceTest, SwitchedOffOrWithoutADirectoryNothingIsWrittenAndNothingBreaks
 }
 
 TEST_F(TraceTest, TheSweepKeepsTheLivingAndTheDeadThatWroteLast) {
-  const pid_t living = start([] { write_counted(0); }, true);
-  pid_t late = fork();  // the first to come, the last to write
-  if (late == 0) {
-    die_with_parent();
+  const pid_t living = start([] { write_counted(0); });
+  Signal wrote;
+  Signal go;
+  const pid_t late = spawn([&] {  // the first to come, the last to write
     write_counted(0);
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    int signal = 0;
-    sigwait(&set, &signal);
-    for (std::uint64_t i = 0; i < 100; ++i) {
-      write_counted(i);
-    }
-    _exit(0);
-  }
-  while (list_traces(directory_).size() < 2) {
-    std::this_thread::yield();
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    wrote.give();
+    const bool told = go.await();
+    write_counted(0, 100);
+    return told ? 0 : 1;
+  });
+  ASSERT_TRUE(wrote.await());
+  const auto end_one = [] { run([] { write_counted(0); }); };
   for (int i = 0; i < 20; ++i) {
-    run([] { write_counted(0); });
+    end_one();
   }
-  kill(late, SIGUSR1);
-  int status = 0;
-  waitpid(late, &status, 0);
-  ASSERT_EQ(status, 0);
-  for (int i = 0; i < 2; ++i) {
-    run([] { write_counted(0); });
+  go.give();
+  ASSERT_EQ(test_support::end_of(late), 0);
+  end_one();
+  end_one();
+  std::set<std::uint32_t> pids;
+  for (const TraceListing &one : list_traces(directory_)) {
+    pids.insert(one.pid);
   }
-  const auto listing = list_traces(directory_);
-  const auto has = [&listing](pid_t pid) {
-    return std::any_of(listing.begin(), listing.end(),
-                       [pid](const TraceListing &one) { return one.pid == static_cast<std::uint32_t>(pid); });
-  };
-  EXPECT_EQ(listing.size(), 1U + 16U + 1U);  // the living, the dead as the last process found them, the last process
-  EXPECT_TRUE(has(living));
-  EXPECT_TRUE(has(late));
+  EXPECT_EQ(pids.size(), 1U + 16U + 1U);  // the living, the dead as the last process found them, the last process
+  EXPECT_TRUE(pids.contains(static_cast<std::uint32_t>(living)));
+  EXPECT_TRUE(pids.contains(static_cast<std::uint32_t>(late)));
   kill_hard(living);
 }
 

@@ -2,19 +2,16 @@
 #ifndef SHMWIN_FIXTURE_H
 #define SHMWIN_FIXTURE_H
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 
-#include "../support/child.h"
+#include "processes.h"
 #include "shmwin.h"
 #include "shmwin_layout.h"
 
@@ -39,37 +36,32 @@ class WindowTest : public ::testing::Test {
   }
 
   shmwin_config_t config(std::uint32_t id = kId, const char *name = "window") const {
-    shmwin_config_t made{};
-    made.directory = directory_.c_str();
-    made.name = name;
-    made.shm_id = id;
-    made.size = kBytes;
-    return made;
+    return {directory_.c_str(), name, id, 0, kBytes, 0, 0};
   }
 
-  // Makes the window, or attaches the one that is there. Returns: the status; created_ tells which.
-  int open(const shmwin_config_t &made) {
+  // Makes the window, or attaches the one that is there unless it goes `over` that. Returns: the status; created_ tells
+  // which it was.
+  int open(const shmwin_config_t &made, bool over = false) {
     shmwin_claim_t *claim = nullptr;
     int present = 0;
     int status = shmwin_claim(&made, &claim, &present, &error_);
     if (status == 0) {
-      created_ = present == 0;
+      created_ = present == 0 || over;
       status = created_ ? shmwin_format(claim, &made, &error_) : shmwin_attach(claim, made.shm_id, &error_);
       shmwin_release(claim);
     }
     return status;
   }
 
-  int format_over(const shmwin_config_t &made) {
-    shmwin_claim_t *claim = nullptr;
-    int present = 0;
-    int status = shmwin_claim(&made, &claim, &present, &error_);
-    if (status == 0) {
-      status = shmwin_format(claim, &made, &error_);
-      shmwin_release(claim);
-    }
-    return status;
+  // As another process, which has none of this one's windows.
+  int open_anew(const shmwin_config_t &made, bool over = false) {
+    return in_child([&] {
+      shmwin_detach(made.shm_id);
+      return open(made, over);
+    });
   }
+
+  int unlink(int force, const char *name = "window") { return shmwin_unlink(directory_.c_str(), name, force, &error_); }
 
   std::string path(const char *name = "window") const { return directory_ + "/" + name; }
   bool exists(const char *name = "window") const { return access(path(name).c_str(), F_OK) == 0; }
@@ -83,22 +75,12 @@ class WindowTest : public ::testing::Test {
     EXPECT_EQ(std::strchr(error_.text, '\n'), nullptr);
   }
 
-  // The window's header in its file, to be damaged.
-  void damage(const std::function<void(WindowHeader &)> &change) const {
-    const int fd = ::open(path().c_str(), O_RDWR);
-    auto header = std::make_unique<WindowHeader>();
-    ASSERT_EQ(pread(fd, header.get(), sizeof(WindowHeader), 0), static_cast<ssize_t>(sizeof(WindowHeader)));
-    change(*header);
-    ASSERT_EQ(pwrite(fd, header.get(), sizeof(WindowHeader), 0), static_cast<ssize_t>(sizeof(WindowHeader)));
-    close(fd);
-  }
-
   std::string directory_ = "/dev/shm/shmwin_test.XXXXXX";
   shmwin_error_t error_{};
   bool created_ = false;
 };
 
-inline const WindowHeader &header_of(std::uint32_t id) {
+inline WindowHeader &header_of(std::uint32_t id) {
   void *begin = nullptr;
   std::size_t bytes = 0;
   EXPECT_EQ(shmwin_bounds(id, &begin, &bytes), 0);

@@ -1,33 +1,9 @@
-// The allocator inside a window: what it hands out, takes back and refuses.
-#include <random>
-
+// The allocator inside a window: what it hands out, takes back and refuses, and what a death after any one of its
+// stores leaves to the next process.
 #include "shmwin_heap_fixture.h"
 
 namespace heap_tests {
 namespace {
-
-TEST_F(HeapTest, GivesEveryByteItHasAndTakesItBack) {
-  make(130);
-  for (const std::size_t size : kNodeSizes) {
-    const auto blocks = take_all(size);
-    EXPECT_EQ(blocks.size(), 130 * (kPageBytes / size));
-    for (std::size_t i = 0; i < blocks.size(); ++i) {
-      std::memset(blocks[i], static_cast<int>(i % 251), size);
-    }
-    for (std::size_t i = 0; i < blocks.size(); ++i) {
-      ASSERT_EQ(std::string(reinterpret_cast<char *>(blocks[i]), size), std::string(size, static_cast<char>(i % 251)));
-      shmwin_free(blocks[i]);
-    }
-    EXPECT_EQ(stat().free_pages, 130u);
-    EXPECT_EQ(stat().high_water, 130u);
-  }
-  std::uint8_t *const all = take(130 * kPageBytes);
-  ASSERT_NE(all, nullptr);
-  EXPECT_EQ(take(40), nullptr);
-  shmwin_free(all);
-  EXPECT_EQ(heap().header->pages_used, 0u);
-  EXPECT_TRUE(messages.empty());
-}
 
 TEST_F(HeapTest, SizesThatCanNeverFitAreNoRoom) {
   make(4);
@@ -46,39 +22,31 @@ TEST_F(HeapTest, SizesThatCanNeverFitAreNoRoom) {
 // Blocks of all kinds at random, filled with a pattern each, against a plain list of what is in use.
 TEST_F(HeapTest, RandomUseNeverOverlapsAndLosesNothing) {
   make(300);
-  struct Use {
-    std::size_t size;
-    std::uint8_t pattern;
-  };
-  const unsigned seed = std::random_device{}();
-  std::mt19937 random(seed);
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::vector<std::pair<std::uint8_t *, Use>> in_use;
+  std::mt19937 random = seeded();
+  std::vector<std::pair<std::uint8_t *, std::string>> in_use;
+  std::map<std::size_t, std::uint64_t> count;  // by size
   std::uint64_t most = 0;
   for (int step = 0; step < 40000; ++step) {
     const bool grow = random() % 100 < (step / 4000 % 2 != 0 ? 35u : 65u);
     if (grow || in_use.empty()) {
       constexpr std::size_t kSizes[] = {40, 40, 40, 40, 40, 40, 56, 56, 56, 8, 4096, 9000, 50000};
-      const Use use{kSizes[random() % std::size(kSizes)], static_cast<std::uint8_t>(random())};
-      if (std::uint8_t *const block = take(use.size)) {
-        std::memset(block, use.pattern, use.size);
-        in_use.emplace_back(block, use);
+      const std::string pattern(kSizes[random() % std::size(kSizes)], static_cast<char>(random()));
+      if (std::uint8_t *const block = take(pattern.size())) {
+        in_use.emplace_back(block, pattern);
+        std::memcpy(block, pattern.data(), pattern.size());
+        ++count[pattern.size()];
       }
     } else {
       std::swap(in_use[random() % in_use.size()], in_use.back());
-      const auto [block, use] = in_use.back();
+      const auto [block, pattern] = in_use.back();
+      ASSERT_EQ(std::memcmp(block, pattern.data(), pattern.size()), 0) << pattern.size() << " bytes";
       search_ends.last = block;
-      for (std::size_t i = 0; i < use.size; ++i) {
-        ASSERT_EQ(block[i], use.pattern) << "of " << use.size << " bytes, byte " << i;
-      }
       shmwin_free(block);
       in_use.pop_back();
+      --count[pattern.size()];
     }
+    most = std::max(most, heap().header->pages_used);
     if (step % 100 == 0) {
-      std::map<std::size_t, std::uint64_t> count;
-      for (const auto &[block, use] : in_use) {
-        ++count[use.size];
-      }
       const shmwin_stat_t now = stat();
       ASSERT_EQ(now.nodes40, count[40]);
       ASSERT_EQ(now.nodes56, count[56]);
@@ -86,30 +54,24 @@ TEST_F(HeapTest, RandomUseNeverOverlapsAndLosesNothing) {
       ASSERT_EQ(now.free_pages + now.node_pages + now.array_bytes / kPageBytes, 300u);
       ASSERT_EQ(heap().header->pages_used, 300 - now.free_pages);
     }
-    most = std::max(most, heap().header->pages_used);
   }
   EXPECT_EQ(stat().high_water, most);
-  for (const auto &[block, use] : in_use) {
+  for (const auto &[block, pattern] : in_use) {
     shmwin_free(block);
   }
-  EXPECT_EQ(stat().free_pages, 300u);
-  EXPECT_TRUE(messages.empty());
-}
-
-TEST_F(HeapTest, APageServesTheOtherSizeOnceItIsEmpty) {
-  make(1);
-  for (int round = 0; round < 3; ++round) {
-    for (const std::size_t size : kNodeSizes) {
-      std::uint8_t *const node = take(size);
-      ASSERT_NE(node, nullptr);
-      EXPECT_EQ(take(96 - size), nullptr);
-      EXPECT_EQ(take(1), nullptr);
-      shmwin_free(node);
-    }
-    std::uint8_t *const page = take(1);
-    ASSERT_NE(page, nullptr);
-    shmwin_free(page);
+  for (const std::size_t size : kNodeSizes) {  // now every byte is to be had, as nodes and in one piece
+    const auto blocks = take_all(size);
+    EXPECT_EQ(blocks.size(), 300 * (kPageBytes / size));
+    std::for_each(blocks.begin(), blocks.end(), shmwin_free);
+    EXPECT_EQ(stat().free_pages, 300u);
+    EXPECT_EQ(stat().high_water, 300u);
   }
+  std::uint8_t *const all = take(300 * kPageBytes);
+  ASSERT_NE(all, nullptr);
+  EXPECT_EQ(take(40), nullptr);
+  shmwin_free(all);
+  EXPECT_EQ(heap().header->pages_used, 0u);
+  EXPECT_TRUE(messages.empty());
 }
 
 TEST_F(HeapTest, ANodeLiesWhereTheLastSearchEnded) {
@@ -120,10 +82,9 @@ TEST_F(HeapTest, ANodeLiesWhereTheLastSearchEnded) {
     shmwin_free(first[i]);
   }
   search_ends.last = near;
-  EXPECT_EQ(take(40), first[251]);
-  EXPECT_EQ(take(40), first[249]);
-  EXPECT_EQ(take(40), first[290]);
-  EXPECT_EQ(take(40), first[3]);
+  for (const std::size_t i : {251u, 249u, 290u, 3u}) {
+    EXPECT_EQ(take(40), first[i]);
+  }
   shmwin_free(first[3]);
   search_ends.last = memory_;
   EXPECT_EQ(take(40), first[3]);
@@ -137,39 +98,29 @@ TEST_F(HeapTest, WrongReleasesChangeNothingAndAreCounted) {
   std::uint8_t *const gone = take(40);
   shmwin_free(gone);
   static std::uint8_t elsewhere[64];
-  std::uint8_t *const wrong[] = {elsewhere,
-                                 memory_,
-                                 memory_ + shape_.descriptors,
-                                 gone,
-                                 node40 + 8,
-                                 node40 + 102 * 40,
-                                 node56 + 40,
-                                 node56 + 73 * 56,
-                                 run + 8,
-                                 run + kPageBytes,
-                                 run + 2 * kPageBytes,
-                                 run + 3 * kPageBytes,
-                                 memory_ + shape_.size - 8};
-  const shmwin_stat_t before = stat();
-  const std::vector<std::uint8_t> bytes(memory_ + 4096, memory_ + shape_.heap);
-  for (std::uint8_t *const address : wrong) {
-    shmwin_free(address);
+  std::vector<std::uint8_t *> wrong = {elsewhere, gone, node40 + 8, node40 + 102 * 40, node56 + 40, node56 + 73 * 56};
+  for (const std::size_t offset : {std::size_t{0}, shape_.descriptors, shape_.size - 8}) {
+    wrong.push_back(memory_ + offset);
   }
+  for (const std::size_t offset : {std::size_t{8}, kPageBytes, 2 * kPageBytes, 3 * kPageBytes}) {
+    wrong.push_back(run + offset);
+  }
+  const std::uint64_t before = stat().bad_releases;
+  const std::vector<std::uint8_t> bytes(memory_ + 4096, memory_ + shape_.heap);
+  std::for_each(wrong.begin(), wrong.end(), shmwin_free);
   shmwin_free(nullptr);
-  EXPECT_EQ(stat().bad_releases, before.bad_releases + std::size(wrong));
-  EXPECT_EQ(messages, std::vector<std::string>(std::size(wrong), "shmwin_bad_release"));
+  EXPECT_EQ(stat().bad_releases, before + wrong.size());
+  EXPECT_EQ(messages, std::vector<std::string>(wrong.size(), "shmwin_bad_release"));
   EXPECT_EQ(bytes, std::vector<std::uint8_t>(memory_ + 4096, memory_ + shape_.heap));
   shmwin_free(run);
   shmwin_free(run);
-  EXPECT_EQ(stat().bad_releases, before.bad_releases + std::size(wrong) + 1);
+  EXPECT_EQ(stat().bad_releases, before + wrong.size() + 1);
 }
 
 // A window whose bookkeeping was written over: nothing may fault, loop, or lie outside the window.
 TEST_F(HeapTest, DamagedBookkeepingDoesNoHarm) {
-  const unsigned seed = std::random_device{}();
-  std::mt19937_64 random(seed);
-  SCOPED_TRACE("seed " + std::to_string(seed));
   make(70);
+  std::mt19937_64 random = seeded<std::mt19937_64>();
   for (int round = 0; round < 300; ++round) {
     auto *const words = reinterpret_cast<std::uint64_t *>(memory_ + sizeof(WindowHeader));
     const std::size_t count = (shape_.heap - sizeof(WindowHeader)) / 8;
@@ -192,32 +143,107 @@ TEST_F(HeapTest, DamagedBookkeepingDoesNoHarm) {
 }
 
 // The figures that windows are planned with.
-TEST(SizeFor, AMillionEncapsulationsTakeLessThanEightyMebibytes) {
-  const std::uint64_t arrays = 28 * 983025 + 16 * 65536;
-  const std::uint64_t size = shmwin_size_for(arrays, 2, 983025, 65535);
-  EXPECT_LT(size, std::uint64_t{80} << 20);
-  const double node40 = static_cast<double>(kPageBytes + sizeof(PageDescriptor)) / 102;
-  const double node56 = static_cast<double>(kPageBytes + sizeof(PageDescriptor)) / 73;
-  EXPECT_LE(node40, 44);
-  EXPECT_LE(node56, 60);
-  std::printf("65,535 tunnels x 15 NHs: %.1f MiB, %.1f bytes an NH node, %.1f a tunnel node\n",
-              static_cast<double>(size) / (1 << 20), node40, node56);
-  EXPECT_EQ(shmwin_size_for(UINT64_MAX, UINT64_MAX, UINT64_MAX, UINT64_MAX), UINT64_MAX);
-  EXPECT_EQ(shmwin_size_for(UINT64_MAX, 1, UINT64_MAX, UINT64_MAX), UINT64_MAX);
-}
-
-TEST_F(HeapTest, ASizeForSomeBlocksHoldsThem) {
+TEST_F(HeapTest, ASizeForSomeBlocksHoldsThemAndIsNoLargerThanPlanned) {
+  EXPECT_LT(shmwin_size_for(28 * 983025 + 16 * 65536, 2, 983025, 65535), std::uint64_t{80} << 20);
+  EXPECT_LE((kPageBytes + sizeof(PageDescriptor)) / 102.0, 44);
+  EXPECT_LE((kPageBytes + sizeof(PageDescriptor)) / 73.0, 60);
+  for (const std::uint64_t arrays : {std::uint64_t{1}, UINT64_MAX}) {
+    EXPECT_EQ(shmwin_size_for(UINT64_MAX, arrays, UINT64_MAX, UINT64_MAX), UINT64_MAX);
+  }
   for (const std::uint64_t nodes : {1u, 102u, 103u, 5000u}) {
     make(shape_of_size(shmwin_size_for(3 * 4097, 3, nodes, nodes)).pages);
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_NE(take(4097), nullptr);
+    for (std::uint64_t i = 0; i < 2 * nodes + 3; ++i) {
+      ASSERT_NE(take(i < 3 ? 4097 : kNodeSizes[i % 2]), nullptr);
     }
-    for (std::uint64_t i = 0; i < 2 * nodes; ++i) {
-      ASSERT_NE(take(kNodeSizes[i % 2]), nullptr);
-    }
-    TearDown();
-    memory_ = nullptr;
+    EXPECT_EQ(stat().high_water, heap().header->pages_used);
   }
+}
+
+// Plays the next process after each store of a scenario.
+class DeathTest : public HeapTest {
+ protected:
+  static constexpr std::size_t kUnit = 8;
+
+  // One page set of two words: most pages are in use, the rest lies across the words.
+  void SetUp() override {
+    make(67);
+    rest_ = take(60 * kPageBytes) + 60 * kPageBytes;
+    self_ = this;
+  }
+
+  // Every free place can be had, no block in use is had again; what is given back then can be had once more.
+  void next_process(std::size_t size) {
+    const std::vector<std::uint8_t> bytes(memory_, memory_ + shape_.heap);
+    const Heap own = std::exchange(heap(), heap_at(heap().header, shape_));
+    std::vector<std::uint8_t> taken(7 * kPageBytes / kUnit);
+    std::vector<std::uint8_t *> blocks = take_everything(size);
+    for (std::uint8_t *const block : blocks) {
+      mark(taken, block, size);
+    }
+    for (const auto &[block, length] : live_) {
+      mark(taken, block, length);
+      blocks.push_back(block);
+    }
+    std::for_each(blocks.begin(), blocks.end(), shmwin_free);
+    take_everything(size);
+    std::memcpy(memory_, bytes.data(), bytes.size());
+    heap() = own;
+  }
+
+  std::vector<std::uint8_t *> take_everything(std::size_t size) {
+    std::vector<std::uint8_t *> blocks = take_all(size);
+    EXPECT_EQ(stat().free_pages, 0u);
+    for (std::uint32_t page = 0; page < heap().pages && size != 1; ++page) {
+      EXPECT_FALSE(has_room(heap().page[page], class_of_size(size))) << "page " << page;
+    }
+    return blocks;
+  }
+
+  void mark(std::vector<std::uint8_t> &taken, const std::uint8_t *block, std::size_t length) const {
+    ASSERT_GE(block, rest_);
+    std::uint8_t *const begin = taken.data() + static_cast<std::size_t>(block - rest_) / kUnit;
+    std::uint8_t *const end = begin + (length + kUnit - 1) / kUnit;
+    ASSERT_EQ(std::find(begin, end, 1), end) << "handed out twice";
+    std::fill(begin, end, 1);
+  }
+
+  void die() {
+    after_store = [] {};
+    EXPECT_GE(heap().header->pages_used + stat().free_pages, heap().pages);
+    for (const std::size_t size : {std::size_t{40}, std::size_t{56}, std::size_t{1}}) {
+      next_process(size);
+    }
+    ++deaths_;
+    after_store = [] { self_->die(); };
+  }
+
+  void step(std::mt19937 &random, bool grow) {
+    constexpr std::size_t kSizes[] = {40, 40, 56, 1, 3 * kPageBytes};
+    after_store = [] { self_->die(); };
+    if (grow || live_.empty()) {
+      const std::size_t size = kSizes[random() % std::size(kSizes)];
+      if (std::uint8_t *const block = take(size)) {
+        live_[block] = size;
+      }
+    } else {
+      const auto victim = std::next(live_.begin(), static_cast<long>(random() % live_.size()));
+      shmwin_free(live_.extract(victim).key());  // from now on it may be had
+    }
+    after_store = [] {};
+  }
+
+  static inline DeathTest *self_ = nullptr;
+  std::uint8_t *rest_ = nullptr;  // where the pages begin that are not in use for good
+  std::map<std::uint8_t *, std::size_t> live_;
+  std::uint64_t deaths_ = 0;
+};
+
+TEST_F(DeathTest, AfterAnyStoreNoRoomIsLostAndNoBlockIsHadTwice) {
+  std::mt19937 random = seeded();
+  for (int i = 0; i < 400 && !HasFailure(); ++i) {
+    step(random, random() % 100 < (i / 50 % 2 != 0 ? 20u : 80u));
+  }
+  EXPECT_GT(deaths_, 500u);
 }
 
 }  // namespace

@@ -1,9 +1,13 @@
-// Windows between processes: made once, mapped at one address, kept apart and let go, whoever dies.
+// Windows between processes: made once, mapped at one address, kept apart and let go, whoever dies; and what is
+// refused, each time with a status and one sentence, and with nothing lost.
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <vector>
+#include <fstream>
 
 #include "shmwin_fixture.h"
 
@@ -20,10 +24,9 @@ TEST_F(WindowTest, AnotherProcessReadsAddressesAsTheyWereWritten) {
   std::strcpy(*area = static_cast<char *>(block), "across");
   EXPECT_EQ(in_child([&] {
               shmwin_detach(kId);
-              const bool attached_again = open(config()) == 0 && !created_;
-              auto **const there = static_cast<char **>(shmwin_user_area(kId));
-              const bool same = attached_again && there == area && std::strcmp(*there, "across") == 0;
-              shmwin_free(*there);
+              const bool attached_again = open(config()) == 0 && !created_ && shmwin_user_area(kId) == area;
+              const bool same = attached_again && std::strcmp(*area, "across") == 0;
+              shmwin_free(*area);
               return same ? 0 : 1;
             }),
             0);
@@ -38,61 +41,31 @@ TEST_F(WindowTest, AnotherProcessReadsAddressesAsTheyWereWritten) {
 }
 
 TEST_F(WindowTest, OfManyAtOnceOneCreates) {
-  constexpr int kProcesses = 16;
-  int start[2];
-  ASSERT_EQ(pipe(start), 0);
-  std::vector<pid_t> children;
-  for (int i = 0; i < kProcesses; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      close(start[1]);
-      char byte;
-      [[maybe_unused]] const ssize_t at_end = read(start[0], &byte, 1);
-      const int status = open(config());
-      _exit(status != 0 ? 2 : created_ ? 1 : 0);
-    }
-    children.push_back(child);
-  }
-  close(start[0]);
-  close(start[1]);
-  int count[3] = {};
-  for (const pid_t child : children) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    ++count[WIFEXITED(status) ? std::min(WEXITSTATUS(status), 2) : 2];
-  }
-  EXPECT_EQ(count[1], 1);
-  EXPECT_EQ(count[0], kProcesses - 1);
+  const auto count = test_support::at_once(16, [this](unsigned) { return open(config()) != 0 ? 2 : created_ ? 1 : 0; });
+  EXPECT_EQ(count, (std::array{15u, 1u, 0u}));
 }
 
 TEST_F(WindowTest, ACreatorThatDiesHalfWayLeavesNothingInTheWay) {
-  const auto die_after = [this](auto &&step) {
-    const int ended = in_child([&] {
-      const shmwin_config_t made = config();
-      shmwin_claim_t *claim = nullptr;
-      int present = 0;
-      if (shmwin_claim(&made, &claim, &present, &error_) != 0 || present != 0) {
-        return 1;
-      }
-      step(claim, made);
-      raise(SIGKILL);
-      return 2;
-    });
-    ASSERT_EQ(ended, -SIGKILL);
-  };
-  const auto after_open = [](shmwin_claim_t *, const shmwin_config_t &) {};
-  const auto after_reserving = [this](shmwin_claim_t *, const shmwin_config_t &) {
-    std::filesystem::resize_file(path(), kBytes);
-  };
-  const auto before_the_last_word = [this](shmwin_claim_t *claim, const shmwin_config_t &made) {
-    if (shmwin_format(claim, &made, &error_) == 0) {
-      damage([](WindowHeader &header) { header.complete = 0; });
-    }
-  };
-  die_after(after_open);
-  die_after(after_reserving);
-  die_after(before_the_last_word);
-  ASSERT_EQ(open(config()), 0) << error_.text;
+  const shmwin_config_t made = config();
+  const std::function<void(shmwin_claim_t *)> last_steps[] = {
+      [](shmwin_claim_t *) {}, [this](shmwin_claim_t *) { std::filesystem::resize_file(path(), kBytes); },
+      [&](shmwin_claim_t *claim) {
+        EXPECT_EQ(shmwin_format(claim, &made, &error_), 0);
+        header_of(kId).complete = 0;
+      }};
+  for (const auto &step : last_steps) {
+    EXPECT_EQ(in_child([&] {
+                shmwin_claim_t *claim = nullptr;
+                int present = 0;
+                if (shmwin_claim(&made, &claim, &present, &error_) == 0 && present == 0) {
+                  step(claim);
+                  raise(SIGKILL);
+                }
+                return 1;
+              }),
+              -SIGKILL);
+  }
+  ASSERT_EQ(open(made), 0) << error_.text;
   EXPECT_TRUE(created_);
   EXPECT_EQ(attached(header_of(kId)), 1u);
 }
@@ -104,11 +77,9 @@ TEST_F(WindowTest, TheModeIsTheCreatorsWhateverTheUmask) {
   ASSERT_EQ(open(made), 0);
   ASSERT_EQ(open(config(4, "private")), 0);
   umask(before);
-  struct stat status;
-  ASSERT_EQ(stat(path().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0664u);
-  ASSERT_EQ(stat(path("private").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0600u);
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(path()).permissions(), perms{0664});
+  EXPECT_EQ(std::filesystem::status(path("private")).permissions(), perms{0600});
 }
 
 TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
@@ -131,8 +102,7 @@ TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
   ASSERT_EQ(shmwin_stat(7, &stat), 0);
   EXPECT_EQ(stat.nodes56, 1u);
   EXPECT_EQ(shmwin_stat(5, &stat), 2);
-  void *none = nullptr;
-  EXPECT_EQ(shmwin_malloc(5, 56, &none), 22);
+  EXPECT_EQ(shmwin_malloc(5, 56, &block[5]), 22);
 }
 
 TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
@@ -141,41 +111,149 @@ TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
   EXPECT_EQ(attached(header), 1u);
   EXPECT_EQ(in_child([&] { return static_cast<int>(attached(header)); }), 2) << "a child of a fork enters itself";
   EXPECT_EQ(attached(header), 2u) << "a process that exits without a word stays until the next one attaches";
-  EXPECT_EQ(in_child([&] {
-              shmwin_detach(kId);
-              return open(config()) == 0 ? static_cast<int>(attached(header)) : 99;
-            }),
-            2);
+  EXPECT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(attached(header), 2u);
 }
 
 TEST_F(WindowTest, AClaimDiesWithItsHolder) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t holder = fork();
-  if (holder == 0) {
-    const shmwin_config_t made = config();
+  const shmwin_config_t made = config();
+  test_support::Signal claimed;
+  const pid_t holder = test_support::spawn([&] {
     shmwin_claim_t *claim = nullptr;
     int present = 0;
     shmwin_claim(&made, &claim, &present, &error_);
-    [[maybe_unused]] const ssize_t told = write(ready[1], "r", 1);
-    pause();
-  }
-  char byte;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
-  const pid_t killer = fork();
-  if (killer == 0) {
-    usleep(50000);
-    kill(holder, SIGKILL);
-    _exit(0);
-  }
-  EXPECT_EQ(open(config()), 0) << error_.text;
+    claimed.give();
+    return pause();
+  });
+  ASSERT_TRUE(claimed.await());
+  const auto begin = std::chrono::steady_clock::now();
+  const pid_t killer = test_support::spawn([holder] { return usleep(50000), kill(holder, SIGKILL); });
+  EXPECT_EQ(open(made), 0) << error_.text;
   EXPECT_TRUE(created_);
-  int status = 0;
-  EXPECT_EQ(waitpid(holder, &status, 0), holder);
-  EXPECT_TRUE(WIFSIGNALED(status)) << "the claim was waited for";
-  waitpid(killer, &status, 0);
-  close(ready[0]);
-  close(ready[1]);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)) << "the claim was not waited for";
+  EXPECT_EQ(test_support::end_of(holder), -SIGKILL);
+  EXPECT_EQ(test_support::end_of(killer), 0);
+}
+
+TEST_F(WindowTest, WhatDoesNotAgreeIsRefusedInOneSentence) {
+  const struct {
+    std::function<void(WindowHeader &)> change;
+    int status;
+    std::initializer_list<const char *> parts;
+  } cases[] = {
+      {[](auto &header) { header.magic = 0x1234; }, 22, {"no window", "0x1234"}},
+      {[](auto &header) { header.version = 2; }, 22, {"layout version 2", "reads version 1"}},
+      {[](auto &header) { header.word_bits = 32; }, 22, {"32", "64"}},
+      {[](auto &header) { header.mutex_bytes = 24; }, 22, {"24", "40"}},
+      {[](auto &header) { header.size += 4096; }, 22, {"266240", "262144"}},
+      {[](auto &header) { header.complete = 5; }, 22, {"not complete", "0x5"}},
+      {[](auto &header) { header.heap_pages = 1u << 30; }, 22, {"damaged", "1073741824"}},
+      {[](auto &header) { header.address += 1; }, 22, {"damaged"}},
+      {[](auto &header) { header.address = 0; }, 22, {"damaged"}},
+      {[](auto &header) { header.address = ~std::uint64_t{4095}; }, 22, {"damaged"}},
+      {[](auto &header) { header.pid_namespace = 42; }, 18, {"PID namespace 42", "runs in"}},
+      {[](auto &header) { header.shm_id = 9; }, 22, {"id 9", "id 3"}},
+  };
+  for (const auto &c : cases) {
+    ASSERT_EQ(open(config()), 0) << error_.text;
+    c.change(header_of(kId));
+    ASSERT_EQ(shmwin_detach(kId), 0);
+    expect_refusal(open(config()), c.status, c.parts);
+    EXPECT_FALSE(created_) << "taken for absent";
+    ASSERT_EQ(unlink(1), 0) << error_.text;
+  }
+}
+
+TEST_F(WindowTest, ForeignAndTruncatedFilesAreLeftAlone) {
+  std::ofstream(path()) << "letters to a friend";
+  expect_refusal(open(config()), 22, {"window", "no window"});
+  expect_refusal(open(config(), true), 22, {"no window"});
+  expect_refusal(unlink(0), 22, {"no window"});
+  EXPECT_EQ(std::filesystem::file_size(path()), 19u);
+  std::filesystem::remove(path());
+
+  ASSERT_EQ(open(config()), 0);
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  std::filesystem::resize_file(path(), 100);
+  expect_refusal(open(config()), 22, {"262144", "100"});
+
+  ASSERT_EQ(symlink("window", path("link").c_str()), 0);
+  expect_refusal(open(config(kId, "link")), ELOOP, {"cannot open"});
+  ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+  expect_refusal(open(config(kId, "pipe")), 22, {"no regular file"});
+}
+
+TEST_F(WindowTest, WhatCanNeverWorkIsRefused) {
+  const shmwin_config_t good = config();
+  const auto expect_never = [&](auto shmwin_config_t::*field, auto values, int status, const char *part) {
+    for (const auto value : values) {
+      shmwin_config_t made = good;
+      made.*field = value;
+      expect_refusal(open(made), status, {part});
+    }
+  };
+  constexpr std::uint64_t kFar = std::uint64_t{1} << 47;
+  expect_never(&shmwin_config_t::name, std::array<const char *, 4>{"", "a/b", "..", nullptr}, 22,
+               "cannot name a window");
+  expect_never(&shmwin_config_t::size, std::array<std::uint64_t, 4>{0, 4096, kFar << 13, UINT64_MAX}, 22,
+               "cannot have");
+  expect_never(&shmwin_config_t::address, std::array<std::uint64_t, 3>{4097, kFar, ~4095ull}, 22, "cannot be mapped");
+  expect_never(&shmwin_config_t::directory, std::array{"/nowhere"}, 2, "/nowhere/window");
+  expect_refusal(unlink(0), 2, {"window"});
+  EXPECT_TRUE(std::filesystem::is_empty(directory_));
+}
+
+TEST_F(WindowTest, AFileSizeLimitIsAnErrorAtCreation) {
+  EXPECT_EQ(in_child([this] {
+              const rlimit limit{8192, 8192};
+              setrlimit(RLIMIT_FSIZE, &limit);
+              return open(config()) == EFBIG && std::strstr(error_.text, "8192") != nullptr && !exists() ? 0 : 1;
+            }),
+            0);
+}
+
+TEST_F(WindowTest, ATakenAddressNamesWhatLiesThere) {
+  ASSERT_EQ(open(config()), 0);
+  const std::uint64_t address = header_of(kId).address;
+  shmwin_config_t second = config(4, "second");
+  second.address = address;
+  expect_refusal(open(second), 17, {"second", "/window"});
+  EXPECT_FALSE(exists("second"));
+  ASSERT_EQ(shmwin_detach(kId), 0);
+
+  void *const taken = mmap(reinterpret_cast<void *>(address), 4096, PROT_READ,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+  ASSERT_NE(taken, MAP_FAILED);
+  expect_refusal(open(config()), 17, {"memory of no file"});
+  EXPECT_TRUE(exists()) << "a refused attach loses nothing";
+  ASSERT_EQ(open(config(kId, "elsewhere")), 0) << error_.text;
+  EXPECT_NE(header_of(kId).address, address);
+  munmap(taken, 4096);
+}
+
+TEST_F(WindowTest, AFullTableRefusesTheNext) {
+  ASSERT_EQ(open(config()), 0);
+  auto &table = header_of(kId).process;
+  std::fill(std::begin(table), std::end(table), table[0]);
+  EXPECT_EQ(in_child([this] {
+              const bool left = shmwin_detach(kId) == 0;
+              return left && open(config()) == 11 && std::strstr(error_.text, "256") != nullptr ? 0 : 1;
+            }),
+            0);
+}
+
+TEST_F(WindowTest, AWindowInUseIsRemovedByForceAlone) {
+  ASSERT_EQ(open(config()), 0);
+  expect_refusal(unlink(0), 16, {std::to_string(getpid()).c_str()});
+  EXPECT_EQ(open_anew(config(), true), 16);
+  ASSERT_EQ(unlink(1), 0);
+  void *block = nullptr;
+  EXPECT_EQ(shmwin_malloc(kId, 40, &block), 0) << "who has it keeps it";
+  EXPECT_EQ(shmwin_detach(kId), 0);
+
+  ASSERT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(unlink(0), 0) << error_.text;
+  EXPECT_FALSE(exists());
 }
 
 }  // namespace
