@@ -12,7 +12,7 @@
 #include <fstream>
 #include <functional>
 
-#include "operations.h"
+#include "support/operations.h"
 #include "window.h"
 
 namespace crash {

@@ -16,9 +16,9 @@
 #include <optional>
 
 #include "check.h"
-#include "operations.h"
 #include "shmwin_layout.h"
 #include "stepper.h"
+#include "support/operations.h"
 
 namespace crash {
 namespace {

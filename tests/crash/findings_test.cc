@@ -9,8 +9,8 @@
 #include "check.h"
 #include "ltrace_file.h"
 #include "ltrace_reader.h"
-#include "operations.h"
 #include "repair.h"
+#include "support/operations.h"
 #include "window.h"
 
 namespace crash {

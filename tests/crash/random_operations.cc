@@ -12,8 +12,8 @@
 #include <cstring>
 #include <random>
 
-#include "caller.h"
 #include "check.h"
+#include "support/caller.h"
 #include "window.h"
 
 namespace crash {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "operations.h"
+#include "support/operations.h"
 
 namespace crash {
 

@@ -7,7 +7,7 @@
 #include <random>
 #include <string>
 
-#include "operations.h"
+#include "support/operations.h"
 
 namespace crash {
 

@@ -1,13 +1,20 @@
-// The binary contract of the built library: exported names, needed libraries, services reached by symbol.
+// The binary contract of the built library: exported names, needed libraries, services reached by symbol; and that
+// every point stands in the code exactly once and is emitted by some test.
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <iostream>
+#include <map>
 #include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "support/expected_points.h"
+#include "support/fixture.h"
 
 namespace encap_test {
 namespace {
@@ -33,37 +40,30 @@ Names matches(const std::string &text, const std::string &pattern) {
   return names;
 }
 
-std::string content(const char *path) {
+std::string content(const std::filesystem::path &path) {
   std::ifstream file(path);
   std::ostringstream text;
   text << file.rdbuf();
   return text.str();
 }
 
+Names words(const char *text) {
+  return matches(text, R"((\S+))");
+}
+
 Names expected_exports() {
-  Names names = {"mpls_egress_encap_db_init",
-                 "eencap_lock_init",
-                 "vrl_egress_encap_db_lock",
-                 "eencap_mutex_monitor_server_fn",
-                 "vrl_find_egress_encap",
-                 "vrl_find_and_share_egress_encap",
-                 "vrl_find_and_share_egress_nh",
-                 "vrl_insert_egress_encap",
-                 "vrl_egress_encap_nh_insert_attach",
-                 "vrl_find_and_set_egress_nh_ref",
-                 "vrl_egress_encap_nh_detach",
-                 "vrl_delete_and_free_egress_encap_with_nh_key",
-                 "vrl_can_delete_egr_nh_data_from_encap_db",
-                 "vrl_update_egr_nh_data_in_encap_db",
-                 "vrl_get_encap_key_and_aux_data_from_nh",
-                 "egress_encap_db",
-                 "ed_dummy_libmpls_egress_encap_db",
-                 "ed_perf_dummy_libmpls_egress_encap_db"};
-  for (const char *kind : {"rec", "limit"}) {
-    for (const char *message :
-         {"nh_notfound", "nh_notvalid", "nh_refcount", "tun_notfound", "tun_notvalid", "tun_refcount"}) {
-      names.insert(std::string("oxa_msg_") + kind + "_mpls_encap_db_" + message + "_error");
-    }
+  Names names = words(R"(
+      mpls_egress_encap_db_init eencap_lock_init vrl_egress_encap_db_lock eencap_mutex_monitor_server_fn
+      vrl_find_egress_encap vrl_find_and_share_egress_encap vrl_find_and_share_egress_nh
+      vrl_insert_egress_encap vrl_egress_encap_nh_insert_attach vrl_find_and_set_egress_nh_ref
+      vrl_egress_encap_nh_detach vrl_delete_and_free_egress_encap_with_nh_key
+      vrl_can_delete_egr_nh_data_from_encap_db vrl_update_egr_nh_data_in_encap_db
+      vrl_get_encap_key_and_aux_data_from_nh
+      egress_encap_db ed_dummy_libmpls_egress_encap_db ed_perf_dummy_libmpls_egress_encap_db)");
+  for (const std::string &message :
+       words("nh_notfound nh_notvalid nh_refcount tun_notfound tun_notvalid tun_refcount")) {
+    names.insert("oxa_msg_rec_mpls_encap_db_" + message + "_error");
+    names.insert("oxa_msg_limit_mpls_encap_db_" + message + "_error");
   }
   return names;
 }
@@ -92,34 +92,54 @@ TEST(ContractTest, NameAndNeeds) {
   }
 }
 
-TEST(ContractTest, EachServiceIsReachedByItsSymbol) {
-  const Names undefined = matches(output_of(ENCAP_NM " -D --undefined-only " ENCAP_LIBRARY), R"( U ([^@\s]+))");
-  for (const char *service : {"shmwin_malloc",
-                              "shmwin_free",
-                              "avl_search",
-                              "avl_insert",
-                              "avl_delete",
-                              "ptd_set_mutex_block",
-                              "ptd_unset_mutex_block",
-                              "ed_init",
-                              "ed_print_debug",
-                              "ed_slow_debugs",
-                              "_ltrace_1",
-                              "_ltrace_2",
-                              "_ltrace_3",
-                              "_ltrace_4",
-                              "_ltrace_5",
-                              "_ltrace_6",
-                              "_ltrace_7",
-                              "oxa_errmsg",
-                              "pthread_mutex_trylock",
-                              "pthread_mutex_lock",
-                              "pthread_mutex_unlock",
-                              "pthread_mutex_consistent",
-                              "pthread_mutex_init"}) {
-    EXPECT_TRUE(undefined.contains(service)) << service;
+// -------------------------------------------------------------------------------------------------------------- points
+
+TEST(ContractTest, EachPointStandsInTheCodeOnce) {
+  const std::filesystem::path sources = ENCAP_LIBRARY_SOURCES;
+  std::string code;
+  for (const auto &entry : std::filesystem::recursive_directory_iterator(sources)) {
+    if (entry.is_regular_file() && entry.path().filename() != "debug_points.def") {
+      code += content(entry.path());
+    }
   }
+  const std::string table = content(sources / "diag" / "debug_points.def");
+  const std::regex row(R"(\nED_POINT\(\s*(\d+),\s*\d+,\s*\w+,\s*\w+,\s*\d+,\s*(\w+),\s*(\w+),)");
+  const std::regex use(R"(Point::([a-z0-9_]+))");
+  std::map<std::string, unsigned> uses;
+  for (std::sregex_iterator at(code.begin(), code.end(), use), end; at != end; ++at) {
+    ++uses[(*at)[1]];
+  }
+  std::uint32_t id = 0;
+  for (std::sregex_iterator at(table.begin(), table.end(), row), end; at != end; ++at, ++id) {
+    EXPECT_EQ(std::stoul((*at)[1]), id);
+    EXPECT_EQ((*at)[2], expected_points()[id].function);
+    EXPECT_EQ(uses[(*at)[3]], id == kNeverEmitted ? 0u : 1u) << (*at)[3];
+  }
+  EXPECT_EQ(id, kPoints);
 }
+
+// After a run of all tests: every point but the reserved one was seen by the doubles.
+class EveryPointWasEmitted : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    const auto &run = *::testing::UnitTest::GetInstance();
+    if (run.test_to_run_count() != run.total_test_count() || !run.Passed()) {
+      return;  // a part of the tests says nothing about the whole
+    }
+    std::string missing;
+    for (std::uint32_t id = 0; id < kPoints; ++id) {
+      if (journal().points_seen().contains(id) == (id == kNeverEmitted)) {
+        missing += " " + std::to_string(id);
+      }
+    }
+    if (!missing.empty()) {
+      std::cerr << "points never emitted (or emitted though reserved):" << missing << std::endl;
+      std::_Exit(1);
+    }
+  }
+};
+
+::testing::Environment *const every_point = ::testing::AddGlobalTestEnvironment(new EveryPointWasEmitted);
 
 }  // namespace
 }  // namespace encap_test

@@ -1,4 +1,6 @@
 // Initialisation: registration, set-up, attaching, failures at each step.
+#include <sstream>
+
 #include "support/fixture.h"
 
 namespace encap_test {
@@ -9,6 +11,24 @@ constexpr const char *kSetUp =
     "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=0 110(rc=0) "
     "attr_init=0 settype(2)=0 setpshared(1)=0 setrobust(1)=0 settype(1)=0 setrobust(1)=0 mutex_init(zeroed)=0 "
     "attr_destroy=0 119";
+
+// The first calls of the process, made before any test: with no header, then on a first one.
+class FirstCalls : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    arena().reset();
+    watch(&arena().header()->lock.mutex);
+    EXPECT_EQ(mpls_egress_encap_db_init(kWindow, 1, 1, 1, 1, nullptr), 22);
+    EXPECT_EQ(egress_encap_db, nullptr);
+    EXPECT_EQ(journal().take(), "trace(114.0)=0\n");
+    arena().header()->is_initialized = 0;
+    EXPECT_EQ(mpls_egress_encap_db_init(kWindow, 2, 3, 10, 20, arena().header()), 0);
+    EXPECT_EQ(journal().take(),
+              "trace(114.0)=0\ntrace(113.0)=0\ned_init\ntrace(115.0)=9,10,12,20,23\ntrace(111.0)=2\nmalloc(9,56)=0\n"
+              "trace(109.0)=4\nmalloc(9,64)=0\ntrace(119.0)=0\n");
+  }
+};
+::testing::Environment *const first_calls = ::testing::AddGlobalTestEnvironment(new FirstCalls);
 
 class InitTest : public DbTest {
  protected:
@@ -33,34 +53,20 @@ class InitTest : public DbTest {
   }
 };
 
-TEST_F(InitTest, FirstCallsOfTheProcess) {
-  const FirstCalls &first = first_calls();
-  EXPECT_EQ(first.null_status, 22);
-  EXPECT_EQ(first.database_after_null, nullptr);
-  EXPECT_EQ(first.null_journal, "trace(114.0)=0\n");
-  EXPECT_EQ(first.status, 0);
-  EXPECT_EQ(first.journal,
-            "trace(114.0)=0\ntrace(113.0)=0\ned_init\ntrace(115.0)=9,10,12,20,23\ntrace(111.0)=2\nmalloc(9,56)=0\n"
-            "trace(109.0)=4\nmalloc(9,64)=0\ntrace(119.0)=0\n");
-  EXPECT_EQ(registration().calls, 1) << "registered once, however often initialised";
-}
-
 TEST_F(InitTest, RegistrationRecord) {
+  EXPECT_EQ(registration().calls, 1) << "registered once, however often initialised";
   const ed_component_t &record = registration().record;
   ed_component_t expected{};
   expected.sites = &ed_dummy_libmpls_egress_encap_db;
   expected.perf_sites = &ed_perf_dummy_libmpls_egress_encap_db;
   expected.name = record.name;
   expected.num_flags = 3;
+  std::string names = record.name;
   for (const std::size_t i : {0u, 1u, 2u}) {
-    expected.flag[i].name = record.flag[i].name;
-    expected.flag[i].value = 98304;
-    expected.flag[i].enabled = 1;
+    expected.flag[i] = {record.flag[i].name, 98304, {}, 1, {}};
+    names += std::string(" ") + record.flag[i].name;
   }
-  EXPECT_STREQ(record.name, "libmpls_egress_encap_db");
-  EXPECT_STREQ(record.flag[0].name, "error");
-  EXPECT_STREQ(record.flag[1].name, "event");
-  EXPECT_STREQ(record.flag[2].name, "init");
+  EXPECT_EQ(names, "libmpls_egress_encap_db error event init");
   EXPECT_EQ(std::memcmp(&record, &expected, sizeof record), 0);
 }
 
@@ -120,56 +126,38 @@ TEST_F(InitTest, SumsAreOf32Bits) {
 
 TEST_F(InitTest, RangeFromZeroKeepsTheNullTunnelInItsOwnSlot) {
   open(kNhStart, kNhSize, 0, 2);
-  enter(label(16).out_of(1)).at(kNh).on(0);
-  expect_tunnel(0).count(1);
+  enter(label(16).out_of(1), kNh, 0);
   EXPECT_EQ(db().tun_info_array[2].ref_count, 1u);
   EXPECT_EQ(db().tun_info_array[0].valid, 0);
 }
 
-struct ArrayFailure {
-  const char *faults;
-  const char *stream;
-  int status;
-  std::size_t blocks;
-};
-
-TEST_F(InitTest, ArraysThatCannotBeAllocated) {
-  for (const ArrayFailure &failure : std::initializer_list<ArrayFailure>{
-           {"malloc1=5", "114 113 115 111 malloc(9,224)=5 112(rc=5) 116(rc=5)", 5, 0},
-           {"malloc1=NULL", "114 113 115 111 malloc(9,224)=NULL 112(rc=12) 116(rc=12)", 12, 0},
-           {"malloc2=5", "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=5 110(rc=5) 117(rc=5)", 5, 1},
-           {"malloc2=NULL", "114 113 115 111 malloc(9,224)=0 112(rc=0) 109 malloc(9,80)=NULL 110(rc=12) 117(rc=12)", 12,
-            1}}) {
-    fresh();
-    faults().order(failure.faults);
-    EXPECT_EQ(init(), failure.status);
-    expect_journal(failure.stream);
-    EXPECT_EQ(arena().blocks().size(), failure.blocks);
-    EXPECT_EQ(egress_encap_db, &db());
-    EXPECT_EQ(db().tun_root, nullptr);
-    EXPECT_EQ(db().nh_end, 108u);
-    EXPECT_TRUE(arena().gaps_intact());
-  }
-}
-
-TEST_F(InitTest, LockThatCannotBeSetUp) {
-  const std::string stream = kSetUp;
-  struct Step {
-    const char *fault, *call;
-  };
-  for (const Step &step : std::initializer_list<Step>{{"attr_init1", "attr_init="},
-                                                      {"settype1", "settype(2)="},
-                                                      {"setpshared1", "setpshared(1)="},
-                                                      {"setrobust1", "setrobust(1)="},
-                                                      {"settype2", "settype(1)="},
-                                                      {"setrobust2", "settype(1)=0 setrobust(1)="},
-                                                      {"mutex_init1", "mutex_init(zeroed)="},
-                                                      {"attr_destroy1", "attr_destroy="}}) {
-    fresh();
-    faults().order(std::string(step.fault) + "=95");
-    EXPECT_EQ(init(), 95) << step.fault;
-    const std::string call = step.call;
-    expect_journal(stream.substr(0, stream.find(call) + call.size()) + "95 118(rc=95)");
+// Each call fails in turn; nothing is called after it, and nothing is given back.
+TEST_F(InitTest, EachCallThatFailsEndsIt) {
+  std::map<std::string, unsigned> numbers;
+  std::string before;
+  std::istringstream words(kSetUp);
+  for (std::string word; words >> word; before += word + " ") {
+    const std::string kind = word.substr(0, word.find_first_of("(="));
+    if (!word.ends_with("=0")) {
+      continue;
+    }
+    const unsigned number = ++numbers[kind];
+    const bool array = kind == "malloc";
+    for (const char *result : array ? std::vector{"5", "NULL"} : std::vector{"95"}) {
+      const std::string order = kind + std::to_string(number) + "=" + result;
+      SCOPED_TRACE(order);
+      fresh();
+      faults().order(order);
+      const int status = init();
+      EXPECT_EQ(status, result == std::string("NULL") ? 12 : std::stoi(result));
+      values["rc"] = static_cast<std::uint32_t>(status);
+      expect_journal(before + word.substr(0, word.size() - 1) + result +
+                     (!array        ? " 118"
+                      : number == 1 ? " 112 116"
+                                    : " 110 117"));
+      EXPECT_EQ(arena().blocks().size(), array ? number - 1 : 2);
+      EXPECT_TRUE(egress_encap_db == &db() && db().tun_root == nullptr && db().nh_end == 108 && arena().gaps_intact());
+    }
   }
 }
 

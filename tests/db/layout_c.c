@@ -1,6 +1,6 @@
 #include "layout_records.h"
 
-void layout_fill_c(layout_records_t *records);
-void layout_fill_c(layout_records_t *records) {
-  layout_fill(records);
+const layout_records_t *layout_records_of_c(void);
+const layout_records_t *layout_records_of_c(void) {
+  return &layout_records;
 }

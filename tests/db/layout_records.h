@@ -2,8 +2,6 @@
 #ifndef ENCAP_TESTS_LAYOUT_RECORDS_H
 #define ENCAP_TESTS_LAYOUT_RECORDS_H
 
-#include <string.h>
-
 #include "ed.h"
 #include "mpls_egress_encap_db.h"
 #include "oxa_errmsg.h"
@@ -22,63 +20,36 @@ typedef struct layout_records {
   egress_encap_db_t header;
 } layout_records_t;
 
-/* Fills the fields that share a word, and one field behind each run of words. */
-static inline void layout_fill(layout_records_t *r) {
-  memset(r, 0, sizeof *r);
-  r->nh_key.out_label1 = 0x1abcd;
-  r->nh_key.te_local_label = 0x10001;
-  r->nh_key.is_failover_nh = 1;
-  r->nh_key.protocol = 2;
-  r->nh_key.is_l2vpn_pref_path = 1;
-  r->tunnel_key.out_label2 = 0x1fffff;
-  r->tunnel_key.out_label3 = 0x100000;
-  r->tunnel_key.ifh = 0x80000123;
-  r->key.out_label1 = 0x1abcd;
-  r->key.te_local_label = 0x10001;
-  r->key.protocol = 1;
-  r->key.out_label2 = 0x1fffff;
-  r->key.out_label3 = 0x100000;
-  r->key.ifh = 0x80000123;
-  r->info.egr_nh = 1;
-  r->info.egr_tun = 2;
-  r->info.seed_nh = 3;
-  r->info.failover_nh = 4;
-  r->info.failover_id = 0xabc;
-  r->info.nh_found = 1;
-  r->aux.egr_tun = 1;
-  r->aux.seed_nh = 2;
-  r->aux.is_protected_te_nh = 1;
-  r->aux.failover_id = 0xabc;
-  r->aux.failover_nh = 5;
-  r->data.seed_nh = 1;
-  r->data.failover_nh = 2;
-  r->data.failover_id = 0xabc;
-  r->data.is_protected_te_nh = 1;
-  r->nh_slot.ref_count = 1;
-  r->nh_slot.out_label1 = 0x1abcd;
-  r->nh_slot.te_local_label = 0x10001;
-  r->nh_slot.is_l2vpn_pref_path = 1;
-  r->nh_slot.seed_nh = 2;
-  r->nh_slot.ifh = 3;
-  r->nh_slot.failover_nh = 4;
-  r->nh_slot.egr_tun = 0x1234;
-  r->nh_slot.failover_id = 0xabc;
-  r->nh_slot.valid = 1;
-  r->tunnel_slot.ref_count = 1;
-  r->tunnel_slot.out_label2 = 0x1fffff;
-  r->tunnel_slot.out_label3 = 0x100000;
-  r->tunnel_slot.valid = 1;
-  r->nh_node.key = r->nh_key;
-  r->nh_node.nh_index = 0x105;
-  r->tunnel_node.key = r->tunnel_key;
-  r->tunnel_node.egr_tun = 0x1234;
-  r->header.shm_id = 9;
-  r->header.nh_start = 1;
-  r->header.nh_end = 2;
-  r->header.tun_start = 3;
-  r->header.tun_end = 4;
-  r->header.lock.area[135] = 5;
-  r->header.is_initialized = 6;
-}
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+/* The fields that share a word, and one field behind each run of words. */
+static const layout_records_t layout_records = {
+    .nh_key =
+        {.out_label1 = 0x1abcd, .te_local_label = 0x10001, .is_failover_nh = 1, .protocol = 2, .is_l2vpn_pref_path = 1},
+    .tunnel_key = {.out_label2 = 0x1fffff, .out_label3 = 0x100000, .ifh = 0x80000123},
+    .key = {.out_label1 = 0x1abcd,
+            .te_local_label = 0x10001,
+            .protocol = 1,
+            .out_label2 = 0x1fffff,
+            .out_label3 = 0x100000,
+            .ifh = 0x80000123},
+    .info = {.egr_nh = 1, .egr_tun = 2, .seed_nh = 3, .failover_nh = 4, .failover_id = 0xabc, .nh_found = 1},
+    .aux = {.egr_tun = 1, .seed_nh = 2, .is_protected_te_nh = 1, .failover_id = 0xabc, .failover_nh = 5},
+    .data = {.seed_nh = 1, .failover_nh = 2, .failover_id = 0xabc, .is_protected_te_nh = 1},
+    .nh_slot = {.ref_count = 1,
+                .out_label1 = 0x1abcd,
+                .te_local_label = 0x10001,
+                .is_l2vpn_pref_path = 1,
+                .seed_nh = 2,
+                .ifh = 3,
+                .failover_nh = 4,
+                .egr_tun = 0x1234,
+                .failover_id = 0xabc,
+                .valid = 1},
+    .tunnel_slot = {.ref_count = 1, .out_label2 = 0x1fffff, .out_label3 = 0x100000, .valid = 1},
+    .nh_node = {.key = {.out_label1 = 0x1abcd, .te_local_label = 0x10001}, .nh_index = 0x105},
+    .tunnel_node = {.key = {.out_label2 = 0x1fffff, .out_label3 = 0x100000, .ifh = 0x80000123}, .egr_tun = 0x1234},
+    .header = {.shm_id = 9, .nh_start = 1, .nh_end = 2, .tun_start = 3, .tun_end = 4, .is_initialized = 6}};
+#pragma GCC diagnostic pop
 
 #endif

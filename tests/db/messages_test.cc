@@ -34,25 +34,17 @@ TEST(MessagesTest, RecordsAndLimits) {
   for (const Message &message : messages) {
     SCOPED_TRACE(message.name);
     std::uint64_t words[9];
-    static_assert(sizeof words == sizeof(oxa_msg_rec_t));
+    static_assert(sizeof words == sizeof(oxa_msg_rec_t) && sizeof message.limit == 32);
     std::memcpy(words, &message.record, sizeof words);
-    const auto text = [&](std::size_t word) { return reinterpret_cast<const char *>(words[word]); };
-    EXPECT_EQ(words[0], 0u);
-    EXPECT_STREQ(text(1), message.format);
+    const auto text = [&](std::size_t word) { return std::string(reinterpret_cast<const char *>(words[word])); };
+    EXPECT_EQ(text(1), message.format);
     EXPECT_EQ(words[2], reinterpret_cast<std::uint64_t>(&message.limit));
-    EXPECT_STREQ(text(3), "MPLS_ENCAP_DB");
-    EXPECT_STREQ(text(4), "PLATFORM");
-    EXPECT_STREQ(text(5), message.name);
-    EXPECT_EQ(words[6], 0x20001u);
-    EXPECT_EQ(words[7], 0u);
+    EXPECT_EQ(text(3) + " " + text(4) + " " + text(5), std::string("MPLS_ENCAP_DB PLATFORM ") + message.name);
+    EXPECT_TRUE(words[0] == 0 && words[6] == 0x20001 && words[7] == 0);
     EXPECT_EQ(words[8], id++);
-    std::uint32_t limit[8];
-    static_assert(sizeof limit == sizeof(oxa_msg_limit_t));
-    std::memcpy(limit, &message.limit, sizeof limit);
-    EXPECT_EQ(limit[0], 10u);
-    for (std::size_t i = 1; i < 8; ++i) {
-      EXPECT_EQ(limit[i], 0u);
-    }
+    Bytes limit(32);
+    limit[0] = 10;
+    EXPECT_EQ(bytes_of(message.limit), limit);
   }
 }
 

@@ -1,20 +1,15 @@
 // The owner: one process creates the database, the others find it, and what can never work is refused.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <vector>
 
-#include "../support/child.h"
+#include "../services/processes.h"
 #include "encap_db_owner.h"
 
 namespace {
@@ -43,12 +38,16 @@ class OwnerTest : public ::testing::Test {
 
   int open() { return encap_db_open(&config_, &created_, &error_); }
 
-  void expect_refusal(int expected, std::initializer_list<const char *> parts) {
-    EXPECT_EQ(open(), expected) << error_.text;
+  // A database that is configured otherwise in this one thing.
+  void refused(void (*change)(encap_db_config_t &), std::initializer_list<const char *> parts) {
+    const encap_db_config_t good = config_;
+    change(config_);
+    EXPECT_EQ(open(), 22) << error_.text;
     for (const char *const part : parts) {
       EXPECT_NE(std::strstr(error_.text, part), nullptr) << "'" << part << "' in: " << error_.text;
     }
     EXPECT_EQ(shmwin_user_area(kId), nullptr) << "still attached";
+    config_ = good;
   }
 
   // Enters NH `nh` under a tunnel of its own.
@@ -89,33 +88,11 @@ TEST_F(OwnerTest, ARestartedProcessFindsItsState) {
 }
 
 TEST_F(OwnerTest, OfManyAtOnceOneCreatesAndAllUseIt) {
-  constexpr std::uint32_t kProcesses = 16;
-  int start[2];
-  ASSERT_EQ(pipe(start), 0);
-  std::vector<pid_t> children;
-  for (std::uint32_t i = 0; i < kProcesses; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      close(start[1]);
-      char byte;
-      [[maybe_unused]] const ssize_t at_end = read(start[0], &byte, 1);
-      const bool worked = open() == 0 && enter(1000 + i, 10 + i) == 0;
-      _exit(worked ? created_ : 2);
-    }
-    children.push_back(child);
-  }
-  close(start[0]);
-  close(start[1]);
-  int count[3] = {};
-  for (const pid_t child : children) {
-    int status = 0;
-    waitpid(child, &status, 0);
-    ++count[WIFEXITED(status) ? std::min(WEXITSTATUS(status), 2) : 2];
-  }
-  EXPECT_EQ(count[1], 1);
-  EXPECT_EQ(count[2], 0);
+  const auto count = test_support::at_once(
+      16, [this](unsigned i) { return open() == 0 && enter(1000 + i, 10 + i) == 0 ? created_ : 2; });
+  EXPECT_EQ(count, (std::array{15u, 1u, 0u}));
   ASSERT_EQ(open(), 0) << error_.text;
-  for (std::uint32_t i = 0; i < kProcesses; ++i) {
+  for (std::uint32_t i = 0; i < 16; ++i) {
     EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1000 + i), 1);
   }
 }
@@ -140,27 +117,13 @@ TEST_F(OwnerTest, ACreatorThatDiesBeforeTheLastWordIsFollowedByAnother) {
 }
 
 TEST_F(OwnerTest, WhatCanNeverWorkIsRefused) {
-  const encap_db_config_t good = config_;
   EXPECT_EQ(encap_db_open(nullptr, &created_, &error_), 22);
-  config_.name = nullptr;
-  expect_refusal(22, {"names its window"});
-  config_ = good;
-  config_.tun_start = 65500;
-  config_.tun_size = 37;
-  expect_refusal(22, {"65536", "65535"});
-  config_ = good;
-  config_.nh_start = UINT32_MAX - 499;
-  expect_refusal(22, {"NH", "4294966796", "500", "32 bits"});
-  config_ = good;
-  config_.tun_start = UINT32_MAX;
-  expect_refusal(22, {"tunnel", "32 bits"});
-  config_ = good;
-  config_.size = 64 * 1024;
-  config_.nh_size = 5000;
-  expect_refusal(22, {"65536", "5000", "arrays"});
-  config_.size = 0;
-  config_.nh_size = UINT32_MAX - 1000;
-  expect_refusal(22, {"arrays"});
+  refused([](auto &config) { config.name = nullptr; }, {"names its window"});
+  refused([](auto &config) { config.tun_start = 65500, config.tun_size = 37; }, {"65536", "65535"});
+  refused([](auto &config) { config.nh_start = UINT32_MAX - 499; }, {"NH", "4294966796", "500", "32 bits"});
+  refused([](auto &config) { config.tun_start = UINT32_MAX; }, {"tunnel", "32 bits"});
+  refused([](auto &config) { config.size = 64 * 1024, config.nh_size = 5000; }, {"65536", "5000", "arrays"});
+  refused([](auto &config) { config.nh_size = UINT32_MAX - 1000; }, {"arrays"});
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
 }
 
@@ -184,24 +147,17 @@ TEST_F(OwnerTest, TheEdgesOfTheRangesWork) {
 
 TEST_F(OwnerTest, AnotherDatabaseThanConfiguredIsRefused) {
   ASSERT_EQ(open(), 0);
-  const encap_db_config_t good = config_;
   config_.name = "second";
   EXPECT_EQ(open(), EEXIST);
-  config_ = good;
+  config_.name = "encaps";
   ASSERT_EQ(encap_db_close(), 0);
-  config_.nh_size = 501;
-  expect_refusal(22, {"'encaps'", "below 1500", "1501"});
-  config_ = good;
-  config_.tun_start = 11;
-  expect_refusal(22, {"from 10", "11"});
-  config_ = good;
-  config_.shm_id = 12;
-  expect_refusal(22, {"id 11", "12"});
-  config_ = good;
+  refused([](auto &config) { config.nh_size = 501; }, {"'encaps'", "below 1500", "1501"});
+  refused([](auto &config) { config.tun_start = 11; }, {"from 10", "11"});
+  refused([](auto &config) { config.shm_id = 12; }, {"id 11", "12"});
   ASSERT_EQ(open(), 0) << error_.text;
   egress_encap_db->nh_info_array = reinterpret_cast<egr_nh_info_t *>(8);
   ASSERT_EQ(encap_db_close(), 0);
-  expect_refusal(22, {"damaged"});
+  refused([](auto &) {}, {"damaged"});
 }
 
 // The default size has room for a node for every index.

@@ -1,7 +1,7 @@
 // Sequences of calls on a real window beside the model; the first byte chooses whether the caller keeps the rules.
-#include "caller.h"
 #include "check.h"
 #include "fuzz_input.h"
+#include "support/caller.h"
 #include "window.h"
 
 namespace {

@@ -6,9 +6,9 @@
 
 #include "check.h"
 #include "fuzz_input.h"
-#include "operations.h"
 #include "repair.h"
 #include "shmwin_layout.h"
+#include "support/operations.h"
 #include "window.h"
 
 namespace {

@@ -67,6 +67,16 @@ Faults &faults() {
   return the;
 }
 
+std::string entry_of(const std::string &kind, const std::string &arguments, int result) {
+  const bool search = kind == "search", change = kind == "insert" || kind == "delete";
+  const std::string good = search ? "hit" : change ? "ok" : "0";
+  const std::string null = search ? "none" : change ? "no" : "NULL";
+  return kind + (arguments.empty() ? "" : "(" + arguments + ")") + "=" +
+         (result == 0       ? good
+          : result == kNull ? null
+                            : std::to_string(result));
+}
+
 namespace {
 
 constexpr std::uint8_t kFill = 0xA5;
@@ -152,27 +162,6 @@ void set_messages(bool on) {
     point.site->flags = static_cast<std::uint16_t>(stored | (on ? unsigned{ED_SITE_ON} : 0u));
     point.site->line = point.line;
   }
-}
-
-namespace {
-
-std::string words(const void *key, std::size_t count) {
-  std::string text;
-  for (std::size_t i = 0; i < count; ++i) {
-    std::uint32_t word;
-    std::memcpy(&word, static_cast<const std::uint8_t *>(key) + 4 * i, 4);
-    text += (i ? "/" : "") + std::to_string(word);
-  }
-  return text;
-}
-
-}  // namespace
-
-std::string tunnel_name(const void *key) {
-  return "T:" + words(key, 3);
-}
-std::string nh_name(const void *key) {
-  return "N:" + words(key, 2);
 }
 
 }  // namespace encap_test

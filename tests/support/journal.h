@@ -55,6 +55,9 @@ class Faults {
 };
 Faults &faults();
 
+// The word of a call, with the result in the words of its kind: "malloc(9,40)=0", "search(tun_root,T:1/2/3)=hit".
+std::string entry_of(const std::string &kind, const std::string &arguments, int result);
+
 // The window of the doubles: shared with forked children, filled with 0xA5, with a gap after each block.
 class Arena {
  public:
@@ -95,8 +98,8 @@ struct Site {
 const std::vector<Site> &sites();
 void set_messages(bool on);  // every point back to its stored state, messages on or off
 
-// Runs when a trace record of point `id` is written: what "somebody else" does to the window at this moment.
-void at_point(std::uint32_t id, std::function<void()> action);
+// What runs when a trace record of a point is written: what "somebody else" does to the window at this moment.
+std::map<std::uint32_t, std::function<void()>> &at_point();
 
 // What the double of ed_slow_debugs() leaves in the enable flag.
 void slow_answers(int enabled);
@@ -105,9 +108,6 @@ void slow_answers(int enabled);
 using Compare = int (*)(const void *, const void *);
 Compare tunnel_order();
 Compare nh_order();
-
-std::string tunnel_name(const void *key);  // "T:<word 0>/<word 1>/<ifh>"
-std::string nh_name(const void *key);      // "N:<word 0>/<word 1>"
 
 }  // namespace encap_test
 

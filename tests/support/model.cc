@@ -1,269 +1,295 @@
 #include "support/model.h"
 
-#include <cerrno>
-
 namespace encap_test {
 namespace {
 
-constexpr std::uint32_t kLabel = 0x1fffff;
-constexpr std::uint32_t kNhWord1 = 0x1ffffff;  // te_local_label, is_failover_nh, protocol, is_l2vpn_pref_path
-
-void put(Bytes &to, std::uint32_t value, int width) {
-  for (int i = 0; i < width; ++i) {
-    to.push_back(static_cast<std::uint8_t>(value >> 8 * i));
-  }
-}
-
-std::uint32_t word(const egress_encap_key_t &key, std::size_t index) {
-  std::uint32_t value;
-  std::memcpy(&value, reinterpret_cast<const std::uint8_t *>(&key) + 4 * index, 4);
-  return value;
-}
-
-void put_bits(egress_encap_key_t &key, std::size_t index, std::uint32_t value, std::uint32_t mask) {
-  const std::uint32_t merged = (word(key, index) & ~mask) | (value & mask);
-  std::memcpy(reinterpret_cast<std::uint8_t *>(&key) + 4 * index, &merged, 4);
-}
+constexpr const char *kNhNotValid = "NH_NOTVALID_ERROR", *kTunNotValid = "TUN_NOTVALID_ERROR";
 
 }  // namespace
 
-NhKey nh_key(const egress_encap_key_t &key) {
-  NhKey image;
-  std::memcpy(image.data(), &key, image.size());
-  return image;
+int Model::count_nh_up(std::uint32_t index) {
+  return count_up(nh(index), 18, kNhNotValid, "vrl_mem_increment_egr_nh_ref_count");
 }
 
-TunnelKey tunnel_key(const egress_encap_key_t &key) {
-  TunnelKey image;
-  std::memcpy(image.data(), reinterpret_cast<const std::uint8_t *>(&key) + 8, image.size());
-  return image;
-}
-
-Bytes NhSlot::image() const {
-  Bytes bytes;
-  for (const std::uint32_t value : {count, label1, word1, seed, ifh, failover_nh}) {
-    put(bytes, value, 4);
+// The beginning that operations on an index share: its range, then the lock. `points`: out of range, lock failed.
+template <typename Body>
+int Model::locked_on(std::uint32_t index, std::uint32_t points, Body body) {
+  know({{"nh", index}});
+  if (!has_nh(index)) {
+    return point(points);
   }
-  put(bytes, tunnel, 2);
-  put(bytes, failover_id | is_protected << 12 | valid << 13, 2);
-  return bytes;
+  const int code = lock(points + 1);
+  return code != 0 ? code : body();
 }
 
-Bytes TunnelSlot::image() const {
-  Bytes bytes;
-  for (const std::uint32_t value : {count, label2, label3, valid}) {
-    put(bytes, value, 4);
-  }
-  return bytes;
-}
-
-Model::Model(std::uint32_t nh_first, std::uint32_t nh_size, std::uint32_t tun_first, std::uint32_t tun_size)
-    : nh_start(nh_first),
-      nh_end(nh_first + nh_size),
-      tun_start(tun_first),
-      tun_end(tun_first + tun_size),
-      nhs_(nh_size),
-      tunnel_slots_(tun_size + 1) {}
-
-std::uint32_t Model::tunnel_slot(std::uint32_t tunnel) const {
-  return (tunnel == 0 ? tun_end : tunnel) - tun_start;
-}
+// ----------------------------------------------------------------------------------------------------------- look-ups
 
 int Model::find(egress_encap_info_t &info, const egress_encap_key_t &key, bool share) {
+  know_key(key);
+  if (share) {
+    point(35);
+  }
   info.tun_found = 0;
   info.nh_found = 0;
-  const auto tunnel = tunnels.find(tunnel_key(key));
-  if (tunnel == tunnels.end()) {
-    return 0;
+  if (const int code = lock(share ? 36 : 41)) {
+    return code;
   }
-  info.tun_found = 1;
-  info.egr_tun = tunnel->second.index;
-  const auto nh = tunnel->second.nhs.find(nh_key(key));
-  if (nh == tunnel->second.nhs.end()) {
-    return 0;
+  int rc = 0;
+  if (const Tunnel *tunnel = find_node(tunnels, "tun_root", tunnel_key(key), 2)) {
+    info.tun_found = 1;
+    info.egr_tun = tunnel->index;
+    point(share ? 37 : 42, {{"tun", tunnel->index}});
+    if (const std::uint32_t *nh = find_node(tunnel->nhs, "nh_root", nh_key(key), 3)) {
+      info.nh_found = 1;
+      info.egr_nh = *nh;
+      point(share ? 38 : 43, {{"nh", *nh}});
+      rc = share ? count_nh_up(*nh) : 0;
+    }
   }
-  info.nh_found = 1;
-  info.egr_nh = nh->second;
-  return share ? this->share(nh->second) : 0;
+  const int unlocked = unlock(rc != 0 ? kSilent : share ? 39 : 44);
+  if (rc != 0 || (unlocked != 0 && !share)) {
+    return rc != 0 ? rc : unlocked;
+  }
+  know({{"nhf", info.nh_found}, {"tunf", info.tun_found}});
+  point(share ? 40 : 45, {{"nh", info.egr_nh}, {"tun", info.egr_tun}});
+  return 0;
 }
 
 int Model::share(std::uint32_t index) {
-  if (!has_nh(index) || !nh(index).valid) {
-    return EINVAL;
-  }
-  ++nh(index).count;
-  return 0;
-}
-
-void Model::add_tunnel(std::uint32_t index, const egress_encap_key_t &key) {
-  tunnels[tunnel_key(key)].index = index & 0xffff;
-  TunnelSlot &slot = tunnel(index);
-  slot = {index == 0 ? slot.count : 0, word(key, 2) & kLabel, word(key, 3) & kLabel, 1};
-}
-
-void Model::add_nh(const egress_encap_info_t &info, const egress_encap_key_t &key) {
-  tunnels.at(tunnel_key(key)).nhs[nh_key(key)] = info.egr_nh;
-  nh(info.egr_nh) = {0,
-                     word(key, 0) & kLabel,
-                     word(key, 1) & kNhWord1,
-                     info.seed_nh,
-                     key.ifh,
-                     info.failover_nh,
-                     info.egr_tun & 0xffff,
-                     info.failover_id,
-                     info.is_protected_te_nh,
-                     1};
-}
-
-int Model::insert(const egress_encap_info_t &info, const egress_encap_key_t &key) {
-  if (info.tun_found && info.nh_found) {
-    return 0;
-  }
-  if (!has_nh(info.egr_nh) || !has_tunnel(info.egr_tun)) {
-    return EINVAL;
-  }
-  const auto known = tunnels.find(tunnel_key(key));
-  if ((known != tunnels.end()) != (info.tun_found == 1)) {
-    return EINVAL;
-  }
-  if (!info.tun_found) {
-    add_tunnel(info.egr_tun, key);
-  } else if (known->second.nhs.contains(nh_key(key))) {
-    return EINVAL;
-  }
-  add_nh(info, key);
-  ++nh(info.egr_nh).count;
-  if (!tunnel(info.egr_tun).valid) {
-    return EINVAL;
-  }
-  ++tunnel(info.egr_tun).count;
-  return 0;
-}
-
-int Model::attach(const egress_encap_info_t &info, std::uint32_t count, const egress_encap_key_t &key) {
-  const int status = insert(info, key);
-  return status ? status : set(info.egr_nh, count);
+  return locked_on(index, 46, [&] {
+    const int rc = count_nh_up(index);
+    const int unlocked = unlock(rc != 0 ? kSilent : 48);
+    if (rc == 0 && unlocked == 0) {
+      point(49);
+    }
+    return rc != 0 ? rc : unlocked;
+  });
 }
 
 int Model::set(std::uint32_t index, std::uint32_t count) {
-  if (!has_nh(index) || !nh(index).valid) {
-    return EINVAL;
-  }
-  nh(index).count = count;
-  return 0;
-}
-
-egress_encap_key_t Model::key_of(std::uint32_t index) const {
-  egress_encap_aux_data_t aux;
-  egress_encap_key_t key{};
-  read(index, aux, key);
-  return key;
-}
-
-bool Model::drop_tunnel_reference(std::uint32_t index, std::uint32_t &prm) {
-  TunnelSlot &slot = tunnel(index);
-  if (slot.count == 0 || !slot.valid) {
-    return false;
-  }
-  prm = --slot.count == 0;
-  return true;
-}
-
-// The common road of detach and release from the tunnel look-up on. Returns 22 when there is no such tunnel.
-int Model::remove(std::uint32_t index, std::uint32_t prm, bool &removed) {
-  const egress_encap_key_t key = key_of(index);
-  const std::uint32_t tunnel_index = nh(index).tunnel;
-  const auto entry = tunnels.find(tunnel_key(key));
-  if (entry == tunnels.end()) {
-    return EINVAL;
-  }
-  std::uint32_t edb = prm;
-  if (entry->second.nhs.erase(nh_key(key)) == 1) {
-    removed = true;
-    nh(index) = {};
-    edb = entry->second.nhs.empty() && tunnel_index == 0 ? 1 : edb;
-  }
-  if (edb && entry->second.nhs.empty()) {
-    tunnels.erase(entry);
-    if (tunnel_index != 0) {
-      tunnel(tunnel_index) = {};
+  return locked_on(index, 76, [&] {
+    NhSlot &slot = nh(index);
+    int rc = 0;
+    point(slot.valid ? 78 : 79, {{"old", slot.count}, {"count", count}});
+    if (slot.valid) {
+      slot.count = count;
+    } else {
+      know({{"count", slot.count}});
+      rc = raise(kNhNotValid, "vrl_find_and_set_egress_nh_ref");
     }
+    const int unlocked = unlock(80);
+    return unlocked != 0 ? unlocked : rc;
+  });
+}
+
+int Model::read(std::uint32_t index, egress_encap_aux_data_t &aux, egress_encap_key_t &key) {
+  return locked_on(index, 72, [&] {
+    if (read_back(index, aux, key) != 0) {
+      point(74);
+      unlock(kSilent);
+      return EINVAL;
+    }
+    return unlock(75);
+  });
+}
+
+int Model::can_delete(std::uint32_t index) {
+  know({{"nh", index}});
+  if (!has_nh(index)) {
+    point(32);
+  } else if (nh(index).valid == 0) {
+    not_valid(nh(index), 33, kNhNotValid, "vrl_can_delete_egr_nh_data_from_encap_db");
+  } else if (nh(index).count == 1) {
+    point(34);
+    return 1;
   }
   return 0;
-}
-
-int Model::detach(std::uint32_t index, Outs &outs) {
-  if (!has_nh(index)) {
-    return EINVAL;
-  }
-  outs = {0, 0, 0};
-  if (!nh(index).valid) {
-    return EINVAL;
-  }
-  outs.third = nh(index).count;
-  const std::uint32_t tunnel_index = nh(index).tunnel;
-  std::uint32_t prm = 0;
-  bool removed = false;
-  const bool counted = drop_tunnel_reference(tunnel_index, prm);
-  if (remove(index, prm, removed) != 0) {
-    return EINVAL;
-  }
-  outs.first = tunnel_index;
-  outs.second = prm;
-  return counted ? 0 : EINVAL;
-}
-
-int Model::release(std::uint32_t index, Outs &outs) {
-  if (!has_nh(index) || !nh(index).valid || nh(index).count == 0) {
-    return EINVAL;
-  }
-  if (--nh(index).count != 0) {
-    return 0;
-  }
-  const std::uint32_t tunnel_index = nh(index).tunnel;
-  std::uint32_t prm = 0;
-  bool removed = false;
-  const bool counted = drop_tunnel_reference(tunnel_index, prm);
-  if (remove(index, prm, removed) != 0) {
-    return EINVAL;
-  }
-  outs.first = tunnel_index;
-  outs.second = removed ? 1 : outs.second;
-  outs.third = prm;
-  return counted ? 0 : EINVAL;
-}
-
-int Model::can_delete(std::uint32_t index) const {
-  return has_nh(index) && nh(index).valid && nh(index).count == 1;
 }
 
 int Model::update(std::uint32_t index, const egr_nh_data_t &data) {
-  if (!has_nh(index) || !nh(index).valid) {
-    return EINVAL;
+  know({{"nh", index}});
+  if (!has_nh(index)) {
+    return point(69);
   }
-  nh(index).seed = data.seed_nh;
-  nh(index).failover_nh = data.failover_nh;
-  nh(index).failover_id = data.failover_id;
-  nh(index).is_protected = data.is_protected_te_nh;
+  NhSlot &slot = nh(index);
+  if (slot.valid == 0) {
+    return not_valid(slot, 71, kNhNotValid, "vrl_update_egr_nh_data_in_encap_db");
+  }
+  slot.seed = data.seed_nh;
+  slot.failover_nh = data.failover_nh;
+  slot.failover_id = data.failover_id;
+  slot.is_protected = data.is_protected_te_nh;
+  know({{"seed", slot.seed}, {"prot", slot.is_protected}});
+  point(70, {{"fid", slot.failover_id}, {"fnh", slot.failover_nh}});
   return 0;
 }
 
-int Model::read(std::uint32_t index, egress_encap_aux_data_t &aux, egress_encap_key_t &key) const {
-  if (!has_nh(index) || !nh(index).valid) {
+// ------------------------------------------------------------------------------------------------------------ inserts
+
+int Model::insert(const egress_encap_info_t &info, const egress_encap_key_t &key) {
+  const bool known = info.tun_found != 0;
+  know_key(key);
+  know({{"nh", info.egr_nh}, {"tun", info.egr_tun}, {"fid", info.failover_id}, {"fnh", info.failover_nh}});
+  point(50, {{"tunf", info.tun_found}, {"nhf", info.nh_found}, {"prot", info.is_protected_te_nh}});
+  if (known && info.nh_found) {
+    return 0;
+  }
+  const auto tunnel_refused = [&] { return !has_tunnel(info.egr_tun) && point(51) != 0; };
+  const auto nh_refused = [&] { return !has_nh(info.egr_nh) && point(known ? 58 : 52) != 0; };
+  if (known ? nh_refused() || tunnel_refused() : tunnel_refused() || nh_refused()) {
     return EINVAL;
   }
-  const NhSlot &slot = nh(index);
-  aux.egr_tun = slot.tunnel;
-  aux.seed_nh = slot.seed;
-  aux.is_protected_te_nh = slot.is_protected;
-  aux.failover_id = static_cast<std::uint16_t>(slot.failover_id);
-  aux.failover_nh = slot.failover_nh;
-  put_bits(key, 0, slot.label1, kLabel);
-  put_bits(key, 1, slot.word1, kNhWord1);
-  put_bits(key, 2, tunnel(slot.tunnel).label2, kLabel);
-  put_bits(key, 3, tunnel(slot.tunnel).label3, kLabel);
-  key.ifh = slot.ifh;
-  return 0;
+  if (const int code = lock(known ? 59 : 53)) {
+    return code;
+  }
+  const int rc = insert_locked(info, key, known);
+  if (rc == 0) {
+    unlock(67);
+    point(68);
+  }
+  return rc;
+}
+
+// Releases the lock itself when something fails: where, decides who reports an unlock that fails too.
+int Model::insert_locked(const egress_encap_info_t &info, const egress_encap_key_t &key, bool known) {
+  const auto refuse = [&](std::uint32_t when_known, std::uint32_t when_new) {
+    unlock(known ? when_known : when_new);
+    return EINVAL;
+  };
+  const TunnelKey on = tunnel_key(key);
+  if (known && find_node(tunnels, "tun_root", on, 2) == nullptr) {
+    refuse(60, 0);
+    return point(61);
+  }
+  if (!known) {
+    if (new_node("56", "tun_root", on, tunnels.contains(on), 4) != 0) {
+      return refuse(0, 54);
+    }
+    add_tunnel(info.egr_tun, key);
+  }
+  const int rc = new_node("40", "nh_root", nh_key(key), tunnels.at(on).nhs.contains(nh_key(key)), 8);
+  if (known) {
+    point(rc != 0 ? 62 : 64, {{"rc", rc}});
+  }
+  if (rc != 0) {
+    return refuse(63, 55);
+  }
+  add_nh(info, key);
+  if (count_nh_up(info.egr_nh) != 0) {
+    return refuse(65, 56);
+  }
+  know({{"slot", tunnel_slot(info.egr_tun)}});
+  const int counted = count_up(tunnel(info.egr_tun), 20, kTunNotValid, "vrl_mem_increment_egr_tun_ref_count");
+  return counted != 0 ? refuse(66, 57) : 0;
+}
+
+int Model::attach(const egress_encap_info_t &info, std::uint32_t count, const egress_encap_key_t &key) {
+  if (const int inserted = insert(info, key)) {
+    point(82, {{"rc", inserted}, {"nh", info.egr_nh}});
+    return inserted;
+  }
+  const int counted = set(info.egr_nh, count);
+  point(counted != 0 ? 83 : 84, {{"count", count}, {"rc", counted}});
+  return counted;
+}
+
+// ----------------------------------------------------------------------------------------------------------- releases
+
+// Points are as far from `first` in both ways, but for that of the key.
+struct Model::Way {
+  const char *name;
+  std::uint32_t first, key;
+  bool detaches;
+};
+
+int Model::detach(std::uint32_t index, Outs &outs) {
+  outs = has_nh(index) ? Outs{0, 0, 0} : outs;
+  return give_up({"vrl_egress_encap_nh_detach", 85, 89, true}, index, outs);
+}
+
+int Model::release(std::uint32_t index, Outs &outs) {
+  return give_up({"vrl_delete_and_free_egress_encap_with_nh_key", 97, 100, false}, index, outs);
+}
+
+int Model::give_up(const Way &way, std::uint32_t index, Outs &outs) {
+  Codes codes;
+  const int begun = locked_on(index, way.first, [&] {
+    give_up_locked(way, index, codes, outs);
+    unlock(way.first + 10);
+    return 0;
+  });
+  if (begun != 0 && has_nh(index)) {
+    return begun;  // the lock's code
+  }
+  codes.rc = begun != 0 ? begun : codes.rc;
+  const bool well = codes.nh == 0 && codes.tun == 0 && codes.rc == 0;
+  return well ? 0 : point(way.first + 11, {{"rc_nh", codes.nh}, {"rc_tun", codes.tun}, {"rc", codes.rc}});
+}
+
+void Model::give_up_locked(const Way &way, std::uint32_t index, Codes &codes, Outs &outs) {
+  egress_encap_aux_data_t aux{};
+  egress_encap_key_t key{};
+  if (read_back(index, aux, key) != 0) {
+    codes.rc = point(way.first + 2);
+    return;
+  }
+  std::uint32_t last = way.detaches, prm = 0;
+  if (way.detaches) {
+    outs.third = nh(index).count;
+  } else {
+    codes.nh = count_down(nh(index), last, 26, kNhNotValid, "vrl_mem_decrement_egr_nh_ref_count");
+    if (codes.nh != 0) {
+      raise("NH_REFCOUNT_ERROR", way.name);
+    }
+  }
+  point(way.key, {{"del", last}});
+  if (last == 0) {
+    point(101, {{"edb", 0}});
+    return;
+  }
+  codes.tun = count_down(tunnel(aux.egr_tun), prm, 29, kTunNotValid, "vrl_mem_decrement_egr_tunnel_ref_count");
+  if (codes.tun != 0) {
+    raise("TUN_REFCOUNT_ERROR", way.name);
+  }
+  remove(way, index, key, prm, codes, outs);
+}
+
+// From the tunnel look-up to the out-parameters: the same in both ways.
+void Model::remove(const Way &way, std::uint32_t index, const egress_encap_key_t &key, std::uint32_t prm, Codes &codes,
+                   Outs &outs) {
+  const std::uint32_t on = nh(index).tunnel;
+  Tunnel *tunnel = find_node(tunnels, "tun_root", tunnel_key(key), 2);
+  if (tunnel == nullptr) {
+    codes.rc = point(way.first + 5);
+    raise("TUN_NOTFOUND_ERROR", way.name);
+    return;
+  }
+  std::uint32_t edb = prm;
+  if (find_node(tunnel->nhs, "nh_root", nh_key(key), 3) == nullptr) {
+    raise("NH_NOTFOUND_ERROR", way.name);
+  } else if (delete_node("copy", nh_key(key), 15)) {
+    tunnel->nhs.erase(nh_key(key));
+    nh(index) = {};
+    outs.second = way.detaches ? outs.second : 1;
+    edb = tunnel->nhs.empty() && on == 0 ? 1 : edb;
+    point(way.first + 7, {{"edb", edb}, {"prm", prm}});
+  } else {
+    (way.detaches ? codes.nh : codes.rc) = point(way.first + 6, {{"rc", EINVAL}});
+    return;
+  }
+  if (edb != 0 && tunnel->nhs.empty()) {
+    if (!delete_node("tun_root", tunnel_key(key), 12)) {
+      codes.rc = point(way.first + 8, {{"rc", EINVAL}});
+      return;
+    }
+    tunnels.erase(tunnel_key(key));
+    if (on != 0) {
+      this->tunnel(on) = {};
+    }
+  }
+  outs.first = on;
+  (way.detaches ? outs.second : outs.third) = prm;
+  point(way.first + 9);
 }
 
 }  // namespace encap_test

@@ -1,5 +1,5 @@
-// A plain model of the database: what the slots and the trees hold, and what each operation does to them and answers.
-// It knows bytes, not records: every slot is compared as an image built from shifts.
+// A plain model of the database: what the slots and the trees hold, and what each operation does to them, calls,
+// reports and answers. It knows bytes, not records: every slot is compared as an image built from shifts.
 #ifndef ENCAP_TESTS_MODEL_H
 #define ENCAP_TESTS_MODEL_H
 
@@ -11,12 +11,18 @@
 #include <vector>
 
 #include "mpls_egress_encap_db.h"
+#include "support/model_steps.h"
 
 namespace encap_test {
 
 using Bytes = std::vector<std::uint8_t>;
-using NhKey = std::array<std::uint8_t, 8>;  // ordered like the trees: unsigned, first byte first
-using TunnelKey = std::array<std::uint8_t, 12>;
+std::string hex(const Bytes &bytes);
+
+template <typename Record>
+Bytes bytes_of(const Record &record) {
+  const auto *bytes = static_cast<const std::uint8_t *>(static_cast<const void *>(&record));
+  return {bytes, bytes + sizeof record};
+}
 
 NhKey nh_key(const egress_encap_key_t &key);
 TunnelKey tunnel_key(const egress_encap_key_t &key);
@@ -35,6 +41,7 @@ struct TunnelSlot {
 struct Tunnel {
   std::uint32_t index = 0;
   std::map<NhKey, std::uint32_t> nhs;
+  bool operator==(const Tunnel &) const = default;
 };
 
 // Results of an operation; an out-parameter that it leaves alone keeps its preset.
@@ -43,7 +50,7 @@ struct Outs {
   bool operator==(const Outs &) const = default;
 };
 
-class Model {
+class Model : public Steps {
  public:
   Model() = default;
   Model(std::uint32_t nh_start, std::uint32_t nh_size, std::uint32_t tun_start, std::uint32_t tun_size);
@@ -55,16 +62,17 @@ class Model {
   int set(std::uint32_t nh, std::uint32_t count);
   int detach(std::uint32_t nh, Outs &outs);   // egr_tun, tun_to_del_from_prm, nh_ref_count
   int release(std::uint32_t nh, Outs &outs);  // egr_tun, nh_to_del, tun_to_del_from_prm
-  int can_delete(std::uint32_t nh) const;
+  int can_delete(std::uint32_t nh);
   int update(std::uint32_t nh, const egr_nh_data_t &data);
-  int read(std::uint32_t nh, egress_encap_aux_data_t &aux, egress_encap_key_t &key) const;
+  int read(std::uint32_t nh, egress_encap_aux_data_t &aux, egress_encap_key_t &key);
 
-  // Single steps, for what a failure half-way leaves behind.
+  // Node and filled slot, not yet counted.
   void add_tunnel(std::uint32_t tunnel, const egress_encap_key_t &key);
   void add_nh(const egress_encap_info_t &info, const egress_encap_key_t &key);
+
   NhSlot &nh(std::uint32_t index) { return nhs_.at(index - nh_start); }
   const NhSlot &nh(std::uint32_t index) const { return nhs_.at(index - nh_start); }
-  std::uint32_t tunnel_slot(std::uint32_t tunnel) const;
+  std::uint32_t tunnel_slot(std::uint32_t tunnel) const { return (tunnel == 0 ? tun_end : tunnel) - tun_start; }
   TunnelSlot &tunnel(std::uint32_t index) { return tunnel_slots_.at(tunnel_slot(index)); }
   const TunnelSlot &tunnel(std::uint32_t index) const { return tunnel_slots_.at(tunnel_slot(index)); }
   bool has_nh(std::uint32_t index) const { return index >= nh_start && index < nh_end; }
@@ -76,9 +84,20 @@ class Model {
   const std::vector<TunnelSlot> &tunnel_slots() const { return tunnel_slots_; }
 
  private:
-  egress_encap_key_t key_of(std::uint32_t nh) const;
-  int remove(std::uint32_t nh, std::uint32_t prm, bool &removed);
-  bool drop_tunnel_reference(std::uint32_t tunnel, std::uint32_t &prm);
+  struct Codes {
+    int nh = 0, tun = 0, rc = 0;
+  };
+  struct Way;  // detach or release
+  void know_key(const egress_encap_key_t &key);
+  int count_nh_up(std::uint32_t nh);
+  int read_back(std::uint32_t nh, egress_encap_aux_data_t &aux, egress_encap_key_t &key);
+  template <typename Body>
+  int locked_on(std::uint32_t nh, std::uint32_t points, Body body);
+  int insert_locked(const egress_encap_info_t &info, const egress_encap_key_t &key, bool known);
+  int give_up(const Way &way, std::uint32_t nh, Outs &outs);
+  void give_up_locked(const Way &way, std::uint32_t nh, Codes &codes, Outs &outs);
+  void remove(const Way &way, std::uint32_t nh, const egress_encap_key_t &key, std::uint32_t prm, Codes &codes,
+              Outs &outs);
 
   std::vector<NhSlot> nhs_;
   std::vector<TunnelSlot> tunnel_slots_;
@@ -95,8 +114,6 @@ std::string inconsistency(const egress_encap_db_t &header, Walk walk);
 
 std::vector<void *> walk_list(void *root);  // the tree double's lists
 std::vector<void *> walk_avl(void *root);   // the tree service's trees
-
-std::string hex(const Bytes &bytes);
 
 }  // namespace encap_test
 

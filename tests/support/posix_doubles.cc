@@ -17,38 +17,30 @@ namespace {
 constinit std::atomic<pthread_mutex_t *> watched{nullptr};
 constinit std::atomic<bool> armed{false};
 constinit std::atomic<int> depth{0};
+constinit std::atomic<bool> consistent{false};  // the dead holder was an order only
 
 // The next definition of a call, looked up at its first use; usable before any constructor has run.
-template <typename Call>
-Call *next(std::atomic<Call *> &cache, const char *name) {
-  Call *call = cache.load(std::memory_order_relaxed);
-  if (call == nullptr) {
-    call = reinterpret_cast<Call *>(dlsym(RTLD_NEXT, name));
-    cache.store(call, std::memory_order_relaxed);
-  }
-  return call;
-}
-
-using MutexCall = int(pthread_mutex_t *);
-using AttrCall = int(pthread_mutexattr_t *);
-using AttrSetCall = int(pthread_mutexattr_t *, int);
+#define REAL(call)                                     \
+  static constinit std::atomic<void *> cache{nullptr}; \
+  if (cache == nullptr) {                              \
+    cache = dlsym(RTLD_NEXT, #call);                   \
+  }                                                    \
+  const auto real = reinterpret_cast<decltype(&call)>(cache.load())
 
 int log(const char *call, const std::string &arguments, int result) {
-  journal().add(call + arguments + "=" + std::to_string(result));
+  journal().add(entry_of(call, arguments, result));
   return result;
 }
 
-int take(const char *kind, MutexCall *real, pthread_mutex_t *mutex) {
+int take(const char *kind, auto real, pthread_mutex_t *mutex) {
   const auto ordered = faults().due(kind);
   const bool gets_it = !ordered || *ordered == EOWNERDEAD;  // told of a dead holder, one holds the mutex
-  int result = gets_it ? real(mutex) : *ordered;
+  const int result = gets_it ? real(mutex) : *ordered;
   if (gets_it && (result == 0 || result == EOWNERDEAD)) {
     ++depth;
   }
-  if (ordered) {
-    result = *ordered;
-  }
-  return log(kind, "", result);
+  consistent = gets_it && ordered && result == 0;
+  return log(kind, "", ordered.value_or(result));
 }
 
 int attribute(const char *kind, const std::string &arguments, auto real) {
@@ -74,21 +66,18 @@ int held() {
 using namespace encap_test;
 
 DOUBLE pthread_mutex_trylock(pthread_mutex_t *mutex) noexcept {
-  static constinit std::atomic<MutexCall *> cache{nullptr};
-  MutexCall *real = next(cache, "pthread_mutex_trylock");
+  REAL(pthread_mutex_trylock);
   return mutex == watched ? take("trylock", real, mutex) : real(mutex);
 }
 
 DOUBLE pthread_mutex_lock(pthread_mutex_t *mutex) noexcept {
-  static constinit std::atomic<MutexCall *> cache{nullptr};
-  MutexCall *real = next(cache, "pthread_mutex_lock");
+  REAL(pthread_mutex_lock);
   return mutex == watched ? take("lock", real, mutex) : real(mutex);
 }
 
 // An ordered failure is reported, yet the mutex is given back: what follows finds it free.
 DOUBLE pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept {
-  static constinit std::atomic<MutexCall *> cache{nullptr};
-  MutexCall *real = next(cache, "pthread_mutex_unlock");
+  REAL(pthread_mutex_unlock);
   if (mutex != watched) {
     return real(mutex);
   }
@@ -100,35 +89,29 @@ DOUBLE pthread_mutex_unlock(pthread_mutex_t *mutex) noexcept {
 }
 
 DOUBLE pthread_mutex_consistent(pthread_mutex_t *mutex) noexcept {
-  static constinit std::atomic<MutexCall *> cache{nullptr};
-  MutexCall *real = next(cache, "pthread_mutex_consistent");
-  return mutex == watched ? attribute("consistent", "", [&] { return real(mutex); }) : real(mutex);
+  REAL(pthread_mutex_consistent);
+  return mutex == watched ? attribute("consistent", "", [&] { return consistent ? 0 : real(mutex); }) : real(mutex);
 }
 
 DOUBLE pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attr) noexcept {
-  using Call = int(pthread_mutex_t *, const pthread_mutexattr_t *);
-  static constinit std::atomic<Call *> cache{nullptr};
-  Call *real = next(cache, "pthread_mutex_init");
+  REAL(pthread_mutex_init);
   if (mutex != watched || !armed) {
     return real(mutex, attr);
   }
   const auto *area = static_cast<const std::uint8_t *>(static_cast<void *>(mutex));
   const bool zeroed = std::all_of(area, area + ENCAP_DB_LOCK_AREA_BYTES, [](std::uint8_t byte) { return byte == 0; });
-  return attribute("mutex_init", zeroed ? "(zeroed)" : "(leftovers)", [&] { return real(mutex, attr); });
+  return attribute("mutex_init", zeroed ? "zeroed" : "leftovers", [&] { return real(mutex, attr); });
 }
 
 #define ATTRIBUTE_DOUBLE(call, kind)                                             \
   DOUBLE call(pthread_mutexattr_t *attr) noexcept {                              \
-    static constinit std::atomic<AttrCall *> cache{nullptr};                     \
-    AttrCall *real = next(cache, #call);                                         \
+    REAL(call);                                                                  \
     return armed ? attribute(kind, "", [&] { return real(attr); }) : real(attr); \
   }
-#define ATTRIBUTE_SET_DOUBLE(call, kind)                                                                 \
-  DOUBLE call(pthread_mutexattr_t *attr, int value) noexcept {                                           \
-    static constinit std::atomic<AttrSetCall *> cache{nullptr};                                          \
-    AttrSetCall *real = next(cache, #call);                                                              \
-    return armed ? attribute(kind, "(" + std::to_string(value) + ")", [&] { return real(attr, value); }) \
-                 : real(attr, value);                                                                    \
+#define ATTRIBUTE_SET_DOUBLE(call, kind)                                                                          \
+  DOUBLE call(pthread_mutexattr_t *attr, int value) noexcept {                                                    \
+    REAL(call);                                                                                                   \
+    return armed ? attribute(kind, std::to_string(value), [&] { return real(attr, value); }) : real(attr, value); \
   }
 
 ATTRIBUTE_DOUBLE(pthread_mutexattr_init, "attr_init")

@@ -1,4 +1,5 @@
 // Doubles of the services that are told things: debug facility, light trace, error messages, thread debug.
+#include <algorithm>
 #include <cstdarg>
 
 #include "ed.h"
@@ -11,7 +12,6 @@
 namespace encap_test {
 namespace {
 
-std::map<std::uint32_t, std::function<void()>> actions;
 int slow_answer = 0;
 
 void trace(std::uint64_t handle, std::uint64_t header, std::initializer_list<std::uint64_t> values) {
@@ -34,23 +34,22 @@ void trace(std::uint64_t handle, std::uint64_t header, std::initializer_list<std
   }
   journal().add(entry);
   journal().saw_point(id);
-  if (const auto action = actions.find(id); action != actions.end()) {
+  if (const auto action = at_point().find(id); action != at_point().end()) {
     action->second();
   }
 }
 
 void message(const char *call, ed_site_t *site, ed_component_t *component, const std::uint64_t *values,
              std::uint64_t zeros, std::uint32_t line, const char *format) {
-  std::uint32_t id = 0;
-  while (id < sites().size() && sites()[id].site != site) {
-    ++id;
-  }
+  const auto &all = sites();
+  const auto at = std::find_if(all.begin(), all.end(), [site](const Site &each) { return each.site == site; });
+  const auto id = static_cast<std::uint32_t>(at - all.begin());
   std::string entry = std::string(call) + "(" + std::to_string(id) + ")";
   for (std::uint32_t i = 0; i < site->num_values; ++i) {
     entry += (i ? "," : "=") + std::to_string(values[i]);
   }
-  const bool known = id < sites().size() && id != kNeverEmitted;
-  entry += known && sites()[id].line == line ? "" : "!line" + std::to_string(line);
+  const bool known = at != all.end() && id != kNeverEmitted;
+  entry += known && at->line == line ? "" : "!line" + std::to_string(line);
   entry += known && expected_points()[id].message == join_pieces(format) ? "" : std::string("!format") + format;
   entry += zeros == 0 ? "" : "!zeros";
   entry += registration().component == nullptr || registration().component == component ? "" : "!component";
@@ -65,11 +64,9 @@ Registration &registration() {
   return the;
 }
 
-void at_point(std::uint32_t id, std::function<void()> action) {
-  actions.erase(id);
-  if (action) {
-    actions[id] = std::move(action);
-  }
+std::map<std::uint32_t, std::function<void()>> &at_point() {
+  static std::map<std::uint32_t, std::function<void()>> the;
+  return the;
 }
 void slow_answers(int enabled) {
   slow_answer = enabled;
@@ -113,27 +110,18 @@ void ed_slow_debugs(ed_site_t *site, ed_component_t *component, int *enabled, co
 }
 
 #define P(n) std::uint64_t v##n
-void _ltrace_1(std::uint64_t handle, std::uint64_t header, P(1)) {
-  trace(handle, header, {v1});
-}
-void _ltrace_2(std::uint64_t handle, std::uint64_t header, P(1), P(2)) {
-  trace(handle, header, {v1, v2});
-}
-void _ltrace_3(std::uint64_t handle, std::uint64_t header, P(1), P(2), P(3)) {
-  trace(handle, header, {v1, v2, v3});
-}
-void _ltrace_4(std::uint64_t handle, std::uint64_t header, P(1), P(2), P(3), P(4)) {
-  trace(handle, header, {v1, v2, v3, v4});
-}
-void _ltrace_5(std::uint64_t handle, std::uint64_t header, P(1), P(2), P(3), P(4), P(5)) {
-  trace(handle, header, {v1, v2, v3, v4, v5});
-}
-void _ltrace_6(std::uint64_t handle, std::uint64_t header, P(1), P(2), P(3), P(4), P(5), P(6)) {
-  trace(handle, header, {v1, v2, v3, v4, v5, v6});
-}
-void _ltrace_7(std::uint64_t handle, std::uint64_t header, P(1), P(2), P(3), P(4), P(5), P(6), P(7)) {
-  trace(handle, header, {v1, v2, v3, v4, v5, v6, v7});
-}
+#define LTRACE(count, parameters, ...)                                                  \
+  void _ltrace_##count(std::uint64_t handle, std::uint64_t header, EXPAND parameters) { \
+    trace(handle, header, {__VA_ARGS__});                                               \
+  }
+#define EXPAND(...) __VA_ARGS__
+LTRACE(1, (P(1)), v1)
+LTRACE(2, (P(1), P(2)), v1, v2)
+LTRACE(3, (P(1), P(2), P(3)), v1, v2, v3)
+LTRACE(4, (P(1), P(2), P(3), P(4)), v1, v2, v3, v4)
+LTRACE(5, (P(1), P(2), P(3), P(4), P(5)), v1, v2, v3, v4, v5)
+LTRACE(6, (P(1), P(2), P(3), P(4), P(5), P(6)), v1, v2, v3, v4, v5, v6)
+LTRACE(7, (P(1), P(2), P(3), P(4), P(5), P(6), P(7)), v1, v2, v3, v4, v5, v6, v7)
 
 int oxa_errmsg(const oxa_msg_rec_t *record, int severity, ...) {
   std::va_list arguments;

@@ -1,10 +1,12 @@
 // Doubles of the window allocator and of the tree service. The trees are sorted lists whose first link word leads to
 // the next node; the root field they are handed (or its copy) is the only one they change.
+#include <algorithm>
 #include <cstring>
 
 #include "avl.h"
 #include "shmwin.h"
 #include "support/journal.h"
+#include "support/model.h"
 
 namespace encap_test {
 namespace {
@@ -39,12 +41,14 @@ bool is_block(const std::uint8_t *at, std::size_t bytes) {
   return found != arena().blocks().end() && found->second == bytes;
 }
 
+std::string key_name(const void *node, bool tunnel) {
+  return name_of({node_of(node)->key, tunnel ? sizeof(TunnelKey) : sizeof(NhKey)});
+}
+
 std::string block_name(void *block) {
   const auto *bytes = static_cast<std::uint8_t *>(block);
-  if (is_block(bytes, kTunnelNode)) {
-    return tunnel_name(bytes + 24);
-  }
-  return is_block(bytes, kNhNode) ? nh_name(bytes + 24) : "nothing";
+  const bool tunnel = is_block(bytes, kTunnelNode);
+  return tunnel || is_block(bytes, kNhNode) ? key_name(block, tunnel) : "nothing";
 }
 
 // A root field by its address: the header's, a tunnel node's, or a copy somewhere else.
@@ -74,22 +78,12 @@ std::string root_name(const void *root) {
   return "nowhere";
 }
 
-std::string key_name(const void *node, bool tunnel) {
-  const std::uint8_t *key = node_of(node)->key;
-  return tunnel ? tunnel_name(key) : nh_name(key);
-}
-
 // Whether all of a node but its key is zero.
 bool pristine(const void *node, bool tunnel) {
   std::uint8_t image[kTunnelNode] = {};
   std::memcpy(image, node, tunnel ? kTunnelNode : kNhNode);
   std::memset(image + 24, 0, tunnel ? 12 : 8);
-  for (const std::uint8_t byte : image) {
-    if (byte != 0) {
-      return false;
-    }
-  }
-  return true;
+  return std::all_of(image, image + sizeof image, [](std::uint8_t byte) { return byte == 0; });
 }
 
 Node **place_of(Node **at, const Node *node, Compare compare) {
@@ -100,6 +94,14 @@ Node **place_of(Node **at, const Node *node, Compare compare) {
 }
 
 }  // namespace
+
+std::vector<void *> walk_list(void *root) {
+  std::vector<void *> nodes;
+  for (Node *node = node_of(root); node != nullptr; node = node->next) {
+    nodes.push_back(node);
+  }
+  return nodes;
+}
 
 Compare tunnel_order() {
   return last_order[0];
@@ -114,8 +116,7 @@ using namespace encap_test;
 
 int shmwin_malloc(std::uint32_t shm_id, std::size_t size, void **block) {
   const auto ordered = faults().due("malloc");
-  const std::string entry = "malloc(" + std::to_string(shm_id) + "," + std::to_string(size) + ")=";
-  journal().add(entry + (ordered == kNull ? "NULL" : std::to_string(ordered.value_or(0))));
+  journal().add(entry_of("malloc", std::to_string(shm_id) + "," + std::to_string(size), ordered.value_or(0)));
   if (!ordered) {
     *block = arena().take(size);
   } else if (*ordered == kNull) {
@@ -140,7 +141,7 @@ void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
     found = found->next;
   }
   const std::string where = root_name(root);
-  journal().add("search(" + where + "," + key_name(probe, tunnel) + ")=" + (found ? "hit" : "none") +
+  journal().add(entry_of("search", where + "," + key_name(probe, tunnel), found ? 0 : kNull) +
                 (where == "empty" || (where == "tun_root") == tunnel ? "" : "!order") +
                 (pristine(probe, tunnel) ? "" : "!probe"));
   return found;
@@ -153,7 +154,7 @@ void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
   Node **place = place_of(reinterpret_cast<Node **>(root), node_of(node), compare);
   const bool taken = *place != nullptr && compare(*place, node) == 1;
   const bool refused = faults().due("insert").has_value() || taken;
-  journal().add("insert(" + where + "," + key_name(node, tunnel) + ")=" + (refused ? "no" : "ok") +
+  journal().add(entry_of("insert", where + "," + key_name(node, tunnel), refused ? kNull : 0) +
                 (*flag == 0 ? "" : "!flag") + (pristine(node, tunnel) ? "" : "!node") +
                 ((where == "tun_root") == tunnel ? "" : "!order"));
   *flag = 77;
@@ -174,7 +175,7 @@ void *avl_delete(void **root, void *node, int *flag, avl_compare_fn compare) {
     place = &(*place)->next;
   }
   const bool refused = faults().due("delete").has_value() || *place == nullptr;
-  journal().add("delete(" + where + "," + key_name(node, tunnel) + ")=" + (refused ? "no" : "ok") +
+  journal().add(entry_of("delete", where + "," + key_name(node, tunnel), refused ? kNull : 0) +
                 (*flag == 0 ? "" : "!flag") + (node_of(node)->in_tree == kInTree ? "" : "!link") +
                 ((where == "tun_root") == tunnel ? "" : "!order"));
   *flag = 77;

@@ -1,4 +1,4 @@
-#include "operations.h"
+#include "support/operations.h"
 
 namespace crash {
 namespace {

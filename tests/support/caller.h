@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "operations.h"
+#include "support/operations.h"
 
 namespace crash {
 

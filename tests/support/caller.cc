@@ -1,4 +1,4 @@
-#include "caller.h"
+#include "support/caller.h"
 
 namespace crash {
 namespace {

@@ -1,0 +1,101 @@
+// Operations that follow each other: what one leaves is what the next one finds.
+#include <cstdlib>
+#include <iostream>
+#include <random>
+
+#include "support/caller.h"
+#include "support/fixture.h"
+
+namespace encap_test {
+namespace {
+
+using SequenceTest = DbTest;
+
+TEST_F(SequenceTest, SpareBitsMakeAnotherKey) {
+  enter(full_key(), kNh, kTunnel);
+  for (std::size_t word = 0; word < 4; ++word) {
+    const Answer found = make(entry(Verb::kFindShare, record(0, 0), full_key().raw(word, 1u << 31)));
+    EXPECT_TRUE(found.info.nh_found == 0 && found.info.tun_found == (word < 2));
+  }
+  EXPECT_EQ(enter(full_key().raw(0, 1u << 21).raw(1, 1u << 25), 106, 0), 0);
+  EXPECT_EQ(enter(full_key().out_of(0x40), 107, 8), 0);  // the same NH key on another tunnel: another NH
+  EXPECT_EQ(tunnel_slot(kTunnel).ref_count, 2u);
+}
+
+TEST_F(SequenceTest, TunnelLeftByAFailureIsFoundAndUsed) {
+  order("malloc2=12");
+  EXPECT_EQ(make(entry(Verb::kInsert, record(kNh, kTunnel))).status, 22);
+  EXPECT_EQ(enter(full_key(), kNh, 8), 0);  // the index found decides, not the one offered
+  EXPECT_EQ(tunnel_slot(kTunnel).ref_count, 1u);
+}
+
+// A range that passes 16 bits cuts the index on its way into slot and node; what comes back is refused by every road.
+TEST_F(SequenceTest, TunnelIndexPast16BitsIsCutAndThenRefused) {
+  open(kNhStart, kNhSize, 65530, 20);
+  EXPECT_EQ(enter(label(16).out_of(1), 100, 65535), 0);
+  EXPECT_EQ(make(crash::on_nh(Verb::kRead, 100)).aux.egr_tun, 65535u);
+  EXPECT_EQ(make(entry(Verb::kInsert, record(kNh, 65540))).status, 0);
+  EXPECT_EQ(make(entry(Verb::kInsert, record(106, 4, true))).status, 22);
+  for (const Verb verb : {Verb::kRead, Verb::kRelease, Verb::kDetach}) {
+    EXPECT_EQ(make(crash::on_nh(verb, kNh)).status, 22);
+  }
+}
+
+// A removal moves the root of the tunnel's tree: the tunnel's own root field must follow.
+TEST_F(SequenceTest, RootOfTheNhTreeIsWrittenBack) {
+  for (const std::uint32_t first : {100u, 105u}) {  // each time the first node of the double's list, or the last
+    for (std::uint32_t nh = 100; nh < 106; ++nh) {
+      enter(label(nh).over(1, 2).out_of(3), nh, kTunnel);
+    }
+    for (std::uint32_t i = 0; i < 6; ++i) {
+      const Answer answer = make(crash::on_nh(Verb::kDetach, first == 100 ? first + i : first - i));
+      EXPECT_TRUE(answer.status == 0 && (answer.outs == Outs{7, i == 5, 1}));
+    }
+    EXPECT_EQ(db().tun_root, nullptr);
+  }
+}
+
+TEST_F(SequenceTest, TheNullTunnelSlotIsSharedAndNeverCleared) {
+  enter(label(17).over(300, 400).out_of(0x40), 106, kNull);
+  enter(label(18).over(500, 600).out_of(0x41), 107, kNull);  // the shared slot now holds these labels
+  EXPECT_EQ(make(crash::on_nh(Verb::kRead, 106)).key.out_label2, 500u);
+  EXPECT_TRUE((make(crash::on_nh(Verb::kDetach, 107)).outs == Outs{0, 0, 1}));
+  set_count(106, 0);
+  EXPECT_TRUE((make(crash::on_nh(Verb::kDetach, 106)).outs == Outs{0, 0, 0})) << "its tunnel has the other labels";
+  EXPECT_EQ(hex(bytes_of(tunnel_slot(kNull))), "00000000 f4010000 58020000 01000000");
+}
+
+// ------------------------------------------------------------------------------------------------------------- random
+
+// Random operations, journals and all. ENCAP_SEED replays a run, ENCAP_OPERATIONS makes it longer.
+void go(DbTest &db, bool stray) {
+  const char *chosen = std::getenv("ENCAP_SEED");
+  const char *length = std::getenv("ENCAP_OPERATIONS");
+  const auto seed = static_cast<unsigned>(chosen ? std::strtoul(chosen, nullptr, 0) : std::random_device{}());
+  const auto operations = static_cast<unsigned>(length ? std::strtoul(length, nullptr, 0) : 4000);
+  std::cout << "ENCAP_SEED=" << seed << " ENCAP_OPERATIONS=" << operations << std::endl;
+  std::mt19937 random(seed);
+  for (unsigned i = 0; i < operations && !DbTest::HasFailure();) {
+    db.open();
+    crash::Caller caller(
+        db.model, [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); }, stray);
+    for (const unsigned end = i + 500; i < end && !DbTest::HasFailure(); ++i) {
+      EXPECT_EQ(caller.step(), "") << "operation " << i;
+      EXPECT_EQ(journal().take(), db.story.take()) << "operation " << i;
+      EXPECT_EQ(differences(db.db(), caller.model(), walk_list), "");
+      EXPECT_EQ(stray ? "" : inconsistency(db.db(), walk_list), "");
+    }
+  }
+}
+
+TEST_F(SequenceTest, CallersThatKeepTheRules) {
+  go(*this, false);
+}
+
+// Indexes in use, flags that are wrong: the database follows the model all the same.
+TEST_F(SequenceTest, CallersThatDoNot) {
+  go(*this, true);
+}
+
+}  // namespace
+}  // namespace encap_test
