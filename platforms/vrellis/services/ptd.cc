@@ -15,7 +15,7 @@ namespace vrellis {
 namespace {
 
 constexpr std::size_t kFunctionWords = sizeof WaitEntry::function / sizeof(std::uint64_t);
-constexpr std::uint64_t kDefaultWatchNs = 20'000;
+constexpr std::uint64_t kDefaultWatchNs = 100'000;
 constexpr std::uint64_t kLongestWatchNs = 1'000'000;
 constexpr std::uint64_t kWatchUnread = ~std::uint64_t{0};
 constinit std::atomic<std::uint64_t> watch_ns{kWatchUnread};

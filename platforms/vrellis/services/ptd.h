@@ -5,7 +5,7 @@
  * after a death. A thread that has no ring there (LTRACE=off, rings all taken) is not told of.
  *
  * Settings, read from the environment at the first wait:
- *   PTD_SPIN_NS   how long a thread may watch its mutex before it blocks, up to 1000000; default 20000; 0: not at all,
+ *   PTD_SPIN_NS   how long a thread may watch its mutex before it blocks, up to 1000000; default 100000; 0: not at all,
  *                 as in a process that may run on one processor only
  *
  * Locking: none; every call but ptd_waits() touches the calling thread's entry alone.
