@@ -13,7 +13,7 @@ constexpr std::uint16_t kStored = 0x11;
 class PointsTest : public DbTest {
  protected:
   void SetUp() override {
-    messages = false;
+    reports = Reports::records;
     DbTest::SetUp();
   }
   // The one point under test; every other one is silent.
@@ -87,7 +87,7 @@ TEST_F(PointsTest, StoredFormKeepsThePieces) {
 }
 
 // The lines of a journal that points wrote.
-std::string reports(const std::string &text) {
+std::string reports_in(const std::string &text) {
   std::istringstream lines(text);
   std::string kept;
   for (std::string line; std::getline(lines, line);) {
@@ -156,7 +156,7 @@ TEST_F(PointsTest, WholeTableOfDecisions) {
       site->line = filter_set << 24 | (line + off);
       slow_answers(answer);
       subject.pass(*this);
-      EXPECT_EQ(reports(journal().take()), reports_in(flags, filter_set, off == 0, answer, message, subject.records))
+      EXPECT_EQ(reports_in(journal().take()), reports_in(flags, filter_set, off == 0, answer, message, subject.records))
           << "flags " << flags << " filter_set " << filter_set << " off " << off;
     }
   }

@@ -68,7 +68,7 @@ void DbTest::open(std::uint32_t nh_start, std::uint32_t nh_size, std::uint32_t t
   story.at_point.clear();
   db().is_initialized = 0;
   watch(&db().lock.mutex);
-  set_messages(messages);
+  set_reports(reports);
   ASSERT_EQ(mpls_egress_encap_db_init(kWindow, nh_size, tun_size, nh_start, tun_start, &db()), 0);
   model = Model(nh_start, nh_size, tun_start, tun_size);
   model.listen(&story);
@@ -78,7 +78,7 @@ void DbTest::open(std::uint32_t nh_start, std::uint32_t nh_size, std::uint32_t t
 
 void DbTest::TearDown() {
   faults().clear();
-  set_messages(false);
+  set_reports(Reports::records);
   EXPECT_EQ(held(), 0) << "the lock is still held";
 }
 
@@ -88,7 +88,7 @@ void DbTest::order(const std::string &text) {
 }
 
 Answer DbTest::make(const Operation &operation) {
-  story.messages = messages;
+  story.reports = reports;
   const Answer should = on_model(model, operation);
   const Answer is = on_database(operation);
   order("");
@@ -120,7 +120,7 @@ void DbTest::expect_database() {
 }
 
 void DbTest::expect_journal(const std::string &stream) {
-  EXPECT_EQ(journal().take(), expand(stream, values, messages)) << "stream: " << stream;
+  EXPECT_EQ(journal().take(), expand(stream, values, reports)) << "stream: " << stream;
 }
 
 }  // namespace encap_test

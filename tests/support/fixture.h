@@ -42,7 +42,7 @@ class DbTest : public ::testing::Test {
   void SetUp() override { open(); }
   void TearDown() override;
 
-  // An empty database, messages on or off as `messages` says, journal empty, nothing ordered.
+  // An empty database, points as `reports` says, journal empty, nothing ordered.
   void open(std::uint32_t nh_start = kNhStart, std::uint32_t nh_size = kNhSize, std::uint32_t tun_start = kTunStart,
             std::uint32_t tun_size = kTunSize);
 
@@ -65,7 +65,7 @@ class DbTest : public ::testing::Test {
 
   Model model;
   Story story;  // what the model tells
-  bool messages = true;
+  Reports reports = Reports::messages;
   Values values;      // of the names in streams
   std::string wrote;  // the journal of the last call made
 };
@@ -84,8 +84,9 @@ struct Scenario {
   const char *stream = nullptr;
 };
 
-// Walks every road through the scenario, messages on and off: each call that may fail fails, alone and together with
-// each choice of those that follow it, and so also from then on; each road on a fresh database. Returns their number.
+// Walks every road through the scenario, whatever the points write: each call that may fail fails, alone and together
+// with each choice of those that follow it, and so also from then on; each road on a fresh database. Returns their
+// number.
 unsigned walk(DbTest &db, const Scenario &scenario);
 
 }  // namespace encap_test

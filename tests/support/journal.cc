@@ -155,11 +155,12 @@ const std::vector<Site> &sites() {
   return by_id;
 }
 
-void set_messages(bool on) {
+void set_reports(Reports reports) {
+  const unsigned more = reports == Reports::messages ? ED_SITE_ON : reports == Reports::none ? ED_SITE_TRACE_IF_ON : 0;
   for (const Site &point : sites()) {
     const unsigned stored = ED_SITE_PRESENT | ED_SITE_MESSAGE |
                             (point.site->trace_index == ED_NO_TRACE_INDEX ? 0u : unsigned{ED_SITE_TRACE});
-    point.site->flags = static_cast<std::uint16_t>(stored | (on ? unsigned{ED_SITE_ON} : 0u));
+    point.site->flags = static_cast<std::uint16_t>(stored | more);
     point.site->line = point.line;
   }
 }

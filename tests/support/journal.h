@@ -96,7 +96,10 @@ struct Site {
   std::uint32_t line;
 };
 const std::vector<Site> &sites();
-void set_messages(bool on);  // every point back to its stored state, messages on or off
+
+// What points write: their trace records, as stored; messages as well; nothing, since they are to trace only when on.
+enum class Reports { records, messages, none };
+void set_reports(Reports reports);  // of every point, else in its stored state
 
 // What runs when a trace record of a point is written: what "somebody else" does to the window at this moment.
 std::map<std::uint32_t, std::function<void()>> &at_point();

@@ -41,7 +41,8 @@ void Story::point(std::uint32_t id) {
       records += "," + value;
     }
   }
-  text_ += (messages ? print + "\n" : "") + (point.traced ? records + "\n" : "");
+  text_ += reports == Reports::messages ? print + "\n" : "";
+  text_ += reports != Reports::none && point.traced ? records + "\n" : "";
   if (const auto action = at_point.find(id); action != at_point.end()) {
     action->second();
   }
@@ -79,9 +80,9 @@ void replace(std::string &word, const char *sign, const std::string &name) {
 
 }  // namespace
 
-std::string expand(const std::string &stream, const Values &values, bool messages) {
+std::string expand(const std::string &stream, const Values &values, Reports reports) {
   Story story;
-  story.messages = messages;
+  story.reports = reports;
   std::istringstream words(stream);
   for (std::string word; words >> word;) {
     const std::string head = word.substr(0, word.find('('));

@@ -26,9 +26,9 @@ class Story : public Listener {
   void write(const std::string &entry) { text_ += entry + "\n"; }
   std::string take() { return std::exchange(text_, ""); }
 
-  bool messages = true;  // off, points take their shorter road to the same trace records
-  Values values;         // of the names in points and messages
-  Faults orders;         // those that the doubles have got
+  Reports reports = Reports::messages;  // without messages, points take a shorter road to the same records
+  Values values;                        // of the names in points and messages
+  Faults orders;                        // those that the doubles have got
   std::map<std::uint32_t, std::function<void()>> at_point;  // what somebody else does at that moment
 
  private:
@@ -43,7 +43,7 @@ class Story : public Listener {
  *   anything else              itself
  * In names with a value, name=value sets it for this word alone.
  */
-std::string expand(const std::string &stream, const Values &values, bool messages = true);
+std::string expand(const std::string &stream, const Values &values, Reports reports = Reports::messages);
 
 }  // namespace encap_test
 
