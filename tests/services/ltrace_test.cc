@@ -7,6 +7,7 @@
 #include <set>
 #include <thread>
 
+#include "avl.h"
 #include "ltrace_file.h"
 #include "ltrace_fixture.h"
 
@@ -92,6 +93,40 @@ TEST_F(TraceTest, EachArityComesBackWithItsHeaderItsHandleAndItsTime) {
 }
 
 // A writer that is killed leaves all that it wrote last.
+// As a find hit of the database does it. Its first record's value is the time at which it began.
+void operate() {
+  std::array<std::uint64_t, 4> node{};
+  const auto search = [&node] { avl_search(node.data(), node.data(), [](const void *, const void *) { return 1; }); };
+  const auto began = static_cast<std::uint64_t>(now_ns());
+  search();
+  _ltrace_4(0, trace_header(7), began, 2, 3, 4);
+  _ltrace_1(0, trace_header(8), 1);
+  search();
+  _ltrace_6(0, trace_header(8), 1, 2, 3, 4, 5, 6);
+  _ltrace_1(0, trace_header(8), 1);
+  _ltrace_5(0, trace_header(8), 1, 2, 3, 4, 5);
+}
+
+TEST_F(TraceTest, EachOperationThatSearchesHasATimeOfItsOwnWhereverABlockEnds) {
+  static constexpr int kOperations = 100;
+  static constexpr std::int64_t kPauseNs = 300'000;
+  run([] {
+    for (int i = 0; i < kOperations; ++i) {
+      operate();
+      std::this_thread::sleep_for(std::chrono::nanoseconds(kPauseNs));
+    }
+  });
+  RingReport report;
+  int seen = 0;
+  for (const TraceRecord &record : ring(*open_one(), 0, report)) {
+    if (record.id == 7) {
+      ++seen;
+      EXPECT_GT(record.time_ns, static_cast<std::int64_t>(record.value[0]) - kPauseNs / 2) << "operation " << seen;
+    }
+  }
+  EXPECT_EQ(seen, kOperations);
+}
+
 TEST_F(TraceTest, AWrappedRingKeepsTheNewestAndCountsTheOthersExactly) {
   setenv("LTRACE_RING_KIB", "8", 1);
   for (const std::uint64_t total : {100U, 170U, 5'000U, 40'001U}) {

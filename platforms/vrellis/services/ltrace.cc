@@ -43,7 +43,8 @@ void store_word(std::uint64_t position, std::uint64_t value) {
 }
 
 void open_block(ThreadTrace &trace) {
-  if (trace.stride == kStampWords) {
+  const bool stamp_is_due = trace.limit == 0 || trace.stride == kStampWords;
+  if (stamp_is_due) {
     trace.ticks = read_ticks();
   }
   if (trace.head < trace.block_end) {

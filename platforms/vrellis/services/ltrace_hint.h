@@ -13,11 +13,11 @@ namespace vrellis {
 // written from `head` alone, so that one written by a signal handler half-way through another costs no more than that.
 struct ThreadTrace {
   std::uint64_t head = 0;          // where the next record goes
-  std::uint64_t limit = 0;         // a record that would end past it takes the slow path: block full, or a stamp is due
+  std::uint64_t limit = 0;         // a record that would end past it takes the slow path; 0: a stamp is due at once
   std::uintptr_t origin = 0;       // address that position 0 would have if the ring had never wrapped
   RingEntry *ring = nullptr;       // the ring's entry in the trace file
   std::uint64_t records = 0;       // records written
-  std::uint64_t stamped = 0;       // position of the first record after the newest time stamp
+  std::uint64_t told = 0;          // position at which a search was last told of
   std::uint64_t block_end = 0;     // position where the open block ends
   std::uint64_t *words = nullptr;  // the ring
   std::uint64_t ring_mask = 0;     // its words less one
@@ -32,12 +32,11 @@ extern constinit thread_local ThreadTrace thread_trace __attribute__((tls_model(
 // them instead: a block that is opened meanwhile repeats the stamp of the operation.
 inline constexpr std::uint64_t kStampWords = 16;
 
-// More than any one record: an operation that searches twice, with one record in between, is stamped once.
+// Fewer words than this lie between two searches of one operation, and more between those of two.
 inline constexpr std::uint64_t kHintWords = 10;
 
-// Notes that a time stamp lies right before the next record.
+// A time stamp lies right before the next record.
 inline void note_stamp(ThreadTrace &trace) {
-  trace.stamped = trace.head;
   trace.limit = std::min(trace.block_end, trace.head + trace.stride);
 }
 
@@ -51,12 +50,14 @@ inline void put_stamp(ThreadTrace &trace) {
   note_stamp(trace);
 }
 
-// Tells the trace that an operation begins now: its records stand behind a time stamp, unless the newest one is only a
-// record old. The stamp is shown to readers with the next record.
+// Tells the trace of a search. When it is an operation's first one, the records that follow stand behind a time stamp,
+// which is shown to readers with the next of them.
 inline void trace_operation_begins() {
   ThreadTrace &trace = thread_trace;
+  const std::uint64_t since = trace.head - trace.told;
+  trace.told = trace.head;
   trace.stride = kBlockWords;
-  if (trace.head - trace.stamped < kHintWords) {
+  if (since < kHintWords) {
     return;
   }
   if (trace.head + kHintWords <= trace.block_end) {
