@@ -2,14 +2,15 @@
 # Headers are those of the contracts alone: the public one, the services', the owner's.
 include(CMakePackageConfigHelpers)
 
-set(encap_services_headers avl.h ed.h ed_catalogue.h ltrace.h oxa_errmsg.h ptd.h shmwin.h)
+set(encap_services_headers
+  avl/avl.h ed/ed.h ed/ed_catalogue.h ltrace/ltrace.h oxa_errmsg/oxa_errmsg.h ptd/ptd.h shmwin/shmwin.h)
 list(TRANSFORM encap_services_headers PREPEND platforms/vrellis/services/)
 
 install(TARGETS mpls_egress_encap_db vrellis_services encap_db_owner EXPORT mpls_egress_encap_db
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(FILES platforms/vrellis/encap-id/src/mpls_egress_encap_db.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
-install(FILES ${encap_services_headers} platforms/vrellis/services/owner/encap_db_owner.h
+install(FILES ${encap_services_headers} platforms/vrellis/owner/encap_db_owner.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vrellis COMPONENT dev)
 
 # pkg-config and CMake packages find the tree from where they lie in it, so that it can be moved.

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <map>
 
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace crash {
 namespace {

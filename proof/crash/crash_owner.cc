@@ -16,7 +16,7 @@
 #include <optional>
 
 #include "check.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 #include "stepper.h"
 #include "support/operations.h"
 

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "check.h"
-#include "ltrace_file.h"
-#include "ltrace_reader.h"
+#include "ltrace/file.h"
+#include "ltrace/reader.h"
 #include "repair.h"
 #include "support/operations.h"
 #include "window.h"

@@ -1,5 +1,5 @@
 // The debug query parser: any text, against a handful of points.
-#include "ed_query.h"
+#include "ed/query.h"
 #include "fuzz_input.h"
 
 namespace {

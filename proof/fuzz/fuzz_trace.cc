@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz_input.h"
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   static const int fd = memfd_create("trace", MFD_CLOEXEC);

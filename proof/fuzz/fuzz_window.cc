@@ -7,7 +7,7 @@
 #include "check.h"
 #include "fuzz_input.h"
 #include "repair.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 #include "support/operations.h"
 #include "window.h"
 

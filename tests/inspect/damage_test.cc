@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <functional>
 
-#include "avl_link.h"
+#include "avl/link.h"
 #include "inspect_fixture.h"
 
 namespace inspect_tests {

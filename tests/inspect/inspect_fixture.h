@@ -15,7 +15,7 @@
 
 #include "encap_db_owner.h"
 #include "repair.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace inspect_tests {
 

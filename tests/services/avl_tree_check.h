@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "avl.h"
-#include "avl_link.h"
+#include "avl/link.h"
 
 namespace avl_tests {
 

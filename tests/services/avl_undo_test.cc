@@ -25,10 +25,10 @@ inline void store(Word *word, Word value) {
 #include <deque>
 #include <utility>
 
-#include "avl.cc"          // NOLINT(bugprone-suspicious-include)
-#include "avl_balance.cc"  // NOLINT(bugprone-suspicious-include)
+#include "avl/avl.cc"      // NOLINT(bugprone-suspicious-include)
+#include "avl/balance.cc"  // NOLINT(bugprone-suspicious-include)
+#include "avl/undo.cc"     // NOLINT(bugprone-suspicious-include)
 #include "avl_tree_check.h"
-#include "avl_undo.cc"  // NOLINT(bugprone-suspicious-include)
 
 // The copy of the tree service here finds its thread's place in the trace here, too.
 constinit thread_local vrellis::ThreadTrace vrellis::thread_trace;

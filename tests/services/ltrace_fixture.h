@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "ltrace.h"
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 #include "processes.h"
 #include "ptd.h"
 

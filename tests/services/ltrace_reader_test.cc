@@ -5,7 +5,7 @@
 #include <random>
 
 #include "ed.h"
-#include "ltrace_file.h"
+#include "ltrace/file.h"
 #include "ltrace_fixture.h"
 
 namespace vrellis {

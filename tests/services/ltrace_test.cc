@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "avl.h"
-#include "ltrace_file.h"
+#include "ltrace/file.h"
 #include "ltrace_fixture.h"
 
 namespace vrellis {

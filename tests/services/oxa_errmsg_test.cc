@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "kept_lines.h"
-#include "rate_limit.h"
+#include "oxa_errmsg/rate_limit.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 
 #include "processes.h"
 #include "shmwin.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace window_tests {
 

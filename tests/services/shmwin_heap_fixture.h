@@ -31,9 +31,9 @@ inline void store_word(std::uint64_t &word, std::uint64_t value) {
 #include <string>
 #include <vector>
 
-#include "avl_hint.h"
-#include "shmwin_heap.cc"    // NOLINT(bugprone-suspicious-include)
-#include "shmwin_malloc.cc"  // NOLINT(bugprone-suspicious-include)
+#include "avl/search_ends.h"
+#include "shmwin/heap/heap.cc"    // NOLINT(bugprone-suspicious-include)
+#include "shmwin/heap/malloc.cc"  // NOLINT(bugprone-suspicious-include)
 
 constinit vrellis::WindowMap vrellis::window_maps[SHMWIN_MAX_WINDOWS] = {};
 constinit thread_local vrellis::SearchEnds vrellis::search_ends;

@@ -3,7 +3,7 @@
 #include <random>
 
 #include "encapctl_fixture.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace encapctl_test {
 namespace {

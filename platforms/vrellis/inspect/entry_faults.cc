@@ -4,7 +4,7 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "avl_link.h"
+#include "avl/link.h"
 #include "faults.h"
 
 namespace encap_inspect {

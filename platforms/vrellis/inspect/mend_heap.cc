@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "mend.h"
-#include "shmwin_store.h"
+#include "shmwin/store.h"
 
 namespace encap_inspect {
 namespace {

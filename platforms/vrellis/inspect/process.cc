@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "lock_word.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace encap_inspect {
 namespace {

@@ -7,7 +7,7 @@
 
 #include "check.h"
 #include "database.h"
-#include "shmwin_pages.h"
+#include "shmwin/heap/node_class.h"
 
 namespace encap_inspect {
 

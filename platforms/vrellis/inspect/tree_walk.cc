@@ -1,7 +1,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "avl_link.h"
+#include "avl/link.h"
 #include "survey.h"
 
 namespace encap_inspect {

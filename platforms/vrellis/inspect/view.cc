@@ -11,9 +11,9 @@
 #include <ctime>
 #include <vector>
 
-#include "avl_undo.h"
+#include "avl/undo.h"
 #include "lock_word.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace encap_inspect {
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "diag/catalogue.h"
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 
 namespace demo {
 namespace {

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 
 namespace encapctl {
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 
 namespace encapctl {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 
 namespace encapctl {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "diag/catalogue.h"
-#include "ed_query.h"
+#include "ed/query.h"
 #include "verbs.h"
 
 namespace encapctl {

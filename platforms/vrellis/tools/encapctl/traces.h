@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "ltrace_reader.h"
+#include "ltrace/reader.h"
 #include "output.h"
 
 namespace encapctl {

@@ -4,7 +4,7 @@
 #include <ctime>
 
 #include "remote_process.h"
-#include "shmwin_layout.h"
+#include "shmwin/layout.h"
 
 namespace encapctl {
 namespace {

@@ -1,0 +1,182 @@
+#include "avl.h"
+
+#include <cstddef>
+
+#include "avl/balance.h"
+#include "avl/link.h"
+#include "avl/search_ends.h"
+#include "avl/undo.h"
+#include "ltrace/thread_ring.h"
+
+namespace vrellis {
+
+AVL_HINT_TLS constinit thread_local SearchEnds search_ends;
+
+namespace avl {
+namespace {
+
+constexpr int kEqual = 1;
+
+// Where a descent ended: at the node of an equal key, or at the one that the key would hang under.
+struct Spot {
+  Link *node;
+  int order;  // the last comparison's result; halved, the side to hang on
+};
+
+// Fetches a node with its linkage and the key behind it, which often lies in the next cache line.
+[[gnu::always_inline]] inline void prefetch_node(const Link *node) {
+  constexpr std::ptrdiff_t kKeyEnd = 32;
+  __builtin_prefetch(node);
+  __builtin_prefetch(reinterpret_cast<const char *>(node) + kKeyEnd);
+}
+
+// Both children are on their way from memory while the keys are compared. `node` is no null pointer.
+inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
+  for (;;) {
+    Link *const before = child_of(node, 0);
+    Link *const after = child_of(node, 1);
+    prefetch_node(before);
+    prefetch_node(after);
+    const int order = compare(probe, node);
+    if (order == kEqual) {
+      return {node, order};
+    }
+    Link *const next = __builtin_expect_with_probability(order > kEqual, 1, 0.5) ? after : before;
+    if (next == nullptr) {
+      return {node, order};
+    }
+    node = next;
+  }
+}
+
+// In a big window a tree is far from the caches, but its nodes lie close together (the allocator sees to that): bring
+// in what lies around the top at once, rather than line by line on the way down. Inlined by force: g++ takes a function
+// that only prefetches for one without effect, and drops its calls.
+[[gnu::always_inline]] inline void prefetch_around(const WindowMap *map, const Link *top) {
+  constexpr std::uintptr_t kBigWindow = std::uintptr_t{16} << 20;
+  constexpr std::ptrdiff_t kAround = std::ptrdiff_t{5} * 64;  // five cache lines on either side
+  if (map == nullptr || map->end - map->begin < kBigWindow) {
+    return;
+  }
+  const char *const middle = reinterpret_cast<const char *>(top);
+  for (std::ptrdiff_t offset = -kAround; offset <= kAround; offset += 64) {
+    __builtin_prefetch(middle + offset);
+  }
+}
+
+// A tree's first node goes in, its last one out, by the store to the root field alone.
+void link_first(Word *field, Link *node) {
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, address_of(field) | kRoot);
+  store(field, address_of(node));
+}
+
+void unlink_last(Word *field) {
+  store(field, 0);
+}
+
+// Of a node that has left its tree. Cut off here, or before a node is linked, only a node that is in no tree has words
+// left in its linkage.
+void clear_linkage(Link *node) {
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, 0);
+}
+
+// A tree about to change: its window, its top, its own root field, and the one that the caller gave.
+struct Tree {
+  const WindowMap *map;
+  Word *given;  // the own field, or a copy of it
+  Link *top;    // nullptr: empty
+  Word *field;
+};
+
+// Brings the given field up to date first. False when it holds no root, or the recorded field cannot be this tree's.
+bool open_tree(Tree &tree, void **root, const void *node) {
+  tree.map = window_of(node);
+  tree.given = reinterpret_cast<Word *>(root);
+  const Word now = settled_root(tree.map, *tree.given);
+  if (now != *tree.given) {
+    store(tree.given, now);
+  }
+  tree.top = link_at(now);
+  tree.field = tree.given;
+  if (tree.top == nullptr) {
+    return true;
+  }
+  tree.field = field_of(tree.top);
+  const bool reachable = tree.field == tree.given || tree.map == nullptr || covers(*tree.map, address_of(tree.field));
+  return is_root(tree.top) && reachable;
+}
+
+void close_tree(const Tree &tree, int *flag) {
+  const Word now = *tree.field;
+  if (now != address_of(tree.top)) {
+    *flag = 1;
+  }
+  if (tree.given != tree.field) {
+    store(tree.given, now);
+  }
+}
+
+}  // namespace
+}  // namespace avl
+}  // namespace vrellis
+
+using namespace vrellis::avl;
+
+void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
+  if (root == nullptr) {
+    return nullptr;
+  }
+  vrellis::trace_operation_begins();
+  const vrellis::WindowMap *const map = vrellis::window_of(root);
+  Link *const top = link_at(settled_root(map, address_of(root)));
+  prefetch_around(map, top);
+  const Spot spot = descend(top, probe, compare);
+  vrellis::search_ends.previous = vrellis::search_ends.last;
+  vrellis::search_ends.last = spot.node;
+  return spot.order == kEqual ? spot.node : nullptr;
+}
+
+void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
+  Tree tree;
+  if (!open_tree(tree, root, node)) {
+    return nullptr;
+  }
+  auto *link = static_cast<Link *>(node);
+  if (tree.top == nullptr) {
+    link_first(tree.field, link);
+  } else {
+    const Spot spot = descend(tree.top, node, compare);
+    if (spot.order == kEqual) {
+      return nullptr;
+    }
+    Change change(tree.map, tree.field);
+    link_below(change, spot.node, static_cast<unsigned>(spot.order) >> 1, link);
+    change.commit();
+  }
+  close_tree(tree, flag);
+  return node;
+}
+
+// The comparison is of no use: a linked node knows its place.
+void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/) {
+  Tree tree;
+  auto *link = static_cast<Link *>(node);
+  if (link == nullptr || !open_tree(tree, root, node) || link->up == 0 || root_above(link) != tree.top ||
+      !is_held(link)) {
+    return nullptr;
+  }
+  if (link == tree.top && link->child[0] == 0 && link->child[1] == 0) {
+    unlink_last(tree.field);
+  } else {
+    Change change(tree.map, tree.field);
+    unlink_one(change, link);
+    change.commit();
+  }
+  clear_linkage(link);
+  close_tree(tree, flag);
+  return node;
+}

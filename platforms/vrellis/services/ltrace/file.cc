@@ -1,0 +1,289 @@
+// The process's trace file: made at the first record, its rings claimed by threads, left behind at the end.
+#include "ltrace/file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ltrace/proc.h"
+
+namespace vrellis {
+
+constinit std::atomic<TraceState> trace_state{TraceState::kUnknown};
+
+namespace {
+
+// A process that runs another program keeps pid and start time: so many of its files can stand side by side.
+constexpr int kFilesPerProcess = 8;
+
+// `mutex` guards all but `file`, which is published when it is complete.
+struct ProcessTrace {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  std::atomic<FileHeader *> file{nullptr};
+  char path[PATH_MAX] = {};
+  char component[LTRACE_MAX_COMPONENTS][kNameBytes] = {};
+};
+
+constinit ProcessTrace process;
+constinit pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+
+// The child has one thread, this one, and no part in its parent's file. It leaves the mapping alone: a signal handler
+// that forked half-way through a record still returns into it.
+void child_begins() {
+  forget_ring();
+  process.mutex = PTHREAD_MUTEX_INITIALIZER;
+  process.file.store(nullptr, std::memory_order_relaxed);
+  process.path[0] = '\0';
+  trace_state.store(TraceState::kUnknown, std::memory_order_relaxed);
+}
+
+void watch_forks() {
+  pthread_atfork(nullptr, nullptr, child_begins);
+}
+
+std::uint32_t ring_words_wanted() {
+  constexpr std::uint32_t kDefaultKib = 64;
+  const char *text = secure_getenv("LTRACE_RING_KIB");
+  const unsigned long kib = text != nullptr ? strtoul(text, nullptr, 10) : kDefaultKib;
+  const bool fits = kib >= kMinRingKib && kib <= kMaxRingKib;
+  return std::bit_floor(fits ? static_cast<std::uint32_t>(kib) : kDefaultKib) * (1024 / sizeof(std::uint64_t));
+}
+
+// Opens the directory of the trace files, making it when it is missing; its absolute path goes to `path`. The default
+// one stands where everybody may write: it must be ours alone.
+int open_directory(char (&path)[PATH_MAX]) {
+  char fallback[64];
+  const char *named = secure_getenv("LTRACE_DIR");
+  std::snprintf(fallback, sizeof fallback, "/dev/shm/vrellis-trace-%u", geteuid());
+  const char *directory = named != nullptr && *named != '\0' ? named : fallback;
+  mkdir(directory, 0700);
+  const int follow = directory == fallback ? O_NOFOLLOW : 0;
+  const int fd = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC | follow);
+  struct stat status;
+  if (fd < 0 || realpath(directory, path) == nullptr || fstat(fd, &status) != 0) {
+    std::snprintf(path, sizeof path, "%s", directory);
+  } else if (directory != fallback || (status.st_uid == geteuid() && (status.st_mode & 077) == 0)) {
+    return fd;
+  } else {
+    errno = EPERM;
+  }
+  if (fd >= 0) {
+    const int reason = errno;
+    close(fd);
+    errno = reason;
+  }
+  return -1;
+}
+
+// Creates the file in `directory`, whose path stands in process.path; its name is added to that.
+int create_file(int directory) {
+  const auto pid = static_cast<std::uint32_t>(getpid());
+  const std::uint64_t start = process_start_time(pid);
+  const std::size_t length = std::strlen(process.path);
+  char name[64];
+  int fd = -1;
+  for (int attempt = 0; fd < 0 && attempt < kFilesPerProcess; ++attempt) {
+    char extra[8] = "";
+    if (attempt > 0) {
+      std::snprintf(extra, sizeof extra, "-%d", attempt);
+    }
+    std::snprintf(name, sizeof name, "%" PRIu32 "-%" PRIu64 "%s%s", pid, start, extra, kTraceSuffix);
+    fd = openat(directory, name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0 && errno != EEXIST) {
+      return -1;
+    }
+  }
+  const std::size_t room = sizeof process.path - length;
+  if (fd >= 0 && static_cast<std::size_t>(std::snprintf(process.path + length, room, "/%s", name)) >= room) {
+    unlinkat(directory, name, 0);
+    close(fd);
+    errno = ENAMETOOLONG;
+    return -1;
+  }
+  return fd;
+}
+
+void fill_header(FileHeader *file, std::uint32_t ring_words) {
+  file->version = kTraceVersion;
+  file->header_bytes = kRingHeaderBytes;
+  file->block_words = kBlockWords;
+  file->ring_words = ring_words;
+  file->num_rings = kMaxRings;
+  file->tick_kind = kTickKind;
+  file->pid = static_cast<std::uint32_t>(getpid());
+  file->uid = geteuid();
+  file->start_time = process_start_time(file->pid);
+  file->pid_namespace = pid_namespace();
+  if (read_proc_text("/proc/self/comm", file->comm, sizeof file->comm)) {
+    file->comm[std::strcspn(file->comm, "\n")] = '\0';
+  }
+  read_boot_id(file->boot_id);
+  file->created = read_clocks();
+  std::memcpy(file->component, process.component, sizeof file->component);
+  store_shared(file->magic, kTraceMagic, std::memory_order_release);
+}
+
+// Gives the new file its size and maps it. Returns: nullptr, errno set.
+FileHeader *map_file(int fd, std::uint32_t ring_words) {
+  const std::size_t bytes = kRingHeaderBytes + std::size_t{kMaxRings} * ring_words * sizeof(std::uint64_t);
+  const int reason = posix_fallocate(fd, 0, kRingHeaderBytes);
+  if (reason != 0) {
+    errno = reason;
+    return nullptr;
+  }
+  if (ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+    return nullptr;
+  }
+  void *address = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return address != MAP_FAILED ? static_cast<FileHeader *>(address) : nullptr;
+}
+
+// A dead process's file, as the sweep weighs it.
+struct DeadFile {
+  std::uint64_t newest;  // ticks of the last block that was written; 0 in another boot
+  char name[64];
+};
+
+// Whether the file may go: its process has ended, and its pid is one that we can tell that of.
+bool weigh_dead_file(int directory, const char *name, const FileHeader &own, DeadFile &dead) {
+  std::uint32_t pid = 0;
+  std::uint64_t start = 0;
+  if (std::strlen(name) >= sizeof dead.name || !parse_trace_name(name, pid, start) ||
+      process_start_time(pid) == start) {
+    return false;
+  }
+  const int fd = openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  FileHeader header{};
+  const ssize_t got = fd >= 0 ? pread(fd, &header, sizeof header, 0) : -1;
+  if (fd >= 0) {
+    close(fd);
+  }
+  const bool whole = got == static_cast<ssize_t>(sizeof header) && header.magic == kTraceMagic;
+  if (got < 0 || (whole && header.pid_namespace != own.pid_namespace)) {
+    return false;
+  }
+  std::memcpy(dead.name, name, std::strlen(name) + 1);
+  dead.newest = 0;
+  if (whole && std::memcmp(header.boot_id, own.boot_id, sizeof own.boot_id) == 0) {
+    for (const RingEntry &ring : header.ring) {
+      dead.newest = std::max(dead.newest, ring.newest);
+    }
+  }
+  return true;
+}
+
+// Removes the files of dead processes but for those written to last.
+void sweep_trace_files(int directory, const FileHeader &own) {
+  constexpr std::size_t kKept = 16;
+  DeadFile kept[kKept];
+  std::size_t count = 0;
+  DIR *listing = fdopendir(dup(directory));
+  while (const dirent *entry = listing != nullptr ? readdir(listing) : nullptr) {
+    DeadFile dead;
+    if (!weigh_dead_file(directory, entry->d_name, own, dead)) {
+      continue;
+    }
+    if (count < kKept) {
+      kept[count++] = dead;
+      continue;
+    }
+    DeadFile *oldest = std::min_element(kept, kept + kKept, [](auto &a, auto &b) { return a.newest < b.newest; });
+    if (oldest->newest < dead.newest) {
+      std::swap(*oldest, dead);
+    }
+    unlinkat(directory, dead.name, 0);
+  }
+  if (listing != nullptr) {
+    closedir(listing);
+  }
+}
+
+FileHeader *make_file() {
+  FileHeader *file = nullptr;
+  const int directory = open_directory(process.path);
+  const int fd = directory >= 0 ? create_file(directory) : -1;
+  if (fd >= 0) {
+    const std::uint32_t ring_words = ring_words_wanted();
+    file = map_file(fd, ring_words);
+    if (file != nullptr) {
+      fill_header(file, ring_words);
+      sweep_trace_files(directory, *file);
+    } else {
+      const int reason = errno;
+      unlink(process.path);
+      errno = reason;
+    }
+  }
+  if (file == nullptr) {
+    dprintf(STDERR_FILENO, "ltrace: process %d is not traced: no file in %s: %s\n", getpid(), process.path,
+            strerrordesc_np(errno));
+    process.path[0] = '\0';
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+  if (directory >= 0) {
+    close(directory);
+  }
+  return file;
+}
+
+bool switched_off() {
+  const char *text = secure_getenv("LTRACE");
+  return text != nullptr && std::strcmp(text, "off") == 0;
+}
+
+}  // namespace
+
+FileHeader *present_trace_file() {
+  return process.file.load(std::memory_order_acquire);
+}
+
+FileHeader *process_trace_file() {
+  if (FileHeader *file = present_trace_file()) {
+    return file;
+  }
+  pthread_once(&fork_once, watch_forks);
+  pthread_mutex_lock(&process.mutex);
+  FileHeader *file = present_trace_file();  // another thread may have been here first
+  if (file == nullptr && trace_state.load(std::memory_order_relaxed) == TraceState::kUnknown) {
+    file = !switched_off() ? make_file() : nullptr;
+    process.file.store(file, std::memory_order_release);
+    trace_state.store(file != nullptr ? TraceState::kOn : TraceState::kOff, std::memory_order_relaxed);
+  }
+  pthread_mutex_unlock(&process.mutex);
+  return file;
+}
+
+}  // namespace vrellis
+
+const char *ltrace_path(void) {
+  return vrellis::present_trace_file() != nullptr ? vrellis::process.path : nullptr;
+}
+
+void ltrace_name_component(uint32_t tag, const char *name) {
+  using namespace vrellis;
+  if (tag >= LTRACE_MAX_COMPONENTS || name == nullptr) {
+    return;
+  }
+  pthread_once(&fork_once, watch_forks);
+  pthread_mutex_lock(&process.mutex);
+  char text[kNameBytes] = {};
+  std::memcpy(text, name, strnlen(name, sizeof text - 1));
+  std::memcpy(process.component[tag], text, sizeof text);
+  if (FileHeader *file = present_trace_file()) {
+    std::memcpy(file->component[tag], text, sizeof text);
+  }
+  pthread_mutex_unlock(&process.mutex);
+}

@@ -1,0 +1,77 @@
+// The calling thread's place in its trace ring. For the services alone.
+#ifndef VRELLIS_LTRACE_THREAD_RING_H
+#define VRELLIS_LTRACE_THREAD_RING_H
+
+#include <algorithm>
+#include <cstdint>
+
+#include "ltrace/file.h"
+
+namespace vrellis {
+
+// Positions count the words of the thread's ring since it was claimed and never wrap. All zero: no ring. A record is
+// written from `head` alone, so that one written by a signal handler half-way through another costs no more than that.
+struct ThreadTrace {
+  std::uint64_t head = 0;          // where the next record goes
+  std::uint64_t limit = 0;         // a record that would end past it takes the slow path; 0: a stamp is due at once
+  std::uintptr_t origin = 0;       // address that position 0 would have if the ring had never wrapped
+  RingEntry *ring = nullptr;       // the ring's entry in the trace file
+  std::uint64_t records = 0;       // records written
+  std::uint64_t told = 0;          // position at which a search was last told of
+  std::uint64_t block_end = 0;     // position where the open block ends
+  std::uint64_t *words = nullptr;  // the ring
+  std::uint64_t ring_mask = 0;     // its words less one
+  std::uint64_t ticks = 0;         // of the newest time stamp
+  std::uint64_t stride = 0;        // words after which the next stamp is due, if no operation is told of before
+  std::uint32_t refused = 0;       // records to drop before asking for a ring again
+};
+
+extern constinit thread_local ThreadTrace thread_trace __attribute__((tls_model("initial-exec")));
+
+// A time stamp is due after so many words, the records of a small operation. Where operations are told of, at each of
+// them instead: a block that is opened meanwhile repeats the stamp of the operation.
+inline constexpr std::uint64_t kStampWords = 16;
+
+// Fewer words than this lie between two searches of one operation, and more between those of two.
+inline constexpr std::uint64_t kHintWords = 10;
+
+// A time stamp lies right before the next record.
+inline void note_stamp(ThreadTrace &trace) {
+  trace.limit = std::min(trace.block_end, trace.head + trace.stride);
+}
+
+// Writes a time stamp where the next record was to go. Requires a ring, and room in the open block.
+inline void put_stamp(ThreadTrace &trace) {
+  const std::uint64_t position = trace.head;
+  auto *word = reinterpret_cast<std::uint64_t *>(trace.origin + position * sizeof(std::uint64_t));
+  trace.ticks = read_ticks();
+  store_shared(*word, stamp_of(trace.ticks));
+  trace.head = position + 1;
+  note_stamp(trace);
+}
+
+// Tells the trace of a search. When it is an operation's first one, the records that follow stand behind a time stamp,
+// which is shown to readers with the next of them.
+inline void trace_operation_begins() {
+  ThreadTrace &trace = thread_trace;
+  const std::uint64_t since = trace.head - trace.told;
+  trace.told = trace.head;
+  trace.stride = kBlockWords;
+  if (since < kHintWords) {
+    return;
+  }
+  if (trace.head + kHintWords <= trace.block_end) {
+    put_stamp(trace);
+  } else {
+    trace.limit = 0;
+  }
+}
+
+// The next record carries a time stamp, whatever came before: for one that follows a wait.
+inline void trace_stamp_next() {
+  thread_trace.limit = 0;
+}
+
+}  // namespace vrellis
+
+#endif

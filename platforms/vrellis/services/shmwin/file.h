@@ -1,0 +1,59 @@
+// A window's file: its lock, what it holds, who is attached. For the window service alone.
+#ifndef VRELLIS_SHMWIN_FILE_H
+#define VRELLIS_SHMWIN_FILE_H
+
+#include <climits>
+#include <cstdint>
+
+#include "shmwin/layout.h"
+
+// A window's file, open and locked.
+struct shmwin_claimed_file {
+  int fd;
+  char name[NAME_MAX + 1];
+  char path[PATH_MAX];
+};
+
+namespace vrellis {
+
+// Fills `error` (unless nullptr) with a sentence. Returns `status`.
+__attribute__((format(printf, 3, 4))) int refuse(shmwin_error_t *error, int status, const char *format, ...);
+
+// Refuses what the system refused: "cannot <action> '<subject>': <text of status>".
+int refuse_system(shmwin_error_t *error, int status, const char *action, const char *subject);
+
+// What a window's file holds, as far as its first page tells.
+struct FileContent {
+  std::uint64_t bytes = 0;  // of the file
+  WindowHeader header{};    // its first page; zero past the end of the file
+};
+
+// Returns: 0, or an errno value with `error` filled.
+int read_content(const shmwin_claim_t &claim, FileContent *content, shmwin_error_t *error);
+
+// Whether there is nothing to keep: an empty file, or what a creator that died half-way leaves.
+bool is_absent(const FileContent &content);
+
+// Tests everything that must agree before the window may be mapped. Returns: 0, or the codes of shmwin_attach().
+int preflight(const FileContent &content, const char *name, std::uint32_t shm_id, shmwin_error_t *error);
+
+// The inode of this process's PID namespace; 0 when it cannot be told.
+std::uint64_t own_pid_namespace();
+
+// The entry of the calling process in a window's table: its id and start time, so that no later process of the same id
+// is taken for it. 0 when it cannot be told.
+std::uint64_t own_process_entry();
+
+// The id of a live process in the table, or 0.
+int first_live_process(const std::uint64_t (&table)[kMaxProcesses]);
+
+// Enters the calling process, into an entry of a dead process if need be. Returns: 0, 11 (EAGAIN) when all live.
+// Locking: none; safe beside other processes that do the same.
+int enter_process(std::uint64_t (&table)[kMaxProcesses]);
+
+// Takes the calling process out.
+void leave_process(std::uint64_t (&table)[kMaxProcesses]);
+
+}  // namespace vrellis
+
+#endif
