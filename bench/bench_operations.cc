@@ -22,9 +22,7 @@ std::int64_t iterations() {
 }
 
 template <typename Op, typename C>
-concept Undone = requires(C &contestant, const Workload &workload) {
-  Op::undo(contestant, workload, std::size_t{0});
-};
+concept Undone = requires(C &contestant, const Workload &workload) { Op::undo(contestant, workload, std::size_t{0}); };
 
 // Each round goes on in the order of use where the one before ended, the same positions for every contestant. Half as
 // many operations come first, untimed: they bring back what the contestants before pushed out of the caches.

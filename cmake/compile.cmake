@@ -22,7 +22,7 @@ set(CMAKE_C_FLAGS_RELEASE "-O2 -g -DNDEBUG")
 
 add_library(encap_warnings INTERFACE)
 target_compile_options(encap_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2 -Wundef
+  -Wall -Wextra -Wpedantic $<$<BOOL:${ENCAP_WERROR}>:-Werror> -Wshadow -Wconversion -Wsign-conversion -Wcast-qual -Wformat=2 -Wundef
   -Wmissing-declarations -Wpointer-arith -Wvla
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wextra-semi>
   $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:Clang>>:-Wthread-safety -Wimplicit-fallthrough>

@@ -16,10 +16,8 @@ struct Message {
   const char *format;
 };
 
-#define MESSAGE(symbol, name, format)                                                                      \
-  Message {                                                                                                \
-    oxa_msg_rec_mpls_encap_db_##symbol##_error, oxa_msg_limit_mpls_encap_db_##symbol##_error, name, format \
-  }
+#define MESSAGE(symbol, name, format) \
+  Message { oxa_msg_rec_mpls_encap_db_##symbol##_error, oxa_msg_limit_mpls_encap_db_##symbol##_error, name, format }
 
 TEST(MessagesTest, RecordsAndLimits) {
   const Message messages[] = {

@@ -25,8 +25,9 @@ struct Component {
     record.name = name;
     record.sites = &head;
     record.num_flags = 3;
-    for (size_t i = 0; i < 3; ++i)
+    for (size_t i = 0; i < 3; ++i) {
       record.flag[i].name = kCategories[i];
+    }
     head.next = &site[4];
     for (size_t id = 0; id < 5; ++id) {
       const ed_catalogue_row_t &row = kRows[id];

@@ -19,8 +19,9 @@ TEST_F(Ed, RegistrationGivesTagAndHandlesOnce) {
   ed_init(&other.record);
   EXPECT_GE(ports.record.trace_tag, 1u);
   EXPECT_EQ(other.record.trace_tag, ports.record.trace_tag + 1);
-  for (uint64_t i = 0; i < 3; ++i)
+  for (uint64_t i = 0; i < 3; ++i) {
     EXPECT_EQ(other.record.trace_handle[i], uint64_t{other.record.trace_tag} << 8 | (i + 1));
+  }
   EXPECT_EQ(other.record.trace_handle[3], 0u);
   const ed_component_t before = ports.record;
   ed_init(&ports.record);
@@ -30,8 +31,9 @@ TEST_F(Ed, RegistrationGivesTagAndHandlesOnce) {
 TEST_F(Ed, AFullTableRefusesTheNextComponentWithASentence) {
   const auto fill = [] {
     ed_set_sink(nullptr, nullptr);
-    for (int i = 0; i < ED_MAX_COMPONENTS; ++i)
+    for (int i = 0; i < ED_MAX_COMPONENTS; ++i) {
       ed_init(&(new Component("libone_of_many"))->record);
+    }
     Component &last = *new Component("libtoo_many");
     ed_init(&last.record);
     std::_Exit(last.record.trace_tag == 0 && ed_query("component libtoo_many +p", nullptr) == EINVAL ? 0 : 1);
@@ -44,8 +46,9 @@ TEST_F(Ed, PointsAreListedWithWhatTheCatalogueKnows) {
   ASSERT_EQ(ed_query("component libports id 1 +s", nullptr), 0);
   std::vector<ed_point_t> seen;
   const auto keep = [](void *context, const ed_point_t *point) {
-    if (std::strcmp(point->component, "libports") == 0)
+    if (std::strcmp(point->component, "libports") == 0) {
       static_cast<std::vector<ed_point_t> *>(context)->push_back(*point);
+    }
   };
   ed_for_each_point(keep, &seen);
   ASSERT_EQ(seen.size(), 5u);
@@ -160,8 +163,9 @@ TEST_F(Ed, NeverMoreThanTheFifteenValuesThatThereAre) {
 TEST_F(Ed, TheSlowRuleShowsABurstAndCountsTheRest) {
   const auto start = std::chrono::steady_clock::now();
   int shown = 0;
-  for (int i = 0; i < 25; ++i)
+  for (int i = 0; i < 25; ++i) {
     shown += pass_slowly(1);
+  }
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
   EXPECT_GE(shown, 10);
   EXPECT_LE(shown, 10 * (2 + static_cast<int>(elapsed.count())));
@@ -209,25 +213,31 @@ TEST_F(Ed, WholeLinesGoToStandardErrorWhileQueriesListingsAndSinksComeAndGo) {
   std::atomic<int> printing{2};
   std::vector<std::jthread> threads;
   threads.emplace_back([&] {
-    while (printing != 0)
-      for (const char *query : {"component libports func port_* +ps", "component libports =_"})
+    while (printing != 0) {
+      for (const char *query : {"component libports func port_* +ps", "component libports =_"}) {
         EXPECT_EQ(ed_query(query, nullptr), 0);
+      }
+    }
   });
   threads.emplace_back([&] {
-    for (; printing != 0; ed_set_sink(nullptr, nullptr))
+    for (; printing != 0; ed_set_sink(nullptr, nullptr)) {
       ed_for_each_point([](void *, const ed_point_t *) {}, nullptr);
+    }
   });
-  for (int t = 0; t < 2; ++t)
+  for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i, pass_slowly(0))
+      for (int i = 0; i < 2000; ++i, pass_slowly(0)) {
         print(3, {}, kDropped);
+      }
       --printing;
     });
+  }
   threads.clear();
   std::map<std::string, int> count;
   std::istringstream output(testing::internal::GetCapturedStderr());
-  for (std::string line; std::getline(output, line);)
+  for (std::string line; std::getline(output, line);) {
     ++count[without_prefix(line).substr(0, 21)];
+  }
   EXPECT_EQ(count.extract("libports error id 3: ").mapped(), 4000);
   EXPECT_EQ(count.extract("libports event id 0: ").empty(), false);
   EXPECT_TRUE(count.empty()) << count.begin()->first;

@@ -35,8 +35,9 @@ inline void keep_line(void *, const char *line, size_t length) {
 // The lines since the last call, without their prefixes.
 inline Strings taken_lines() {
   Strings taken;
-  for (const std::string &line : std::exchange(lines, {}))
+  for (const std::string &line : std::exchange(lines, {})) {
     taken.push_back(without_prefix(line));
+  }
   return taken;
 }
 

@@ -64,8 +64,9 @@ TEST_F(OxaErrmsg, BadRecordsAndTextsDoNoHarm) {
   EXPECT_EQ(taken_lines(), Strings{"?-?-2-?: ?"});
 
   record.limit = nullptr;
-  for (int i = 0; i < 100; ++i)
+  for (int i = 0; i < 100; ++i) {
     EXPECT_EQ(raise(i, "two\nlines\t\x7f"), 0);
+  }
   EXPECT_EQ(taken_lines().at(99), kHead + std::string("two lines  : nh_idx 99"));
 
   const std::string name(5000, 'n');
@@ -75,8 +76,9 @@ TEST_F(OxaErrmsg, BadRecordsAndTextsDoNoHarm) {
 }
 
 TEST_F(OxaErrmsg, ABurstIsShownAndTheNextWindowTellsWhatWasHeldBack) {
-  for (int i = 0; i < 13; ++i)
+  for (int i = 0; i < 13; ++i) {
     EXPECT_EQ(raise(i), i < 10 ? 0 : 1);
+  }
   EXPECT_EQ(lines.size(), 10u);
   expect_counts(10, 3, 3);
 
@@ -100,8 +102,9 @@ TEST_F(OxaErrmsg, TheBurstIsTheOwnersToSet) {
 
 TEST_F(OxaErrmsg, TheLimitObjectIsLaidOutAsDrawn) {
   const uint64_t start = 0x123456789a;
-  for (int i = 0; i < 12; ++i)
+  for (int i = 0; i < 12; ++i) {
     vrellis::admit(limit, 10, start, OXA_WINDOW_MS);
+  }
   const unsigned char expected[32] = {10, 0, 0, 0, 2, 0, 0, 0, 10, 0, 0, 0x9a, 0x78, 0x56, 0x34, 0x12,
                                       10, 0, 0, 0, 0, 0, 0, 0, 2,  0, 0, 0,    0,    0,    0,    0};
   EXPECT_EQ(std::memcmp(&limit, expected, sizeof expected), 0);
@@ -126,11 +129,13 @@ TEST_F(OxaErrmsg, AWindowLastsFiveSecondsFromItsFirstMessage) {
 TEST_F(OxaErrmsg, EachMessageOfManyThreadsIsCountedOnce) {
   constexpr uint64_t kThreads = 4, kEach = 20000;
   std::vector<std::jthread> threads;
-  for (uint64_t t = 0; t < kThreads; ++t)
+  for (uint64_t t = 0; t < kThreads; ++t) {
     threads.emplace_back([this] {
-      for (uint64_t i = 0; i < kEach; ++i)
+      for (uint64_t i = 0; i < kEach; ++i) {
         raise(1);
+      }
     });
+  }
   threads.clear();
   EXPECT_GE(lines.size(), 10u);
 
@@ -146,10 +151,11 @@ TEST_F(OxaErrmsg, EachMessageOfManyThreadsIsCountedOnce) {
 // The environment is read once in a process, so each of its values has a child of its own.
 TEST_F(OxaErrmsg, TheEnvironmentChoosesTheSinkAtFirstUse) {
   const auto raise_with = [this](const char *value) {
-    if (value == nullptr)
+    if (value == nullptr) {
       unsetenv("OXA_ERRMSG");
-    else
+    } else {
       setenv("OXA_ERRMSG", value, 1);
+    }
     oxa_set_sink(nullptr, nullptr);
     std::_Exit(raise(5));
   };

@@ -53,9 +53,11 @@ std::span<Entry> registered() {
 
 uint32_t count_points(const ed_component_t &component) {
   uint32_t count = 0;
-  if (component.sites != nullptr)
-    for (const ed_site_t *site = component.sites->next; site != nullptr && count < kMaxPoints; site = site->next)
+  if (component.sites != nullptr) {
+    for (const ed_site_t *site = component.sites->next; site != nullptr && count < kMaxPoints; site = site->next) {
       ++count;
+    }
+  }
   return count;
 }
 
@@ -90,8 +92,9 @@ void for_each_point_of(const Entry &entry, Visit visit) {
 // True if a catalogue is that of this very chain.
 bool fits(const ed_catalogue_t &catalogue, const Entry &entry) {
   if (std::strcmp(or_nothing(catalogue.component), or_nothing(entry.component->name)) != 0 ||
-      catalogue.num_rows != entry.num_points || catalogue.row == nullptr)
+      catalogue.num_rows != entry.num_points || catalogue.row == nullptr) {
     return false;
+  }
   bool all_fit = true;
   for_each_point_of(entry, [&](const ed_site_t &, const ed_point_t &point) {
     all_fit = all_fit && catalogue.row[point.id].num_values == point.num_values;
@@ -101,29 +104,35 @@ bool fits(const ed_catalogue_t &catalogue, const Entry &entry) {
 
 // Requires: registry_mutex.
 void find_catalogue(Entry &entry) {
-  for (const ed_catalogue_t *catalogue : catalogues)
-    if (catalogue != nullptr && entry.catalogue.load(std::memory_order_relaxed) == nullptr && fits(*catalogue, entry))
+  for (const ed_catalogue_t *catalogue : catalogues) {
+    if (catalogue != nullptr && entry.catalogue.load(std::memory_order_relaxed) == nullptr && fits(*catalogue, entry)) {
       entry.catalogue.store(catalogue, std::memory_order_release);
+    }
+  }
 }
 
 // Judges a statement by the points of some components. Requires: registry_mutex.
 bool makes_sense(const Query &query, std::span<const Entry> entries, ed_query_error_t &error) {
   Verdict verdict(query);
-  for (const Entry &entry : entries)
+  for (const Entry &entry : entries) {
     for_each_point_of(entry, [&](const ed_site_t &, const ed_point_t &point) { verdict.see(point); });
+  }
   return verdict.sound(error);
 }
 
 // Requires: registry_mutex, against other changes; the points read their flags while they change.
 void apply(const Query &query, std::span<const Entry> entries) {
-  for (const Entry &entry : entries)
+  for (const Entry &entry : entries) {
     for_each_point_of(entry, [&](ed_site_t &site, const ed_point_t &point) {
-      if (!query.selects(point))
+      if (!query.selects(point)) {
         return;
-      if (query.from_stored)
+      }
+      if (query.from_stored) {
         std::atomic_ref(site.line).store(point.line, std::memory_order_relaxed);
+      }
       std::atomic_ref(site.flags).store(query.changed_flags(point.flags), std::memory_order_relaxed);
     });
+  }
 }
 
 // Applies ED_DEBUG to a new component, leaving out the statements that name others. Requires: registry_mutex.
@@ -135,10 +144,12 @@ void apply_environment(const Entry &entry) {
   ed_query_error_t error{};
   while (true) {
     const QueryReader::Result result = reader.next(query, error);
-    if (result == QueryReader::Result::end)
+    if (result == QueryReader::Result::end) {
       return;
-    if (result == QueryReader::Result::statement && !query.may_concern(or_nothing(entry.component->name)))
+    }
+    if (result == QueryReader::Result::statement && !query.may_concern(or_nothing(entry.component->name))) {
       continue;
+    }
     if (result == QueryReader::Result::statement && makes_sense(query, entries, error)) {
       apply(query, entries);
       continue;
@@ -156,10 +167,12 @@ bool for_each_statement(std::string_view text, ed_query_error_t &error, Visit vi
   Query query;
   QueryReader::Result result;
   unsigned count = 0;
-  while ((result = reader.next(query, error)) == QueryReader::Result::statement && visit(query))
+  while ((result = reader.next(query, error)) == QueryReader::Result::statement && visit(query)) {
     ++count;
-  if (result == QueryReader::Result::end && count == 0)
+  }
+  if (result == QueryReader::Result::end && count == 0) {
     describe_mistake(error, 0, "the query is empty");
+  }
   return result == QueryReader::Result::end && count != 0;
 }
 
@@ -168,22 +181,26 @@ bool for_each_statement(std::string_view text, ed_query_error_t &error, Visit vi
 std::optional<uint32_t> vrellis::point_id(const ed_component_t &component, uint32_t own_line) {
   for (const Entry &entry : registered()) {
     const ed_catalogue_t *catalogue = entry.catalogue.load(std::memory_order_acquire);
-    if (entry.component != &component || catalogue == nullptr)
+    if (entry.component != &component || catalogue == nullptr) {
       continue;
+    }
     const std::span rows(catalogue->row, catalogue->num_rows);
     const auto row = std::lower_bound(rows.begin(), rows.end(), own_line,
                                       [](const ed_catalogue_row_t &each, uint32_t line) { return each.line < line; });
-    if (row != rows.end() && row->line == own_line)
+    if (row != rows.end() && row->line == own_line) {
       return row->id;
+    }
   }
   return std::nullopt;
 }
 
 void ed_init(ed_component_t *component) {
   const RegistryLock lock;
-  for (const Entry &entry : registered())
-    if (entry.component == component)
+  for (const Entry &entry : registered()) {
+    if (entry.component == component) {
       return;
+    }
+  }
   const size_t place = registry_size.load(std::memory_order_relaxed);
   if (place == registry.size()) {
     LogLine line;
@@ -194,8 +211,9 @@ void ed_init(ed_component_t *component) {
   const auto tag = static_cast<uint32_t>(place + 1);
   ltrace_name_component(tag, or_nothing(component->name));
   component->trace_tag = tag;
-  for (uint32_t i = 0; i < std::min<uint32_t>(component->num_flags, ED_MAX_FLAGS); ++i)
+  for (uint32_t i = 0; i < std::min<uint32_t>(component->num_flags, ED_MAX_FLAGS); ++i) {
     component->trace_handle[i] = uint64_t{tag} << 8 | (i + 1);
+  }
   Entry &entry = registry[place];
   entry.component = component;
   entry.num_points = count_points(*component);
@@ -207,11 +225,13 @@ void ed_init(ed_component_t *component) {
 void ed_add_catalogue(const ed_catalogue_t *catalogue) {
   const RegistryLock lock;
   const auto place = std::find(catalogues.begin(), catalogues.end(), nullptr);
-  if (place == catalogues.end() || std::find(catalogues.begin(), place, catalogue) != place)
+  if (place == catalogues.end() || std::find(catalogues.begin(), place, catalogue) != place) {
     return;
+  }
   *place = catalogue;
-  for (Entry &entry : registered())
+  for (Entry &entry : registered()) {
     find_catalogue(entry);
+  }
 }
 
 int ed_query(const char *query, ed_query_error_t *error) {
@@ -222,8 +242,9 @@ int ed_query(const char *query, ed_query_error_t *error) {
   const RegistryLock lock;
   const std::span<const Entry> entries = registered();
   const auto check = [&](const Query &each) { return makes_sense(each, entries, mistake); };
-  if (!for_each_statement(text, mistake, check))
+  if (!for_each_statement(text, mistake, check)) {
     return EINVAL;
+  }
   for_each_statement(text, mistake, [&](const Query &each) {
     apply(each, entries);
     return true;
@@ -232,6 +253,7 @@ int ed_query(const char *query, ed_query_error_t *error) {
 }
 
 void ed_for_each_point(ed_point_visitor visit, void *context) {
-  for (const Entry &entry : registered())
+  for (const Entry &entry : registered()) {
     for_each_point_of(entry, [&](const ed_site_t &, const ed_point_t &point) { visit(context, &point); });
+  }
 }

@@ -13,17 +13,21 @@ class Output {
   Output(char *out, size_t room) : out_(out), room_(room) {}
 
   void put(char c, size_t times) {
-    for (; times != 0; --times, ++length_)
-      if (length_ + 1 < room_)
+    for (; times != 0; --times, ++length_) {
+      if (length_ + 1 < room_) {
         out_[length_] = c;
+      }
+    }
   }
   void put(std::string_view piece) {
-    for (const char c : piece)
+    for (const char c : piece) {
       put(c, 1);
+    }
   }
   size_t finish() {
-    if (room_ != 0)
+    if (room_ != 0) {
       out_[length_ < room_ ? length_ : room_ - 1] = '\0';
+    }
     return length_;
   }
 
@@ -70,34 +74,41 @@ Conversion read_conversion(StoredText &text) {
   result.read[result.length++] = '%';
   StoredText ahead = text;
   char c = 0;
-  while (result.letter == '\0' && ahead.next(c) && result.take(c))
+  while (result.letter == '\0' && ahead.next(c) && result.take(c)) {
     text = ahead;
+  }
   return result;
 }
 
 void put_padded(Output &out, const Conversion &conversion, bool negative, std::string_view digits) {
   const size_t length = digits.size() + (negative ? 1 : 0);
   const size_t padding = conversion.width > length ? conversion.width - length : 0;
-  if (!conversion.zero_padded)
+  if (!conversion.zero_padded) {
     out.put(' ', padding);
-  if (negative)
+  }
+  if (negative) {
     out.put('-', 1);
-  if (conversion.zero_padded)
+  }
+  if (conversion.zero_padded) {
     out.put('0', padding);
+  }
   out.put(digits);
 }
 
 void put_value(Output &out, const Conversion &conversion, uint64_t value) {
   const bool is_signed = conversion.letter == 'd' || conversion.letter == 'i';
   const bool hex = conversion.letter == 'x' || conversion.letter == 'X';
-  if (!conversion.is_long)  // a value is a 32-bit pattern
+  if (!conversion.is_long) {  // a value is a 32-bit pattern
     value = is_signed ? static_cast<uint64_t>(static_cast<int32_t>(value)) : static_cast<uint32_t>(value);
+  }
   const bool negative = is_signed && static_cast<int64_t>(value) < 0;
   std::array<char, 24> digits{};
   const auto end = std::to_chars(digits.begin(), digits.end(), negative ? 0 - value : value, hex ? 16 : 10).ptr;
-  for (char &digit : digits)
-    if (conversion.letter == 'X' && digit >= 'a')
+  for (char &digit : digits) {
+    if (conversion.letter == 'X' && digit >= 'a') {
       digit = static_cast<char>(digit - 'a' + 'A');
+    }
+  }
   put_padded(out, conversion, negative, {digits.data(), static_cast<size_t>(end - digits.data())});
 }
 
@@ -111,12 +122,13 @@ size_t format(char *room, size_t size, StoredText text, const uint64_t *values, 
       continue;
     }
     const Conversion conversion = read_conversion(text);
-    if (conversion.letter == '%')
+    if (conversion.letter == '%') {
       out.put('%', 1);
-    else if (conversion.letter != '\0' && used < n)
+    } else if (conversion.letter != '\0' && used < n) {
       put_value(out, conversion, values[used++]);
-    else
+    } else {
       out.put(conversion.characters());
+    }
   }
   return out.finish();
 }

@@ -25,12 +25,15 @@ class StoredText {
 
   // The next character; false at the end.
   bool next(char &c) {
-    if (joins_ && !enter_piece())
+    if (joins_ && !enter_piece()) {
       return false;
-    if (rest_.empty())
+    }
+    if (rest_.empty()) {
       return false;
-    if (joins_ && (rest_.starts_with("\\\"") || rest_.starts_with("\\\\")))
+    }
+    if (joins_ && (rest_.starts_with("\\\"") || rest_.starts_with("\\\\"))) {
       rest_.remove_prefix(1);
+    }
     c = rest_.front();
     rest_.remove_prefix(1);
     return true;
@@ -40,8 +43,9 @@ class StoredText {
   // Steps over quote characters and what stands between pieces; false when no further character belongs to one.
   bool enter_piece() {
     while (!rest_.empty() && (!inside_ || rest_.front() == '"')) {
-      if (rest_.front() == '"')
+      if (rest_.front() == '"') {
         inside_ = !inside_;
+      }
       rest_.remove_prefix(1);
     }
     return !rest_.empty();
@@ -59,10 +63,12 @@ inline bool joined_text_contains(std::string_view stored, std::string_view wante
   do {
     StoredText at = start;
     size_t matched = 0;
-    while (matched < wanted.size() && at.next(c) && c == wanted[matched])
+    while (matched < wanted.size() && at.next(c) && c == wanted[matched]) {
       ++matched;
-    if (matched == wanted.size())
+    }
+    if (matched == wanted.size()) {
       return true;
+    }
   } while (start.next(c));
   return false;
 }

@@ -36,8 +36,9 @@ void print(const ed_site_t &site, const ed_component_t &component, const uint64_
   const unsigned num_values = values == nullptr ? 0 : std::min(site.num_values, kMaxValues);
   const auto room = line.room();
   line.used(ed_format_stored(room.data(), room.size(), or_nothing(format), values, num_values));
-  if (held_back != 0)
+  if (held_back != 0) {
     line.text(" (").number(held_back).text(" suppressed)");
+  }
   put_line(line);
   errno = errno_before;
 }
@@ -48,10 +49,12 @@ oxa_msg_limit_t &slow_limit_of(const ed_site_t *site) {
   for (size_t i = 0; i < kSlowPoints; ++i) {
     SlowPoint &slow = slow_points[(first + i) % kSlowPoints];
     const ed_site_t *owner = slow.site.load(std::memory_order_relaxed);
-    if (owner == nullptr && slow.site.compare_exchange_strong(owner, site, std::memory_order_relaxed))
+    if (owner == nullptr && slow.site.compare_exchange_strong(owner, site, std::memory_order_relaxed)) {
       return slow.limit;
-    if (owner == site)
+    }
+    if (owner == site) {
       return slow.limit;
+    }
   }
   return slow_points[first].limit;
 }
@@ -59,8 +62,9 @@ oxa_msg_limit_t &slow_limit_of(const ed_site_t *site) {
 // The line filter, as the points themselves apply it to messages that are on.
 bool passes_line_filter(uint16_t flags, uint32_t line_word, uint32_t own_line) {
   const bool filter = (flags & ED_SITE_LINE_FILTER) != 0;
-  if (!filter && line_word >> ED_FILTER_SET_SHIFT == 0)
+  if (!filter && line_word >> ED_FILTER_SET_SHIFT == 0) {
     return true;
+  }
   const bool enabled = !filter || (line_word & ED_LINE_MASK) == own_line;
   return enabled != ((flags & ED_SITE_INVERT) != 0);
 }
@@ -70,10 +74,11 @@ bool passes_line_filter(uint16_t flags, uint32_t line_word, uint32_t own_line) {
 void vrellis::put_line(LogLine &line) {
   const std::string_view whole = line.finish();
   const auto to = sink.get();
-  if (to.function != nullptr)
+  if (to.function != nullptr) {
     to.function(to.context, whole.data(), whole.size());
-  else
+  } else {
     write_to_stderr(whole.data(), whole.size());
+  }
 }
 
 void ed_set_sink(ed_sink_fn function, void *context) {
@@ -88,12 +93,15 @@ void ed_print_debug(ed_site_t *site, ed_component_t *component, const uint64_t *
 void ed_slow_debugs(ed_site_t *site, ed_component_t *component, int *enabled, const uint64_t *values, uint64_t,
                     uint32_t line, uint64_t, const char *format, uint64_t) {
   const uint16_t flags = flags_of(*site);
-  if (!passes_line_filter(flags, line_word_of(*site), line))
+  if (!passes_line_filter(flags, line_word_of(*site), line)) {
     return;
+  }
   const Admission admission = admit(slow_limit_of(site), ED_SLOW_BURST, coarse_now_ms(), ED_SLOW_WINDOW_MS);
-  if (!admission.shown)
+  if (!admission.shown) {
     return;
+  }
   *enabled = 1;
-  if ((flags & (ED_SITE_QUIET | ED_SITE_TRACE_IF_ON)) == 0)
+  if ((flags & (ED_SITE_QUIET | ED_SITE_TRACE_IF_ON)) == 0) {
     print(*site, *component, values, line, format, admission.held_back);
+  }
 }

@@ -40,21 +40,24 @@ constexpr bool is_separator(char c) {
 
 bool read_number(std::string_view &text, uint32_t &number) {
   const auto [end, problem] = std::from_chars(text.begin(), text.end(), number);
-  if (problem != std::errc{})
+  if (problem != std::errc{}) {
     return false;
+  }
   text.remove_prefix(static_cast<size_t>(end - text.begin()));
   return true;
 }
 
 // "N" or "N-M".
 bool read_range(std::string_view text, QueryCondition &condition) {
-  if (!read_number(text, condition.low))
+  if (!read_number(text, condition.low)) {
     return false;
+  }
   condition.high = condition.low;
   if (text.starts_with('-')) {
     text.remove_prefix(1);
-    if (!read_number(text, condition.high))
+    if (!read_number(text, condition.high)) {
       return false;
+    }
   }
   return text.empty() && condition.low <= condition.high;
 }
@@ -67,8 +70,9 @@ bool is_change(std::string_view word) {
 bool read_change(std::string_view word, size_t position, Query &query, ed_query_error_t &error) {
   const char sign = word[0];
   query.from_stored = sign == '=';
-  if (word == "=_")
+  if (word == "=_") {
     return true;
+  }
   if (word.size() == 1) {
     describe_mistake(error, position, "'%c' wants flags after it, such as %cp", sign, sign);
     return false;
@@ -100,8 +104,9 @@ bool QueryReader::at_statement_end() const {
 }
 
 void QueryReader::skip_blanks() {
-  while (at_ < text_.size() && is_blank(text_[at_]))
+  while (at_ < text_.size() && is_blank(text_[at_])) {
     ++at_;
+  }
 }
 
 // Called in front of a word, not at the end of the statement.
@@ -115,8 +120,9 @@ QueryReader::Word QueryReader::next_word() {
     at_ = word.closed ? end + 1 : end;
   } else {
     const size_t start = at_;
-    while (!at_statement_end() && !is_blank(text_[at_]))
+    while (!at_statement_end() && !is_blank(text_[at_])) {
       ++at_;
+    }
     word.text = {text_.data() + start, at_ - start};
   }
   skip_blanks();
@@ -129,16 +135,20 @@ QueryReader::Result QueryReader::next(Query &query, ed_query_error_t &error) {
     text_ = {};
     return Result::mistake;
   }
-  while (at_ < text_.size() && (is_separator(text_[at_]) || is_blank(text_[at_])))
+  while (at_ < text_.size() && (is_separator(text_[at_]) || is_blank(text_[at_]))) {
     ++at_;
-  if (at_ == text_.size())
+  }
+  if (at_ == text_.size()) {
     return Result::end;
+  }
   query = Query{};
   query.position = static_cast<uint32_t>(at_);
-  if (read_statement(query, error))
+  if (read_statement(query, error)) {
     return Result::statement;
-  while (!at_statement_end())
+  }
+  while (!at_statement_end()) {
     next_word();
+  }
   return Result::mistake;
 }
 
@@ -146,8 +156,9 @@ bool QueryReader::read_statement(Query &query, ed_query_error_t &error) {
   while (!at_statement_end()) {
     const Word word = next_word();
     if (word.quoted || !is_change(word.text)) {
-      if (!read_condition(query, word, error))
+      if (!read_condition(query, word, error)) {
         return false;
+      }
       continue;
     }
     if (!at_statement_end()) {
@@ -166,8 +177,9 @@ bool QueryReader::read_condition(Query &query, const Word &word, ed_query_error_
                                     [&](const QueryKeyword &known) { return !word.quoted && known.word == word.text; });
   if (keyword == kKeywords.end()) {
     NearNames near;
-    for (const QueryKeyword &known : kKeywords)
+    for (const QueryKeyword &known : kKeywords) {
       near.offer(word.text, known.word);
+    }
     describe_mistake(error, word.position, "unknown keyword '%.*s'", quotable(word.text), word.text.data());
     near.tell(error);
     return false;
@@ -199,8 +211,11 @@ bool QueryReader::read_condition(Query &query, const Word &word, ed_query_error_
 
 void ed_flag_letters(uint16_t flags, char letters[8]) {
   size_t length = 0;
-  for (const vrellis::FlagLetter &each : vrellis::kFlagLetters)
-    if (((flags & each.bit) != 0) != each.inverted && (each.bit != ED_SITE_TRACE_IF_ON || (flags & ED_SITE_TRACE) != 0))
+  for (const vrellis::FlagLetter &each : vrellis::kFlagLetters) {
+    if (((flags & each.bit) != 0) != each.inverted &&
+        (each.bit != ED_SITE_TRACE_IF_ON || (flags & ED_SITE_TRACE) != 0)) {
       letters[length++] = each.letter;
+    }
+  }
   letters[length] = '\0';
 }

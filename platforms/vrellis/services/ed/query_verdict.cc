@@ -37,8 +37,9 @@ size_t edit_distance(std::string_view glob, std::string_view name) {
   std::array<size_t, 64> row{};
   glob = glob.substr(0, row.size() - 1);
   name = name.substr(0, row.size() - 1);
-  for (size_t j = 0; j <= name.size(); ++j)
+  for (size_t j = 0; j <= name.size(); ++j) {
     row[j] = j;
+  }
   for (const char g : glob) {
     const size_t skip = g == '*' ? 0 : 1;
     size_t diagonal = row[0];
@@ -68,8 +69,9 @@ void describe_mistake(ed_query_error_t &error, size_t position, const char *form
 }
 
 bool QueryCondition::holds(const ed_point_t &point) const {
-  if (keyword->number != nullptr)
+  if (keyword->number != nullptr) {
     return point.*keyword->number >= low && point.*keyword->number <= high;
+  }
   const char *name = point.*keyword->name;
   return keyword->name == &ed_point_t::text ? joined_text_contains(name, argument) : glob_matches(argument, name);
 }
@@ -88,14 +90,17 @@ bool Query::may_concern(const char *component) const {
 void NearNames::offer(std::string_view wanted, std::string_view name) {
   const bool part = !wanted.empty() && name.find(wanted) != name.npos;
   const size_t distance = part ? 1 : edit_distance(wanted, name);
-  if (name.empty() || distance >= wanted.size() || distance > std::max<size_t>(2, wanted.size() / 4))
+  if (name.empty() || distance >= wanted.size() || distance > std::max<size_t>(2, wanted.size() / 4)) {
     return;
+  }
   const auto end = name_.begin() + count_;
-  if (std::any_of(name_.begin(), end, [&](const Name &known) { return known.text == name; }))
+  if (std::any_of(name_.begin(), end, [&](const Name &known) { return known.text == name; })) {
     return;
+  }
   const auto place = std::find_if(name_.begin(), end, [&](const Name &known) { return known.distance > distance; });
-  if (place == name_.end())
+  if (place == name_.end()) {
     return;
+  }
   count_ = std::min(count_ + 1, name_.size());
   std::move_backward(place, name_.begin() + count_ - 1, name_.begin() + count_);
   *place = {name, distance};
@@ -118,24 +123,29 @@ void Verdict::see(const ed_point_t &point) {
   for (size_t i = 0; i < query_.num_conditions; ++i) {
     const QueryCondition &condition = query_.condition[i];
     const QueryKeyword &keyword = *condition.keyword;
-    if (held_[i])
+    if (held_[i]) {
       continue;
+    }
     held_[i] = condition.holds(point);
-    if (keyword.name == nullptr)
+    if (keyword.name == nullptr) {
       continue;
+    }
     named_[i] = named_[i] || (point.*keyword.name)[0] != '\0';
-    if (keyword.name != &ed_point_t::text)
+    if (keyword.name != &ed_point_t::text) {
       near_[i].offer(condition.argument, point.*keyword.name);
+    }
   }
 }
 
 bool Verdict::sound(ed_query_error_t &error) const {
-  if (selected_)
+  if (selected_) {
     return true;
+  }
   for (size_t i = 0; i < query_.num_conditions; ++i) {
     const QueryCondition &condition = query_.condition[i];
-    if (held_[i])
+    if (held_[i]) {
       continue;
+    }
     const bool nameless = condition.keyword->name != nullptr && !named_[i];
     describe_mistake(error, condition.position, "%s '%.*s'%s", condition.keyword->no_match,
                      quotable(condition.argument), condition.argument.data(),

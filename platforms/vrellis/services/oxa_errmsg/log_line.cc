@@ -37,12 +37,14 @@ LogLine &LogLine::number(uint64_t value) {
 
 void LogLine::used(size_t wanted) {
   const std::span<char> there = room();
-  if (there.empty())
+  if (there.empty()) {
     return;
+  }
   const bool whole = wanted < there.size();
   const size_t kept = whole ? wanted : there.size() - 1;
-  if (!whole && kept >= 3)
+  if (!whole && kept >= 3) {
     std::fill_n(&there[kept - 3], 3, '.');
+  }
   length_ += kept;
 }
 

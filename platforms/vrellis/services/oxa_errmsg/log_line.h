@@ -64,8 +64,9 @@ class SinkCell {
 
   Sink get() const {
     const Slot *slot = current_.load(std::memory_order_acquire);
-    if (slot == nullptr)
+    if (slot == nullptr) {
       return {nullptr, nullptr};
+    }
     return {slot->function.load(std::memory_order_relaxed), slot->context.load(std::memory_order_relaxed)};
   }
 

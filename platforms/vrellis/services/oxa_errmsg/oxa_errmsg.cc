@@ -31,11 +31,14 @@ constinit std::atomic<oxa_sink_fn> environment_sink{nullptr};  // nullptr until 
 
 oxa_sink_fn read_environment() {
   const char *wanted = secure_getenv("OXA_ERRMSG");
-  if (wanted == nullptr)
+  if (wanted == nullptr) {
     return oxa_sink_stderr;
-  for (const NamedSink &known : kNamedSinks)
-    if (known.name == wanted)
+  }
+  for (const NamedSink &known : kNamedSinks) {
+    if (known.name == wanted) {
       return known.sink;
+    }
+  }
   LogLine line;
   line.text("OXA_ERRMSG is none of stderr, syslog and off: error messages go to stderr");
   write_to_stderr(line.finish().data(), line.finish().size());
@@ -44,8 +47,9 @@ oxa_sink_fn read_environment() {
 
 SinkCell<oxa_sink_fn>::Sink current_sink() {
   const auto chosen = chosen_sink.get();
-  if (chosen.function != nullptr)
+  if (chosen.function != nullptr) {
     return chosen;
+  }
   oxa_sink_fn fallback = environment_sink.load(std::memory_order_relaxed);
   if (fallback == nullptr) {
     fallback = read_environment();
@@ -70,8 +74,9 @@ void show(const oxa_msg_rec_t &record, int severity, uint32_t held_back, va_list
   line.text(record.group).text("-").text(record.facility).text("-");
   line.number(static_cast<uint32_t>(severity)).text("-").text(record.name).text(": ");
   append_message(line, record, arguments);
-  if (held_back != 0)
+  if (held_back != 0) {
     line.text(" (").number(held_back).text(" suppressed)");
+  }
   const std::string_view whole = line.finish();
   const auto sink = current_sink();
   sink.function(sink.context, severity, whole.data(), whole.size());
@@ -80,13 +85,15 @@ void show(const oxa_msg_rec_t &record, int severity, uint32_t held_back, va_list
 }  // namespace
 
 int oxa_errmsg(const oxa_msg_rec_t *record, int severity, ...) {
-  if (record == nullptr)
+  if (record == nullptr) {
     return EINVAL;
+  }
   const int errno_before = errno;
   Admission admission{true, 0};
-  if (record->limit != nullptr)
+  if (record->limit != nullptr) {
     admission =
         admit(*record->limit, __atomic_load_n(&record->limit->burst, __ATOMIC_RELAXED), coarse_now_ms(), OXA_WINDOW_MS);
+  }
   if (admission.shown) {
     va_list arguments;
     va_start(arguments, severity);
@@ -108,8 +115,9 @@ void oxa_sink_stderr(void *, int, const char *line, size_t length) {
 void oxa_sink_syslog(void *, int severity, const char *line, size_t length) {
   std::string_view rest(line, length);
   const size_t time_end = rest.find(' ', rest.find(' ') + 1);
-  if (time_end != rest.npos)  // syslog adds a date and a time of its own
+  if (time_end != rest.npos) {  // syslog adds a date and a time of its own
     rest.remove_prefix(time_end + 1);
+  }
   const int priority = severity < OXA_SEVERITY_ERROR    ? LOG_CRIT
                        : severity == OXA_SEVERITY_ERROR ? LOG_ERR
                                                         : LOG_WARNING;
