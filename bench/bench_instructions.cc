@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "contestant_db.h"
+#include "contestants/db.h"
 #include "operations.h"
 
 namespace encap_bench {

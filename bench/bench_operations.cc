@@ -3,13 +3,13 @@
 #include <cstdlib>
 #include <type_traits>
 
-#include "contestant_bound.h"
-#include "contestant_db.h"
-#include "contestant_hash.h"
-#include "contestant_lmdb.h"
-#include "contestant_map.h"
+#include "contestants/bound.h"
+#include "contestants/db.h"
+#include "contestants/hash.h"
+#include "contestants/lmdb.h"
+#include "contestants/map.h"
 #include "operations.h"
-#include "results.h"
+#include "report/results.h"
 #include "rounds.h"
 
 namespace encap_bench {
@@ -135,22 +135,20 @@ int run(int argc, char **argv) {
   const Workload workload(shape_of(arguments.size));
   const Place place{arguments.directory};
   EncapDb db(place, workload, Role::creator);
-  TwoLevelMap map2(place, workload, Role::creator);
-  PooledTwoLevelMap map2_pooled(place, workload, Role::creator);
-  FixedTwoLevelMap map2_fixed(place, workload, Role::creator);
-  FlatMap map1(place, workload, Role::creator);
+  DocumentedMap map(place, workload, Role::creator);
+  FixedMap fixed_map(place, workload, Role::creator);
   FlatHash hash(place, workload, Role::creator);
   Lmdb lmdb(place, workload, Role::creator);
   Bound bound(place, workload, Role::creator);
   MutexPair mutex;
   const auto fill_all = [&](auto &...each) { (fill_and_check(each, workload), ...); };
-  fill_all(db, map2, map2_pooled, map2_fixed, map1, hash, lmdb, bound);
-  record_memory(arguments, db, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
+  fill_all(db, map, fixed_map, hash, lmdb, bound);
+  record_memory(arguments, db, map, fixed_map, hash, lmdb);
   record_counts(arguments, workload, db);
   add_mutex_pair(mutex);
   add_without_points<FindHit, FindAndShare, DeleteInsert, LoneTunnel>(workload, db);
-  add_finds(workload, db, bound, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
-  add_changes(workload, db, map2, map2_pooled, map2_fixed, map1, hash, lmdb);
+  add_finds(workload, db, bound, map, fixed_map, hash, lmdb);
+  add_changes(workload, db, map, fixed_map, hash, lmdb);
   return run_rounds(arguments);
 }
 

@@ -12,10 +12,10 @@
 #include <string>
 #include <tuple>
 
-#include "contestant_db.h"
-#include "contestant_hash.h"
-#include "contestant_lmdb.h"
-#include "contestant_map.h"
+#include "contestants/db.h"
+#include "contestants/hash.h"
+#include "contestants/lmdb.h"
+#include "contestants/map.h"
 #include "operations.h"
 #include "rounds.h"
 #include "worker.h"
@@ -162,7 +162,7 @@ int run(int argc, char **argv) {
   const Arguments arguments(argc, argv);
   const Workload workload(shape_of(arguments.size));
   Board &board = shared_board();
-  Contest<EncapDb, TwoLevelMap, PooledTwoLevelMap, FlatHash, Lmdb> contest(Place{arguments.directory}, workload);
+  Contest<EncapDb, DocumentedMap, FlatHash, Lmdb> contest(Place{arguments.directory}, workload);
   for (std::uint32_t number = 0; number < kWorkers; ++number) {
     if (fork_worker() == 0) {
       contest.serve(board, number);

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "contestant.h"
+#include "contestants/contestant.h"
 
 namespace encap_bench {
 

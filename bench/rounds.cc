@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "results.h"
+#include "report/results.h"
 
 namespace encap_bench {
 namespace {

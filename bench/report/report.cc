@@ -1,5 +1,5 @@
 // Writes the tables of docs/performance.md between its markers, and the chart beside it.
-#include "report.h"
+#include "report/report.h"
 
 #include <cmath>
 #include <cstdio>
@@ -41,7 +41,7 @@ void write_file(const std::string &path, const std::string &text) {
 
 int run(const std::string &results_file, const std::string &page, const std::string &chart) {
   const Results results(results_file);
-  const std::string tables = machine_text(results) + goals_text(results) + operations_text(results) +
+  const std::string tables = machine_text(results) + ratios_text(results) + operations_text(results) +
                              processes_text(results) + memory_text(results) + growth_text(results) +
                              instructions_text(results);
   const std::string old = read_file(page);
@@ -53,7 +53,7 @@ int run(const std::string &results_file, const std::string &page, const std::str
   }
   write_file(page, old.substr(0, begin) + kBegin + "\n" + tables + old.substr(end));
   write_file(chart, chart_svg(results));
-  std::fputs((machine_text(results) + goals_text(results)).c_str(), stdout);
+  std::fputs((machine_text(results) + ratios_text(results)).c_str(), stdout);
   return 0;
 }
 

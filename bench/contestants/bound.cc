@@ -1,4 +1,4 @@
-#include "contestant_bound.h"
+#include "contestants/bound.h"
 
 #include <sys/mman.h>
 

@@ -1,4 +1,4 @@
-#include "contestant_lmdb.h"
+#include "contestants/lmdb.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,18 +1,18 @@
 // boost::unordered_map in a managed segment, flat: one table of NHs with the full key. A second table keeps the
 // tunnels, which a miss, an insert and a release need and a hit does not.
-#ifndef ENCAP_BENCH_CONTESTANT_HASH_H
-#define ENCAP_BENCH_CONTESTANT_HASH_H
+#ifndef ENCAP_BENCH_HASH_H
+#define ENCAP_BENCH_HASH_H
 
 #include <boost/unordered_map.hpp>
 
-#include "contestant_boost.h"
+#include "contestants/boost.h"
 
 namespace encap_bench {
 
 template <typename Build>
 class HashStore {
  public:
-  static constexpr const char *kName = "unordered_map, flat";
+  static constexpr const char *kName = "unordered_map";
 
   // reserve(): no rehash ever falls into a measurement.
   HashStore(SegmentManager<Build> *manager, const Workload &workload)

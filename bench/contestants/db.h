@@ -1,8 +1,8 @@
 // The database itself, through its exported operations in a real window, with its default trace.
-#ifndef ENCAP_BENCH_CONTESTANT_DB_H
-#define ENCAP_BENCH_CONTESTANT_DB_H
+#ifndef ENCAP_BENCH_DB_H
+#define ENCAP_BENCH_DB_H
 
-#include "contestant.h"
+#include "contestants/contestant.h"
 #include "shmwin.h"
 
 namespace encap_bench {

@@ -3,13 +3,13 @@
 #include <cmath>
 #include <vector>
 
-#include "report.h"
+#include "report/report.h"
 
 namespace encap_bench {
 namespace {
 
 constexpr int kPanelWidth = 400;
-constexpr int kPanelHeight = 190;
+constexpr int kPanelHeight = 150;
 constexpr int kTop = 28;
 constexpr int kBarHeight = 14;
 constexpr int kBarStep = 18;
@@ -17,9 +17,8 @@ constexpr int kLabelWidth = 170;
 constexpr int kLongestBar = kPanelWidth - kLabelWidth - 70;
 
 constexpr const char *kOperations[] = {"find, hit", "find and share", "NH deleted, inserted"};
-constexpr const char *kColumns[] = {kOurs, kBound, kMap, kPooledMap, kFixedMap, kFlatMap, kHash, kLmdb};
-constexpr const char *kLabels[] = {"encap_db",           "bound",     "map",           "map, pooled",
-                                   "map, pooled, fixed", "map, flat", "unordered_map", "LMDB"};
+constexpr const char *kColumns[] = {kOurs, kBound, kMap, kFixedMap, kHash, kLmdb};
+constexpr const char *kLabels[] = {"encap_db", "bound", "map", "map, pooled, fixed", "unordered_map", "LMDB"};
 
 std::string text_at(int x, int y, const std::string &text, const std::string &more = "") {
   return "<text x=\"" + std::to_string(x) + "\" y=\"" + std::to_string(y) + "\"" + more + ">" + text + "</text>\n";

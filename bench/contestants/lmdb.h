@@ -3,13 +3,13 @@
 // transaction reset and renewed, one write transaction a change.
 //
 // One table, the key with the tunnel first: a tunnel's NHs stand together, neighbours tell whether the tunnel is there.
-#ifndef ENCAP_BENCH_CONTESTANT_LMDB_H
-#define ENCAP_BENCH_CONTESTANT_LMDB_H
+#ifndef ENCAP_BENCH_LMDB_H
+#define ENCAP_BENCH_LMDB_H
 
 #include <lmdb.h>
 
-#include "contestant.h"
-#include "lock.h"
+#include "contestants/contestant.h"
+#include "contestants/lock.h"
 
 namespace encap_bench {
 

@@ -1,11 +1,11 @@
-#include "contestant_db.h"
+#include "contestants/db.h"
 
 #include <cstdio>
 #include <cstdlib>
 
+#include "contestants/lock.h"
 #include "ed.h"
 #include "encap_db_owner.h"
-#include "lock.h"
 
 namespace encap_bench {
 namespace {

@@ -1,11 +1,11 @@
 // Lower bounds. `MutexPair` is the lock alone. `Bound` is the lock and two searches in plain AVL trees: children
 // followed one compare at a time through a callback that calls memcmp, no points, no records; nodes of the database's
 // sizes, one after the other in the order in which they were entered, in shared memory.
-#ifndef ENCAP_BENCH_CONTESTANT_BOUND_H
-#define ENCAP_BENCH_CONTESTANT_BOUND_H
+#ifndef ENCAP_BENCH_BOUND_H
+#define ENCAP_BENCH_BOUND_H
 
-#include "contestant.h"
-#include "lock.h"
+#include "contestants/contestant.h"
+#include "contestants/lock.h"
 
 namespace encap_bench {
 

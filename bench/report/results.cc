@@ -1,4 +1,4 @@
-#include "results.h"
+#include "report/results.h"
 
 #include <algorithm>
 #include <cmath>

@@ -6,8 +6,8 @@
 //                 the segment, and null_mutex_family, since the segment's own mutex would be a second one (and, not
 //                 being robust, could not survive its holder)
 //   PooledFixed   the same at one address in all processes, which lets the containers use plain pointers
-#ifndef ENCAP_BENCH_CONTESTANT_BOOST_H
-#define ENCAP_BENCH_CONTESTANT_BOOST_H
+#ifndef ENCAP_BENCH_BOOST_H
+#define ENCAP_BENCH_BOOST_H
 
 #include <boost/interprocess/allocators/allocator.hpp>
 #include <boost/interprocess/allocators/node_allocator.hpp>
@@ -17,8 +17,8 @@
 #include <boost/interprocess/sync/mutex_family.hpp>
 #include <cstring>
 
-#include "contestant.h"
-#include "lock.h"
+#include "contestants/contestant.h"
+#include "contestants/lock.h"
 
 namespace encap_bench {
 

@@ -1,0 +1,168 @@
+// Writes the measured figures as tables. A cell holds the values of the three sizes.
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <initializer_list>
+
+#include "report/report.h"
+
+namespace encap_bench {
+namespace {
+
+using Names = std::initializer_list<const char *>;
+
+constexpr char kFind[] = "find, hit";
+constexpr char kShare[] = "find and share";
+constexpr char kChange[] = "NH deleted, inserted";
+constexpr char kLone[] = "tunnel with its only NH inserted, deleted";
+constexpr char kNoPoints[] = "encap_db, points off";
+
+constexpr const char *kOperations[] = {kFind, "find, NH missing", "find, tunnel missing",  kShare, kChange,
+                                       kLone, "read back",        "NH detached, attached", "mix"};
+
+// "S / M / L", of what `value` gives for each size.
+template <typename Value>
+std::string by_size(Value value, int decimals) {
+  std::string text;
+  for (const char *size : kSizes) {
+    text += (text.empty() ? "" : " / ") + number(value(size), decimals);
+  }
+  return text;
+}
+
+// One table: a row for each of `rows`, a column for each of `columns`, and in each cell what `cell` gives for the two.
+template <typename Rows, typename Columns, typename Cell>
+std::string table(const Rows &rows, const Columns &columns, Cell cell) {
+  std::string names = "| |";
+  std::string rule = "|---|";
+  for (const char *column : columns) {
+    names += std::string(" ") + column + " |";
+    rule += "---:|";
+  }
+  std::string text = names + "\n" + rule + "\n";
+  for (const auto &row : rows) {
+    text += "| " + std::string(row) + " |";
+    for (const char *column : columns) {
+      text += " " + cell(row, column) + " |";
+    }
+    text += "\n";
+  }
+  return text + "\n";
+}
+
+std::string medians_of(const Results &results, const char *what, const char *who) {
+  return by_size([&](const char *size) { return results.median({"ns", size, what, who}); }, 0);
+}
+
+// What the database takes, over what the other takes: the median of the ratios of each round.
+std::string ratios_of(const Results &results, const char *what, const char *who) {
+  const auto ratio = [&](const char *size) {
+    return results.ratio({"ns", size, what, kOurs}, {"ns", size, what, who});
+  };
+  return by_size(ratio, 2);
+}
+
+double encapsulations_at(const std::string &size) {
+  unsigned tunnels = 0;
+  unsigned nhs = 0;
+  if (size == "S" || size == "M" || size == "L") {
+    return size == "S" ? 64 * 8 : size == "M" ? 4096 * 8 : 65535 * 15;
+  }
+  return std::sscanf(size.c_str(), "%ux%u", &tunnels, &nhs) == 2 ? double{1} * tunnels * nhs : 0;
+}
+
+std::string points_text(const Results &results) {
+  std::string text =
+      "What the points and their records cost, ns:\n\n| | with records | points off | ratio |\n"
+      "|---|---:|---:|---:|\n";
+  for (const char *what : {kFind, kShare, kChange, kLone}) {
+    text += std::string("| ") + what + " | " + medians_of(results, what, kOurs) + " | " +
+            medians_of(results, what, kNoPoints) + " | " + ratios_of(results, what, kNoPoints) + " |\n";
+  }
+  for (const char *what : {"a trace record", "a point, message and trace off"}) {
+    text += std::string("| ") + what + " | " + number(results.median({"ns", "S", what, ""}), 1) + " | | |\n";
+  }
+  return text + "\n";
+}
+
+}  // namespace
+
+std::string machine_text(const Results &results) {
+  return "Processor: " + results.info("processor") + ", " + results.info("processors") +
+         " of them online. Compiler: " + results.info("compiler") + ". Build: " + results.info("build") +
+         ". Rounds: " + results.info("rounds") +
+         ". Longest watch of a mutex (`PTD_SPIN_NS`): " + results.info("watch") + ".\n\n";
+}
+
+std::string ratios_text(const Results &results) {
+  return "### encap_db over each alternative\n\nMedians of the ratios of the rounds of one run, S / M / L. Below 1 the "
+         "database is faster.\n\n" +
+         table(kOperations, Names{kBound, kMap, kFixedMap, kHash, kLmdb},
+               [&](const char *what, const char *who) { return ratios_of(results, what, who); });
+}
+
+std::string operations_text(const Results &results) {
+  return "![Medians](performance.svg)\n\n### Operations, ns\n\nMedians, S / M / L.\n\n" +
+         table(kOperations, Names{kOurs, kBound, kMap, kFixedMap, kHash, kLmdb},
+               [&](const char *what, const char *who) { return medians_of(results, what, who); }) +
+         "The mutex pair alone: " + medians_of(results, "mutex pair", "mutex pair") + " ns.\n\n" + points_text(results);
+}
+
+std::string processes_text(const Results &results) {
+  std::vector<std::string> rows;
+  for (const char *operation : {kFind, kChange, "mix"}) {
+    for (const char *processes : {"1", "2", "4"}) {
+      rows.push_back(std::string(operation) + "/" + processes);
+    }
+  }
+  return "### Several processes on one store\n\nThe number behind the operation is that of the processes. Million "
+         "operations a second, of all processes together, S / M / L; in brackets the longest operation of any process, "
+         "ms.\n\n" +
+         table(rows, Names{kOurs, kMap, kHash, kLmdb}, [&](const std::string &what, const char *who) {
+           const auto of = [&](const char *kind) {
+             return [&, kind](const char *size) { return results.median({kind, size, what, who}) / 1e6; };
+           };
+           return by_size(of("rate"), 2) + " (" + by_size(of("wait"), 1) + ")";
+         });
+}
+
+std::string memory_text(const Results &results) {
+  const double encapsulations = results.median({"count", "L", "NHs", ""});
+  const Names columns = {"bytes in use", "an encapsulation"};
+  return "### Memory at L\n\n" +
+         table(Names{kOurs, kMap, kFixedMap, kHash, kLmdb}, columns,
+               [&](const char *who, const char *column) {
+                 const double bytes = results.median({"bytes", "L", "in use", who});
+                 return column == *columns.begin() ? number(bytes, 0) : number(bytes / encapsulations, 1);
+               }) +
+         "The window for 65,535 x 15: " + number(results.median({"count", "L", "window", ""}) / (1 << 20), 1) +
+         " MiB.\n\n";
+}
+
+std::string growth_text(const Results &results) {
+  std::vector<std::string> sizes = results.sizes("ns");
+  std::sort(sizes.begin(), sizes.end(),
+            [](const std::string &a, const std::string &b) { return encapsulations_at(a) < encapsulations_at(b); });
+  std::string text =
+      "### Growth\n\nA find that hits, as the database grows. Levels: the binary logarithm of the number of "
+      "encapsulations.\n\n| size | encapsulations | levels | encap_db, ns | ns a level | bound, ns |\n"
+      "|---|---:|---:|---:|---:|---:|\n";
+  for (const std::string &size : sizes) {
+    const double ours = results.median({"ns", size, kFind, kOurs});
+    const double levels = std::log2(encapsulations_at(size));
+    text += "| " + size + " | " + number(encapsulations_at(size), 0) + " | " + number(levels, 1) + " | " +
+            number(ours, 0) + " | " + number(ours / levels, 1) + " | " +
+            number(results.median({"ns", size, kFind, kBound}), 0) + " |\n";
+  }
+  return text + "\n";
+}
+
+std::string instructions_text(const Results &results) {
+  return "### Instructions at S\n\nCounted by callgrind, an operation.\n\n" +
+         table(Names{"find-hit", "find-and-share", "delete-insert", "lone-tunnel", "read-back"},
+               Names{"lock", "searches", "points", "the rest", "all"}, [&](const char *operation, const char *part) {
+                 return number(results.median({"instr", "S", operation, part}), 0);
+               });
+}
+
+}  // namespace encap_bench
