@@ -9,6 +9,7 @@
 #include <csignal>
 #include <fstream>
 
+#include "process/process.h"
 #include "shmwin_fixture.h"
 
 namespace window_tests {
@@ -113,6 +114,35 @@ TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
   EXPECT_EQ(attached(header), 2u) << "a process that exits without a word stays until the next one attaches";
   EXPECT_EQ(open_anew(config()), 0);
   EXPECT_EQ(attached(header), 2u);
+}
+
+TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
+  ASSERT_EQ(open(config()), 0);
+  const pid_t child = test_support::spawn(pause);
+  const pid_t zombie = test_support::spawn([] { return 0; });
+  const pid_t helper = test_support::spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
+  vrellis::ProcessStat stat{};
+  while (vrellis::read_process_stat(helper, &stat) && std::strcmp(stat.comm, "sleep") != 0) {
+    usleep(1000);
+  }
+  EXPECT_EQ(attached(header_of(kId)), 4u);
+  EXPECT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(attached(header_of(kId)), 3u) << "the next process takes out those that have it no more";
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  expect_refusal(unlink(0), 16, {"attached by process", std::to_string(child).c_str()});
+  test_support::kill_hard(child);
+  EXPECT_EQ(unlink(0), 0) << error_.text;
+  test_support::kill_hard(helper);
+  test_support::end_of(zombie);
+}
+
+TEST_F(WindowTest, AWindowOfAnotherPidNamespaceIsRemovedByForceAlone) {
+  ASSERT_EQ(open(config()), 0);
+  header_of(kId).pid_namespace = 42;
+  expect_refusal(unlink(0), 16, {"may be attached", std::to_string(getpid()).c_str(), "PID namespace 42"});
+  EXPECT_EQ(unlink(1), 0) << error_.text;
 }
 
 TEST_F(WindowTest, AClaimDiesWithItsHolder) {

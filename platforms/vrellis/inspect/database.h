@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "mpls_egress_encap_db.h"
+#include "process/process.h"
 #include "view.h"
 
 namespace encap_inspect {
 
-enum class Liveness { kUnknown, kAlive, kDead };  // unknown: no live window, or one of another PID namespace
+using vrellis::Liveness;  // of a process: whether it still has the window attached
 
 // What the window records of itself.
 struct WindowIdentity {
@@ -123,10 +124,6 @@ struct Database {
 
 // Decodes what `view` shows. A change of a tree that was cut off is not rolled back here: see View::settled().
 Database decode(const View &view);
-
-// Whether the thread or process lives and, for a process, is the one that started at that tick.
-Liveness liveness_of_thread(pid_t tid);
-Liveness liveness_of_process(pid_t pid, std::uint64_t start_ticks);
 
 }  // namespace encap_inspect
 

@@ -9,12 +9,11 @@
 #include <cstring>
 
 #include "lock_word.h"
-#include "shmwin/layout.h"
+#include "shmwin/process_table.h"
 
 namespace encap_inspect {
 namespace {
 
-constexpr int kPidBits = 22;  // of an entry in the table of processes, below its start time
 constexpr std::uint64_t kLockOffset = offsetof(vrellis::WindowHeader, user_area) + offsetof(egress_encap_db_t, lock);
 
 // The kernel's layout of a robust lock word.
@@ -35,20 +34,6 @@ std::string proc_text(pid_t id, const char *name) {
     close(fd);
   }
   return {text, static_cast<std::size_t>(length > 0 ? length : 0)};
-}
-
-// Field `number` of /proc/<id>/stat, from 3 on; the second one, in parentheses, may itself hold blanks.
-std::string stat_field(const std::string &text, int number) {
-  std::size_t at = text.rfind(')');
-  for (int field = 2; at != std::string::npos && field < number; ++field) {
-    at = text.find(' ', at + 1);
-  }
-  return at == std::string::npos ? "" : text.substr(at + 1, text.find(' ', at + 1) - at - 1);
-}
-
-bool has_ended(const std::string &stat) {
-  const std::string state = stat_field(stat, 3);
-  return stat.empty() || state == "Z" || state == "X";
 }
 
 pid_t process_of_thread(pid_t tid) {
@@ -75,27 +60,17 @@ int wanted_kind() {
 
 }  // namespace
 
-Liveness liveness_of_thread(pid_t tid) {
-  return has_ended(proc_text(tid, "stat")) ? Liveness::kDead : Liveness::kAlive;
-}
-
-Liveness liveness_of_process(pid_t pid, std::uint64_t start_ticks) {
-  const std::string stat = proc_text(pid, "stat");
-  const bool same = std::strtoull(stat_field(stat, 22).c_str(), nullptr, 10) == start_ticks;
-  return !has_ended(stat) && same ? Liveness::kAlive : Liveness::kDead;
-}
-
 std::vector<AttachedProcess> decode_processes(const View &view) {
   std::vector<AttachedProcess> processes;
   const void *table = view.at(offsetof(vrellis::WindowHeader, process), 8 * vrellis::kMaxProcesses, 8);
+  const auto *const header = static_cast<const vrellis::WindowHeader *>(view.at(0, 64, 8));
   const bool meaningful = ids_mean_something(view);
   for (std::size_t i = 0; table != nullptr && i < vrellis::kMaxProcesses; ++i) {
     std::uint64_t word = 0;
     std::memcpy(&word, static_cast<const std::uint8_t *>(table) + 8 * i, sizeof word);
     if (word != 0) {
-      const auto pid = static_cast<pid_t>(word & ((1U << kPidBits) - 1));
-      const std::uint64_t start = word >> kPidBits;
-      processes.push_back({pid, start, meaningful ? liveness_of_process(pid, start) : Liveness::kUnknown});
+      processes.push_back({vrellis::pid_of_entry(word), vrellis::start_of_entry(word),
+                           meaningful ? vrellis::liveness_of_entry(*header, word) : Liveness::kUnknown});
     }
   }
   return processes;
@@ -124,7 +99,7 @@ LockState decode_lock(const View &view) {
   if (lock.owner_died) {
     lock.owner = Liveness::kDead;
   } else if (ids_mean_something(view)) {
-    lock.owner = liveness_of_thread(lock.owner_tid);
+    lock.owner = vrellis::liveness_of_thread(lock.owner_tid);
     lock.owner_pid = process_of_thread(lock.owner_tid);
     if (lock.owner == Liveness::kDead && word_now(view, kLockOffset, word) != word) {
       lock.owner = Liveness::kUnknown;  // it gave the lock back before it ended

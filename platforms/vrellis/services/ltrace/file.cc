@@ -89,7 +89,7 @@ int open_directory(char (&path)[PATH_MAX]) {
 // Creates the file in `directory`, whose path stands in process.path; its name is added to that.
 int create_file(int directory) {
   const auto pid = static_cast<std::uint32_t>(getpid());
-  const std::uint64_t start = process_start_time(pid);
+  const std::uint64_t start = own_process().start;
   const std::size_t length = std::strlen(process.path);
   char name[64];
   int fd = -1;
@@ -123,9 +123,9 @@ void fill_header(FileHeader *file, std::uint32_t ring_words) {
   file->tick_kind = kTickKind;
   file->pid = static_cast<std::uint32_t>(getpid());
   file->uid = geteuid();
-  file->start_time = process_start_time(file->pid);
-  file->pid_namespace = pid_namespace();
-  if (read_proc_text("/proc/self/comm", file->comm, sizeof file->comm)) {
+  file->start_time = own_process().start;
+  file->pid_namespace = own_pid_namespace();
+  if (read_small_file("/proc/self/comm", file->comm, sizeof file->comm)) {
     file->comm[std::strcspn(file->comm, "\n")] = '\0';
   }
   read_boot_id(file->boot_id);
@@ -160,7 +160,7 @@ bool weigh_dead_file(int directory, const char *name, const FileHeader &own, Dea
   std::uint32_t pid = 0;
   std::uint64_t start = 0;
   if (std::strlen(name) >= sizeof dead.name || !parse_trace_name(name, pid, start) ||
-      process_start_time(pid) == start) {
+      liveness_of({static_cast<pid_t>(pid), start, own.pid_namespace}) != Liveness::kDead) {
     return false;
   }
   const int fd = openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);

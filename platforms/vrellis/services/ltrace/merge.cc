@@ -133,7 +133,8 @@ std::vector<TraceListing> list_traces(const std::string &directory) {
     TraceListing trace;
     if (parse_trace_name(entry->d_name, trace.pid, trace.start_time)) {
       trace.path = directory + "/" + entry->d_name;
-      trace.alive = process_start_time(trace.pid) == trace.start_time;
+      trace.alive =
+          liveness_of({static_cast<pid_t>(trace.pid), trace.start_time, own_pid_namespace()}) == Liveness::kAlive;
       out.push_back(trace);
     }
   }

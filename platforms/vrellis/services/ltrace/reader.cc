@@ -117,7 +117,8 @@ std::string TraceFile::comm() const {
 }
 
 bool TraceFile::alive() const {
-  return header_->pid_namespace != pid_namespace() || process_start_time(header_->pid) == header_->start_time;
+  return liveness_of({static_cast<pid_t>(header_->pid), header_->start_time, header_->pid_namespace}) !=
+         Liveness::kDead;
 }
 
 std::string TraceFile::component(std::uint32_t tag) const {

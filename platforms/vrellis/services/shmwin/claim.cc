@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "shmwin/file.h"
+#include "shmwin/process_table.h"
 
 using namespace vrellis;
 
@@ -141,9 +142,9 @@ int unlink_claimed(const shmwin_claim_t &claim, int force, shmwin_error_t *error
     if (content.header.magic != kWindowMagic) {
       return refuse(error, EINVAL, "'%s' is no window, and is removed by force alone", claim.path);
     }
-    const int pid = first_live_process(content.header.process);
-    if (pid != 0) {
-      return refuse(error, EBUSY, "window '%s' is attached by process %d", claim.name, pid);
+    const int attached = refuse_if_attached(content.header, claim.name, error);
+    if (attached != 0) {
+      return attached;
     }
   }
   return unlink(claim.path) == 0 ? 0 : refuse_system(error, errno, "remove", claim.path);

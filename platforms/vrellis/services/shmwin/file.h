@@ -1,4 +1,4 @@
-// A window's file: its lock, what it holds, who is attached. For the window service alone.
+// A window's file: its lock and what it holds. For the window service alone.
 #ifndef VRELLIS_SHMWIN_FILE_H
 #define VRELLIS_SHMWIN_FILE_H
 
@@ -36,23 +36,6 @@ bool is_absent(const FileContent &content);
 
 // Tests everything that must agree before the window may be mapped. Returns: 0, or the codes of shmwin_attach().
 int preflight(const FileContent &content, const char *name, std::uint32_t shm_id, shmwin_error_t *error);
-
-// The inode of this process's PID namespace; 0 when it cannot be told.
-std::uint64_t own_pid_namespace();
-
-// The entry of the calling process in a window's table: its id and start time, so that no later process of the same id
-// is taken for it. 0 when it cannot be told.
-std::uint64_t own_process_entry();
-
-// The id of a live process in the table, or 0.
-int first_live_process(const std::uint64_t (&table)[kMaxProcesses]);
-
-// Enters the calling process, into an entry of a dead process if need be. Returns: 0, 11 (EAGAIN) when all live.
-// Locking: none; safe beside other processes that do the same.
-int enter_process(std::uint64_t (&table)[kMaxProcesses]);
-
-// Takes the calling process out.
-void leave_process(std::uint64_t (&table)[kMaxProcesses]);
 
 }  // namespace vrellis
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "process/process.h"
 #include "shmwin/file.h"
 
 namespace vrellis {

@@ -17,6 +17,7 @@
 #include "shmwin/file.h"
 #include "shmwin/heap/heap.h"
 #include "shmwin/mapping.h"
+#include "shmwin/process_table.h"
 
 namespace vrellis {
 
@@ -39,6 +40,9 @@ WindowMap *map_of_id(std::uint32_t shm_id) {
 
 // A slot for one more window. Returns: 0, or a status with `error` filled.
 int find_slot(std::uint32_t shm_id, WindowMap **slot, shmwin_error_t *error) {
+  if (own_process().start == 0) {
+    return refuse(error, ENOENT, "/proc does not tell this process's start time, which a window's table needs");
+  }
   if (map_of_id(shm_id) != nullptr) {
     return refuse(error, EEXIST, "id %" PRIu32 " is taken: this process has a window of that id attached", shm_id);
   }
@@ -56,7 +60,7 @@ int find_slot(std::uint32_t shm_id, WindowMap **slot, shmwin_error_t *error) {
 void enter_forked_child() {
   for (const WindowMap &map : window_maps) {
     if (is_attached(map)) {
-      enter_process(map.header->process);
+      enter_process(*map.header);
     }
   }
 }
@@ -103,8 +107,7 @@ int check_unused(const shmwin_claim_t &claim, shmwin_error_t *error) {
   if (content.header.magic != kWindowMagic) {
     return refuse(error, EINVAL, "'%s' is no window and is not overwritten", claim.path);
   }
-  const int pid = first_live_process(content.header.process);
-  return pid == 0 ? 0 : refuse(error, EBUSY, "window '%s' is attached by process %d", claim.name, pid);
+  return refuse_if_attached(content.header, claim.name, error);
 }
 
 int reserve(const shmwin_claim_t &claim, const shmwin_config_t &config, std::uint64_t size, shmwin_error_t *error) {
@@ -163,7 +166,7 @@ int make_window(const shmwin_claim_t &claim, const shmwin_config_t &config, Wind
   write_header(header, address, size, config);
   Heap heap = heap_at(&header, shape_of_size(size));
   heap_format(heap);
-  enter_process(header.process);
+  enter_process(header);
   publish(slot, address, size, config.shm_id, heap);
   store_word(header.complete, kWindowComplete);
   return 0;
@@ -179,9 +182,6 @@ int shmwin_format(shmwin_claim_t *claim, const shmwin_config_t *config, shmwin_e
   int status = check_config(*claim, *config, error);
   if (status == 0) {
     status = find_slot(config->shm_id, &slot, error);
-  }
-  if (status == 0 && own_process_entry() == 0) {
-    status = refuse(error, ENOENT, "window '%s' needs /proc, which this process cannot read", claim->name);
   }
   if (status == 0) {
     status = check_unused(*claim, error);
@@ -216,7 +216,8 @@ int shmwin_attach(shmwin_claim_t *claim, uint32_t shm_id, shmwin_error_t *error)
     return refuse_mapping(claim->name, status, address, size, error);
   }
   auto *const header = reinterpret_cast<WindowHeader *>(address);
-  status = enter_process(header->process);
+  sweep_processes(*header);
+  status = enter_process(*header);
   if (status != 0) {
     munmap(header, size);
     return refuse(error, status, "window '%s' is attached by %zu live processes, which is the most", claim->name,
@@ -233,7 +234,7 @@ int shmwin_detach(uint32_t shm_id) {
   }
   WindowHeader *const header = map->header;
   const std::uint64_t size = map->end - map->begin;
-  leave_process(header->process);
+  leave_process(*header);
   heaps[map - window_maps] = Heap{};
   *map = WindowMap{};
   munmap(header, size);
