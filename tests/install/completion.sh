@@ -24,8 +24,10 @@ printf '\nVRLWIN1' >"$directory/a-window"
 echo other >"$directory/no-window"
 echo >"$directory/4711-99.ltrace"
 
-offers "encapctl ''" status show summary find check repair trace debug load snapshot destroy
-offers "encapctl sh" show
+offers "encapctl ''" help list status show summary find check repair trace debug load snapshot destroy
+offers "encapctl --dir show sh" show
+offers "encapctl --name x show ''" nhs tunnels
+offers "encapctl help su" summary
 offers "encapctl show ''" nhs tunnels
 offers "encapctl show nhs --" --ifh --label --json --file --limit --help
 offers "encapctl show nhs --sort ''" index ref label

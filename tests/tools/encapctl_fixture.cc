@@ -1,7 +1,9 @@
 #include "encapctl_fixture.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,11 +50,17 @@ std::string content_of(const std::string &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-[[noreturn]] void execute(std::vector<std::string> &words, const std::string &out, const std::string &err) {
-  const int outputs[] = {open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                         open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-  dup2(outputs[0], STDOUT_FILENO);
-  dup2(outputs[1], STDERR_FILENO);
+[[noreturn]] void execute(std::vector<std::string> &words, const std::string &in, const std::string &out,
+                          const std::string &err) {
+  dup2(open(in.c_str(), O_RDONLY), STDIN_FILENO);
+  int pipe_fds[2];
+  if (out == kNoReader && pipe(pipe_fds) == 0) {
+    close(pipe_fds[0]);
+    dup2(pipe_fds[1], STDOUT_FILENO);
+  } else if (!out.empty()) {
+    dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+  }
+  dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
   std::vector<char *> arguments;
   for (std::string &word : words) {
     arguments.push_back(word.data());
@@ -62,16 +70,42 @@ std::string content_of(const std::string &path) {
   _exit(127);
 }
 
-}  // namespace
+// What arrives from a terminal until its other end is closed.
+std::string drain(int terminal) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t got = read(terminal, buffer, sizeof buffer); got > 0; got = read(terminal, buffer, sizeof buffer)) {
+    text.append(buffer, static_cast<std::size_t>(got));
+  }
+  close(terminal);
+  return text;
+}
 
-std::vector<Json> Outcome::objects() const {
+std::vector<Json> lines_of(const std::string &text) {
   std::vector<Json> all;
-  std::istringstream lines(out);
+  std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     all.push_back(Json::parse(line));
     EXPECT_EQ(all.back().at("schema"), "encapctl/1");
   }
   return all;
+}
+
+bool closes_listing(const Json &object) {
+  return object.at("kind") == "show" || object.at("kind") == "find" || object.at("kind") == "trace";
+}
+
+}  // namespace
+
+std::vector<Json> Outcome::objects() const {
+  std::vector<Json> all = lines_of(out);
+  std::erase_if(all, closes_listing);
+  return all;
+}
+
+Json Outcome::closing() const {
+  const std::vector<Json> all = lines_of(out);
+  return all.empty() || !closes_listing(all.back()) ? Json::object() : all.back();
 }
 
 Json Outcome::object() const {
@@ -177,15 +211,18 @@ void EncapctlTest::make_database() const {
   });
 }
 
-Outcome EncapctlTest::encapctl(std::vector<std::string> words, unsigned seconds) {
+Outcome EncapctlTest::encapctl(std::vector<std::string> words, const Surroundings &surroundings) {
   words.insert(words.begin(), "encapctl");
-  const std::string out = directory() + "/stdout";
+  const std::string out = surroundings.out.empty() ? directory() + "/stdout" : surroundings.out;
   const std::string err = directory() + "/stderr";
-  const pid_t pid = fork();
+  const winsize size = {50, surroundings.columns, 0, 0};
+  int terminal = -1;
+  const pid_t pid = surroundings.columns != 0 ? forkpty(&terminal, nullptr, nullptr, &size) : fork();
   if (pid == 0) {
-    execute(words, out, err);
+    execute(words, surroundings.in, surroundings.columns != 0 ? "" : out, err);
   }
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  const std::string shown = surroundings.columns != 0 ? drain(terminal) : "";
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(surroundings.seconds);
   int status = 0;
   while (waitpid(pid, &status, WNOHANG) == 0) {
     usleep(1000);
@@ -193,12 +230,13 @@ Outcome EncapctlTest::encapctl(std::vector<std::string> words, unsigned seconds)
       ::kill(pid, SIGTERM);
     }
   }
-  return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status), content_of(out), content_of(err)};
+  const std::string printed = surroundings.columns != 0 ? shown : surroundings.out.empty() ? content_of(out) : "";
+  return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status), printed, content_of(err)};
 }
 
-Outcome EncapctlTest::on_window(std::vector<std::string> words) const {
+Outcome EncapctlTest::on_window(std::vector<std::string> words, const Surroundings &surroundings) const {
   words.insert(words.end(), {"--dir", directory(), "--name", name_});
-  return encapctl(words);
+  return encapctl(words, surroundings);
 }
 
 std::vector<char> EncapctlTest::bytes() const {

@@ -24,8 +24,20 @@ struct Outcome {
   std::string out;
   std::string err;
 
-  std::vector<Json> objects() const;  // of each line
-  Json object() const;                // of the only line
+  // The object of each line, without the one that closes a listing of show, find or trace; the only one; that one.
+  std::vector<Json> objects() const;
+  Json object() const;
+  Json closing() const;
+};
+
+inline constexpr char kNoReader[] = "|";  // as stdout: a pipe whose reader has gone away
+
+// Where a run reads and writes, and when it is terminated. Columns make its stdout a terminal of that width.
+struct Surroundings {
+  unsigned seconds = 60;
+  std::string in = "/dev/null";
+  std::string out = {};
+  unsigned short columns = 0;
 };
 
 inline testing::AssertionResult has(const std::string &text, const std::string &part) {
@@ -77,9 +89,9 @@ class EncapctlTest : public testing::Test {
   // by a process that is gone.
   void make_database() const;
 
-  // Runs the command with these words, and terminates it after so many seconds; on_window() appends --dir and --name.
-  static Outcome encapctl(std::vector<std::string> words, unsigned seconds = 60);
-  Outcome on_window(std::vector<std::string> words) const;
+  // Runs the command with these words; on_window() appends --dir and --name.
+  static Outcome encapctl(std::vector<std::string> words, const Surroundings &surroundings = {});
+  Outcome on_window(std::vector<std::string> words, const Surroundings &surroundings = {}) const;
 
   std::string path() const { return directory() + "/" + name_; }
   static const std::string &directory();

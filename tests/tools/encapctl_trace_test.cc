@@ -1,11 +1,13 @@
 // trace: which records are told of, and the slices of the Perfetto file.
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
 
 #include "diag/catalogue.h"
+#include "encap_db_owner.h"
 #include "encapctl_fixture.h"
 #include "ltrace.h"
 
@@ -103,6 +105,17 @@ void live_and_die() {
   vrl_egress_encap_nh_detach(1008, &a, &b, &c);
 }
 
+// The processes whose records a listing tells of.
+std::set<std::string> pids_in(const Outcome &run) {
+  std::set<std::string> pids;
+  for (const Json &object : run.objects()) {
+    for (const Json &record : object.value("records", Json::array({object}))) {
+      pids.insert(std::to_string(record.at("pid").get<int>()));
+    }
+  }
+  return pids;
+}
+
 class EncapctlTraceTest : public EncapctlTest {
  protected:
   void SetUp() override {
@@ -125,7 +138,7 @@ TEST_F(EncapctlTraceTest, IndexTellsTheLifeOfOneNh) {
   worker_->kill();  // its trace outlives it
   std::vector<int> ids;
   const std::string pid = worker_->pid();
-  for (const Json &record : encapctl({"trace", "--index", "1007", "--json"}).objects()) {
+  for (const Json &record : on_window({"trace", "--index", "1007", "--json"}).objects()) {
     EXPECT_EQ(record.at("nh"), 1007);
     ids.push_back(record.at("id"));
   }
@@ -135,13 +148,49 @@ TEST_F(EncapctlTraceTest, IndexTellsTheLifeOfOneNh) {
 TEST_F(EncapctlTraceTest, FiltersByPointTimeAndProcess) {
   EXPECT_EQ(trace({"--point", "50", "--json"}).objects().size(), 2u);
   EXPECT_EQ(trace({"--point", "vrl_egress_encap_nh_*", "--json"}).objects().size(), 3u);
-  EXPECT_EQ(trace({"--point", "vrl_nothing"}).status, 1);
+  EXPECT_EQ(trace({"--index", "1"}).status, 1);
+  for (const char *none : {"vrl_nothing", "120"}) {
+    const Outcome run = trace({"--point", none});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_TRUE(has(run.err, std::string("no trace point is called '") + none + "'"));
+  }
   EXPECT_EQ(trace({"--since", "1h", "--json"}).objects().size(), trace({"--json"}).objects().size());
   EXPECT_EQ(trace({"--since", "5"}).status, 2) << "5 what";
   EXPECT_EQ(encapctl({"trace", "1"}).status, 2);
   const Outcome last = trace({"--limit", "1"});
+  EXPECT_TRUE(has(last.err, "older records match, too"));
   EXPECT_TRUE(has(last.out, "vrl_egress_encap_nh_detach: Tunnel 108") || has(last.out, "vrl_delete_mpls_tunnel_entry"));
   EXPECT_TRUE(has(last.out, " " + worker_->pid() + "/" + worker_->pid() + " "));
+}
+
+// Records name no database: those of another one, and those that another user's file tells, must not be mixed in.
+TEST_F(EncapctlTraceTest, RecordsAreThoseOfProcessesAttachedToTheDatabase) {
+  const std::string own_name = name_;
+  name_ += ".other";
+  const Child other = fork_child([&](const Ready &) {
+    open_database();
+    live_and_die();
+  });
+  name_ = own_name;
+  for (const char *verb : {"trace --index 1007 --json", "find nh=1007 --records 100 --json"}) {
+    std::istringstream split(verb);
+    const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
+    std::vector<std::string> all = words;
+    all.push_back("--all-traces");
+    EXPECT_EQ(std::set<std::string>({worker_->pid()}), pids_in(on_window(words))) << verb;
+    EXPECT_EQ(std::set<std::string>({worker_->pid(), other.pid()}), pids_in(on_window(all))) << verb;
+  }
+  encap_db_destroy(directory().c_str(), (name_ + ".other").c_str(), 1, nullptr);
+  const Outcome none = encapctl({"trace", "--dir", directory(), "--name", "none"});
+  EXPECT_EQ(none.status, 2);
+  EXPECT_TRUE(has(none.err, "--all-traces reads"));
+  if (geteuid() == 0) {
+    for (const auto &file : std::filesystem::directory_iterator(directory() + "/trace")) {
+      ASSERT_EQ(chown(file.path().c_str(), 65534, 65534), 0);
+    }
+    EXPECT_TRUE(has(on_window({"trace"}).err, "no process that is attached"));
+    EXPECT_EQ(on_window({"find", "nh=1007", "--json"}).object().at("records"), Json::array());
+  }
 }
 
 // A process that counts NH 1001 up, without end.
@@ -155,7 +204,7 @@ TEST_F(EncapctlTest, FollowTellsOfEachRecordOnce) {
       usleep(500);
     }
   });
-  const Outcome outcome = encapctl({"trace", writer.pid(), "--follow", "--point", "18", "--json"}, 1);
+  const Outcome outcome = encapctl({"trace", writer.pid(), "--follow", "--point", "18", "--json"}, {.seconds = 1});
   EXPECT_EQ(outcome.status, 0) << "it goes on until it is ended, and ends with a whole line";
   const std::vector<Json> records = outcome.objects();
   ASSERT_GT(records.size(), 100u);
