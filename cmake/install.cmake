@@ -6,7 +6,8 @@ set(encap_services_headers
   avl/avl.h ed/ed.h ed/ed_catalogue.h ltrace/ltrace.h oxa_errmsg/oxa_errmsg.h ptd/ptd.h shmwin/shmwin.h)
 list(TRANSFORM encap_services_headers PREPEND platforms/vrellis/services/)
 
-install(TARGETS mpls_egress_encap_db vrellis_services encap_db_owner EXPORT mpls_egress_encap_db
+set(encap_shared_libraries mpls_egress_encap_db vrellis_services encap_db_owner)
+install(TARGETS ${encap_shared_libraries} EXPORT mpls_egress_encap_db
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(FILES platforms/vrellis/encap-id/src/mpls_egress_encap_db.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
@@ -30,14 +31,57 @@ install(FILES ${PROJECT_BINARY_DIR}/mpls_egress_encap_dbConfig.cmake
 install(EXPORT mpls_egress_encap_db NAMESPACE mpls_egress_encap_db:: FILE mpls_egress_encap_dbTargets.cmake
   DESTINATION ${encap_cmake_dir} COMPONENT dev)
 
-install(FILES docs/man/mpls-egress-encap-db.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT dev)
+# Manual pages, compressed as Debian has them. A page of section 3 has a link for each of its calls.
+function(encap_manual page component)
+  cmake_path(GET page EXTENSION LAST_ONLY section)
+  string(SUBSTRING ${section} 1 1 section)
+  set(directory ${PROJECT_BINARY_DIR}/man/man${section})
+  file(MAKE_DIRECTORY ${directory})
+  configure_file(docs/man/${page} ${directory}/${page} COPYONLY)
+  execute_process(COMMAND gzip -9nf ${page} WORKING_DIRECTORY ${directory} COMMAND_ERROR_IS_FATAL ANY)
+  set(pages ${directory}/${page}.gz)
+  foreach(call ${ARGN})
+    file(CREATE_LINK ${page}.gz ${directory}/${call}.${section}.gz SYMBOLIC)
+    list(APPEND pages ${directory}/${call}.${section}.gz)
+  endforeach()
+  install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+endfunction()
+
+encap_manual(mpls-egress-encap-db.7 dev)
+encap_manual(mpls_egress_encap_db.3 dev
+  mpls_egress_encap_db_init eencap_lock_init vrl_egress_encap_db_lock vrl_find_egress_encap
+  vrl_find_and_share_egress_encap vrl_find_and_share_egress_nh vrl_insert_egress_encap
+  vrl_egress_encap_nh_insert_attach vrl_find_and_set_egress_nh_ref vrl_egress_encap_nh_detach
+  vrl_delete_and_free_egress_encap_with_nh_key vrl_can_delete_egr_nh_data_from_encap_db
+  vrl_update_egr_nh_data_in_encap_db vrl_get_encap_key_and_aux_data_from_nh)
+encap_manual(encap_db_open.3 dev encap_db_close encap_db_destroy)
+if(TARGET encapctl)
+  encap_manual(encapctl.1 tools)
+endif()
+if(TARGET encap_demo)
+  encap_manual(encap_demo.1 tools)
+endif()
+
+# What every Debian package tells of itself.
+set(encap_maintainer "MPLS egress encapsulation database maintainers <maintainers@encap-db.example>")
+set(encap_release_date "Mon, 23 Nov 2026 00:00:00 +0000")
+configure_file(packaging/changelog.in ${PROJECT_BINARY_DIR}/deb/changelog @ONLY)
+execute_process(COMMAND gzip -9nf changelog WORKING_DIRECTORY ${PROJECT_BINARY_DIR}/deb COMMAND_ERROR_IS_FATAL ANY)
+foreach(component_package runtime:libmpls-egress-encap-db${PROJECT_VERSION_MAJOR} dev:libmpls-egress-encap-db-dev
+                          tools:mpls-egress-encap-db-tools)
+  string(REPLACE ":" ";" pair ${component_package})
+  list(GET pair 0 component)
+  list(GET pair 1 package)
+  install(FILES packaging/copyright ${PROJECT_BINARY_DIR}/deb/changelog.gz
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+endforeach()
+
 foreach(tool encapctl encap_demo)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   endif()
 endforeach()
 if(TARGET encapctl)
-  install(FILES docs/man/encapctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
   install(FILES platforms/vrellis/tools/completion/encapctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
 endif()

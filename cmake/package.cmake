@@ -2,8 +2,8 @@
 # Configure with -DCMAKE_INSTALL_PREFIX=/usr for the libraries to lie in the architecture's own directory.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME mpls-egress-encap-db)
-set(CPACK_PACKAGE_VENDOR "the MPLS egress encapsulation database's developers")
-set(CPACK_PACKAGE_CONTACT "${CPACK_PACKAGE_VENDOR} <root@localhost>")
+set(CPACK_PACKAGE_VENDOR "MPLS egress encapsulation database")
+set(CPACK_PACKAGE_CONTACT "${encap_maintainer}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
@@ -13,31 +13,39 @@ set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
-# What the packages need comes from what their files link; the libraries tell that of themselves to others.
+# What the packages need comes from what their files link. What others need who link the libraries is written here and
+# not generated, since CPack would add scripts that call ldconfig, which the trigger does already.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 
 set(library libmpls-egress-encap-db${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${library})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/deb/triggers)
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "MPLS egress encapsulation database: shared libraries
- The database of tunnels and next hops that the processes of a router's forwarding plane keep in one shared-memory
- window, the services below it, and the owner that creates or attaches it.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/deb/triggers ${PROJECT_BINARY_DIR}/deb/shlibs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "MPLS egress encapsulation database: shared libraries
+The database of tunnels and next hops that the processes of a router's
+forwarding plane keep in one shared-memory window, the services below it, and
+the owner that creates or attaches it.")
 file(WRITE ${PROJECT_BINARY_DIR}/deb/triggers "activate-noawait ldconfig\n")
+set(shlibs)
+foreach(target ${encap_shared_libraries})
+  string(APPEND shlibs "lib${target} ${PROJECT_VERSION_MAJOR} ${library} (>= ${PROJECT_VERSION})\n")
+endforeach()
+file(WRITE ${PROJECT_BINARY_DIR}/deb/shlibs "${shlibs}")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libmpls-egress-encap-db-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION}), libc6-dev")
-set(CPACK_COMPONENT_DEV_DESCRIPTION "MPLS egress encapsulation database: headers and what finds them
- Headers for C and C++, pkg-config and CMake packages, the manual of its concepts, and two example daemons.")
+set(CPACK_DEBIAN_DEV_DESCRIPTION "MPLS egress encapsulation database: headers and manuals
+Headers for C and C++, pkg-config and CMake packages, manual pages of the calls
+and of the concepts, and example daemons.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME mpls-egress-encap-db-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
-set(CPACK_COMPONENT_TOOLS_DESCRIPTION "MPLS egress encapsulation database: the operator's command and a demonstration
- encapctl looks into a database, alive or dead, checks and repairs it, reads its trace and switches its debug points.")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "MPLS egress encapsulation database: operator's command
+encapctl looks into a database, alive or dead, checks and repairs it, reads its
+trace and switches its debug points. encap_demo shows the database at work.")
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/drop_ldconfig_scripts.cmake)
 include(CPack)

@@ -124,6 +124,7 @@ check_manuals() {
   local page
   command -v groff >/dev/null || return 0
   for page in $(find "$prefix/share/man" -type f); do
-    [ -z "$(groff -ww -man -Tutf8 -z "$page" 2>&1)" ] || fail "$page: $(groff -ww -man -Tutf8 -z "$page" 2>&1 | head -3)"
+    told=$(zcat "$page" | groff -ww -man -Tutf8 -z 2>&1)
+    [ -z "$told" ] || fail "$page: $(head -3 <<<"$told")"
   done
 }
