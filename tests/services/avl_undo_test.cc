@@ -33,25 +33,31 @@ inline void store(Word *word, Word value) {
 // The copy of the tree service here finds its thread's place in the trace here, too.
 constinit thread_local vrellis::ThreadTrace vrellis::thread_trace;
 
-constinit vrellis::WindowMap vrellis::window_maps[SHMWIN_MAX_WINDOWS] = {};
+constinit vrellis::WindowMap vrellis::window_maps[kMostWindows] = {};
 
 namespace avl_tests {
 namespace {
 
 using vrellis::avl::UndoLog;
 
-// One node for each key; the log last, so that a snapshot can leave its unused rest out.
+// One node for each key.
 struct Window {
-  void *root;
+  void *root;  // the user area of the window's header
   void *other_root;
-  Node nodes[44];
+  std::byte rest_of_user_area[vrellis::kUserAreaBytes - 16];
+  Word process_table[4];
   alignas(8) std::byte tree_area[vrellis::kTreeAreaBytes];
+  Node nodes[800];
 
   UndoLog &log() { return *reinterpret_cast<UndoLog *>(tree_area); }
 };
 
-constexpr std::size_t kSnapshotBytes = offsetof(Window, tree_area) + 16 + 128 * sizeof(vrellis::avl::UndoEntry);
-using Snapshot = std::array<std::byte, kSnapshotBytes>;
+// What a death leaves: root fields, the part of the log that these trees can use, and their nodes.
+struct Snapshot {
+  void *roots[2];
+  std::byte log[16 + 128 * sizeof(vrellis::avl::UndoEntry)];
+  Node nodes[44];
+};
 
 class AvlUndo : public testing::Test {
  protected:
@@ -60,6 +66,7 @@ class AvlUndo : public testing::Test {
     map.begin = reinterpret_cast<std::uintptr_t>(window_);
     map.end = map.begin + sizeof(Window);
     map.tree_area = window_->tree_area;
+    map.user_area = window_;
   }
 
   void TearDown() override {
@@ -96,12 +103,16 @@ class AvlUndo : public testing::Test {
 
   static Snapshot snapshot() {
     Snapshot state;
-    std::memcpy(state.data(), window_, kSnapshotBytes);
+    std::memcpy(state.roots, &window_->root, sizeof state.roots);
+    std::memcpy(state.log, window_->tree_area, sizeof state.log);
+    std::copy_n(window_->nodes, std::size(state.nodes), state.nodes);
     return state;
   }
 
   static void restore(const Snapshot &state) {
-    std::memcpy(static_cast<void *>(window_), state.data(), kSnapshotBytes);
+    std::memcpy(&window_->root, state.roots, sizeof state.roots);
+    std::memcpy(window_->tree_area, state.log, sizeof state.log);
+    std::copy_n(state.nodes, std::size(state.nodes), window_->nodes);
   }
 
   // What a death would leave behind: before the first store of `work`, and after each.
@@ -116,14 +127,12 @@ class AvlUndo : public testing::Test {
 
   // Byte by byte, but for the linkage of a node that is in no tree.
   static bool same_trees(Snapshot a, Snapshot b, const Keys &keys) {
-    for (std::size_t key = 0; key < std::size(window_->nodes); ++key) {
+    for (std::size_t key = 0; key < std::size(a.nodes); ++key) {
       if (!holds(keys, key)) {
-        const std::size_t linkage = offsetof(Window, nodes) + key * sizeof(Node);
-        std::memset(&a[linkage], 0, sizeof(vrellis::avl::Link));
-        std::memset(&b[linkage], 0, sizeof(vrellis::avl::Link));
+        a.nodes[key].link = b.nodes[key].link = {};
       }
     }
-    return std::memcmp(a.data(), b.data(), offsetof(Window, tree_area)) == 0;
+    return std::memcmp(a.roots, b.roots, sizeof a.roots) == 0 && std::memcmp(a.nodes, b.nodes, sizeof a.nodes) == 0;
   }
 
   static bool holds(const Keys &keys, std::uint64_t key) {
@@ -263,20 +272,44 @@ TEST_F(AvlUndo, ARootFieldOutsideTheWindowIsItsOwnProcesss) {
   EXPECT_EQ(view_of(&outside).keys, (Keys{2, 6, 8}));
 }
 
-TEST_F(AvlUndo, ADamagedLogIsDroppedWithoutTouchingWhatIsNotItsOwn) {
-  const Word beyond = vrellis::window_maps[1].end;
+TEST_F(AvlUndo, ADamagedLogIsEmptiedAndNoWordThatItNamesIsWritten) {
+  using vrellis::avl::address_of;
   Word bystander = 7;
-  for (const Word count :
-       {Word{3}, Word{vrellis::avl::kUndoCapacity}, Word{vrellis::avl::kUndoCapacity + 1}, ~Word{0}}) {
-    build({4, 2, 6});
-    UndoLog &log = window_->log();
-    log = {count, beyond, {{beyond, 1}, {vrellis::avl::address_of(&window_->root) + 1, 1}}};
-    log.entries[2] = {vrellis::avl::address_of(&bystander), 1};
-    EXPECT_EQ(find(window_->root, 6), &window_->nodes[6]);
-    EXPECT_EQ(log.count, 0U);
-    EXPECT_EQ(view_of(&window_->root).keys, (Keys{2, 4, 6}));
-    EXPECT_EQ(bystander, 7U);
+  const Word wrong[] = {vrellis::window_maps[1].end, address_of(&window_->root) + 1, address_of(&bystander),
+                        address_of(window_->log().entries), address_of(window_->process_table)};
+  const Word capacity = vrellis::avl::kUndoCapacity;
+  for (const Word address : wrong) {
+    for (const Word count : {Word{2}, capacity, capacity + 1, ~Word{0}}) {
+      for (const bool settle : {false, true}) {
+        build({4, 2, 6});
+        UndoLog &log = window_->log();
+        log = {count, wrong[0], {{address, 1}, {address_of(&window_->root), 1}}};
+        if (settle) {
+          EXPECT_EQ(avl_settle(window_), -1);
+        }
+        EXPECT_EQ(find(window_->root, 6), &window_->nodes[6]);
+        EXPECT_EQ(log.count, 0U);
+        EXPECT_EQ(view_of(&window_->root).keys, (Keys{2, 4, 6}));
+        EXPECT_EQ(bystander, 7U);
+      }
+    }
   }
+}
+
+// A chain of parents that is far longer than a tree is high would fill the log, and then what lies behind the log.
+TEST_F(AvlUndo, AChangeOfADamagedTreeThatWouldOutgrowTheLogIsTakenBack) {
+  build({2});
+  Node *const nodes = window_->nodes;
+  constexpr std::size_t kLast = std::size(window_->nodes) - 2;
+  for (std::size_t key = 3; key <= kLast; ++key) {
+    vrellis::avl::Link &parent = nodes[key - 1].link;
+    parent.child[1] = vrellis::avl::address_of(&nodes[key]);
+    nodes[key].link.up = vrellis::avl::address_of(&parent);
+  }
+  const std::vector<Node> before(nodes, nodes + kLast + 1);
+  EXPECT_FALSE(insert(kLast + 1));
+  EXPECT_EQ(std::memcmp(before.data(), nodes, before.size() * sizeof(Node)), 0);
+  EXPECT_EQ(window_->log().count, 0U);
 }
 
 TEST_F(AvlUndo, TheHintIsWhereTheLastSearchEnded) {

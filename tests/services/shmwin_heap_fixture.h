@@ -31,11 +31,11 @@ inline void store_word(std::uint64_t &word, std::uint64_t value) {
 #include <string>
 #include <vector>
 
-#include "avl/search_ends.h"
+#include "between_services.h"
 #include "shmwin/heap/heap.cc"    // NOLINT(bugprone-suspicious-include)
 #include "shmwin/heap/malloc.cc"  // NOLINT(bugprone-suspicious-include)
 
-constinit vrellis::WindowMap vrellis::window_maps[SHMWIN_MAX_WINDOWS] = {};
+constinit vrellis::WindowMap vrellis::window_maps[kMostWindows] = {};
 constinit thread_local vrellis::SearchEnds vrellis::search_ends;
 
 namespace heap_tests {

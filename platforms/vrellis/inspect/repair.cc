@@ -17,28 +17,6 @@ namespace {
 // Damage can hide damage: what is mended shows what lies behind it. No chain of it is longer than this.
 constexpr int kMostRounds = 8;
 
-int always_equal(const void *, const void *) {
-  return 1;
-}
-
-// The tree service takes back what was cut off when it is called next. Searching a place that holds no node, with an
-// order in which everything is equal, calls it and follows nothing. A log that it must not follow is emptied instead.
-void settle(const View &window) {
-  bool sound = true;
-  window.settled(&sound);
-  auto *const header = const_cast<vrellis::WindowHeader *>(
-      static_cast<const vrellis::WindowHeader *>(window.at(0, sizeof(vrellis::WindowHeader), 64)));
-  std::uint64_t log[2];  // its count and the root field
-  // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): an attached window is larger than its header
-  std::memcpy(log, header->tree_area, sizeof log);
-  const auto *root = window.record<std::uint64_t>(log[1]);
-  const bool misleading = root != nullptr && *root == reinterpret_cast<std::uintptr_t>(header->spare);
-  if (!sound || misleading) {
-    std::memset(header->tree_area, 0, sizeof log[0]);
-  }
-  avl_search(header->spare, header->spare, always_equal);
-}
-
 RepairResult refuse(int status, std::string error) {
   RepairResult result;
   result.status = status;
@@ -91,7 +69,7 @@ class Repair {
       const View settled = window_.settled(nullptr);
       round(settled);
     } else {
-      settle(window_);
+      avl_settle(window_.bytes().data());
       for (int number = 0; number < kMostRounds && round(window_); ++number) {
       }
       tell_what_is_left();

@@ -102,8 +102,8 @@ bool roll_back(std::uint8_t *data, std::uint64_t size, Address base) {
   }
   const auto undoes = [&](Address address) {
     const std::uint64_t offset = address - base;
-    const bool in_log = offset >= kLogOffset && offset < sizeof(vrellis::WindowHeader);
-    return offset % 8 == 0 && offset >= offsetof(vrellis::WindowHeader, user_area) && !in_log && offset <= size - 8;
+    const bool in_user_area = offset - offsetof(vrellis::WindowHeader, user_area) < vrellis::kUserAreaBytes;
+    return offset % 8 == 0 && (in_user_area || offset >= sizeof(vrellis::WindowHeader)) && offset <= size - 8;
   };
   for (std::uint64_t i = 0; i < count; ++i) {
     if (!undoes(log->entries[i].address)) {

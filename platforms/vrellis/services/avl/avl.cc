@@ -4,33 +4,32 @@
 
 #include "avl/balance.h"
 #include "avl/link.h"
-#include "avl/search_ends.h"
 #include "avl/undo.h"
-#include "ltrace/thread_ring.h"
+#include "between_services.h"
 
 namespace vrellis {
 
-AVL_HINT_TLS constinit thread_local SearchEnds search_ends;
+SEARCH_ENDS_TLS constinit thread_local SearchEnds search_ends;
 
 namespace avl {
 namespace {
 
 constexpr int kEqual = 1;
 
-// Where a descent ended: at the node of an equal key, or at the one that the key would hang under.
+// Where a descent ended: at the node of an equal key, or at the node that a new node of this key would hang under.
 struct Spot {
   Link *node;
-  int order;  // the last comparison's result; halved, the side to hang on
+  int order;  // the last comparison's result; half of it is the side to hang on
 };
 
-// Fetches a node with its linkage and the key behind it, which often lies in the next cache line.
+// Fetches a node's linkage and the key behind it, which often lies in the next cache line.
 [[gnu::always_inline]] inline void prefetch_node(const Link *node) {
   constexpr std::ptrdiff_t kKeyEnd = 32;
   __builtin_prefetch(node);
   __builtin_prefetch(reinterpret_cast<const char *>(node) + kKeyEnd);
 }
 
-// Both children are on their way from memory while the keys are compared. `node` is no null pointer.
+// Fetches both children while the keys are compared. Requires: `node` is not null.
 inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   for (;;) {
     Link *const before = child_of(node, 0);
@@ -49,9 +48,9 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   }
 }
 
-// In a big window a tree is far from the caches, but its nodes lie close together (the allocator sees to that): bring
-// in what lies around the top at once, rather than line by line on the way down. Inlined by force: g++ takes a function
-// that only prefetches for one without effect, and drops its calls.
+// In a big window a tree is seldom in the caches, but the allocator places its nodes close together. This fetches the
+// lines around the top node at once, before the descent needs them one by one. It must be inlined: g++ drops calls of a
+// function that only prefetches, since it has no effect.
 [[gnu::always_inline]] inline void prefetch_around(const WindowMap *map, const Link *top) {
   constexpr std::uintptr_t kBigWindow = std::uintptr_t{16} << 20;
   constexpr std::ptrdiff_t kAround = std::ptrdiff_t{5} * 64;  // five cache lines on either side
@@ -64,7 +63,7 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   }
 }
 
-// A tree's first node goes in, its last one out, by the store to the root field alone.
+// The store to the root field alone links a tree's first node, or unlinks its last one (U3).
 void link_first(Word *field, Link *node) {
   store(&node->child[0], 0);
   store(&node->child[1], 0);
@@ -76,31 +75,31 @@ void unlink_last(Word *field) {
   store(field, 0);
 }
 
-// Of a node that has left its tree. Cut off here, or before a node is linked, only a node that is in no tree has words
-// left in its linkage.
+// Clears the links of a removed node. If the process dies here, only a node that is in no tree keeps stale links;
+// avl_delete() tolerates that (T4).
 void clear_linkage(Link *node) {
   store(&node->child[0], 0);
   store(&node->child[1], 0);
   store(&node->up, 0);
 }
 
-// A tree about to change: its window, its top, its own root field, and the one that the caller gave.
+// A tree that is about to change.
 struct Tree {
   const WindowMap *map;
-  Word *given;  // the own field, or a copy of it
-  Link *top;    // nullptr: empty
-  Word *field;
+  Word *given;  // the root field that the caller gave: the tree's own one, or a copy
+  Link *top;    // nullptr: the tree is empty
+  Word *field;  // the tree's own root field
 };
 
-// Brings the given field up to date first. False when it holds no root, or the recorded field cannot be this tree's.
+// Settles the window first, and brings the given field up to date. Returns: false when that field holds no root, or
+// when the field that the root node records can be no field of this tree.
 bool open_tree(Tree &tree, void **root, const void *node) {
   tree.map = window_of(node);
   tree.given = reinterpret_cast<Word *>(root);
-  const Word now = settled_root(tree.map, *tree.given);
-  if (now != *tree.given) {
-    store(tree.given, now);
+  if (is_unsettled(tree.map)) [[unlikely]] {
+    store(tree.given, root_after_roll_back(*tree.map, *tree.given));
   }
-  tree.top = link_at(now);
+  tree.top = link_at(*tree.given);
   tree.field = tree.given;
   if (tree.top == nullptr) {
     return true;
@@ -132,7 +131,8 @@ void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
   }
   vrellis::trace_operation_begins();
   const vrellis::WindowMap *const map = vrellis::window_of(root);
-  Link *const top = link_at(settled_root(map, address_of(root)));
+  Link *const top =
+      is_unsettled(map) ? link_at(root_after_roll_back(*map, address_of(root))) : static_cast<Link *>(root);
   prefetch_around(map, top);
   const Spot spot = descend(top, probe, compare);
   vrellis::search_ends.previous = vrellis::search_ends.last;
@@ -155,13 +155,16 @@ void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
     }
     Change change(tree.map, tree.field);
     link_below(change, spot.node, static_cast<unsigned>(spot.order) >> 1, link);
-    change.commit();
+    if (!change.commit()) {
+      clear_linkage(link);
+      return nullptr;
+    }
   }
   close_tree(tree, flag);
   return node;
 }
 
-// The comparison is of no use: a linked node knows its place.
+// A linked node knows its place, so keys need not be compared.
 void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/) {
   Tree tree;
   auto *link = static_cast<Link *>(node);
@@ -174,9 +177,19 @@ void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/)
   } else {
     Change change(tree.map, tree.field);
     unlink_one(change, link);
-    change.commit();
+    if (!change.commit()) {
+      return nullptr;
+    }
   }
   clear_linkage(link);
   close_tree(tree, flag);
   return node;
+}
+
+int avl_settle(const void *address) {
+  const vrellis::WindowMap *const map = vrellis::window_of(address);
+  if (!is_unsettled(map)) {
+    return 0;
+  }
+  return roll_back(*map) ? 1 : -1;
 }

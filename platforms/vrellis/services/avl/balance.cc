@@ -12,7 +12,7 @@ void put_parent(Change &change, Link *node, const Link *parent) {
   change.put(&node->up, address_of(parent) | lean_of(node));
 }
 
-// Turns `low` above its parent; the subtree between their keys moves from one to the other.
+// Rotates: puts `low` above its parent `high`. The subtree whose keys lie between theirs moves from `low` to `high`.
 void lift(Change &change, Link *low, Word low_lean, Word high_lean) {
   Link *high = parent_of(low);
   const unsigned side = side_of(low);
@@ -27,12 +27,12 @@ void lift(Change &change, Link *low, Word low_lean, Word high_lean) {
   }
 }
 
-// Levels `high`, which is two higher on `side`. Returns: the node on top in its stead.
+// Levels the subtree of `high`, which is two higher on `side`. Returns: its new top node.
 Link *level_out(Change &change, Link *high, unsigned side) {
   const unsigned other = 1 - side;
   Link *low = child_of(high, side);
   if (lean_of(low) != leaning(other)) {
-    const bool was_level = lean_of(low) == kLevel;  // only after a delete; the height stays then
+    const bool was_level = lean_of(low) == kLevel;  // this happens after a delete only; the height stays
     lift(change, low, was_level ? leaning(other) : kLevel, was_level ? leaning(side) : kLevel);
     return low;
   }
@@ -47,7 +47,7 @@ Link *level_out(Change &change, Link *high, unsigned side) {
 void rebalance_grown(Change &change, Link *node, unsigned side) {
   while (lean_of(node) == kLevel) {
     put_lean(change, node, leaning(side));
-    if (is_root(node)) {
+    if (is_root(node) || !change.can_climb()) {
       return;
     }
     side = side_of(node);
@@ -68,7 +68,7 @@ void rebalance_shrunk(Change &change, Link *node, unsigned side) {
     } else {
       node = level_out(change, node, 1 - side);
     }
-    if (lean_of(node) != kLevel || is_root(node)) {
+    if (lean_of(node) != kLevel || is_root(node) || !change.can_climb()) {
       return;
     }
     side = side_of(node);
@@ -77,7 +77,7 @@ void rebalance_shrunk(Change &change, Link *node, unsigned side) {
   put_lean(change, node, leaning(1 - side));
 }
 
-// Hangs `heir`, which may be none, where `node` hangs; `node` keeps its own words.
+// Puts `heir` (nullptr: nothing) in the place where `node` hangs. The words of `node` itself stay as they are.
 void replace(Change &change, const Link *node, Link *heir, Word heir_lean) {
   change.put(holder_of(node), address_of(heir));
   if (heir != nullptr) {
@@ -85,7 +85,7 @@ void replace(Change &change, const Link *node, Link *heir, Word heir_lean) {
   }
 }
 
-// Gives `heir` both of the node's subtrees and its place.
+// Gives `heir` the place of `node` and both of its subtrees.
 void inherit(Change &change, const Link *node, Link *heir) {
   for (const unsigned side : {0U, 1U}) {
     Link *child = child_of(node, side);
@@ -97,7 +97,7 @@ void inherit(Change &change, const Link *node, Link *heir) {
   replace(change, node, heir, lean_of(node));
 }
 
-// The node's neighbour in key order on the side that leans, to spare rotations. Requires a child there.
+// The node's neighbour in key order on `side`. Requires: a child on that side.
 Link *neighbour_of(const Link *node, unsigned side) {
   Link *near = child_of(node, side);
   while (Link *next = child_of(near, 1 - side)) {
@@ -119,7 +119,8 @@ void link_below(Change &change, Link *parent, unsigned side, Link *node) {
 void unlink_one(Change &change, Link *node) {
   const unsigned side = lean_of(node) == leaning(0) ? 0 : 1;
   const bool both = node->child[0] != 0 && node->child[1] != 0;
-  Link *leaver = both ? neighbour_of(node, side) : node;  // whose place at the bottom goes
+  // With two children, a neighbour takes the node's place. The neighbour on the higher side saves rotations.
+  Link *leaver = both ? neighbour_of(node, side) : node;
   Link *start = is_root(leaver) ? nullptr : parent_of(leaver);
   const unsigned start_side = start != nullptr ? side_of(leaver) : 0;
   Link *below = child_of(leaver, leaver->child[0] != 0 ? 0 : 1);

@@ -1,6 +1,5 @@
-// Linking and unlinking in a tree that has other nodes too: keeps it an AVL tree, word by word through a Change.
-//
-// Both sides of everything by index; one turn, lift(), makes all rotations.
+// Links a node into a tree that has other nodes, or unlinks it, and keeps the tree balanced. Every word changes through
+// a Change. One code serves both sides, since links are indexed by side; one function, lift(), makes all rotations.
 #ifndef VRELLIS_AVL_BALANCE_H
 #define VRELLIS_AVL_BALANCE_H
 
@@ -9,10 +8,10 @@
 
 namespace vrellis::avl {
 
-// Hangs `node` below `parent`, which has no child on `side`.
+// Links `node` below `parent`, which has no child on `side`.
 void link_below(Change &change, Link *parent, unsigned side, Link *node);
 
-// Takes `node` out of its tree; its linkage stays as it is.
+// Unlinks `node` from its tree. The linkage of the node itself stays as it is.
 void unlink_one(Change &change, Link *node);
 
 }  // namespace vrellis::avl

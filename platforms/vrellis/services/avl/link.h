@@ -1,4 +1,5 @@
-// A node's linkage, read-only: what its three words say. Whoever writes one goes through avl/undo.h.
+// A node's linkage: what its three words say. This header only reads them; a word of a tree is written through a Change
+// (avl/undo.h), any other word with store().
 #ifndef VRELLIS_AVL_LINK_H
 #define VRELLIS_AVL_LINK_H
 
@@ -9,7 +10,7 @@
 
 namespace vrellis::avl {
 
-// The first 24 bytes of each node. Everything by index: side 0 orders before the node, side 1 after it.
+// The first 24 bytes of each node. Side 0 holds the keys that order before the node, side 1 those after it.
 //
 //   0  child[0]   address, 0 = none
 //   8  child[1]   address, 0 = none
@@ -18,6 +19,13 @@ namespace vrellis::avl {
 //                 | address of the parent; in the root node of    | R | lean  |
 //                 | the root field that holds it                  |   |       |
 //                 +-----------------------------------------------+---+-------+
+//
+// Invariants of a tree, between two changes:
+//   T1  The root field and the root node refer to each other; so do a parent and each of its children.
+//   T2  Only the root node has R set.
+//   T3  The two subtrees of a node differ in height by at most one, and `lean` says which is higher.
+//   T4  A node that is in no tree may hold stale links of a change that was cut off; avl_insert() and avl_delete()
+//       therefore never trust a node's own links alone.
 struct Link {
   Word child[2];
   Word up;
@@ -31,9 +39,10 @@ inline constexpr Word kRoot = 4;  // R: the node is its tree's root
 inline constexpr Word kPlace = ~kLean;
 
 inline constexpr Word kLevel = 0;
+// The subtree on `side` is one higher.
 constexpr Word leaning(unsigned side) {
   return 2 - side;
-}  // the subtree on `side` is one higher
+}
 
 inline Word address_of(const void *object) {
   return reinterpret_cast<Word>(object);
@@ -57,7 +66,7 @@ inline bool is_root(const Link *node) {
   return (node->up & kRoot) != 0;
 }
 
-// Not of a root node.
+// Requires: `node` is not a root node.
 inline Link *parent_of(const Link *node) {
   return link_at(node->up & ~(kLean | kRoot));
 }
@@ -65,7 +74,7 @@ inline unsigned side_of(const Link *node) {
   return parent_of(node)->child[1] == address_of(node) ? 1 : 0;
 }
 
-// Of a root node: the root field that holds it.
+// Requires: `root` is a root node. Returns: the root field that holds it.
 inline Word *field_of(const Link *root) {
   return word_at(root->up & ~(kLean | kRoot));
 }
@@ -75,8 +84,8 @@ inline Word *holder_of(const Link *node) {
   return is_root(node) ? field_of(node) : &parent_of(node)->child[side_of(node)];
 }
 
-// Whether the tree knows of the node that says it is linked: a death behind the end of a delete leaves its words
-// behind.
+// True if the parent, or the root field, still points to this node. A process that died right after a delete leaves
+// stale links in the removed node (T4), so its own links prove nothing.
 inline bool is_held(const Link *node) {
   return *holder_of(node) == address_of(node);
 }

@@ -1,11 +1,18 @@
 // The undo log of a window's trees: makes an insert or a delete all or nothing, whenever its process dies.
 //
-// The log is in use while its count is not 0. Whoever changes a tree holds the lock of the window's trees; so does
-// whoever rolls back, and there is one log a window. In order, each step one store:
+// A window has one log. A process that changes a tree, or rolls a change back, holds the lock of the window's trees.
+// The steps of a change, each one store:
 //   open     field
 //   change   entry.address, entry.old, count + 1, then the word itself; for each word
 //   commit   count = 0
-// The field needs no undoing; an entry counts only once the count says so.
+//
+// Invariants:
+//   U1  The log is in use while its count is not 0; entries 0 to count - 1 are then complete.
+//   U2  Restoring the entries from the last to the first gives the tree as it was before the change. Doing so again
+//       gives the same tree.
+//   U3  A word of a tree changes only while an entry names it. Excepted are the words of a node that is in no tree, and
+//       the root field when a tree gets its first node or loses its last one.
+//   U4  A change of an undamaged tree has at most kLongestChange entries.
 #ifndef VRELLIS_AVL_UNDO_H
 #define VRELLIS_AVL_UNDO_H
 
@@ -13,7 +20,7 @@
 #include <cstdint>
 
 #include "avl/link.h"
-#include "shmwin/attached.h"
+#include "between_services.h"
 
 namespace vrellis::avl {
 
@@ -46,18 +53,31 @@ constexpr std::size_t greatest_height(std::uint64_t nodes) {
 // The longest change is a delete that turns twice on every level; NH and tunnel indexes are 32-bit numbers.
 inline constexpr std::size_t kWordsOfUnlinking = 8;
 inline constexpr std::size_t kWordsOfLift = 6;
+inline constexpr std::size_t kWordsOfLevel = 2 * kWordsOfLift;
 inline constexpr std::size_t kLongestChange =
-    kWordsOfUnlinking + 2 * kWordsOfLift * greatest_height(std::uint64_t{1} << 32);
+    kWordsOfUnlinking + kWordsOfLevel * greatest_height(std::uint64_t{1} << 32);
 
 static_assert(greatest_height(3) == 2 && greatest_height(4) == 3 && greatest_height(6) == 3 && greatest_height(7) == 4);
-static_assert(kLongestChange <= kUndoCapacity && sizeof(UndoLog) <= kTreeAreaBytes);
+static_assert(kLongestChange + kWordsOfLevel <= kUndoCapacity && sizeof(UndoLog) <= kTreeAreaBytes);
 
 inline UndoLog &undo_log_of(const WindowMap &map) {
   return *static_cast<UndoLog *>(map.tree_area);
 }
 
-// One open change of the tree under `field`, whose nodes all lie in `map`'s window or, without a window (nullptr), in
-// none; then nothing is logged. A node that is in no tree needs no undoing: its words are written with store().
+// Rolls back the change in the window's log. May be cut off anywhere and be begun again.
+// Returns: false when the log is damaged; it is then emptied without writing any word that it names.
+bool roll_back(const WindowMap &map);
+
+// Rolls back as well. Returns: the root that the tree has now, whose root was `root` when the caller read its field.
+Word root_after_roll_back(const WindowMap &map, Word root);
+
+// True if a process died in the middle of a change of a tree in this window.
+inline bool is_unsettled(const WindowMap *map) {
+  return map != nullptr && undo_log_of(*map).count != 0;
+}
+
+// One open change of the tree under `field`. Its nodes all lie in `map`'s window; without a window (nullptr) nothing is
+// logged. A node that is in no tree needs no undoing: its words are written with store().
 class Change {
  public:
   Change(const WindowMap *map, const Word *field) {
@@ -75,10 +95,20 @@ class Change {
     store(word, value);
   }
 
-  void commit() {
+  // False in a damaged tree only (U4). A loop that climbs the tree asks before each level, and gives up: the log has
+  // room for the words of one level more than an undamaged tree can need.
+  bool can_climb() const { return count_ <= kLongestChange; }
+
+  // Returns: false when a loop gave up; every word then has its old value again.
+  bool commit() {
+    if (!can_climb()) [[unlikely]] {
+      roll_back(*window_of(log_));
+      return false;
+    }
     if (log_ != nullptr) {
       store(&log_->count, 0);
     }
+    return true;
   }
 
  private:
@@ -90,24 +120,9 @@ class Change {
   }
 
   UndoLog *log_ = nullptr;
-  const Word *outside_ = nullptr;  // the root field, when it lies outside the window: it is no other process's
+  const Word *outside_ = nullptr;  // the root field, when it lies outside the window: no other process can read it
   std::size_t count_ = 0;
 };
-
-/*
- * Takes back a change that its process did not live to end. May itself be cut off anywhere and be begun again.
- * `root` is what the caller read from its root field, when the change was still half-way there.
- * Returns: the root that this tree has now; `root` itself when the change was another tree's.
- */
-Word roll_back(const WindowMap &map, Word root);
-
-// The root to go on with, after rolling back what a dead process left open in the window, if anything.
-inline Word settled_root(const WindowMap *map, Word root) {
-  if (map != nullptr && undo_log_of(*map).count != 0) [[unlikely]] {
-    return roll_back(*map, root);
-  }
-  return root;
-}
 
 }  // namespace vrellis::avl
 

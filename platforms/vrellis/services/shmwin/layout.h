@@ -30,8 +30,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "between_services.h"
 #include "shmwin.h"
-#include "shmwin/attached.h"
 #include "shmwin/store.h"
 
 namespace vrellis {

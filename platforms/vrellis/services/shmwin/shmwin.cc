@@ -21,7 +21,9 @@
 
 namespace vrellis {
 
-constinit WindowMap window_maps[SHMWIN_MAX_WINDOWS];
+static_assert(kMostWindows == SHMWIN_MAX_WINDOWS && kUserAreaBytes == SHMWIN_USER_AREA_BYTES);
+
+constinit WindowMap window_maps[kMostWindows];
 
 namespace {
 
@@ -75,6 +77,7 @@ void publish(WindowMap *slot, std::uint64_t address, std::uint64_t size, std::ui
   slot->shm_id = shm_id;  // NOLINT(clang-analyzer-core.NullDereference): find_slot() returns 0 with a slot alone
   slot->header = heap.header;
   slot->tree_area = heap.header->tree_area;
+  slot->user_area = heap.header->user_area;
   slot->begin = address;
   slot->end = address + size;
   watch_forks();

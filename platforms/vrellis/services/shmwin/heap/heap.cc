@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <bit>
 
-#include "avl/search_ends.h"
+#include "between_services.h"
 #include "shmwin/heap/node_class.h"
 
 namespace vrellis {

@@ -1,6 +1,6 @@
 // The allocator inside a window. For the window service alone.
 //
-// A node is placed in the page where one of the calling thread's last two searches ended (avl/search_ends.h), on the
+// A node is placed in the page where one of the calling thread's last two searches ended (between_services.h), on the
 // nearest free place, if that page has nodes of its size and room; else in the page that this process last took one
 // from; else in the lowest page with room. So a node lies near the neighbours that a search for it passes last.
 //
