@@ -47,6 +47,7 @@ class OwnerTest : public ::testing::Test {
       EXPECT_NE(std::strstr(error_.text, part), nullptr) << "'" << part << "' in: " << error_.text;
     }
     EXPECT_EQ(shmwin_user_area(kId), nullptr) << "still attached";
+    EXPECT_EQ(egress_encap_db, nullptr);
     config_ = good;
   }
 
@@ -74,6 +75,7 @@ TEST_F(OwnerTest, ARestartedProcessFindsItsState) {
   EXPECT_EQ(egress_encap_db->is_initialized, 1u);
   ASSERT_EQ(enter(1003, 12), 0);
   EXPECT_EQ(encap_db_close(), 0);
+  EXPECT_EQ(egress_encap_db, nullptr);
   EXPECT_EQ(encap_db_close(), 2);
   EXPECT_EQ(encap_db_open(&config_, nullptr, nullptr), 0);
   EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 1);
@@ -140,7 +142,7 @@ TEST_F(OwnerTest, TheEdgesOfTheRangesWork) {
   ASSERT_EQ(encap_db_close(), 0);
   ASSERT_EQ(encap_db_destroy(config_.directory, config_.name, 0, &error_), 0) << error_.text;
 
-  config_ = {config_.directory, config_.name, kId, 0, 0, 0, 0, 0, 0, 0};
+  config_ = {config_.directory, config_.name, kId, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
   ASSERT_EQ(open(), 0) << error_.text;
   EXPECT_EQ(enter(0, 0), 22);
 }

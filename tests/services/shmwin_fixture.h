@@ -36,7 +36,12 @@ class WindowTest : public ::testing::Test {
   }
 
   shmwin_config_t config(std::uint32_t id = kId, const char *name = "window") const {
-    return {directory_.c_str(), name, id, 0, kBytes, 0, 0};
+    shmwin_config_t made{};
+    made.directory = directory_.c_str();
+    made.name = name;
+    made.shm_id = id;
+    made.size = kBytes;
+    return made;
   }
 
   // Makes the window, or attaches the one that is there unless it goes `over` that. Returns: the status; created_ tells

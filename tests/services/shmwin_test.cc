@@ -1,5 +1,7 @@
 // Windows between processes: made once, mapped at one address, kept apart and let go, whoever dies; and what is
 // refused, each time with a status and one sentence, and with nothing lost.
+#include <fcntl.h>
+#include <grp.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -145,15 +147,15 @@ TEST_F(WindowTest, AWindowOfAnotherPidNamespaceIsRemovedByForceAlone) {
   EXPECT_EQ(unlink(1), 0) << error_.text;
 }
 
-TEST_F(WindowTest, AClaimDiesWithItsHolder) {
+TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
   const shmwin_config_t made = config();
   test_support::Signal claimed;
   const pid_t holder = test_support::spawn([&] {
     shmwin_claim_t *claim = nullptr;
     int present = 0;
     shmwin_claim(&made, &claim, &present, &error_);
-    claimed.give();
-    return pause();
+    const pid_t child = test_support::spawn([&] { return claimed.give(), pause(); });  // has the open file, too
+    return child > 0 ? pause() : 1;
   });
   ASSERT_TRUE(claimed.await());
   const auto begin = std::chrono::steady_clock::now();
@@ -163,6 +165,94 @@ TEST_F(WindowTest, AClaimDiesWithItsHolder) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)) << "the claim was not waited for";
   EXPECT_EQ(test_support::end_of(holder), -SIGKILL);
   EXPECT_EQ(test_support::end_of(killer), 0);
+}
+
+TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
+  ASSERT_EQ(open(config()), 0);
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  test_support::Signal locked;
+  const pid_t reader = test_support::spawn([&] {  // the right to read is enough for a lock
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    fcntl(::open(path().c_str(), O_RDONLY), F_SETLK, &lock);
+    locked.give();
+    return raise(SIGSTOP);
+  });
+  ASSERT_TRUE(locked.await());
+  expect_refusal(open(config()), ETIMEDOUT,
+                 {"window 'window'", std::to_string(reader).c_str(), "(shmwin_test)", "stopped"});
+  test_support::kill_hard(reader);
+  EXPECT_EQ(open(config()), 0) << error_.text;
+}
+
+constexpr uid_t kUser = 4711;
+constexpr uid_t kStranger = 65534;
+
+// What a process of this user gets when it opens a window whose file belongs to others, if the system lets it.
+class OwnedWindowTest : public WindowTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "files of other users need root";
+    }
+    WindowTest::SetUp();
+    chmod(directory_.c_str(), 01777);
+  }
+
+  int open_as(uid_t user, gid_t group, const shmwin_config_t &made) {
+    return in_child([&] {
+      const bool changed =
+          setgroups(0, nullptr) == 0 && setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
+      shmwin_detach(made.shm_id);
+      return changed ? open(made) : 255;
+    });
+  }
+};
+
+TEST_F(OwnedWindowTest, AFileOfAStrangerIsNotUsed) {
+  EXPECT_EQ(open_as(kStranger, kStranger, config()), 0);
+  expect_refusal(open(config()), EPERM, {"'window'", "belongs to user 65534", "own user 0"});
+  EXPECT_EQ(unlink(0), 0) << error_.text;
+  ASSERT_EQ(open(config()), 0) << "the caller's own";
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  for (const mode_t mode : {0602u, 0620u, 0666u}) {
+    ASSERT_EQ(chmod(path().c_str(), mode), 0);
+    expect_refusal(open(config()), EPERM, {"mode 06", "may write"});
+  }
+  shmwin_config_t shared = config();
+  shared.mode = 0660;
+  ASSERT_EQ(chmod(path().c_str(), 0660), 0);
+  EXPECT_EQ(open(shared), 0) << error_.text;
+  shared.mode = 0666;
+  expect_refusal(open(shared), 22, {"0666", "all users"});
+}
+
+TEST_F(OwnedWindowTest, NamedUsersAndGroupsShareAWindow) {
+  shmwin_config_t made = config();
+  made.mode = 0660;
+  made.named = SHMWIN_NAMED_GROUP;
+  made.group = kUser;
+  ASSERT_EQ(open(made), 0) << error_.text;
+  struct stat file {};
+  ASSERT_EQ(stat(path().c_str(), &file), 0);
+  EXPECT_EQ(file.st_gid, kUser);
+  EXPECT_EQ(open_as(kStranger, kUser, made), 0) << "a member of the group opens root's file";
+  EXPECT_EQ(open_as(kStranger, kStranger, made), EACCES);
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  ASSERT_EQ(unlink(0), 0) << error_.text;
+
+  EXPECT_EQ(open_as(kStranger, kUser, made), 0) << "a member creates";
+  EXPECT_EQ(open_as(kUser, kUser, made), 0) << "another member attaches";
+  EXPECT_EQ(open(made), 0) << error_.text;
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  ASSERT_EQ(unlink(0), 0) << error_.text;
+
+  made.named = SHMWIN_NAMED_USER;
+  made.user = kUser;
+  EXPECT_EQ(open_as(kStranger, kUser, made), EPERM) << "a user that cannot give the file to the named one";
+  EXPECT_FALSE(exists());
+  EXPECT_EQ(open_as(kUser, kUser, made), 0);
+  EXPECT_EQ(open(made), 0) << error_.text;
 }
 
 TEST_F(WindowTest, WhatDoesNotAgreeIsRefusedInOneSentence) {
@@ -208,7 +298,7 @@ TEST_F(WindowTest, ForeignAndTruncatedFilesAreLeftAlone) {
   expect_refusal(open(config()), 22, {"262144", "100"});
 
   ASSERT_EQ(symlink("window", path("link").c_str()), 0);
-  expect_refusal(open(config(kId, "link")), ELOOP, {"cannot open"});
+  expect_refusal(open(config(kId, "link")), 22, {"no regular file"});
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
   expect_refusal(open(config(kId, "pipe")), 22, {"no regular file"});
 }

@@ -101,6 +101,9 @@ shmwin_config_t window_of(const encap_db_config_t &config) {
   window.size = config.size != 0 ? config.size : default_size(config);
   window.address = config.address;
   window.nodes56 = tunnel_nodes(config);
+  window.named = config.named;
+  window.user = config.user;
+  window.group = config.group;
   return window;
 }
 
@@ -171,6 +174,12 @@ int initialize(egress_encap_db_t *header, const encap_db_config_t &config, shmwi
   return 0;
 }
 
+// The library's pointer goes before the memory that it points into.
+int leave_window(std::uint32_t shm_id) {
+  egress_encap_db = nullptr;
+  return shmwin_detach(shm_id);
+}
+
 // Requires the claim.
 int open_claimed(shmwin_claim_t *claim, int present, const encap_db_config_t &config, int *created,
                  shmwin_error_t *error) {
@@ -187,7 +196,7 @@ int open_claimed(shmwin_claim_t *claim, int present, const encap_db_config_t &co
     status = initialize(header, config, error);
   }
   if (status != 0) {
-    shmwin_detach(config.shm_id);
+    leave_window(config.shm_id);
     return status;
   }
   database = {true, config.shm_id};
@@ -226,7 +235,7 @@ int encap_db_close(void) {
     return ENOENT;
   }
   database.open = false;
-  return shmwin_detach(database.shm_id);
+  return leave_window(database.shm_id);
 }
 
 int encap_db_destroy(const char *directory, const char *name, int force, shmwin_error_t *error) {

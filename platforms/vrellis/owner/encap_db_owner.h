@@ -28,6 +28,9 @@ typedef struct encap_db_config {
   uint32_t tun_size;
   uint64_t size;    /* bytes of the window; 0: enough for every NH and every tunnel of the ranges */
   uint64_t address; /* where to map it; 0: a default that is free here */
+  uint32_t named;   /* which owners of the window's file are trusted besides the caller and root: SHMWIN_NAMED_USER, */
+  uint32_t user;    /* SHMWIN_NAMED_GROUP or both; see shmwin_config_t. Several users share a database with mode 0660 */
+  uint32_t group;   /* and a group that all of them name. */
 } encap_db_config_t;
 
 /*
@@ -36,12 +39,12 @@ typedef struct encap_db_config {
  * Returns: 0; 22 for a configuration that can never work (a tunnel index past 65535, a range past 32 bits, a window too
  *   small for the arrays) and for a database whose ranges differ from the configured ones; 17 when this process has a
  *   database open; the codes of shmwin.h; the status of mpls_egress_encap_db_init(); `error` filled with one sentence.
- *   A failure leaves nothing attached.
+ *   A failure leaves nothing attached, and `egress_encap_db` NULL unless a database was open before.
  * Locking: one thread of a process at a time opens or closes.
  */
 SHMWIN_API int encap_db_open(const encap_db_config_t *config, int *created, shmwin_error_t *error);
 
-/* Detaches the window of this process's database. Returns: 0; 2 when there is none. `egress_encap_db` is stale then. */
+/* Detaches the window of this process's database; `egress_encap_db` is NULL then. Returns: 0; 2 when there is none. */
 SHMWIN_API int encap_db_close(void);
 
 /* Removes the database's window; see shmwin_unlink(). */

@@ -175,4 +175,17 @@ Mapped maps_shared_memory(pid_t pid, std::uint64_t address) {
   return answer;
 }
 
+void describe_process(pid_t pid, char (&text)[kProcessTextBytes]) {
+  ProcessStat stat{};
+  if (!read_process_stat(pid, &stat)) {
+    std::snprintf(text, sizeof text, "process %d", pid);
+    return;
+  }
+  for (char *byte = stat.comm; *byte != '\0'; ++byte) {
+    *byte = *byte >= ' ' && *byte <= '~' ? *byte : '?';
+  }
+  const bool stopped = stat.state == 'T' || stat.state == 't';
+  std::snprintf(text, sizeof text, "process %d (%s)%s", pid, stat.comm, stopped ? ", which is stopped" : "");
+}
+
 }  // namespace vrellis

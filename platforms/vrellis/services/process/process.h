@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vrellis {
@@ -57,6 +58,10 @@ Liveness liveness_of_thread(pid_t tid);
 // program since it mapped its windows has not. Returns: unknown when the process may not be looked into.
 enum class Mapped { kUnknown, kYes, kNo };
 Mapped maps_shared_memory(pid_t pid, std::uint64_t address);
+
+// Writes "process 17 (name), which is stopped" for a message; bytes of the name that cannot be printed become '?'.
+inline constexpr std::size_t kProcessTextBytes = 128;
+void describe_process(pid_t pid, char (&text)[kProcessTextBytes]);
 
 }  // namespace vrellis
 

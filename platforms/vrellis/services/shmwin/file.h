@@ -2,6 +2,8 @@
 #ifndef VRELLIS_SHMWIN_FILE_H
 #define VRELLIS_SHMWIN_FILE_H
 
+#include <sys/types.h>
+
 #include <climits>
 #include <cstdint>
 
@@ -15,6 +17,11 @@ struct shmwin_claimed_file {
 };
 
 namespace vrellis {
+
+// The mode of a window's file.
+inline mode_t mode_of(const shmwin_config_t &config) {
+  return config.mode != 0 ? config.mode : 0600;
+}
 
 // Fills `error` (unless nullptr) with a sentence. Returns `status`.
 __attribute__((format(printf, 3, 4))) int refuse(shmwin_error_t *error, int status, const char *format, ...);

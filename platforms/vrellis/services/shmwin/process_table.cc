@@ -42,7 +42,9 @@ int refuse_if_attached(const WindowHeader &header, const char *name, shmwin_erro
     const std::uint64_t word = load_word(entry);
     const Liveness liveness = word != 0 ? liveness_of_entry(header, word) : Liveness::kDead;
     if (liveness == Liveness::kAlive) {
-      return refuse(error, EBUSY, "window '%s' is attached by process %d", name, pid_of_entry(word));
+      char who[kProcessTextBytes];
+      describe_process(pid_of_entry(word), who);
+      return refuse(error, EBUSY, "window '%s' is attached by %s", name, who);
     }
     if (liveness == Liveness::kUnknown) {
       return refuse(error, EBUSY,

@@ -119,8 +119,7 @@ int reserve(const shmwin_claim_t &claim, const shmwin_config_t &config, std::uin
     return refuse(error, EFBIG, "window '%s' needs %" PRIu64 " bytes, this process may make files of %" PRIu64,
                   claim.name, size, limit.rlim_cur);
   }
-  const mode_t mode = config.mode != 0 ? config.mode : 0600;
-  if (ftruncate(claim.fd, 0) != 0 || fchmod(claim.fd, mode) != 0) {
+  if (ftruncate(claim.fd, 0) != 0 || fchmod(claim.fd, mode_of(config)) != 0) {
     return refuse_system(error, errno, "prepare", claim.path);
   }
   int status = EINTR;

@@ -28,7 +28,11 @@ typedef struct shmwin_error {
   char text[320];
 } shmwin_error_t;
 
-/* What to create. */
+/* Which owners of a window's file the configuration names, in `named`. */
+#define SHMWIN_NAMED_USER 1u
+#define SHMWIN_NAMED_GROUP 2u
+
+/* What to create. Zero the record before filling it. */
 typedef struct shmwin_config {
   const char *directory; /* NULL: /dev/shm */
   const char *name;      /* file name within it, no '/' */
@@ -37,6 +41,9 @@ typedef struct shmwin_config {
   uint64_t size;         /* bytes, rounded up to whole pages of 4096 */
   uint64_t address;      /* where every process maps it; 0: a default for the id that is free here */
   uint64_t nodes56;      /* 56-byte nodes to expect: room for so many is kept from others; 0: not known */
+  uint32_t named;        /* SHMWIN_NAMED_USER, SHMWIN_NAMED_GROUP or both: the next two fields say something */
+  uint32_t user;         /* this user's file is trusted, and a new file is given to this user, which takes root */
+  uint32_t group;        /* this group's file is trusted, its members may write, and a new file is given to it */
 } shmwin_config_t;
 
 /* What a window holds. */
@@ -55,15 +62,21 @@ typedef struct shmwin_usage {
 } shmwin_stat_t;
 
 /*
- * The window's file, locked: what an owner does between open and close happens in no other process at the same time.
- * A window whose creator died half-way counts as absent.
+ * A window's file, opened and locked: what happens between shmwin_claim() and shmwin_release() happens in no other
+ * process at the same time. The claim ends when its process ends. A child of fork does not have it.
+ * Locking: one thread of a process at a time claims and removes windows.
  */
 typedef struct shmwin_claimed_file shmwin_claim_t;
 
 /*
- * Opens (and creates, mode `config->mode`) the window's file and takes its file lock, waiting for it.
- * Out: *present, whether a complete window is in it.
- * Returns: 0 with *claim to be given back by shmwin_release(); an errno value with `error` filled.
+ * Opens the window's file, or creates it with mode `config->mode`, and takes its file lock.
+ * The file must be a regular one that belongs to the caller, to root, or to the user or group that the configuration
+ * names. Users that are none of these must not be able to write to it: its mode must not allow that to all, and to its
+ * group only when the configuration names that group or its own mode has the same bit.
+ * Out: *present, 1 when a complete window is in the file. What a creator left that died before the end counts as none.
+ * Returns: 0 with *claim to be given back by shmwin_release(); 1 (EPERM) for a file that is not to be trusted; 22 for
+ *   a name, mode or file that can be no window's; 110 (ETIMEDOUT) when another process has kept the claim for 5 seconds
+ *   and more; another errno value; `error` filled.
  */
 SHMWIN_API int shmwin_claim(const shmwin_config_t *config, shmwin_claim_t **claim, int *present, shmwin_error_t *error);
 
@@ -94,8 +107,9 @@ SHMWIN_API int shmwin_detach(uint32_t shm_id);
 
 /*
  * Removes the window's file; processes that have it attached keep their mapping.
- * Returns: 0; 2 when there is none; 16 (EBUSY) when a live process has it attached, 22 when the file is no window, both
- *   unless `force` is set; another errno value; `error` filled.
+ * Returns: 0; 2 when there is none; 16 (EBUSY) when a live process has it attached or may have it (the window of another
+ *   PID namespace), 22 when the file is no window, both unless `force` is set; 110 as shmwin_claim(); another errno
+ *   value; `error` filled.
  */
 SHMWIN_API int shmwin_unlink(const char *directory, const char *name, int force, shmwin_error_t *error);
 
