@@ -1,5 +1,8 @@
 // The verbs beside live and dead processes: who is attached, who holds the lock, what may be done then; and load.
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 
 #include "encapctl_fixture.h"
@@ -118,17 +121,64 @@ TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
                             "10.0.4.0/24 encap mpls 202/16004 via 192.0.2.1 dev eth1\n"
                             "10.0.5.0/24 encap mpls 16005 via 192.0.2.1 dev eth1\n"
                             "10.0.6.0/24 encap mpls 16006 via 192.0.2.1 dev eth1\n";
-  const Outcome run = on_window({"load", listing, "--json", "--nh-size", "4", "--tun-start", "0", "--tun-size", "3"});
+  const std::vector<std::string> words = {"load", listing, "--nh-size", "4", "--tun-start", "0", "--tun-size", "3"};
+  std::vector<std::string> as_json = words;
+  as_json.push_back("--json");
+  const Outcome run = on_window(as_json);
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(has(run.err, "line 3"));
   EXPECT_EQ(run.object().at("refused_lines"), 1);
   EXPECT_EQ(run.object().at("new_nhs"), 4);
-  EXPECT_EQ(run.object().at("refused"), 2) << "one finds no tunnel index, one no NH index";
+  EXPECT_EQ(run.object().at("refused"), 2);
+  EXPECT_EQ(run.object().at("refusals"), Json::parse(R"([{"reason":"no NH index from 1000 to 1003 is free","count":1},
+                            {"reason":"no tunnel index from 0 to 2 is free","count":1}])"));
+  EXPECT_TRUE(has(on_window(words).out, "1 refused: no NH index from 1000 to 1003 is free"));
   EXPECT_EQ(on_window({"check"}).status, 0);
   const Outcome ranges = on_window({"load", listing, "--nh-size", "5"});
   EXPECT_EQ(ranges.status, 2);
   EXPECT_TRUE(has(ranges.err, "NH indexes from"));
-  EXPECT_EQ(on_window({"load", listing + ".none"}).status, 2);
+  std::ofstream(listing) << std::string(30u << 20, 'x');
+  const std::pair<std::string, const char *> refusals[] = {{listing + ".none", "No such file"},
+                                                           {directory(), "neither a file nor a pipe"},
+                                                           {"/dev/zero", "neither a file nor a pipe"},
+                                                           {listing, "line 1: it is longer than"}};
+  for (const auto &[file, sentence] : refusals) {
+    const Outcome refused = on_window({"load", file});
+    EXPECT_NE(refused.status, 0) << file;
+    EXPECT_TRUE(has(refused.err, sentence));
+    EXPECT_LT(refused.err.size(), 300u);
+  }
+  EXPECT_TRUE(has(on_window({"load", "-"}, {.in = "/dev/zero"}).err, "is larger than 256.0 MiB"));
+  unlink(listing.c_str());
+}
+
+// An interface has one number, in whichever listing it comes.
+TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
+  const std::string listing = path() + ".routes";
+  const auto load = [&](const std::string &routes, const std::string &pair = "") {
+    std::ofstream(listing) << routes;
+    std::vector<std::string> words = {"load", "-", "--json"};
+    words.insert(words.end(), pair.empty() ? 0 : 1, "--interface=" + pair);
+    return on_window(words, {.in = listing});
+  };
+  const std::string eth0 = "10.0.0.0/24 encap mpls 16001 dev eth0\n";
+  const std::string eth7 = "10.0.1.0/24 encap mpls 16001 dev eth7\n";
+  EXPECT_EQ(load(eth0).object().at("new_nhs"), 1);
+  EXPECT_EQ(load(eth7 + eth0).object().at("new_nhs"), 1) << "eth7 is another interface than eth0";
+  EXPECT_EQ(load(eth7).object().at("shared"), 1);
+  EXPECT_EQ(load("10.0.2.0/24 encap mpls 16001 dev bond3\n", "bond3=0x77").object().at("new_nhs"), 1);
+  EXPECT_EQ(on_window({"show", "nhs", "--ifh", "0x77", "--json"}).objects().size(), 1u);
+  EXPECT_TRUE(has(load(eth0, "eth0=0x77").err, "interface 'eth0' has the number 0x1000000"));
+  EXPECT_TRUE(has(load(eth0, "eth1=0x77").err, "number 0x77 is that of interface 'bond3'"));
+  EXPECT_TRUE(has(load(eth0, "eth1").err, "is no NAME=NUMBER"));
+  const std::string numbers = path() + ".interfaces";
+  std::ofstream(numbers, std::ios::app) << "0x99 eth";  // cut off by a death
+  EXPECT_EQ(load("10.0.3.0/24 encap mpls 16001 dev eth8\n").status, 0);
+  EXPECT_EQ(load(eth0 + eth7).object().at("shared"), 2);
+  chmod(numbers.c_str(), 0666);
+  EXPECT_TRUE(has(load(eth0).err, "another user may write to it"));
+  EXPECT_EQ(on_window({"destroy"}).status, 0);
+  EXPECT_NE(access(numbers.c_str(), F_OK), 0);
   unlink(listing.c_str());
 }
 

@@ -34,7 +34,6 @@ TEST(RouteFileTest, StackIsReadFromTheTopIntoTheKeyFromTheBottom) {
   EXPECT_EQ(hop.prefix, "10.1.0.0/24");
   EXPECT_EQ(hop.via, "192.0.2.1");
   EXPECT_EQ(hop.dev, "eth1");
-  EXPECT_EQ(hop.line, 1u);
   EXPECT_EQ(stack_text(hop), "100/200/16001");
 
   // out_label1, te_local_label..., out_label2, out_label3, ifh: every other bit of the key is 0.
@@ -152,13 +151,92 @@ TEST(RouteFileTest, EachBadLineGetsOneSentence) {
       {"10.0.0.0/24 encap mpls 100 via inet6 dev eth1", "gateway 'dev' is no address"},
       {"10.0.0.0/24 encap mpls 100 dev eth1 colour blue", "'colour' is no attribute of a route"},
       {"10.0.0.0/33 encap mpls 100 dev eth1",
-       "'10.0.0.0/33' is no destination: neither an address, a prefix nor 'default'"},
-      {"2001:db8::/129 via fe80::1", "'2001:db8::/129' is no destination: neither an address, a prefix nor 'default'"},
+       "'10.0.0.0/33' is no destination: neither an address, a prefix, a label nor 'default'"},
+      {"2001:db8::/129 via fe80::1",
+       "'2001:db8::/129' is no destination: neither an address, a prefix, a label nor 'default'"},
       {"nexthop encap mpls 100 dev eth1", "a next hop without a route above it"},
   };
   for (const auto &[line, reason] : cases) {
     EXPECT_EQ(sentences(read(std::string("\n") + line)), Sentences{std::string("line 2: ") + reason}) << line;
   }
+}
+
+// One hop a line: its prefix, stack and interface.
+std::vector<std::string> hops_of(const RouteFile &file) {
+  std::vector<std::string> all;
+  for (const Hop &hop : file.hops) {
+    all.push_back(hop.prefix + " " + stack_text(hop) + " " + hop.dev);
+  }
+  return all;
+}
+
+// What `ip -f mpls route`, `ip nexthop` and `ip route` print of the same routes, and what each prints with -j.
+TEST(RouteFileTest, MplsRoutesAndNextHopObjectsAreReadAsTextAndAsJson) {
+  const char *const text =
+      "10.0.0.0/24 nhid 42 proto static \n"
+      "id 41  encap mpls  200/16001 via 192.0.2.1 dev eth1 scope link proto static \n"
+      "id 42 group 41/43,2 proto static \n"
+      "id 43  encap mpls  16003 via inet6 fe80::1 dev eth3 \n"
+      "id 44 via 192.0.2.1 dev eth1 scope link \n"
+      "10.1.0.0/24 nhid 41 proto static \n"
+      "10.2.0.0/24 nhid 41  encap mpls  200/16001 via 192.0.2.1 dev eth1 proto static \n"
+      "10.3.0.0/24 nhid 44 proto static \n"
+      "1000 as to 200/16001 via inet 192.0.2.1 dev eth1 proto static \n"
+      "1001 via inet 192.0.2.1 dev eth1 \n"
+      "1002 proto static \n"
+      "\tnexthop as to 16003 via inet6 fe80::1  dev eth3 weight 1\n"
+      "\tnexthop via inet 192.0.2.1  dev eth1 weight 1\n";
+  const char *const json =
+      R"([{"dst":"10.0.0.0/24","nhid":42,"protocol":"static","flags":[]}]
+[{"id":41,"encap":"mpls","dst":"200/16001","gateway":"192.0.2.1","dev":"eth1","scope":"link","flags":[]},
+ {"id":42,"group":[{"id":41},{"id":43,"weight":2}],"protocol":"static","flags":[]},
+ {"id":43,"encap":{"encap_type":"mpls","dst":"16003"},"via":{"family":"inet6","host":"fe80::1"},"dev":"eth3"},
+ {"id":44,"gateway":"192.0.2.1","dev":"eth1","scope":"link","flags":[]}]
+[{"dst":"10.1.0.0/24","nhid":41,"protocol":"static","flags":[]},
+ {"type":"unicast","dst":"10.2.0.0/24","nhid":41,"encap":"mpls","dst":"200/16001","gateway":"192.0.2.1","dev":"eth1"},
+ {"dst":"10.3.0.0/24","nhid":44,"metric":20,"flags":[]}]
+[{"dst":1000,"to":"200/16001","via":{"family":"inet","host":"192.0.2.1"},"dev":"eth1","flags":[]},
+ {"dst":"1001","via":{"family":"inet","host":"192.0.2.1"},"dev":"eth1","flags":["onlink"]},
+ {"dst":"1002","nexthops":[{"to":"16003","via":{"family":"inet6","host":"fe80::1"},"dev":"eth3","weight":1},
+                           {"via":{"family":"inet","host":"192.0.2.1"},"dev":"eth1","weight":1,"flags":[]}]}])";
+  for (const char *listing : {text, json}) {
+    const RouteFile file = read(listing);
+    EXPECT_EQ(sentences(file), Sentences{}) << listing;
+    EXPECT_EQ(hops_of(file),
+              (Sentences{"10.1.0.0/24 200/16001 eth1", "10.2.0.0/24 200/16001 eth1", "1000 200/16001 eth1",
+                         "1002 16003 eth3", "10.0.0.0/24 200/16001 eth1", "10.0.0.0/24 16003 eth3"}))
+        << listing;
+    EXPECT_EQ(file.hops[4].route, file.hops[5].route);
+    EXPECT_EQ(file.labelled_routes, 5u);
+    EXPECT_EQ(file.plain_routes, 2u);
+  }
+}
+
+TEST(RouteFileTest, WhatIsNoListingIsRefusedWithinBounds) {
+  const struct {
+    std::string text;
+    const char *sentence;
+  } cases[] = {
+      {"10.0.0.0/24 nhid 7 proto static", "line 1: next-hop object '7' is listed nowhere: `ip nexthop` prints it"},
+      {std::string(30u << 20, 'x'), "line 1: it is longer than 1048576 bytes"},
+      {std::string(900, 'x'), "is no destination"},
+      {"[{\"dst\":\"10.0.0.0/24\",", "JSON: it is cut off or no JSON at byte"},
+      {std::string(1000, '['), "JSON: it nests deeper than `ip -j` does"},
+      {"[{\"dst\":\"10.0.0.0/24\",\"encap\":\"mpls\",\"dst\":\"3\",\"dev\":\"eth1\"}]", "route 1: label 3 is"},
+  };
+  for (const auto &[text, sentence_part] : cases) {
+    const RouteFile file = read(text);
+    EXPECT_TRUE(file.hops.empty());
+    ASSERT_EQ(file.faults.size(), 1u) << sentence_part;
+    EXPECT_NE(sentence(file.faults[0]).find(sentence_part), std::string::npos) << sentence(file.faults[0]);
+    EXPECT_LT(sentence(file.faults[0]).size(), 200u);
+  }
+  std::string many;
+  for (std::size_t i = 0; i < 2 * kMaxFaults; ++i) {
+    many += "rubbish\n";
+  }
+  EXPECT_EQ(read(many).faults.size(), kMaxFaults);
+  EXPECT_EQ(read(many).refused, 2 * kMaxFaults);
 }
 
 TEST(RouteFileTest, ABadLineTakesNothingElseWithIt) {
@@ -171,10 +249,11 @@ TEST(RouteFileTest, ABadLineTakesNothingElseWithIt) {
       "\tnexthop encap mpls 102 dev eth1 weight 1\n"
       "10.0.2.0/24 encap mpls nothing dev eth1\n"
       "10.0.3.0/24 encap mpls 103 dev eth1\n");
-  EXPECT_EQ(sentences(file), (Sentences{"line 3: label 1048576 is past 20 bits",
-                                        "line 5: 'rubbish' is no destination: neither an address, a prefix nor "
-                                        "'default'",
-                                        "line 7: label 'nothing' is no number"}));
+  EXPECT_EQ(sentences(file),
+            (Sentences{"line 3: label 1048576 is past 20 bits",
+                       "line 5: 'rubbish' is no destination: neither an address, a prefix, a label nor "
+                       "'default'",
+                       "line 7: label 'nothing' is no number"}));
   ASSERT_EQ(file.hops.size(), 3u);
   EXPECT_EQ(file.hops[0].label[0], 100u);
   EXPECT_EQ(file.hops[1].label[0], 101u);

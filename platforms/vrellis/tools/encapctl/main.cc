@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include "ed/query.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace {
 

@@ -1,271 +1,169 @@
 #include "route_file.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
-#include <charconv>
-#include <optional>
-#include <string_view>
 #include <utility>
 
+#include "attributes.h"
+#include "reader.h"
+
 namespace route_file {
-namespace {
 
 using std::string_view;
 
-// Words that may stand before the destination.
-constexpr string_view kRouteTypes[] = {"unicast", "local",       "broadcast", "multicast", "anycast",
-                                       "throw",   "unreachable", "prohibit",  "blackhole", "nat"};
-
-// Attributes that are read over: with one value, and alone. ("ttl-propogate" is how some versions print it.)
-constexpr string_view kValued[] = {
-    "advmss",   "age",        "congctl",       "cwnd",         "error",    "expires",  "fastopen_no_cookie",
-    "features", "from",       "hoplimit",      "iif",          "initcwnd", "mark",     "initrwnd",
-    "metric",   "mtu",        "nhid",          "pref",         "proto",    "quickack", "realm",
-    "realms",   "reordering", "rto_min",       "rtt",          "rttvar",   "scope",    "src",
-    "table",    "ssthresh",   "tos",           "ttl",          "uid",      "used",     "users",
-    "weight",   "window",     "ttl-propagate", "ttl-propogate"};
-constexpr string_view kFlags[] = {"dead",           "linkdown", "notify",     "offload",
-                                  "offload_failed", "onlink",   "rt_offload", "rt_offload_failed",
-                                  "rt_trap",        "trap",     "pervasive",  "unresolved"};
-
-bool is_one_of(string_view word, const auto &list) {
-  return std::ranges::find(list, word) != std::end(list);
+void Reader::line(string_view text, std::string where) {
+  where_ = std::move(where);
+  if (text.starts_with('#')) {
+    return;
+  }
+  if (text.size() > kMaxLineBytes) {
+    return refuse("it is longer than " + std::to_string(kMaxLineBytes) + " bytes");
+  }
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\\'), text.size());
+    piece(words_of(text.substr(0, end)));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
 }
 
-std::string quoted(string_view word) {
-  return "'" + std::string(word) + "'";
+RouteFile Reader::finish() {
+  close_route();
+  for (Route &route : std::exchange(deferred_, {})) {
+    where_ = route.where;
+    if (objects_.contains(route.nhid)) {
+      take_object(route);
+    } else {
+      refuse("next-hop object " + quoted(route.nhid) + " is listed nowhere: `ip nexthop` prints it");
+    }
+  }
+  return std::move(file_);
 }
 
-std::vector<string_view> words_of(string_view line) {
-  constexpr string_view kBlanks = " \t\r\v\f";
-  std::vector<string_view> words;
-  for (std::size_t at = line.find_first_not_of(kBlanks); at != string_view::npos;) {
-    const std::size_t end = std::min(line.find_first_of(kBlanks, at), line.size());
-    words.push_back(line.substr(at, end - at));
-    at = line.find_first_not_of(kBlanks, end);
+// Words of one route, one next hop or one next-hop object.
+void Reader::piece(std::vector<string_view> words) {
+  if (words.empty()) {
+    return;
   }
-  return words;
-}
-
-std::optional<std::uint32_t> number_of(string_view word) {
-  std::uint32_t value = 0;
-  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-  if (end != word.data() + word.size() || word.empty() || error == std::errc::invalid_argument) {
-    return std::nullopt;
+  const bool next_hop = words.front() == "nexthop";
+  if (next_hop && route_.state == Route::kNone) {
+    return refuse("a next hop without a route above it");
   }
-  return error == std::errc{} ? value : UINT32_MAX;
-}
-
-// Bits of an address of the family in `word`; 0 when it is none.
-std::uint32_t address_bits(string_view word) {
-  const std::string text(word);
-  in6_addr address{};
-  if (inet_pton(AF_INET, text.c_str(), &address) == 1) {
-    return 32;
-  }
-  return inet_pton(AF_INET6, text.c_str(), &address) == 1 ? 128 : 0;
-}
-
-bool is_destination(string_view word) {
-  if (word == "default") {
-    return true;
-  }
-  const std::size_t slash = word.find('/');
-  const std::uint32_t bits = address_bits(word.substr(0, slash));
-  if (slash == string_view::npos || bits == 0) {
-    return bits != 0;
-  }
-  return number_of(word.substr(slash + 1)).value_or(UINT32_MAX) <= bits;
-}
-
-// Empty when `word` is a label that may stand `above_bottom` in a stack, else the reason.
-std::string label_fault(string_view word, bool above_bottom) {
-  const std::optional<std::uint32_t> label = number_of(word);
-  if (!label) {
-    return word.empty() ? "a label is missing between slashes" : "label " + quoted(word) + " is no number";
-  }
-  if (*label > kMaxLabel) {
-    return "label " + std::string(word) + " is past 20 bits";
-  }
-  if (*label == 3) {
-    return "label 3 is the implicit null, which never stands in a stack";
-  }
-  if (*label == 0 && above_bottom) {
-    return "label 0 is the explicit null, which stands at the bottom of a stack only";
-  }
-  return {};
-}
-
-// Fills the labels of `hop` from "top/.../bottom". Empty, or the reason.
-std::string read_stack(string_view text, Hop &hop) {
-  const std::size_t count = static_cast<std::size_t>(std::ranges::count(text, '/')) + 1;
-  if (count > kMaxLabels) {
-    return "a stack of " + std::to_string(count) + " labels is past the three that an encapsulation has";
-  }
-  hop.depth = count;
-  for (std::size_t level = count; level-- > 0;) {
-    const std::size_t slash = std::min(text.find('/'), text.size());
-    const string_view word = text.substr(0, slash);
-    if (std::string reason = label_fault(word, level > 0); !reason.empty()) {
-      return reason;
-    }
-    hop.label[level] = *number_of(word);
-    text.remove_prefix(std::min(slash + 1, text.size()));
-  }
-  return {};
-}
-
-// The words of one route or next hop behind its destination, consumed from the front.
-class Attributes {
- public:
-  explicit Attributes(std::vector<string_view> words) : words_(std::move(words)) {}
-
-  bool has_mpls() const {
-    const auto encap = std::ranges::find(words_, "encap");
-    return encap != words_.end() && encap + 1 != words_.end() && encap[1] == "mpls";
-  }
-
-  // Empty, or the reason why these are no labelled next hop.
-  std::string read(Hop &hop) {
-    while (at_ < words_.size()) {
-      if (std::string reason = read_one(words_[at_++], hop); !reason.empty()) {
-        return reason;
-      }
-    }
-    return hop.dev.empty() ? "a labelled next hop needs an interface: 'dev' is missing" : "";
-  }
-
- private:
-  string_view next() { return at_ < words_.size() ? words_[at_++] : string_view{}; }
-
-  std::string read_one(string_view name, Hop &hop) {
-    if (is_one_of(name, kFlags)) {
-      return {};
-    }
-    string_view value = next();
-    const bool family = name == "via" && (value == "inet" || value == "inet6");
-    if (family || (value == "lock" && is_one_of(name, kValued))) {
-      value = next();
-    }
-    if (name == "encap") {
-      const string_view stack = next();
-      return stack.empty() ? "no labels behind 'encap mpls'" : read_stack(stack, hop);
-    }
-    if (name != "via" && name != "dev" && !is_one_of(name, kValued)) {
-      return quoted(name) + " is no attribute of a route";
-    }
-    if (value.empty()) {
-      return "no value behind " + quoted(name);
-    }
-    if (name == "via" && address_bits(value) == 0) {
-      return "gateway " + quoted(value) + " is no address";
-    }
-    if (name == "via" || name == "dev") {
-      (name == "via" ? hop.via : hop.dev) = value;
-    }
-    return {};
-  }
-
-  std::vector<string_view> words_;
-  std::size_t at_ = 0;
-};
-
-class Reader {
- public:
-  void line(string_view text) {
-    ++line_;
-    if (text.starts_with('#')) {
-      return;
-    }
-    while (!text.empty()) {
-      const std::size_t end = std::min(text.find('\\'), text.size());
-      piece(words_of(text.substr(0, end)));
-      text.remove_prefix(std::min(end + 1, text.size()));
-    }
-  }
-
-  RouteFile finish() {
+  if (!next_hop) {
     close_route();
-    return std::move(file_);
+    if (words.front() == "id" && words.size() > 1) {
+      return object(words);
+    }
+    begin_route(words);
   }
+  words.erase(words.begin());
+  Attributes attributes(std::move(words));
+  // A listing that spells the object's next hops out needs no object.
+  route_.nhid = next_hop || !attributes.value_of("dev").empty() ? "" : attributes.value_of("nhid");
+  if (!attributes.has_mpls() || route_.state == Route::kNoDestination) {
+    return;
+  }
+  Hop hop;
+  const std::string reason = attributes.read(hop);
+  if (reason.empty()) {
+    return add(std::move(hop), route_);
+  }
+  route_.state = route_.state == Route::kPlain ? Route::kFaulty : route_.state;
+  refuse(reason);
+}
 
- private:
-  // kFaulty: its labelled next hops were refused so far, more may follow. kNoDestination: its next hops go with it,
-  // without a sentence each.
-  enum class Route { kNone, kPlain, kLabelled, kFaulty, kNoDestination };
-
-  void piece(std::vector<string_view> words) {
-    if (words.empty()) {
-      return;
-    }
-    const bool next_hop = words.front() == "nexthop";
-    if (next_hop && route_ == Route::kNone) {
-      return refuse("a next hop without a route above it");
-    }
-    if (!next_hop) {
-      close_route();
-      route_ = Route::kPlain;
-      if (is_one_of(words.front(), kRouteTypes) && words.size() > 1) {
-        words.erase(words.begin());
-      }
-      if (!is_destination(words.front())) {
-        route_ = Route::kNoDestination;
-        return refuse(quoted(words.front()) + " is no destination: neither an address, a prefix nor 'default'");
-      }
-      prefix_ = words.front();
-    }
+void Reader::begin_route(std::vector<string_view> &words) {
+  if (is_route_type(words.front()) && words.size() > 1) {
     words.erase(words.begin());
-    attributes(Attributes(std::move(words)));
   }
+  route_ = {Route::kPlain, where_, std::string(words.front()), {}};
+  if (!is_destination(words.front())) {
+    route_.state = Route::kNoDestination;
+    refuse(quoted(words.front()) + " is no destination: neither an address, a prefix, a label nor 'default'");
+  }
+}
 
-  void attributes(Attributes words) {
-    if (!words.has_mpls() || route_ == Route::kNoDestination) {
-      return;
-    }
+// "id 41 encap mpls 100 via 192.0.2.1 dev eth1" or "id 42 group 41/43,2".
+void Reader::object(const std::vector<string_view> &words) {
+  Object &object = objects_[std::string(words[1])] = {};
+  Attributes attributes({words.begin() + 2, words.end()});
+  string_view group = attributes.value_of("group");
+  while (!group.empty()) {
+    const string_view member = group.substr(0, group.find('/'));
+    object.members.emplace_back(member.substr(0, member.find(',')));
+    group.remove_prefix(std::min(member.size() + 1, group.size()));
+  }
+  if (attributes.has_mpls()) {
     Hop hop;
-    hop.line = line_;
-    hop.prefix = prefix_;
-    const std::string reason = words.read(hop);
+    const std::string reason = attributes.read(hop);
     if (!reason.empty()) {
-      route_ = route_ == Route::kPlain ? Route::kFaulty : route_;
+      object.faulty = true;
       return refuse(reason);
     }
-    file_.labelled_routes += route_ != Route::kLabelled;
-    route_ = Route::kLabelled;
-    hop.route = file_.labelled_routes - 1;
-    hop.ifh = handle_of(hop.dev);
-    file_.hops.push_back(std::move(hop));
+    object.hop = std::move(hop);
   }
+}
 
-  std::uint32_t handle_of(const std::string &name) {
-    const auto found = std::ranges::find(file_.interfaces, name);
-    const auto position = static_cast<std::uint32_t>(found - file_.interfaces.begin());
-    if (found == file_.interfaces.end()) {
-      file_.interfaces.push_back(name);
+// Gives a route the next hops of its object, or of the members of its object.
+void Reader::take_object(Route &route) {
+  const auto take = [&](const Object &object) {
+    if (object.faulty) {
+      route.state = route.state == Route::kPlain ? Route::kFaulty : route.state;
+    } else if (object.hop) {
+      add(*object.hop, route);
     }
-    return kFirstIfh + position;
+  };
+  const Object &object = objects_.at(route.nhid);
+  take(object);
+  for (const std::string &member : object.members) {
+    if (const auto found = objects_.find(member); found != objects_.end()) {
+      take(found->second);
+    }
   }
+  file_.plain_routes += route.state == Route::kPlain;
+}
 
-  void close_route() {
-    file_.plain_routes += route_ == Route::kPlain;
-    route_ = Route::kNone;
+void Reader::add(Hop hop, Route &route) {
+  if (file_.hops.size() == kMaxHops) {
+    return refuse("the listing has more than " + std::to_string(kMaxHops) + " next hops");
   }
+  file_.labelled_routes += route.state != Route::kLabelled;
+  route.state = Route::kLabelled;
+  hop.prefix = route.prefix;
+  hop.route = file_.labelled_routes - 1;
+  const auto [handle, fresh] =
+      handles_.try_emplace(hop.dev, kFirstIfh + static_cast<std::uint32_t>(file_.interfaces.size()));
+  if (fresh) {
+    file_.interfaces.push_back(hop.dev);
+  }
+  hop.ifh = handle->second;
+  file_.hops.push_back(std::move(hop));
+}
 
-  void refuse(std::string reason) { file_.faults.push_back({line_, std::move(reason)}); }
+void Reader::close_route() {
+  if (route_.state == Route::kPlain && !route_.nhid.empty()) {
+    objects_.contains(route_.nhid) ? take_object(route_) : deferred_.push_back(route_);
+  } else {
+    file_.plain_routes += route_.state == Route::kPlain;
+  }
+  route_.state = Route::kNone;
+}
 
-  RouteFile file_;
-  std::string prefix_;
-  Route route_ = Route::kNone;
-  std::uint32_t line_ = 0;
-};
-
-}  // namespace
+void Reader::refuse(std::string reason) {
+  if (++file_.refused <= kMaxFaults) {
+    file_.faults.push_back({where_, std::move(reason)});
+  }
+}
 
 RouteFile read_routes(std::istream &in) {
   Reader reader;
-  for (std::string text; std::getline(in, text);) {
-    reader.line(text);
+  std::uint64_t lines = 0;
+  for (std::string text; in.peek() != std::istream::traits_type::eof();) {
+    if (in.peek() == '[') {
+      if (!read_json(in, reader)) {
+        break;
+      }
+    } else if (std::getline(in, text)) {
+      reader.line(text, "line " + std::to_string(++lines));
+    }
   }
   return reader.finish();
 }
@@ -288,7 +186,7 @@ std::string stack_text(const Hop &hop) {
 }
 
 std::string sentence(const Fault &fault) {
-  return "line " + std::to_string(fault.line) + ": " + fault.reason;
+  return fault.where + ": " + fault.reason;
 }
 
 }  // namespace route_file

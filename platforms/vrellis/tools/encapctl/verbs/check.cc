@@ -5,7 +5,7 @@
 
 #include "repair.h"
 #include "shmwin.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 #include "window/window.h"
 
 namespace encapctl {

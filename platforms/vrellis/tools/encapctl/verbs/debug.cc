@@ -6,7 +6,7 @@
 
 #include "output/output.h"
 #include "remote/points.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace encapctl {
 namespace {

@@ -1,9 +1,11 @@
 // encapctl destroy: removes a window that nobody uses.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "encap_db_owner.h"
+#include "load/interfaces.h"
 #include "output/output.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace encapctl {
 namespace {
@@ -20,6 +22,7 @@ int run(DestroyOptions &options) {
       0) {
     throw Failure(error.text);
   }
+  unlink(Interfaces::path_of(options.window.path()).c_str());
   const Output out(options.output);
   if (out.json()) {
     out.object("destroy", {{"path", options.window.path()}, {"forced", options.force}});

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "shmwin/layout.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace encapctl {
 namespace {

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "verbs/verbs.h"
+#include "verbs.h"
 #include "window/window.h"
 
 namespace encapctl {

@@ -10,7 +10,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "verbs/verbs.h"
+#include "verbs.h"
 #include "window/window.h"
 
 namespace encapctl {

@@ -5,7 +5,7 @@
 #include <array>
 
 #include "trace/window_traces.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace encapctl {
 namespace {

@@ -5,7 +5,7 @@
 #include <bit>
 #include <vector>
 
-#include "verbs/verbs.h"
+#include "verbs.h"
 #include "window/window.h"
 
 namespace encapctl {

@@ -8,7 +8,7 @@
 
 #include "trace/perfetto.h"
 #include "trace/window_traces.h"
-#include "verbs/verbs.h"
+#include "verbs.h"
 
 namespace encapctl {
 namespace {

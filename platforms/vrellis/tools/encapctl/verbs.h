@@ -3,8 +3,8 @@
 #ifndef ENCAPCTL_VERBS_H
 #define ENCAPCTL_VERBS_H
 
+#include "options.h"
 #include "output/failure.h"
-#include "verbs/options.h"
 
 namespace encapctl {
 

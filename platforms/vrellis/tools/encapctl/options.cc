@@ -1,4 +1,4 @@
-#include "verbs/options.h"
+#include "options.h"
 
 namespace encapctl {
 namespace {
