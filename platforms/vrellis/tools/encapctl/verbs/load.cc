@@ -159,8 +159,9 @@ int run(LoadOptions &options) {
 void add_load(CLI::App &app, int &status) {
   auto [verb, options] =
       add_verb<LoadOptions>(app, status, run, "load", "Enter the encapsulations of a listing that `ip` prints",
+                            "  encapctl load routes.txt --dir /tmp --name lab\n"
                             "  (ip nexthop; ip route; ip -6 route; ip -f mpls route) | encapctl load -\n"
-                            "  ip -j route > routes.json; encapctl load routes.json --dir /tmp --name lab\n"
+                            "  ip -j route | encapctl load - --interface eth1=0x2000001\n"
                             "Each labelled next hop adds one reference. Ranges are those of the database that exists; "
                             "the defaults are for a\n"
                             "new one. The numbers of the interfaces are kept in NAME.interfaces beside the window.\n"
