@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 
 #include "encapctl_fixture.h"
@@ -180,6 +181,24 @@ TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
   EXPECT_EQ(on_window({"destroy"}).status, 0);
   EXPECT_NE(access(numbers.c_str(), F_OK), 0);
   unlink(listing.c_str());
+}
+
+// Seen from another PID namespace, the attached processes cannot be told to be dead.
+TEST_F(EncapctlTest, DestroyFromAnotherPidNamespaceIsRefused) {
+  constexpr char kElsewhere[] = "unshare --pid --fork --mount-proc ";
+  if (std::system((kElsewhere + std::string("true 2>/dev/null")).c_str()) != 0) {
+    GTEST_SKIP() << "this user may make no PID namespace";
+  }
+  make_database();
+  const Child child = fork_child([&](const Ready &) { open_database(); });
+  const std::string command = kElsewhere + std::string(ENCAPCTL_BINARY " destroy --dir ") + directory() + " --name " +
+                              name_ + " 2>" + directory() + "/refusal";
+  EXPECT_NE(std::system(command.c_str()), 0);
+  EXPECT_EQ(access(path().c_str(), F_OK), 0);
+  std::ifstream refusal(directory() + "/refusal");
+  std::string text;
+  std::getline(refusal, text);
+  EXPECT_TRUE(has(text, "namespace"));
 }
 
 }  // namespace

@@ -1,0 +1,136 @@
+// docs/json.md against what the verbs print: every key is documented with its type, and every documented key is printed.
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "encap_db_owner.h"
+#include "encapctl_fixture.h"
+
+namespace encapctl_test {
+namespace {
+
+using Keys = std::map<std::string, std::string>;  // by key: its types, as the page writes them
+
+// The tables of the page, by kind.
+std::map<std::string, Keys> read_page() {
+  std::map<std::string, Keys> kinds;
+  std::ifstream page(ENCAPCTL_JSON_PAGE);
+  std::string kind;
+  for (std::string line; std::getline(page, line);) {
+    if (line.starts_with("## ")) {
+      kind = line.substr(3);
+    } else if (line.find(", with the keys of `") != line.npos) {
+      const std::size_t name = line.find('`') + 1;
+      const Keys base = kinds.at(line.substr(name, line.find('`', name) - name));
+      kinds[kind].insert(base.begin(), base.end());
+    } else if (!kind.empty() && line.starts_with("| ") && !line.starts_with("| key |")) {
+      const std::size_t type = line.find(" | ") + 3;
+      kinds[kind][line.substr(2, type - 5)] = line.substr(type, line.find(" | ", type) - type);
+    }
+  }
+  return kinds;
+}
+
+class Page {
+ public:
+  void compare(const std::string &kind, const Json &object) {
+    ASSERT_TRUE(kinds_.contains(kind)) << kind;
+    walk(kind, "", object);
+  }
+
+  std::set<std::string> unseen() const {
+    std::set<std::string> left;
+    for (const auto &[kind, keys] : kinds_) {
+      for (const auto &[key, types] : keys) {
+        if (!seen_.contains(kind + ": " + key)) {
+          left.insert(kind + ": " + key);
+        }
+      }
+    }
+    return left;
+  }
+
+ private:
+  void walk(const std::string &kind, const std::string &key, const Json &value) {
+    const auto documented = kinds_.at(kind).find(key);
+    const std::string types = documented == kinds_.at(kind).end() ? "" : documented->second;
+    const std::string name = types.substr(0, types.find(" or "));
+    if (!types.empty()) {
+      seen_.insert(kind + ": " + key);
+    }
+    if (value.is_object() && kinds_.contains(name)) {
+      walk(name, "", value);
+    } else if (value.is_object()) {
+      for (const auto &[inner, content] : value.items()) {
+        if (!key.empty() || (inner != "schema" && inner != "kind")) {
+          walk(kind, key + (key.empty() ? "" : ".") + inner, content);
+        }
+      }
+    } else if (value.is_array()) {
+      for (const Json &element : value) {
+        walk(kind, key + "[]", element);
+      }
+    } else {
+      const bool fits = name == value.type_name() || (value.is_null() && types.ends_with(" or null"));
+      EXPECT_TRUE(fits) << kind << ": " << key << " is documented as '" << types << "', printed: " << value;
+    }
+  }
+
+  const std::map<std::string, Keys> kinds_ = read_page();
+  std::set<std::string> seen_;
+};
+
+TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
+  Page page;
+  const auto run = [&](std::vector<std::string> words, bool window = true) {
+    words.push_back("--json");
+    const Outcome outcome = window ? on_window(words) : encapctl(words);
+    std::istringstream lines(outcome.out);
+    for (std::string line; std::getline(lines, line);) {
+      const Json object = Json::parse(line);
+      page.compare(object.at("kind"), object);
+    }
+    return outcome;
+  };
+  const std::string listing = path() + ".routes";
+  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n";
+  run({"load", listing, "--nh-start", "1000", "--nh-size", "1"});
+  encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
+  make_database();
+  {
+    const Child holder = fork_child([&](const Ready &) {
+      open_database();
+      vrl_find_and_share_egress_nh(1001);
+      vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
+    });
+    const Child waiter = fork_child([&](const Ready &ready) {
+      open_database();
+      ready();
+      vrl_find_and_share_egress_nh(1001);
+    });
+    for (int tries = 0; tries < 100 && on_window({"status", "--json"}).object().at("waits").empty(); ++tries) {
+    }
+    run({"status"});
+    run({"trace"});
+    run({"debug", holder.pid(), "id 46 +p"}, false);
+    run({"find", "nh=1001"});
+  }
+  open_database();
+  egress_encap_db->tun_info_array[101 - kTunStart].ref_count = 9;
+  close_database();
+  run({"find", "tun=101", "--all-traces"});
+  run({"list", "--dir", directory()}, false);
+  for (const char *words : {"show nhs", "show tunnels", "summary", "check", "repair", "debug list", "destroy"}) {
+    if (std::string(words) == "destroy") {
+      run({"snapshot", path() + ".snap"});
+    }
+    std::istringstream split(words);
+    run({std::istream_iterator<std::string>(split), {}}, !std::string(words).starts_with("debug"));
+  }
+  EXPECT_EQ(page.unseen(), std::set<std::string>{});
+  unlink(listing.c_str());
+  unlink((path() + ".snap").c_str());
+}
+
+}  // namespace
+}  // namespace encapctl_test
