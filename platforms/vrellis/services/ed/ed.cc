@@ -23,21 +23,31 @@ namespace {
 using namespace vrellis;
 
 constexpr size_t kMaxCatalogues = 32;
-constexpr uint32_t kMaxPoints = 65536;  // where the walk of a chain gives up
+constexpr uint32_t kMaxPoints = 65536;  // a longer chain is cut here, since it may be a ring
 
-// A registered component. Its place in the table is its trace tag - 1. Fixed when the table's size is raised, but for
-// the catalogue, which may come later.
+// A registered component. Its place in the table is its trace tag - 1. Its fields are fixed before the table's size is
+// raised, except the catalogue, which may come later.
 struct Entry {
   ed_component_t *component = nullptr;
   uint32_t num_points = 0;
   std::atomic<const ed_catalogue_t *> catalogue{nullptr};
 };
 
-// Guards what changes the tables and the points' flags; what prints or lists reads without it.
+// Guards changes of the tables and of the points' flags. Printing and listing read both without it.
 constinit pthread_mutex_t registry_mutex = PTHREAD_MUTEX_INITIALIZER;
 constinit std::array<Entry, ED_MAX_COMPONENTS> registry{};
 constinit std::atomic<size_t> registry_size{0};  // entries below it may be read
 constinit std::array<const ed_catalogue_t *, kMaxCatalogues> catalogues{};
+
+// The thread that held the mutex when the process forked does not exist in the child, so the child makes it anew. A
+// table is complete at every moment: what that thread was adding is not counted yet, and the child can add it again.
+void child_begins() {
+  registry_mutex = PTHREAD_MUTEX_INITIALIZER;
+}
+
+[[gnu::constructor]] void watch_forks() {
+  pthread_atfork(nullptr, nullptr, child_begins);
+}
 
 class RegistryLock {
  public:
@@ -79,7 +89,8 @@ ed_point_t describe(const Entry &entry, ed_site_t &site, uint32_t id) {
   return point;
 }
 
-// Calls visit(site, point) for each point of a component. The chain falls by line, so its last point has id 0.
+// Calls visit(site, point) for each point of a component. The chain is in descending order of lines, so its last point
+// has id 0.
 template <class Visit>
 void for_each_point_of(const Entry &entry, Visit visit) {
   ed_site_t *site = entry.component->sites;
@@ -89,7 +100,7 @@ void for_each_point_of(const Entry &entry, Visit visit) {
   }
 }
 
-// True if a catalogue is that of this very chain.
+// True if the catalogue describes the points of this chain.
 bool fits(const ed_catalogue_t &catalogue, const Entry &entry) {
   if (std::strcmp(or_nothing(catalogue.component), or_nothing(entry.component->name)) != 0 ||
       catalogue.num_rows != entry.num_points || catalogue.row == nullptr) {
@@ -120,7 +131,7 @@ bool makes_sense(const Query &query, std::span<const Entry> entries, ed_query_er
   return verdict.sound(error);
 }
 
-// Requires: registry_mutex, against other changes; the points read their flags while they change.
+// Requires: registry_mutex, which keeps other changes away. The points read their flags while this changes them.
 void apply(const Query &query, std::span<const Entry> entries) {
   for (const Entry &entry : entries) {
     for_each_point_of(entry, [&](ed_site_t &site, const ed_point_t &point) {
@@ -135,7 +146,7 @@ void apply(const Query &query, std::span<const Entry> entries) {
   }
 }
 
-// Applies ED_DEBUG to a new component, leaving out the statements that name others. Requires: registry_mutex.
+// Applies ED_DEBUG to a new component; statements that name other components are left out. Requires: registry_mutex.
 void apply_environment(const Entry &entry) {
   const char *text = secure_getenv("ED_DEBUG");
   QueryReader reader(or_nothing(text));
@@ -160,7 +171,8 @@ void apply_environment(const Entry &entry) {
   }
 }
 
-// Calls visit(query) for each statement until it answers false. True when there are some and none has a mistake.
+// Calls visit(query) for each statement until it answers false.
+// Returns: true when there is at least one statement and none has a mistake.
 template <class Visit>
 bool for_each_statement(std::string_view text, ed_query_error_t &error, Visit visit) {
   QueryReader reader(text);

@@ -130,8 +130,9 @@ ED_STATIC_ASSERT(sizeof(ed_component_t) == 2872, "size of a component");
  * and one trace handle a flag (tag << 8 | index + 1), tells the trace facility its name, and applies ED_DEBUG to its
  * points. A statement of ED_DEBUG with a mistake is reported by one line at the sink and left out; the others apply.
  * Registering again does nothing. A component too many is reported and keeps tag 0.
- * Locking: a process-local mutex of the facility, shared with ed_query() and ed_add_catalogue(). A process that forks
- * while another of its threads holds it must not call these in the child before exec; all else works there.
+ * Locking: a process-local mutex of the facility, shared with ed_query() and ed_add_catalogue(). The child of a fork may
+ * call all three: what another thread was registering at the fork is not registered there, and a query that another
+ * thread was applying may have reached only some of the points.
  */
 ED_API void ed_init(ed_component_t *component);
 

@@ -8,6 +8,7 @@
 #include "ed.h"
 #include "ed/registry.h"
 #include "oxa_errmsg/log_line.h"
+#include "oxa_errmsg/outlet.h"
 #include "oxa_errmsg/rate_limit.h"
 
 namespace {
@@ -77,7 +78,7 @@ void vrellis::put_line(LogLine &line) {
   if (to.function != nullptr) {
     to.function(to.context, whole.data(), whole.size());
   } else {
-    write_to_stderr(whole.data(), whole.size());
+    write_to_stderr(whole);
   }
 }
 

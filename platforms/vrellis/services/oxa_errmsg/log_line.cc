@@ -2,23 +2,22 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "oxa_errmsg/local_time.h"
+
 namespace vrellis {
 
 LogLine::LogLine() {
   timespec now{};
-  tm local{};
   clock_gettime(CLOCK_REALTIME, &now);
-  localtime_r(&now.tv_sec, &local);
-  length_ = std::strftime(line_.data(), line_.size(), "%Y-%m-%d %H:%M:%S", &local);
-  const int written =
-      std::snprintf(&line_[length_], line_.size() - length_, ".%06ld %d/%d ", now.tv_nsec / 1000, getpid(), gettid());
-  length_ += static_cast<size_t>(written);
+  const LocalTime local = local_time(now.tv_sec);
+  length_ = static_cast<size_t>(std::snprintf(line_.data(), line_.size(), "%04u-%02u-%02u %02u:%02u:%02u.%06ld %d/%d ",
+                                              local.year, local.month, local.day, local.hour, local.minute,
+                                              local.second, now.tv_nsec / 1000, getpid(), gettid()));
 }
 
 LogLine &LogLine::text(const char *piece) {
@@ -36,14 +35,14 @@ LogLine &LogLine::number(uint64_t value) {
 }
 
 void LogLine::used(size_t wanted) {
-  const std::span<char> there = room();
-  if (there.empty()) {
+  const std::span<char> free = room();
+  if (free.empty()) {
     return;
   }
-  const bool whole = wanted < there.size();
-  const size_t kept = whole ? wanted : there.size() - 1;
+  const bool whole = wanted < free.size();
+  const size_t kept = whole ? wanted : free.size() - 1;
   if (!whole && kept >= 3) {
-    std::fill_n(&there[kept - 3], 3, '.');
+    std::fill_n(&free[kept - 3], 3, '.');
   }
   length_ += kept;
 }
@@ -54,13 +53,6 @@ std::string_view LogLine::finish() {
   line_[length_] = '\n';
   line_[length_ + 1] = '\0';
   return {line_.data(), length_};
-}
-
-void write_to_stderr(const char *line, size_t length) {
-  const int before = errno;
-  while (write(STDERR_FILENO, line, length + 1) < 0 && errno == EINTR) {
-  }
-  errno = before;
 }
 
 }  // namespace vrellis

@@ -1,5 +1,6 @@
 /*
- * One line of the log, for the facilities that print: built on the stack, handed on in one piece. Internal.
+ * One line of the log, which the facilities that print build on the stack and hand on in one piece. Internal. Nothing
+ * here takes a lock, waits or allocates; all of it may run in a signal handler and in a child of fork().
  *
  *   2026-03-01 14:05:09.123456 4711/4713 <what the facility says>
  *   local time                 process/thread
@@ -17,8 +18,8 @@
 
 namespace vrellis {
 
-// Appends what fits and drops the rest. Its longest part, the message, is formatted in place between room() and
-// used(), which leave space for a short note behind it.
+// Appends what fits and drops the rest. The message, which is the longest part, is formatted in place: into room(),
+// and then used() takes it over. Both leave space for a short note behind the message.
 class LogLine {
  public:
   LogLine();  // the time and "process/thread "
@@ -29,7 +30,7 @@ class LogLine {
   std::span<char> room() { return std::span(line_).subspan(length_, kBodyEnd - std::min(length_, kBodyEnd)); }
   void used(size_t wanted);  // `wanted` as snprintf() returns it; past the room, the text ends in "..."
 
-  // The whole line; a newline and a NUL follow it. Its control characters become blanks: it stays one line.
+  // The whole line, which a newline and a NUL follow. Control characters become blanks, so that it stays one line.
   std::string_view finish();
 
  private:
@@ -41,11 +42,8 @@ class LogLine {
   size_t length_ = 0;
 };
 
-// Writes a finished line by one write(2), so that lines of several threads and processes do not mix. Keeps errno.
-void write_to_stderr(const char *line, size_t length);
-
-// A sink with its context, changed while other threads print. A reader sees the two of one set(), never a mixture; a
-// sink that was replaced may still be running when set() returns. After fork() it works as before.
+// A sink and its context, which may be changed while other threads print. A reader always sees the two of one set(). A
+// sink that was replaced may still be running when set() returns. A child of fork() has its parent's sink.
 template <class Function>
 class SinkCell {
  public:
@@ -76,7 +74,7 @@ class SinkCell {
     std::atomic<void *> context{nullptr};
   };
 
-  // A slot is written again only this many changes later.
+  // set() goes through the slots in turn: one that a reader has found is written again only 16 changes later.
   std::array<Slot, 16> slots_{};
   std::atomic<const Slot *> current_{nullptr};
   std::atomic<uint32_t> last_{0};

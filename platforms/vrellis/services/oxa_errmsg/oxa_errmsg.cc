@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "oxa_errmsg/log_line.h"
+#include "oxa_errmsg/outlet.h"
 #include "oxa_errmsg/rate_limit.h"
 
 namespace {
@@ -40,8 +41,10 @@ oxa_sink_fn read_environment() {
     }
   }
   LogLine line;
-  line.text("OXA_ERRMSG is none of stderr, syslog and off: error messages go to stderr");
-  write_to_stderr(line.finish().data(), line.finish().size());
+  line.text("OXA_ERRMSG is '")
+      .text(wanted)
+      .text("', which is none of stderr, syslog and off: error messages go to stderr");
+  write_to_stderr(line.finish());
   return oxa_sink_stderr;
 }
 
@@ -61,7 +64,7 @@ SinkCell<oxa_sink_fn>::Sink current_sink() {
 void append_message(LogLine &line, const oxa_msg_rec_t &record, va_list arguments) {
   const char *format = record.format == nullptr ? "?" : record.format;
   const auto room = line.room();
-  // A record's format is constant text beside the calls that pass its arguments: no input reaches it.
+  // A format is constant text that its component was built with: no input reaches it.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   const int wanted = std::vsnprintf(room.data(), room.size(), format, arguments);
@@ -109,19 +112,19 @@ void oxa_set_sink(oxa_sink_fn sink, void *context) {
 }
 
 void oxa_sink_stderr(void *, int, const char *line, size_t length) {
-  write_to_stderr(line, length);
+  write_to_stderr({line, length});
 }
 
 void oxa_sink_syslog(void *, int severity, const char *line, size_t length) {
   std::string_view rest(line, length);
   const size_t time_end = rest.find(' ', rest.find(' ') + 1);
-  if (time_end != rest.npos) {  // syslog adds a date and a time of its own
+  if (time_end != rest.npos) {  // the log daemon has a date and a time of its own
     rest.remove_prefix(time_end + 1);
   }
   const int priority = severity < OXA_SEVERITY_ERROR    ? LOG_CRIT
                        : severity == OXA_SEVERITY_ERROR ? LOG_ERR
                                                         : LOG_WARNING;
-  syslog(priority, "%.*s", static_cast<int>(rest.size()), rest.data());
+  send_to_syslog(priority, rest);
 }
 
 void oxa_sink_off(void *, int, const char *, size_t) {}

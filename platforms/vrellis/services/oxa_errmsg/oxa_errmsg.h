@@ -5,10 +5,14 @@
  *   local time                 process/  group-facility-severity-name: text
  *                              thread
  *
- * on stderr, to syslog, or to a sink that the process gives. The first message shown after some were held back ends in
- * " (3 suppressed)". At most 1000 bytes of text; a longer one ends in "...".
+ * on stderr, in the system's log, or at a sink that the process gives. The time is local, of the zone that the process
+ * had when it loaded this library. The first message that is shown after the rate limit held some back ends in
+ * " (3 suppressed)". A text has at most about 1000 bytes; a longer one ends in "...".
  *
- * Any thread may call any function here at any time; nothing blocks but the write of the line.
+ * Messages are raised with locks held, so nothing here waits, takes a lock, allocates or raises a signal. A line that
+ * stderr or the log daemon cannot take at once (its reader is stuck, the pipe is broken, the disk is full) is dropped,
+ * and the next line that gets out ends in " (3 messages dropped before this one)". Only a regular file is written as
+ * its file system allows. Every function may be called by any thread at any time, in a signal handler too.
  */
 #ifndef VRELLIS_OXA_ERRMSG_H
 #define VRELLIS_OXA_ERRMSG_H
@@ -30,9 +34,10 @@ extern "C" {
 #define OXA_WINDOW_MS 5000u /* a window opens with the first message after the last window's end */
 
 /*
- * Rate limit of one message, 32 bytes, in its owner's writable data; one process's, never in shared memory.
+ * Rate limit of one message: 32 bytes in the writable data of its owner. It belongs to one process and is never placed
+ * in shared memory.
  *
- *    0  burst       messages shown per window; 0: none ever. Preset by the owner, who may change it at any time.
+ *    0  burst       messages shown per window; 0 shows none. Preset by the owner, who may change it at any time.
  *    4  pending     held back since the last one shown
  *    8  window      63                        24 23                    0
  *                  +----------------------------+----------------------+
@@ -41,7 +46,7 @@ extern "C" {
  *   16  shown       ever, 64 bits
  *   24  suppressed  ever, 64 bits; each message counts in exactly one of the two
  *
- * Bytes 4 to 31 are preset to 0 and written by the facility alone, by atomic operations without a lock.
+ * Bytes 4 to 31 are preset to 0. Only the facility writes them, by atomic operations without a lock.
  */
 typedef struct oxa_msg_limit {
   uint32_t burst;    /*  0 */
@@ -75,20 +80,22 @@ OXA_STATIC_ASSERT(offsetof(oxa_msg_rec_t, id) == 64, "oxa_msg_rec_t.id moved");
 OXA_API int oxa_errmsg(const oxa_msg_rec_t *record, int severity, ...);
 
 /*
- * Takes one line: `length` bytes, which a newline and a NUL follow. Runs in the thread that raised the message,
- * possibly with locks of its caller held, and in several threads at once.
+ * A sink takes one line: `length` bytes, which a newline and a NUL follow. It runs in the thread that raised the
+ * message, in several threads at once, and with the database lock held: a sink that waits makes every process wait.
  */
 typedef void (*oxa_sink_fn)(void *context, int severity, const char *line, size_t length);
 
 /*
- * Sends lines to `sink` from now on; NULL: where the environment variable OXA_ERRMSG says, "stderr" (the default),
- * "syslog" or "off", read once, at the first message. Threads printing at this moment may still use the old sink.
+ * Sends lines to `sink` from now on. With NULL they go where the environment variable OXA_ERRMSG says: "stderr" (the
+ * default), "syslog" or "off". It is read once, at the first message. Threads that print at this moment may still use
+ * the old sink.
  */
 OXA_API void oxa_set_sink(oxa_sink_fn sink, void *context);
 
-/* The facility's own sinks, for oxa_set_sink(); their context is NULL. */
+/* The facility's own sinks, for oxa_set_sink(); their context is NULL. The second sends a datagram to /dev/log, without
+   the line's time, with facility "user" and the program's name and pid. */
 OXA_API void oxa_sink_stderr(void *context, int severity, const char *line, size_t length);
-OXA_API void oxa_sink_syslog(void *context, int severity, const char *line, size_t length); /* without the time */
+OXA_API void oxa_sink_syslog(void *context, int severity, const char *line, size_t length);
 OXA_API void oxa_sink_off(void *context, int severity, const char *line, size_t length);
 
 typedef struct oxa_limit_counts {
@@ -98,7 +105,7 @@ typedef struct oxa_limit_counts {
   uint32_t burst;
 } oxa_limit_counts_t;
 
-/* Reads a limit object's counts, or those of a copy of one; each is exact, though not all of one instant. */
+/* Reads the counts of a limit object, or of a copy of one. Each is exact, but they may be of different instants. */
 OXA_API void oxa_limit_read(const oxa_msg_limit_t *limit, oxa_limit_counts_t *counts);
 
 #ifdef __cplusplus

@@ -40,7 +40,8 @@ inline uint64_t coarse_now_ms() {
   return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
 }
 
-// Decides about one message; each is counted once, as shown or as suppressed, by whichever threads come.
+// Decides about one message. Each is counted exactly once, as shown or as suppressed, also when several threads raise
+// messages at the same time.
 inline Admission admit(oxa_msg_limit_t &limit, uint32_t burst, uint64_t now_ms, uint64_t window_ms) {
   auto &state = reinterpret_cast<RateLimitState &>(limit);
   const uint64_t most = std::min<uint64_t>(burst, kWindowShownMask);
@@ -49,7 +50,7 @@ inline Admission admit(oxa_msg_limit_t &limit, uint32_t burst, uint64_t now_ms, 
   do {
     uint64_t start = word >> kWindowStartShift;
     uint64_t shown = word & kWindowShownMask;
-    if (now_ms >= start + window_ms) {  // another thread's clock may be a tick ahead of now_ms
+    if (now_ms >= start + window_ms) {  // `start` may come from a thread that read a later tick
       start = now_ms;
       shown = 0;
     }
