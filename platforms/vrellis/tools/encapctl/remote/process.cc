@@ -1,8 +1,11 @@
 #include "remote/process.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -85,6 +88,21 @@ std::vector<Mapping> RemoteProcess::mappings_of(std::string_view file_name) cons
     refuse(pid_, EACCES);
   }
   return found;
+}
+
+int RemoteProcess::open_mapped(const Mapping &mapping) const {
+  const std::string paths[] = {fmt::format("/proc/{}/map_files/{:x}-{:x}", pid_, mapping.begin, mapping.end),
+                               fmt::format("/proc/{}/root{}", pid_, mapping.path)};
+  for (const std::string &path : paths) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat status {};
+    if (fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+      return fd;
+    }
+    close(fd);
+  }
+  throw Failure(
+      fmt::format("process {} has {} loaded, which cannot be read: {}", pid_, mapping.path, std::strerror(errno)));
 }
 
 bool RemoteProcess::read(std::uint64_t address, void *out, std::size_t size) const {

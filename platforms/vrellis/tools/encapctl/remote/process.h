@@ -31,6 +31,10 @@ class RemoteProcess {
   // looked into.
   std::vector<Mapping> mappings_of(std::string_view file_name) const;
 
+  // Opens the file that a mapping shows, for reading. A file that was replaced since can be opened by root alone.
+  // Throws Failure.
+  int open_mapped(const Mapping &mapping) const;
+
   // Copies `size` bytes from `address`. Returns: false when they are not all there; throws Failure when the process is
   // gone or may not be looked into.
   bool read(std::uint64_t address, void *out, std::size_t size) const;
