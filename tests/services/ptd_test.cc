@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <string_view>
 #include <thread>
 
 #include "ltrace_fixture.h"
@@ -79,12 +80,12 @@ TEST_F(PtdTest, AWaiterThatDiedStillTellsWhoWaitedWhereAndSinceWhen) {
 }
 
 TEST_F(PtdTest, ReadersSeeWholeEntriesOfABusyWaiter) {
-  setenv("PTD_SPIN_NS", "0", 1);  // there are no mutexes at these addresses to be watched
   run([] {
+    static pthread_mutex_t mutexes[] = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_MUTEX_INITIALIZER};
     static constexpr const char *kNames[] = {"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "bb"};
     const std::jthread waiter([](const std::stop_token &stop) {
       for (std::uint64_t i = 0; !stop.stop_requested(); ++i) {
-        ptd_set_mutex_block(reinterpret_cast<pthread_mutex_t *>(i % 2 + 1), kNames[i % 2], static_cast<int>(i % 2));
+        ptd_set_mutex_block(&mutexes[i % 2], kNames[i % 2], static_cast<int>(i % 2));
         if (i % 16 == 0) {
           std::this_thread::yield();
         }
@@ -98,7 +99,7 @@ TEST_F(PtdTest, ReadersSeeWholeEntriesOfABusyWaiter) {
       ptd_wait_t wait;
       if (ptd_waits(&wait, 1) == 1 && wait.mutex != 0) {
         ++seen;
-        EXPECT_EQ(wait.line, static_cast<int>(wait.mutex - 1));
+        EXPECT_EQ(wait.mutex, reinterpret_cast<std::uintptr_t>(&mutexes[wait.line]));
         EXPECT_STREQ(wait.function, kNames[wait.line]);
       }
     }
@@ -139,11 +140,29 @@ void expect_watch(bool one_processor, bool off, std::uint64_t limit_ns) {
 }
 
 TEST_F(PtdTest, WatchingTheMutexEndsWithItsHoldOrItsBudget) {
-  setenv("PTD_SPIN_NS", "100000000000", 1);  // cut to a millisecond
+  setenv("PTD_SPIN_NS", "1000000", 1);
   run([] { expect_watch(false, false, 500'000); });
   run([] { expect_watch(true, false, 500'000); });
   setenv("PTD_SPIN_NS", "0", 1);
   run([] { expect_watch(false, true, 10'000); });
+}
+
+TEST_F(PtdTest, ABadSettingIsReportedOnceAndCountsAsTheDefault) {
+  for (const char *text : {"", "fast", "-1", "+5", " 5", "5ns", "1000001", "99999999999999999999", "5", "0"}) {
+    setenv("PTD_SPIN_NS", text, 1);
+    run([text] {
+      pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+      testing::internal::CaptureStderr();
+      watch_ns(mutex, 2);
+      const std::string told = testing::internal::GetCapturedStderr();
+      const bool good = std::string_view(text).size() == 1;
+      EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), good ? 0 : 1);
+      EXPECT_EQ(told.ends_with(" PTD_SPIN_NS is '" + std::string(text) +
+                               "', not a number from 0 to 1000000: it counts as 100000\n"),
+                !good)
+          << told;
+    });
+  }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Wait entries of the trace file as ptd.h tells of them, for the service and the reader alike.
+// Reads the wait entries of a trace file: for the service, and for programs that read the files of other processes.
 #ifndef VRELLIS_PTD_ENTRY_H
 #define VRELLIS_PTD_ENTRY_H
 

@@ -2,13 +2,21 @@
 
 #include <sched.h>
 #include <stdlib.h>
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 
+#include "between_services.h"
 #include "ltrace/file.h"
-#include "ltrace/thread_ring.h"
+#include "oxa_errmsg/log_line.h"
+#include "oxa_errmsg/outlet.h"
 #include "ptd/entry.h"
 
 namespace vrellis {
@@ -18,9 +26,13 @@ constexpr std::size_t kFunctionWords = sizeof WaitEntry::function / sizeof(std::
 constexpr std::uint64_t kDefaultWatchNs = 100'000;
 constexpr std::uint64_t kLongestWatchNs = 1'000'000;
 constexpr std::uint64_t kWatchUnread = ~std::uint64_t{0};
+constexpr std::uint64_t kSliceNs = 50'000'000;
 constinit std::atomic<std::uint64_t> watch_ns{kWatchUnread};
 
-// A change of the calling thread's wait entry: readers see it whole or try again.
+// The mutex that ptd_set_mutex_block() took for the calling thread and ptd_unset_mutex_block() has to give back.
+constinit thread_local pthread_mutex_t *taken __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// A change of the calling thread's wait entry. Readers see the whole entry, or they read it again.
 class EntryChange {
  public:
   explicit EntryChange(WaitEntry &wait) : wait_(wait) {
@@ -31,7 +43,7 @@ class EntryChange {
   EntryChange(const EntryChange &) = delete;
   EntryChange &operator=(const EntryChange &) = delete;
 
-  // Release keeps each store behind the odd sequence for readers in this process as well.
+  // The release order keeps each store behind that of the odd sequence, for readers in this process too.
   static void set(std::uint64_t &field, std::uint64_t value) { store_shared(field, value, std::memory_order_release); }
 
  private:
@@ -63,16 +75,42 @@ void end_wait(WaitEntry &wait) {
   change.set(wait.total_ns, wait.total_ns + waited);
 }
 
-// On a processor of its own the holder goes on while this thread watches; on the same one it could not.
+// Spinning helps only if the holder of the lock can run on another CPU.
 bool has_processors() {
   cpu_set_t allowed;
   return sched_getaffinity(0, sizeof allowed, &allowed) == 0 && CPU_COUNT(&allowed) > 1;
 }
 
-std::uint64_t read_watch_setting() {
-  const char *text = secure_getenv("PTD_SPIN_NS");
-  const std::uint64_t wanted = text != nullptr ? strtoull(text, nullptr, 10) : kDefaultWatchNs;
-  return has_processors() ? std::min(wanted, kLongestWatchNs) : 0;
+void tell_of_bad_setting(const char *text) {
+  LogLine line;
+  const std::span<char> room = line.room();
+  line.used(static_cast<std::size_t>(
+      std::snprintf(room.data(), room.size(), "PTD_SPIN_NS is '%.60s', not a number from 0 to %d: it counts as %d",
+                    text, static_cast<int>(kLongestWatchNs), static_cast<int>(kDefaultWatchNs))));
+  write_to_stderr(line.finish());
+}
+
+// How long this process watches a mutex. The first wait reads the setting. Its thread does not hold the mutex yet, so a
+// slow reader of stderr delays no other process.
+std::uint64_t watch_setting() {
+  std::uint64_t setting = watch_ns.load(std::memory_order_relaxed);
+  if (setting != kWatchUnread) {
+    return setting;
+  }
+  const char *const text = secure_getenv("PTD_SPIN_NS");
+  std::uint64_t wanted = kDefaultWatchNs;
+  bool good = true;
+  if (text != nullptr) {
+    const char *const end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, wanted);
+    good = error == std::errc{} && stop == end && wanted <= kLongestWatchNs;
+    wanted = good ? wanted : kDefaultWatchNs;
+  }
+  wanted = has_processors() ? wanted : 0;
+  if (watch_ns.compare_exchange_strong(setting, wanted, std::memory_order_relaxed) && !good) {
+    tell_of_bad_setting(text);
+  }
+  return wanted;
 }
 
 void pause_briefly() {
@@ -83,12 +121,13 @@ void pause_briefly() {
 
 #if defined(__GLIBC__)
 bool looks_free(pthread_mutex_t *mutex) {
-  constexpr int kOwnerBits = 0x3fffffff;  // the others: somebody waits, the owner died
+  constexpr int kOwnerBits = 0x3fffffff;  // the other bits: a thread waits, the owner died
   return (__atomic_load_n(&mutex->__data.__lock, __ATOMIC_RELAXED) & kOwnerBits) == 0;
 }
 
-// Each look takes the mutex's cache line from the holder, who then waits for it in turn: so they become rarer, down to
-// one in 1 to 2 microseconds. A holder who takes the mutex again at once gets some ten operations done meanwhile.
+// Each look takes the mutex's cache line from its holder, which then has to wait for the line. So looks become rarer,
+// down to one in 1 to 2 microseconds. A holder that takes the mutex again at once gets some ten operations done in that
+// time.
 void watch_mutex(pthread_mutex_t *mutex, std::uint64_t until_ns) {
   constexpr int kMostPauses = 64;
   for (int pauses = 1; !looks_free(mutex) && clock_ns(CLOCK_MONOTONIC) < until_ns;
@@ -98,30 +137,78 @@ void watch_mutex(pthread_mutex_t *mutex, std::uint64_t until_ns) {
     }
   }
 }
+
+// True if a thread that has the mutex can lock it once more: what the caller does next.
+bool is_robust_and_recursive(const pthread_mutex_t *mutex) {
+  constexpr int kTypeBits = 0x7f;
+  constexpr int kRobust = 0x10;
+  return (mutex->__data.__kind & kTypeBits) == (kRobust | PTHREAD_MUTEX_RECURSIVE);
+}
 #else
 void watch_mutex(pthread_mutex_t *, std::uint64_t) {}
+bool is_robust_and_recursive(const pthread_mutex_t *) {
+  return false;
+}
 #endif
+
+// ThreadSanitizer does not know pthread_mutex_clocklock(), so it has to be told what that took.
+void tell_sanitizer_of_lock([[maybe_unused]] pthread_mutex_t *mutex) {
+#if defined(__SANITIZE_THREAD__)
+  __tsan_mutex_pre_lock(mutex, __tsan_mutex_write_reentrant);
+  __tsan_mutex_post_lock(mutex, __tsan_mutex_write_reentrant, 0);
+#endif
+}
+
+// Waits until the calling thread holds the mutex. Each slice looks at the mutex anew: the kernel may have woken another
+// waiter, which died before it could take the mutex, and no unlock then wakes this thread.
+// Returns: false when the mutex cannot be had; the caller's own call learns why.
+bool take_in_slices(pthread_mutex_t *mutex) {
+  int status = ETIMEDOUT;
+  while (status == ETIMEDOUT) {
+    const std::uint64_t until = clock_ns(CLOCK_MONOTONIC) + kSliceNs;
+    const timespec end{static_cast<time_t>(until / 1'000'000'000), static_cast<long>(until % 1'000'000'000)};
+    status = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
+  }
+  if (status == EOWNERDEAD) {
+    // The caller's lock will count one more and return 0, so the mutex has to be made consistent here. If that fails,
+    // the unlock makes it unrecoverable, which the caller's lock then reports.
+    status = pthread_mutex_consistent(mutex);
+    if (status != 0) {
+      pthread_mutex_unlock(mutex);
+    }
+  }
+  if (status == 0) {
+    tell_sanitizer_of_lock(mutex);
+  }
+  return status == 0;
+}
 
 }  // namespace
 }  // namespace vrellis
 
 using namespace vrellis;
 
+// A signal handler may wait for another mutex between the two calls of the thread that it interrupts. It then finds
+// `taken` set and takes nothing, and its own ptd_unset_mutex_block() gives the thread's mutex back early. That is
+// harmless: the thread's lock call takes the mutex, or has taken it already.
 void ptd_set_mutex_block(pthread_mutex_t *mutex, const char *function, int line) {
   if (attach_thread()) {
     enter_wait(thread_trace.ring->wait, mutex, function, line);
   }
-  std::uint64_t budget = watch_ns.load(std::memory_order_relaxed);
-  if (budget == kWatchUnread) {
-    budget = read_watch_setting();
-    watch_ns.store(budget, std::memory_order_relaxed);
-  }
+  const std::uint64_t budget = watch_setting();
   if (budget != 0) {
     watch_mutex(mutex, clock_ns(CLOCK_MONOTONIC) + budget);
+  }
+  if (taken == nullptr && is_robust_and_recursive(mutex) && take_in_slices(mutex)) {
+    taken = mutex;
   }
 }
 
 void ptd_unset_mutex_block(void) {
+  pthread_mutex_t *const mutex = __atomic_exchange_n(&taken, nullptr, __ATOMIC_RELAXED);
+  if (mutex != nullptr) {
+    pthread_mutex_unlock(mutex);
+  }
   if (thread_trace.ring != nullptr && thread_trace.ring->wait.mutex != 0) {
     end_wait(thread_trace.ring->wait);
   }
