@@ -113,7 +113,18 @@ std::string go_on(const Expectation &expected) {
   return wrong + encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
 }
 
-// As many nodes are in use as the trees hold.
+std::string recover(const Expectation &expected) {
+  pthread_mutex_t *mutex = &egress_encap_db->lock.mutex;
+  const int locked = vrl_egress_encap_db_lock(mutex);
+  if (locked != 0) {
+    return "the lock answers " + std::to_string(locked) + '\n';
+  }
+  const std::string wrong = find_others(expected);
+  return pthread_mutex_unlock(mutex) == 0 ? wrong : wrong + "the unlock fails\n";
+}
+
+}  // namespace
+
 std::string leaks() {
   std::size_t nhs = 0;
   const std::vector<void *> tunnels = encap_test::walk_avl(egress_encap_db->tun_root);
@@ -129,18 +140,6 @@ std::string leaks() {
   }
   return "";
 }
-
-std::string recover(const Expectation &expected) {
-  pthread_mutex_t *mutex = &egress_encap_db->lock.mutex;
-  const int locked = vrl_egress_encap_db_lock(mutex);
-  if (locked != 0) {
-    return "the lock answers " + std::to_string(locked) + '\n';
-  }
-  const std::string wrong = find_others(expected);
-  return pthread_mutex_unlock(mutex) == 0 ? wrong : wrong + "the unlock fails\n";
-}
-
-}  // namespace
 
 std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds,
                       ChangeLog *log) {

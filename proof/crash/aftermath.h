@@ -1,6 +1,6 @@
 // What the process that comes after a death does, and what must hold when it has done it.
-#ifndef ENCAP_TESTS_CRASH_AFTERMATH_H
-#define ENCAP_TESTS_CRASH_AFTERMATH_H
+#ifndef ENCAP_PROOF_CRASH_AFTERMATH_H
+#define ENCAP_PROOF_CRASH_AFTERMATH_H
 
 #include <array>
 #include <set>
@@ -8,8 +8,8 @@
 #include "check.h"
 #include "repair.h"
 #include "scenarios.h"
-#include "window.h"
-#include "write_watch.h"
+#include "support/window.h"
+#include "support/write_watch.h"
 
 namespace crash {
 
@@ -23,7 +23,7 @@ class Expectation {
 
   bool touches_nh(std::uint32_t nh) const { return nhs_.contains(nh); }
   bool touches_tunnel(std::uint32_t tunnel) const { return tunnels_.contains(tunnel); }
-  const std::set<std::uint32_t> &touched_nhs() const { return nhs_; }
+  std::uint32_t tunnel() const { return *tunnels_.begin(); }  // of the interrupted operation's NH
 
   // Each NH that the operation leaves alone, by its full key.
   const std::vector<std::pair<egress_encap_key_t, std::uint32_t>> &untouched() const { return untouched_; }
@@ -33,7 +33,7 @@ class Expectation {
 
   const encap_test::Model &before() const { return before_; }
   const encap_test::Model &after() const { return after_; }
-  const std::vector<Operation> &interrupted() const { return interrupted_; }
+  const std::vector<Operation> &interrupted() const { return interrupted_; }  // with the key, whatever the verb
 
  private:
   std::string tunnel_difference(const egress_encap_db_t &header) const;
@@ -51,6 +51,9 @@ class Expectation {
  * Returns: "" or what is wrong.
  */
 std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds, ChangeLog *log);
+
+// Compares the nodes in use with what the trees hold. Returns "" or what is wrong.
+std::string leaks();
 
 }  // namespace crash
 

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
@@ -17,8 +16,9 @@
 
 #include "check.h"
 #include "shmwin/layout.h"
-#include "stepper.h"
+#include "support/driver.h"
 #include "support/operations.h"
+#include "support/stepper.h"
 
 namespace crash {
 namespace {
@@ -225,8 +225,7 @@ std::vector<FileState> kinds_of(const std::vector<FileState> &states) {
 }
 
 int run() {
-  setenv("LTRACE", "off", 1);
-  const auto begin = std::chrono::steady_clock::now();
+  const Stopwatch time;
   const Directory directory;
   const std::string path = path_in(directory);
   encap_db_config_t config = config_in(directory);
@@ -247,14 +246,14 @@ int run() {
               first.instructions, first.changes, first.states.size());
   std::printf("over what it left: %zu kinds of states, %" PRIu64 " instructions in all, %" PRIu64 " states\n",
               starts.size(), instructions, second_states);
-  std::printf("%" PRIu64 " failures, %.1f s\n", failures,
-              std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  std::printf("%" PRIu64 " failures, %.1f s\n", failures, time.seconds());
   return failures == 0 && !first.states.empty() ? 0 : 1;
 }
 
 }  // namespace
 }  // namespace crash
 
-int main() {
+int main(int argc, char **argv) {
+  crash::parse(argc, argv, {});
   return crash::run();
 }

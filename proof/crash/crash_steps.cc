@@ -1,33 +1,50 @@
-// Every instruction: single-steps each changing operation, and plays the next process in every state of the window in
-// which a death would leave it; then again for a second death at every change that the recovery makes.
+// Every instruction: single-steps each changing operation, and plays in every state of the window in which a death would
+// leave it the next process, which repairs, and survivors, which go on before any repair; then again for a second death
+// at every change that the recovery and the repair make.
 //
-//   crash_steps [--shard I/N] [--only TEXT] [--no-second]
+//   crash_steps [--only TEXT] [--jobs N] [--no-second] [--page FILE]
+//
+// With --page, only compares the table of answers with that page.
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "replay.h"
+#include "support/driver.h"
 
 namespace crash {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 struct Options {
-  unsigned shard = 0, shards = 1;
-  const char *only = "";
-  bool second = true;
+  std::string only, page;
+  std::uint64_t jobs = 1;
+  bool no_second = false;
 };
 
+// All of these are numbers, which add up.
 struct Totals {
-  std::uint64_t scenarios = 0, instructions = 0, changes = 0, states = 0, kills = 0, seconds = 0, second_changes = 0;
-  std::uint64_t failures = 0;
-  Kinds first_kinds{}, second_kinds{};
+  std::uint64_t scenarios, instructions, changes, states, kills, seconds, second_changes, failures;
+  Kinds first_kinds, second_kinds;
+
+  void operator+=(const Totals &other) {
+    auto *to = reinterpret_cast<std::uint64_t *>(this);
+    const auto *from = reinterpret_cast<const std::uint64_t *>(&other);
+    for (std::size_t i = 0; i < sizeof *this / sizeof *to; ++i) {
+      to[i] += from[i];
+    }
+  }
+};
+
+// What the processes of this driver tell it.
+struct Shared {
+  static constexpr std::uint64_t kJobs = 16;
+  Totals totals[kJobs];
+  Tally tally;
 };
 
 void work_of(const Scenario &scenario) {
@@ -54,62 +71,77 @@ encap_test::Model arrange(const Scenario &scenario) {
   return model;
 }
 
-bool tell(const Scenario &scenario, const char *which, const Verdicts &verdicts) {
-  if (verdicts.failure.empty()) {
+// One scenario in a window of its own.
+class Run {
+ public:
+  Run(const Scenario &scenario, Totals &totals, Tally &tally)
+      : scenario_(scenario), totals_(totals), tally_(tally), expected_(scenario, arrange(scenario)) {}
+
+  void play(bool with_second) {
+    const Image start = window_.image();
+    const Walk walk = walk_through(window_, [this] { work_of(scenario_); });
+    window_.put(start);
+    ++totals_.scenarios;
+    totals_.instructions += walk.instructions;
+    totals_.changes += walk.changes;
+    totals_.states += walk.states.all().size();
+    bool good = walk.changes == 0 || kill_for_good(walk, start);
+    Verdicts first = crash::play(window_, expected_, walk.states.all(), 1, with_second, totals_.first_kinds);
+    good = tell("first", first) && good;
+    if (good && !scenario_.when.empty()) {
+      play_survivors(window_, expected_, walk.states.all(), false, tally_);
+    }
+    good = good && (!with_second || second_deaths(first));
+    totals_.failures += good ? 0 : 1;
+  }
+
+ private:
+  bool tell(const char *which, const Verdicts &verdicts) const {
+    if (!verdicts.failure.empty()) {
+      std::printf("FAILED %s, %s-death state %zu\n%s\n", scenario_.name.c_str(), which, verdicts.failed_at,
+                  verdicts.failure.c_str());
+    }
+    return verdicts.failure.empty();
+  }
+
+  // A process that is really killed leaves what bury() says; one change a scenario, a different one each time.
+  bool kill_for_good(const Walk &walk, const Image &start) {
+    window_.put(start);
+    const Image left = killed_at(
+        window_, [this] { work_of(scenario_); }, 1 + ++totals_.kills * 7 % walk.changes);
+    window_.put(start);
+    const std::vector<Image> &all = walk.states.all();
+    const bool seen = std::find(all.begin(), all.end(), left) != all.end();
+    if (!seen) {
+      std::printf("FAILED %s: a process that was killed left a state that no step showed\n", scenario_.name.c_str());
+    }
+    return seen;
+  }
+
+  bool second_deaths(Verdicts &first) {
+    States states;
+    totals_.second_changes += first.seconds.size();
+    for (Image &image : first.seconds) {
+      states.add(std::move(image));
+    }
+    first.seconds = {};
+    totals_.seconds += states.all().size();
+    if (!tell("second", crash::play(window_, expected_, states.all(), 2, false, totals_.second_kinds))) {
+      return false;
+    }
+    if (!scenario_.when.empty()) {
+      play_survivors(window_, expected_, states.all(), true, tally_);
+    }
     return true;
   }
-  std::printf("FAILED %s, %s state %zu\n%s\n", scenario.name.c_str(), which, verdicts.failed_at,
-              verdicts.failure.c_str());
-  return false;
-}
 
-// A process that is really killed leaves what bury() says; one change a scenario, a different one each time.
-bool kill_for_good(const Window &window, const Scenario &scenario, const Walk &walk, const Image &start,
-                   std::uint64_t number) {
-  window.put(start);
-  const Image left = killed_at(
-      window, [&] { work_of(scenario); }, 1 + number * 7 % walk.changes);
-  window.put(start);
-  for (const Image &state : walk.states.all()) {
-    if (state == left) {
-      return true;
-    }
-  }
-  std::printf("FAILED %s: a process that was killed left a state that no step showed\n", scenario.name.c_str());
-  return false;
-}
-
-bool second_deaths(const Window &window, const Scenario &scenario, const Expectation &expected, Verdicts &first,
-                   Totals &totals) {
-  States states;
-  totals.second_changes += first.seconds.size();
-  for (Image &image : first.seconds) {
-    states.add(std::move(image));
-  }
-  first.seconds = {};
-  totals.seconds += states.all().size();
-  return tell(scenario, "second-death", play(window, expected, states.all(), 2, false, totals.second_kinds));
-}
-
-void run(const Scenario &scenario, const Options &options, Totals &totals) {
-  const Directory directory;
-  const Window window(directory, config_in(directory));
-  const Expectation expected(scenario, arrange(scenario));
-  const Image start = window.image();
-  const Walk walk = walk_through(window, [&] { work_of(scenario); });
-  window.put(start);
-  ++totals.scenarios;
-  totals.instructions += walk.instructions;
-  totals.changes += walk.changes;
-  totals.states += walk.states.all().size();
-  bool good = walk.changes == 0 || kill_for_good(window, scenario, walk, start, ++totals.kills);
-  Verdicts first = play(window, expected, walk.states.all(), 1, options.second, totals.first_kinds);
-  good = tell(scenario, "first", first) && good;
-  if (good && options.second) {
-    good = second_deaths(window, scenario, expected, first, totals);
-  }
-  totals.failures += good ? 0 : 1;
-}
+  const Scenario &scenario_;
+  Totals &totals_;
+  Tally &tally_;
+  const Directory directory_;
+  const Window window_{directory_, config_in(directory_)};
+  const Expectation expected_;
+};
 
 void print_kinds(const char *title, const Kinds &kinds) {
   std::printf("%s\n", title);
@@ -122,7 +154,68 @@ void print_kinds(const char *title, const Kinds &kinds) {
   }
 }
 
-void print(const Totals &totals, double seconds) {
+// The survivors' answers: none that the table does not list, and in a whole run none listed that no survivor met.
+std::uint64_t print_answers(const Tally &tally, bool whole_run) {
+  std::uint64_t failures = 0, answers = 0;
+  for (const Tally::Line &line : tally.line) {
+    answers += line.listed ? line.count : 0;
+    if (line.count != 0 && !line.listed) {
+      ++failures;
+      std::printf("FAILED after a death, %" PRIu64 " times: %s\n", line.count, line.text);
+    }
+  }
+  for (const AnswerRow &row : answer_rows()) {
+    if (whole_run && !row.rests_on_the_compiler() && !tally.has(text_of(row))) {
+      ++failures;
+      std::printf("FAILED: listed and never answered: %s\n", text_of(row).c_str());
+    }
+  }
+  std::printf("answers of survivors that the table lists: %" PRIu64 "\n", answers);
+  return failures;
+}
+
+int compare_page(const std::string &path) {
+  std::ifstream file(path);
+  std::stringstream page;
+  page << file.rdbuf();
+  if (page.str().find(answers_page()) == std::string::npos) {
+    std::printf("FAILED: %s does not hold the table of answers, which is\n%s", path.c_str(), answers_page().c_str());
+    return 1;
+  }
+  return 0;
+}
+
+std::vector<Scenario> scenarios_named(const std::string &text) {
+  std::vector<Scenario> all = database_scenarios();
+  for (std::vector<Scenario> more : {heap_scenarios(), tree_scenarios()}) {
+    all.insert(all.end(), more.begin(), more.end());
+  }
+  std::erase_if(all, [&text](const Scenario &scenario) { return scenario.name.find(text) == std::string::npos; });
+  return all;
+}
+
+int run(const Options &options) {
+  const Stopwatch time;
+  auto &shared =
+      *static_cast<Shared *>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const std::vector<Scenario> all = scenarios_named(options.only);
+  const std::uint64_t jobs = std::min(std::max(options.jobs, std::uint64_t{1}), Shared::kJobs);
+  for (std::uint64_t job = 0; job < jobs; ++job) {
+    if (fork() == 0) {
+      for (std::size_t i = job; i < all.size(); i += jobs) {
+        Run(all[i], shared.totals[job], shared.tally).play(!options.no_second);
+        std::fflush(stdout);
+      }
+      std::exit(0);
+    }
+  }
+  Totals totals{};
+  for (int status = 0; wait(&status) > 0;) {
+    totals.failures += status == 0 ? 0 : 1;
+  }
+  for (const Totals &each : shared.totals) {
+    totals += each;
+  }
   std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", changes of the window %" PRIu64
               ", distinct states %" PRIu64 ", killed for good %" PRIu64 "\n",
               totals.scenarios, totals.instructions, totals.changes, totals.states, totals.kills);
@@ -130,41 +223,8 @@ void print(const Totals &totals, double seconds) {
               totals.seconds);
   print_kinds("found after the first death, by name:", totals.first_kinds);
   print_kinds("found after the second, by name:", totals.second_kinds);
-  std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, seconds);
-}
-
-Options parse(int argc, char **argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--shard") == 0 && i + 1 < argc &&
-        std::sscanf(argv[i + 1], "%u/%u", &options.shard, &options.shards) == 2 && options.shards != 0) {
-      ++i;
-    } else if (std::strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
-      options.only = argv[++i];
-    } else if (std::strcmp(argv[i], "--no-second") == 0) {
-      options.second = false;
-    } else {
-      give_up("usage: crash_steps [--shard I/N] [--only TEXT] [--no-second]");
-    }
-  }
-  return options;
-}
-
-int main_of(const Options &options) {
-  setenv("LTRACE", "off", 1);
-  const auto begin = Clock::now();
-  std::vector<Scenario> all = database_scenarios();
-  for (std::vector<Scenario> more : {heap_scenarios(), tree_scenarios()}) {
-    all.insert(all.end(), more.begin(), more.end());
-  }
-  Totals totals;
-  for (std::size_t i = 0; i < all.size(); ++i) {
-    if (i % options.shards == options.shard && all[i].name.find(options.only) != std::string::npos) {
-      run(all[i], options, totals);
-      std::fflush(stdout);
-    }
-  }
-  print(totals, std::chrono::duration<double>(Clock::now() - begin).count());
+  totals.failures += print_answers(shared.tally, options.only.empty() && !options.no_second);
+  std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, time.seconds());
   return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;
 }
 
@@ -172,5 +232,11 @@ int main_of(const Options &options) {
 }  // namespace crash
 
 int main(int argc, char **argv) {
-  return crash::main_of(crash::parse(argc, argv));
+  crash::Options options;
+  crash::parse(argc, argv,
+               {{"--only", &options.only},
+                {"--jobs", &options.jobs},
+                {"--no-second", &options.no_second},
+                {"--page", &options.page}});
+  return options.page.empty() ? crash::run(options) : crash::compare_page(options.page);
 }

@@ -60,6 +60,9 @@ Expectation::Expectation(const Scenario &scenario, Model before)
   }
   for (const auto &[tunnel_key, tunnel] : before_.tunnels) {
     for (const auto &[nh_key, nh] : tunnel.nhs) {
+      if (!interrupted_.empty() && nh == interrupted_.front().nh) {
+        interrupted_.front().key = full_key(tunnel_key, nh_key);
+      }
       if (!touches_nh(nh)) {
         untouched_.emplace_back(full_key(tunnel_key, nh_key), nh);
       }

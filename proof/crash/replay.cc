@@ -11,8 +11,8 @@
 namespace crash {
 namespace {
 
-constexpr std::size_t kBatch = 128;        // states a child process plays
-constexpr unsigned kSecondsOfABatch = 60;  // then it hangs
+constexpr std::size_t kBatch = 128;                               // states a child process plays
+constexpr unsigned kSecondsOfABatch = 60, kSecondsOfATrial = 10;  // then it hangs
 
 // What a child tells the driver; it survives the child.
 struct Report {
@@ -72,6 +72,18 @@ void add_seconds(const Batch &batch, std::size_t number, std::vector<Image> &sec
   }
 }
 
+// Without the handlers of fork(): the child does not enter itself into the window's table of processes.
+int wait_for_child(const std::function<void()> &work) {
+  const pid_t child = _Fork();
+  if (child == 0) {
+    work();
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
+}
+
 std::string failure_of(int status) {
   const Report &shared = report();
   if (WIFSIGNALED(status)) {
@@ -88,13 +100,7 @@ void play_batch(const Batch &batch, Verdicts &verdicts, Kinds &kinds) {
   shared.done = 0;
   shared.kinds = {};
   shared.failure[0] = '\0';
-  const pid_t child = _Fork();
-  if (child == 0) {
-    play_in_child(batch);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
+  const int status = wait_for_child([&batch] { play_in_child(batch); });
   for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
     kinds[kind] += shared.kinds[kind];
   }
@@ -115,6 +121,32 @@ Verdicts play(const Window &window, const Expectation &expected, const std::vect
     play_batch({window, expected, states, deaths, watched, begin, end}, verdicts, kinds);
   }
   return verdicts;
+}
+
+void play_survivors(const Window &window, const Expectation &expected, const std::vector<Image> &states,
+                    bool recovered_alike_once, Tally &tally) {
+  const std::size_t each = trials().size(), all = states.size() * each;
+  std::size_t &playing = report().playing;
+  const auto survive = [&](std::size_t begin) {
+    window.become_copy();
+    Judge judge(window, expected, tally);
+    for (std::size_t i = begin; i < all; ++i) {
+      alarm(kSecondsOfATrial);
+      playing = i;
+      if (recovered_alike_once && i % each == 0 && judge.is_known(states[i / each])) {
+        i += each - 1;
+      } else {
+        judge.play(states[i / each], i % each);
+      }
+    }
+  };
+  for (std::size_t begin = 0; begin < all; begin = playing + 1) {
+    const int status = wait_for_child([&] { survive(begin); });
+    if (status == 0) {
+      return;
+    }
+    tally.add("a survivor's trial " + std::to_string(playing % each) + ": " + failure_of(status), false);
+  }
 }
 
 }  // namespace crash

@@ -1,9 +1,10 @@
 // Plays the next process for many states of a window: each in a copy, in child processes that cannot harm the driver.
-#ifndef ENCAP_TESTS_CRASH_REPLAY_H
-#define ENCAP_TESTS_CRASH_REPLAY_H
+#ifndef ENCAP_PROOF_CRASH_REPLAY_H
+#define ENCAP_PROOF_CRASH_REPLAY_H
 
 #include "aftermath.h"
-#include "stepper.h"
+#include "judge.h"
+#include "support/stepper.h"
 
 namespace crash {
 
@@ -16,6 +17,13 @@ struct Verdicts {
 // Requires that nobody holds the window's lock. With `watched`, collects the states of second deaths.
 Verdicts play(const Window &window, const Expectation &expected, const std::vector<Image> &states, unsigned deaths,
               bool watched, Kinds &kinds);
+
+/*
+ * Plays every trial of a survivor in each state; with `recovered_alike_once`, in the first of those states alone that are
+ * the same bytes once the services have recovered. A trial that faults or hangs is a failure in `tally`.
+ */
+void play_survivors(const Window &window, const Expectation &expected, const std::vector<Image> &states,
+                    bool recovered_alike_once, Tally &tally);
 
 }  // namespace crash
 

@@ -1,7 +1,7 @@
 // Scenarios of the operations and of the allocator's boundaries.
 #include "scenarios.h"
 
-#include "window.h"
+#include "support/window.h"
 
 namespace crash {
 namespace {

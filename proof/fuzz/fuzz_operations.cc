@@ -2,7 +2,7 @@
 #include "check.h"
 #include "fuzz_input.h"
 #include "support/caller.h"
-#include "window.h"
+#include "support/window.h"
 
 namespace {
 

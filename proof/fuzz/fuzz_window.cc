@@ -9,7 +9,7 @@
 #include "repair.h"
 #include "shmwin/layout.h"
 #include "support/operations.h"
-#include "window.h"
+#include "support/window.h"
 
 namespace {
 

@@ -331,7 +331,8 @@ ENCAP_DB_API int vrl_find_egress_encap(egress_encap_info_t *info, egress_encap_k
 
 /*
  * As vrl_find_egress_encap(), and adds one reference to the NH it finds, in the same lock hold.
- * Returns: 0, also when the unlock fails; the lock's code; 22 when the NH's slot is not valid (no reference added).
+ * Returns: 0, also when the unlock fails; the lock's code; 22 when the NH's slot is not valid, or the index that a dead
+ *   process left in its node is out of range (no reference added).
  * Locking: takes the lock.
  */
 ENCAP_DB_API int vrl_find_and_share_egress_encap(egress_encap_info_t *info, egress_encap_key_t key);

@@ -11,7 +11,7 @@
 #include "ltrace/reader.h"
 #include "repair.h"
 #include "support/operations.h"
-#include "window.h"
+#include "support/window.h"
 
 namespace crash {
 namespace {

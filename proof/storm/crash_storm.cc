@@ -18,7 +18,7 @@
 #include "check.h"
 #include "repair.h"
 #include "storm.h"
-#include "window.h"
+#include "support/window.h"
 
 namespace crash {
 namespace {

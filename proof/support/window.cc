@@ -1,4 +1,4 @@
-#include "window.h"
+#include "support/window.h"
 
 #include <linux/futex.h>
 #include <sys/mman.h>

@@ -5,7 +5,7 @@
 #include <functional>
 #include <unordered_set>
 
-#include "window.h"
+#include "support/window.h"
 
 namespace crash {
 

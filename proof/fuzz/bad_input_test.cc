@@ -13,7 +13,7 @@
 #include <functional>
 
 #include "support/operations.h"
-#include "window.h"
+#include "support/window.h"
 
 namespace crash {
 namespace {

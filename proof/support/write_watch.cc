@@ -1,4 +1,4 @@
-#include "write_watch.h"
+#include "support/write_watch.h"
 
 #include <signal.h>
 #include <sys/mman.h>

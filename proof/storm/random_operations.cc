@@ -5,23 +5,20 @@
 // After every operation: its whole answer, the bytes of the NH slot and of the tunnel slots that it names, and what
 // both trees then give for its key. Every K operations, and at the end: all bytes of both arrays, all nodes of all
 // trees in order, every count; without --stray also the inspector's whole check of the window, heap included.
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <random>
 
 #include "check.h"
 #include "support/caller.h"
-#include "window.h"
+#include "support/driver.h"
 
 namespace crash {
 namespace {
 
 struct Options {
   std::uint64_t operations = 1'000'000;
-  std::uint64_t seed = 0;
+  std::uint64_t seed = std::random_device{}();
   std::uint64_t all_every = 1000;
   bool stray = false;
 };
@@ -48,7 +45,6 @@ std::string look(const Window &window, const Caller &caller, bool stray) {
 }
 
 int run(const Options &options) {
-  setenv("LTRACE", "off", 1);
   const Directory directory;
   const encap_db_config_t config = small(directory);
   const Window window(directory, config);
@@ -59,10 +55,10 @@ int run(const Options &options) {
   std::printf("random_operations --operations %" PRIu64 " --seed %" PRIu64 " --all-every %" PRIu64 "%s\n",
               options.operations, options.seed, options.all_every, options.stray ? " --stray" : "");
   std::fflush(stdout);
-  const auto begin = std::chrono::steady_clock::now();
+  const Stopwatch time;
   for (std::uint64_t i = 1; i <= options.operations; ++i) {
     std::string wrong = caller.step();
-    if (wrong.empty() && (i % options.all_every == 0 || i == options.operations)) {
+    if (wrong.empty() && (i % std::max<std::uint64_t>(1, options.all_every) == 0 || i == options.operations)) {
       wrong = look(window, caller, options.stray);
     }
     if (!wrong.empty()) {
@@ -70,34 +66,19 @@ int run(const Options &options) {
       return 1;
     }
   }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  std::printf("%" PRIu64 " operations, all of them as the model has it, %.1f s\n", options.operations, seconds);
+  std::printf("%" PRIu64 " operations, all of them as the model has it, %.1f s\n", options.operations, time.seconds());
   return 0;
-}
-
-Options parse(int argc, char **argv) {
-  Options options;
-  options.seed = std::random_device{}();
-  for (int i = 1; i < argc; ++i) {
-    const bool more = i + 1 < argc;
-    if (more && std::strcmp(argv[i], "--operations") == 0) {
-      options.operations = std::strtoull(argv[++i], nullptr, 0);
-    } else if (more && std::strcmp(argv[i], "--seed") == 0) {
-      options.seed = std::strtoull(argv[++i], nullptr, 0);
-    } else if (more && std::strcmp(argv[i], "--all-every") == 0) {
-      options.all_every = std::max<std::uint64_t>(1, std::strtoull(argv[++i], nullptr, 0));
-    } else if (std::strcmp(argv[i], "--stray") == 0) {
-      options.stray = true;
-    } else {
-      give_up("usage: random_operations [--operations N] [--seed S] [--all-every K] [--stray]");
-    }
-  }
-  return options;
 }
 
 }  // namespace
 }  // namespace crash
 
 int main(int argc, char **argv) {
-  return crash::run(crash::parse(argc, argv));
+  crash::Options options;
+  crash::parse(argc, argv,
+               {{"--operations", &options.operations},
+                {"--seed", &options.seed},
+                {"--all-every", &options.all_every},
+                {"--stray", &options.stray}});
+  return crash::run(options);
 }

@@ -1,4 +1,4 @@
-#include "stepper.h"
+#include "support/stepper.h"
 
 #include <sys/ptrace.h>
 #include <sys/wait.h>

@@ -1,0 +1,53 @@
+// What a process that goes on after a death may call before any repair: each trial is one such caller's calls.
+#ifndef ENCAP_PROOF_CRASH_TRIALS_H
+#define ENCAP_PROOF_CRASH_TRIALS_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "aftermath.h"
+#include "answers.h"
+
+namespace crash {
+
+// What a death left of the interrupted operation, read from the trees and slots once the services have recovered.
+struct Facts {
+  DeathState state = DeathState::kWhole;
+  bool nh_seems_free = false;      // to a caller that looks at slots, or to one that looks at nodes
+  bool tunnel_seems_free = false;  // the same of the tunnel's index
+};
+Facts facts_of(const Expectation &expected);
+
+struct Call {
+  std::string name;
+  Operation operation;
+  Answer is;
+};
+
+// A caller that keeps the rules. It knows nothing of the death.
+class Survivor {
+ public:
+  Survivor(const Expectation &of, const Facts &left) : expected(of), facts(left) {}
+
+  Answer call(std::string name, const Operation &operation);
+  Answer find(const std::string &name, const egress_encap_key_t &key, Verb verb = Verb::kFind);
+  Answer on_nh(Verb verb, const std::string &name, std::uint32_t nh, std::uint32_t count = 0);
+
+  const Operation &interrupted() const { return expected.interrupted().front(); }
+
+  const Expectation &expected;
+  const Facts facts;
+  std::vector<Call> calls;
+  std::vector<Operation> entered;  // and not given back
+};
+
+using Trial = std::function<void(Survivor &)>;  // makes no call if this caller would not call here
+const std::vector<Trial> &trials();
+
+// The keys that trials enter beside the interrupted one.
+std::vector<egress_encap_key_t> keys_of_trials(const Expectation &expected);
+
+}  // namespace crash
+
+#endif
