@@ -41,6 +41,22 @@ TEST_F(SequenceTest, TunnelIndexPast16BitsIsCutAndThenRefused) {
   }
 }
 
+// A process that dies between linking an NH's node and storing its index leaves the index 0: such an index has no slot.
+TEST_F(SequenceTest, AnIndexOutOfRangeInANodeIsAnsweredLikeASlotThatIsNotValid) {
+  enter(full_key(), kNh, kTunnel);
+  auto &tunnel = *static_cast<mpls_tunnel_entry_t *>(db().tun_root);
+  auto &nh = *static_cast<mpls_nh_entry_t *>(tunnel.nh_root);
+  for (const std::uint32_t index : {0U, kNhStart - 1, kNhStart + kNhSize, UINT32_MAX}) {
+    nh.nh_index = index;
+    egress_encap_info_t info{};
+    EXPECT_EQ(vrl_find_and_share_egress_encap(&info, full_key()), 22);
+    EXPECT_TRUE(info.nh_found == 1 && info.egr_nh == index && info.egr_tun == kTunnel);
+    const std::string told = journal().take();
+    EXPECT_NE(told.find("vrl_mem_increment_egr_nh_ref_count"), std::string::npos) << told;
+  }
+  nh.nh_index = kNh;
+}
+
 // A removal moves the root of the tunnel's tree: the tunnel's own root field must follow.
 TEST_F(SequenceTest, RootOfTheNhTreeIsWrittenBack) {
   for (const std::uint32_t first : {100u, 105u}) {  // each time the first node of the double's list, or the last

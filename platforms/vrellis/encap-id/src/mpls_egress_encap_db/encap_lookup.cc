@@ -43,6 +43,15 @@ void find(egress_encap_info_t *info, const egress_encap_key_t &key) REQUIRES_DAT
   emit<Point::find_nh_found>(nh->nh_index);
 }
 
+// Adds a user to the NH that a node names. A process that dies between linking a node and storing its index leaves the
+// index 0: an index out of range has no slot, and is answered like a slot that is not valid and counts 0.
+int share_nh_of(const mpls_nh_entry_t &nh) REQUIRES_DATABASE_LOCK {
+  if (__builtin_expect(!nh_in_range(nh.nh_index), 0)) {
+    return refuse_nh_count_up(nh.nh_index, 0);
+  }
+  return vrl_mem_increment_egr_nh_ref_count(nh.nh_index);
+}
+
 // As find(), reporting each thing before it is recorded, and adds a user to an NH found. Returns the increment's code.
 int find_and_share(egress_encap_info_t *info, const egress_encap_key_t &key) REQUIRES_DATABASE_LOCK {
   mpls_tunnel_entry_t *tunnel;
@@ -59,7 +68,7 @@ int find_and_share(egress_encap_info_t *info, const egress_encap_key_t &key) REQ
   }
   emit<Point::share_nh_found>(nh->nh_index);
   set_nh_found(info, nh);
-  return vrl_mem_increment_egr_nh_ref_count(info->egr_nh);
+  return share_nh_of(*nh);
 }
 
 }  // namespace

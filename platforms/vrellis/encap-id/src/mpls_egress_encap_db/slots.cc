@@ -67,17 +67,19 @@ int vrl_mem_get_key_from_egr_nh(std::uint32_t nh_index, egress_encap_aux_data_t 
   return 0;
 }
 
+[[gnu::cold, gnu::noinline]] int refuse_nh_count_up(std::uint32_t nh_index, std::uint32_t ref_count) {
+  emit<Point::nh_count_up_not_valid>(nh_index, ref_count);
+  raise_nh_not_valid("vrl_mem_increment_egr_nh_ref_count", nh_index, ref_count);
+  return EINVAL;
+}
+
 int vrl_mem_increment_egr_nh_ref_count(std::uint32_t nh_index) {
-  // The node of an insert that was cut off may hold no index yet: an index out of range has no slot that is valid.
-  egr_nh_info_t *const slot = nh_in_range(nh_index) ? &nh_slot(nh_index) : nullptr;
-  if (slot == nullptr || slot->valid == 0) {
-    const std::uint32_t ref_count = slot == nullptr ? 0 : slot->ref_count;
-    emit<Point::nh_count_up_not_valid>(nh_index, ref_count);
-    raise_nh_not_valid("vrl_mem_increment_egr_nh_ref_count", nh_index, ref_count);
-    return EINVAL;
+  egr_nh_info_t &slot = nh_slot(nh_index);
+  if (slot.valid == 0) {
+    return refuse_nh_count_up(nh_index, slot.ref_count);
   }
-  ++slot->ref_count;
-  emit<Point::nh_count_up>(nh_index, slot->ref_count);
+  ++slot.ref_count;
+  emit<Point::nh_count_up>(nh_index, slot.ref_count);
   return 0;
 }
 

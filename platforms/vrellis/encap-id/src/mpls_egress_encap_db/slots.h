@@ -1,6 +1,6 @@
 // Slot bookkeeping: filling, reading back, counting and clearing the slots of the two arrays.
 //
-// Nothing here takes the lock or, but where it says so, tests a range: the operations have done both. A slot that is not in use refuses to be
+// Nothing here takes the lock or tests a range: the operations have done both. A slot that is not in use refuses to be
 // counted; a count of 0 refuses to go down.
 #ifndef MPLS_EGRESS_ENCAP_DB_SLOTS_H
 #define MPLS_EGRESS_ENCAP_DB_SLOTS_H
@@ -40,9 +40,11 @@ void vrl_mem_set_egr_nh_data(std::uint32_t nh_index, std::uint32_t egr_tun, mpls
 int vrl_mem_get_key_from_egr_nh(std::uint32_t nh_index, egress_encap_aux_data_t *aux,
                                 egress_encap_key_t *key) REQUIRES_DATABASE_LOCK;
 
-// Adds a reference; at 4294967295 the count wraps to 0. The index may come from a node, and is compared with its range.
-// Returns: 0; 22 when the slot is not valid or there is none of that index (reported, raised).
+// Adds a reference; at 4294967295 the count wraps to 0. Returns: 0; 22 when the slot is not valid (reported, raised).
 int vrl_mem_increment_egr_nh_ref_count(std::uint32_t nh_index) REQUIRES_DATABASE_LOCK;
+
+// What the increment answers for a slot that is not valid: reported, raised. Returns: 22.
+int refuse_nh_count_up(std::uint32_t nh_index, std::uint32_t ref_count) REQUIRES_DATABASE_LOCK;
 
 // Takes a reference; *del tells whether it was the last one, and is 0 after a failure.
 // Returns: 0; 22 when the count is 0 already (reported) or the slot not valid (reported, raised).
