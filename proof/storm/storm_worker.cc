@@ -1,13 +1,17 @@
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <random>
 
 #include "storm.h"
 
 namespace crash {
 namespace {
 
-constexpr std::uint32_t kTunnelsOfKeys = kTunnelsEach + 1;  // its labelled ones and its null tunnel node
+constexpr std::uint32_t kTunnelsOfKeys = kTunnelsEach + 1;  // the labelled ones and the null tunnel node
 
-// Keys of the same tunnel as `nh`, as bits.
+// The NHs that share a tunnel with `nh`, as bits.
 std::uint32_t tunnel_mates(std::uint32_t nh) {
   std::uint32_t bits = 0;
   for (std::uint32_t other = nh % kTunnelsOfKeys; other < kNhsEach; other += kTunnelsOfKeys) {
@@ -16,16 +20,27 @@ std::uint32_t tunnel_mates(std::uint32_t nh) {
   return bits;
 }
 
+bool enters(Verb verb) {
+  return verb == Verb::kInsert || verb == Verb::kAttach;
+}
+
 class Worker {
  public:
   Worker(Ledger &ledger, std::uint32_t number, std::uint64_t seed)
-      : own_(ledger.worker[number]), ledger_(ledger), number_(number), random_(seed) {}
+      : own_(ledger.owner[number]), ledger_(ledger), number_(number), random_(seed) {}
 
   void work() {
+    own_.tid = gettid();
     while (!ledger_.stop && own_.failure[0] == '\0') {
+      own_.parked = ledger_.pause.load();
+      if (own_.parked) {
+        usleep(200);
+        continue;
+      }
       step();
       own_.operations.fetch_add(1);
     }
+    own_.parked = true;
   }
 
  private:
@@ -37,87 +52,105 @@ class Worker {
     if (kind == 0) {
       verify();
     } else if (kind < 3) {
-      look_at_others();
-    } else if ((own_.unsure & tunnel_mates(nh)) == 0) {
-      own_.unsure.fetch_or(1u << nh);
+      use_of_others(below(kOwners), nh);
+    } else if ((own_.unsure & tunnel_mates(nh)) != 0) {
+      use_unsure(number_, nh);
+    } else {
+      own_.busy.fetch_or(1u << nh);
       change(nh, kind);
-      own_.unsure.fetch_and(~(1u << nh));
+      own_.busy.fetch_and(~(1u << nh));
     }
   }
 
-  void expect(const Operation &operation, const Answer &is, int status) {
-    if (is.status != status) {
-      std::snprintf(own_.failure, sizeof own_.failure, "%s answers %d, not %d", text_of(operation).c_str(), is.status,
-                    status);
+  void fail(const Operation &operation, const Answer &is) {
+    std::snprintf(own_.failure, sizeof own_.failure, "%s\n  answers %s", text_of(operation).c_str(),
+                  text_of(is).c_str());
+  }
+
+  // The operation as a caller makes it who looks the key up first; an entry names what the look-up found.
+  Operation made(Verb verb, std::uint32_t owner, std::uint32_t nh) {
+    Operation operation = on_nh(verb, storm_nh(owner, nh), 1 + below(3));
+    operation.key = storm_key(owner, nh);
+    operation.data.seed_nh = 1 + below(1000);
+    if (enters(verb)) {
+      Operation look;
+      look.key = operation.key;
+      operation.info = on_database(look).info;
+      operation.info.egr_nh = operation.nh;
+      operation.info.seed_nh = operation.data.seed_nh;
+      operation.info.egr_tun = operation.info.tun_found != 0 ? operation.info.egr_tun : storm_tunnel(owner, nh);
+    }
+    return operation;
+  }
+
+  // Of keys on a tunnel that a death left in doubt no answer is certain, but that there is one: 0, 1 or 22.
+  void use_unsure(std::uint32_t owner, std::uint32_t nh) {
+    const Operation operation = made(static_cast<Verb>(below(kVerbs)), owner, nh);
+    ledger_.owner[owner].unsure.fetch_or(1u << nh);
+    const Answer is = on_database(operation);
+    if (is.status != 0 && is.status != EINVAL && (is.status != 1 || operation.verb != Verb::kCanDelete)) {
+      fail(operation, is);
+    }
+  }
+
+  // Another owner's key is found at that owner's index or not at all.
+  void use_of_others(std::uint32_t owner, std::uint32_t nh) {
+    if ((ledger_.owner[owner].unsure & tunnel_mates(nh)) != 0) {
+      use_unsure(owner, nh);
+      return;
+    }
+    const Operation find = made(Verb::kFind, owner, nh);
+    const Answer found = on_database(find);
+    const bool unsure = ((ledger_.owner[owner].unsure | ledger_.owner[owner].busy) & tunnel_mates(nh)) != 0;
+    if (found.status != 0 || (found.info.nh_found != 0 && found.info.egr_nh != storm_nh(owner, nh) && !unsure)) {
+      fail(find, found);
     }
   }
 
   void change(std::uint32_t nh, std::uint32_t kind) {
     Entry &entry = own_.entry[nh];
-    if (entry.count == 0) {
-      enter(nh, kind == 4 ? 1 + below(3) : 0);
-    } else if (kind < 8) {
-      apply(nh, Verb::kShare, entry.count + 1);
-    } else if (kind == 8) {
-      update(nh);
-    } else if (kind == 9) {
-      apply(nh, Verb::kDetach, 0);
-    } else {
-      apply(nh, Verb::kRelease, entry.count - 1);
-    }
-  }
-
-  // `attached`: the count of an attach; 0 for an insert.
-  void enter(std::uint32_t nh, std::uint32_t attached) {
-    Operation operation;
-    operation.key = storm_key(number_, nh);
-    const Answer found = on_database(operation);
-    operation.info = found.info;
-    if (found.status != 0 || found.info.nh_found != 0) {
-      std::snprintf(own_.failure, sizeof own_.failure, "NH %u is found, and was never entered", nh);
+    const Verb verb = entry.count == 0 ? (kind == 4 ? Verb::kAttach : Verb::kInsert)
+                      : kind < 8       ? Verb::kShare
+                      : kind == 8      ? Verb::kUpdate
+                      : kind == 9      ? Verb::kDetach
+                                       : Verb::kRelease;
+    const Operation operation = made(verb, number_, nh);
+    const egress_encap_info_t &info = operation.info;
+    if (enters(verb) && (info.nh_found != 0 || info.egr_tun != storm_tunnel(number_, nh))) {
+      std::snprintf(own_.failure, sizeof own_.failure, "never entered and found: %s", text_of(operation).c_str());
       return;
     }
-    operation.info.egr_nh = storm_nh(number_, nh);
-    operation.info.egr_tun = storm_tunnel(number_, nh);
-    if (found.info.tun_found != 0 && found.info.egr_tun != operation.info.egr_tun) {
-      std::snprintf(own_.failure, sizeof own_.failure, "the tunnel of NH %u has index %u", nh, found.info.egr_tun);
+    // An update takes no lock of its own: a caller with concurrent readers does.
+    pthread_mutex_t *const mutex = verb == Verb::kUpdate ? &egress_encap_db->lock.mutex : nullptr;
+    if (mutex != nullptr) {
+      vrl_egress_encap_db_lock(mutex);
+    }
+    const Answer is = on_database(operation);
+    if (mutex != nullptr) {
+      pthread_mutex_unlock(mutex);
+    }
+    note(entry, nh, operation, is);
+  }
+
+  void note(Entry &entry, std::uint32_t nh, const Operation &operation, const Answer &is) {
+    const Verb verb = operation.verb;
+    if (is.status == EINVAL && storm_tunnel(number_, nh) == 0 && (verb == Verb::kDetach || verb == Verb::kRelease)) {
+      own_.unsure.fetch_or(1u << nh);  // all null tunnel nodes share one count, and a death has left it too low
       return;
     }
-    operation.info.seed_nh = 1 + below(1000);
-    operation.verb = attached != 0 ? Verb::kAttach : Verb::kInsert;
-    operation.count = attached;
-    expect(operation, on_database(operation), 0);
-    own_.entry[nh] = {attached != 0 ? attached : 1, operation.info.seed_nh};
-  }
-
-  void apply(std::uint32_t nh, Verb verb, std::uint32_t count) {
-    const Operation operation = on_nh(verb, storm_nh(number_, nh));
-    expect(operation, on_database(operation), 0);
-    own_.entry[nh].count = count;
-  }
-
-  // The update takes no lock: a caller with concurrent readers does.
-  void update(std::uint32_t nh) {
-    Operation operation = on_nh(Verb::kUpdate, storm_nh(number_, nh));
-    operation.data.seed_nh = 1 + below(1000);
-    vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-    expect(operation, on_database(operation), 0);
-    pthread_mutex_unlock(&egress_encap_db->lock.mutex);
-    own_.entry[nh].seed = operation.data.seed_nh;
-  }
-
-  // Another worker's key is found at that worker's index or not at all.
-  void look_at_others() {
-    const std::uint32_t worker = below(kWorkers), nh = below(kNhsEach);
-    Operation find;
-    find.key = storm_key(worker, nh);
-    const Answer found = on_database(find);
-    expect(find, found, 0);
-    const bool half_done = (ledger_.worker[worker].unsure & tunnel_mates(nh)) != 0;
-    if (found.info.nh_found != 0 && found.info.egr_nh != storm_nh(worker, nh) && !half_done) {
-      std::snprintf(own_.failure, sizeof own_.failure, "NH %u of worker %u is found as %u", nh, worker,
-                    found.info.egr_nh);
+    if (is.status != 0) {
+      fail(operation, is);
+      return;
     }
+    if (enters(verb) || verb == Verb::kUpdate) {
+      entry.seed = operation.data.seed_nh;
+    }
+    entry.count = verb == Verb::kInsert    ? 1
+                  : verb == Verb::kAttach  ? operation.count
+                  : verb == Verb::kShare   ? entry.count + 1
+                  : verb == Verb::kRelease ? entry.count - 1
+                  : verb == Verb::kDetach  ? 0
+                                           : entry.count;
   }
 
   void verify() {
@@ -129,7 +162,7 @@ class Worker {
     }
   }
 
-  Ledger::Worker &own_;
+  Ledger::Owner &own_;
   Ledger &ledger_;
   std::uint32_t number_;
   std::mt19937_64 random_;
@@ -137,47 +170,63 @@ class Worker {
 
 }  // namespace
 
-egress_encap_key_t storm_key(std::uint32_t worker, std::uint32_t nh) {
+egress_encap_key_t storm_key(std::uint32_t owner, std::uint32_t nh) {
   const std::uint32_t tunnel = nh % kTunnelsOfKeys;
-  return key_of(16 + nh, tunnel == kTunnelsEach ? 0 : 200 + kTunnelsEach * worker + tunnel, 1 + worker);
+  return key_of(16 + nh, tunnel == kTunnelsEach ? 0 : 200 + kTunnelsEach * owner + tunnel, 1 + owner);
 }
 
-std::uint32_t storm_nh(std::uint32_t worker, std::uint32_t nh) {
-  return kStormNhStart + worker * kNhsEach + nh;
+std::uint32_t storm_nh(std::uint32_t owner, std::uint32_t nh) {
+  return kStormNhStart + owner * kNhsEach + nh;
 }
 
-std::uint32_t storm_tunnel(std::uint32_t worker, std::uint32_t nh) {
+std::uint32_t storm_tunnel(std::uint32_t owner, std::uint32_t nh) {
   const std::uint32_t tunnel = nh % kTunnelsOfKeys;
-  return tunnel == kTunnelsEach ? 0 : kStormTunStart + worker * kTunnelsEach + tunnel;
+  return tunnel == kTunnelsEach ? 0 : kStormTunStart + owner * kTunnelsEach + tunnel;
 }
 
-void storm_work(Ledger &ledger, std::uint32_t worker, std::uint64_t seed) {
-  Worker(ledger, worker, seed).work();
+void storm_work(Ledger &ledger, std::uint32_t owner, std::uint64_t seed) {
+  Worker(ledger, owner, seed).work();
 }
 
-std::string storm_difference(const Ledger &ledger, std::uint32_t worker) {
-  const Ledger::Worker &own = ledger.worker[worker];
+std::string storm_difference(const Ledger &ledger, std::uint32_t owner) {
+  const Ledger::Owner &own = ledger.owner[owner];
+  const std::uint32_t in_doubt = own.unsure | own.busy;  // read first: what is not busy now stays as it is
   std::string wrong;
   for (std::uint32_t nh = 0; nh < kNhsEach; ++nh) {
-    if ((own.unsure & 1u << nh) != 0) {
-      continue;
-    }
-    const Entry &entry = own.entry[nh];
-    const egr_nh_info_t &slot = egress_encap_db->nh_info_array[storm_nh(worker, nh) - kStormNhStart];
+    const Entry entry = own.entry[nh];
+    const egr_nh_info_t &slot = egress_encap_db->nh_info_array[storm_nh(owner, nh) - kStormNhStart];
     Operation find;
-    find.key = storm_key(worker, nh);
+    find.key = storm_key(owner, nh);
     const Answer found = on_database(find);
     const bool there = entry.count != 0;
     const bool right = slot.valid == (there ? 1 : 0) && slot.ref_count == entry.count &&
                        found.info.nh_found == (there ? 1 : 0) &&
-                       (!there || (slot.seed_nh == entry.seed && found.info.egr_nh == storm_nh(worker, nh)));
-    if (!right) {
-      wrong += "NH " + std::to_string(nh) + " of worker " + std::to_string(worker) + " has count " +
+                       (!there || (slot.seed_nh == entry.seed && found.info.egr_nh == storm_nh(owner, nh)));
+    if (!right && (in_doubt & 1u << nh) == 0) {
+      wrong += "NH " + std::to_string(nh) + " of owner " + std::to_string(owner) + " has count " +
                std::to_string(slot.ref_count) + " and seed " + std::to_string(slot.seed_nh) + ", completed were " +
                std::to_string(entry.count) + " and " + std::to_string(entry.seed) + '\n';
     }
   }
   return wrong;
+}
+
+void storm_settle(Ledger &ledger, std::uint32_t owner) {
+  Ledger::Owner &own = ledger.owner[owner];
+  for (std::uint32_t nh = 0; nh < kNhsEach; ++nh) {
+    if ((own.unsure & 1u << nh) == 0) {
+      continue;
+    }
+    const egr_nh_info_t &slot = egress_encap_db->nh_info_array[storm_nh(owner, nh) - kStormNhStart];
+    if (slot.valid != 0 && slot.egr_tun != storm_tunnel(owner, nh)) {
+      // The repair has given the tunnel an index that this owner does not choose.
+      on_database(on_nh(Verb::kDetach, storm_nh(owner, nh)));
+    } else if (slot.valid != 0 && slot.ref_count == 0) {
+      on_database(on_nh(Verb::kSet, storm_nh(owner, nh), 1));
+    }
+    own.entry[nh] = {slot.ref_count, slot.seed_nh};
+  }
+  own.unsure = 0;
 }
 
 }  // namespace crash
