@@ -12,27 +12,18 @@
 #include <thread>
 
 #include "processes.h"
-#include "ptd.h"
+#include "shared_mutex.h"
 
 namespace vrellis {
 namespace {
 
 using namespace std::chrono_literals;
 using test_support::end_of;
-using test_support::kill_hard;
+using test_support::make_mutex;
 using test_support::Signal;
 using test_support::spawn;
-
-// As every user of the service takes a mutex.
-int take(pthread_mutex_t *mutex) {
-  int status = pthread_mutex_trylock(mutex);
-  if (status == EBUSY) {
-    ptd_set_mutex_block(mutex, "take", 1);
-    status = pthread_mutex_lock(mutex);
-    ptd_unset_mutex_block();
-  }
-  return status == EOWNERDEAD ? pthread_mutex_consistent(mutex) : status;
-}
+using test_support::take;
+using test_support::wait_for;
 
 struct Shared {
   pthread_mutex_t mutex;
@@ -72,22 +63,11 @@ class HandOver : public testing::Test {
     void *memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(memory, MAP_FAILED);
     shared_ = new (memory) Shared{};
-    make_mutex(PTHREAD_MUTEX_RECURSIVE, PTHREAD_MUTEX_ROBUST);
   }
   void TearDown() override {
     unsetenv("LTRACE");
     unsetenv("PTD_SPIN_NS");
     munmap(shared_, sizeof(Shared));
-  }
-
-  void make_mutex(int type, int robustness) const {
-    pthread_mutexattr_t attributes;
-    pthread_mutexattr_init(&attributes);
-    pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_settype(&attributes, type);
-    pthread_mutexattr_setrobust(&attributes, robustness);
-    EXPECT_EQ(pthread_mutex_init(&shared_->mutex, &attributes), 0);
-    pthread_mutexattr_destroy(&attributes);
   }
 
   // The holder unlocks, so that the kernel wakes the first waiter, locks again at once, and kills that waiter before it
@@ -100,7 +80,7 @@ class HandOver : public testing::Test {
 // Holder and first waiter share a processor, where the waiter runs only when no other process does.
 void HandOver::wake_one_and_kill_it(bool holder_dies) {
   shared_->overtook = shared_->taken = false;
-  make_mutex(PTHREAD_MUTEX_RECURSIVE, PTHREAD_MUTEX_ROBUST);
+  make_mutex(&shared_->mutex);
   const int processor = sched_getcpu();
   Signal held;
   Signal go;
@@ -168,17 +148,11 @@ TEST_F(HandOver, AfterTheWaitAThreadHoldsWhatItsOwnLockCallTook) {
       EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
     });
   };
-  const auto wait_for_lock = [&] {
-    ptd_set_mutex_block(mutex, "test", 1);
-    const int status = pthread_mutex_lock(mutex);
-    ptd_unset_mutex_block();
-    return status;
-  };
   for (const int type : {PTHREAD_MUTEX_NORMAL, PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_RECURSIVE}) {
     for (const int robustness : {PTHREAD_MUTEX_STALLED, PTHREAD_MUTEX_ROBUST}) {
       SCOPED_TRACE("type " + std::to_string(type) + ", robustness " + std::to_string(robustness));
-      make_mutex(type, robustness);
-      EXPECT_EQ(wait_for_lock(), 0);
+      make_mutex(mutex, type, robustness);
+      EXPECT_EQ(wait_for(mutex), 0);
       elsewhere([&] { EXPECT_EQ(pthread_mutex_trylock(mutex), EBUSY); });
       EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
       expect_free();
@@ -189,13 +163,13 @@ TEST_F(HandOver, AfterTheWaitAThreadHoldsWhatItsOwnLockCallTook) {
   }
   const auto let_a_holder_die = [&] { end_of(spawn([&] { return pthread_mutex_lock(mutex); })); };
   let_a_holder_die();
-  EXPECT_EQ(wait_for_lock(), 0);
+  EXPECT_EQ(wait_for(mutex), 0);
   EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
   expect_free();
   let_a_holder_die();
   EXPECT_EQ(pthread_mutex_trylock(mutex), EOWNERDEAD);
   EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-  EXPECT_EQ(wait_for_lock(), ENOTRECOVERABLE);
+  EXPECT_EQ(wait_for(mutex), ENOTRECOVERABLE);
 }
 
 }  // namespace
