@@ -33,7 +33,7 @@ constexpr ed_site_t stored_site(std::size_t id, ed_site_t *next) {
 
 // One descriptor a point, written by the debug facility after registration.
 constinit ed_site_t sites[kPointCount] = {
-#define ED_POINT(id, line, category, trace, values, function, symbol, ...) \
+#define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) \
   stored_site(id, (id) == 0 ? nullptr : &sites[(id) - ((id) == 0 ? 0 : 1)]),
 #include "debug_points.def"
 };

@@ -21,7 +21,7 @@ enum class Category : std::uint8_t { error, event, init };
 inline constexpr std::size_t kCategories = 3;
 
 enum class Point : std::uint8_t {
-#define ED_POINT(id, line, category, trace, values, function, symbol, ...) symbol = id,
+#define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) symbol = id,
 #include "debug_points.def"
 };
 
@@ -39,7 +39,7 @@ inline constexpr bool untraced = false;
 }  // namespace trace_word
 
 inline constexpr PointFacts kPoints[] = {
-#define ED_POINT(id, line, category, trace, values, function, symbol, ...) \
+#define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) \
   {line, Category::category, trace_word::trace, values, #__VA_ARGS__},
 #include "debug_points.def"
 };
@@ -53,7 +53,7 @@ constexpr const PointFacts &facts(Point point) {
 // The table proves itself: ids in order, lines rising and within their 24 bits, as many values as conversions.
 namespace table_check {
 constexpr std::uint32_t kIds[] = {
-#define ED_POINT(id, line, category, trace, values, function, symbol, ...) id,
+#define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) id,
 #include "debug_points.def"
 };
 

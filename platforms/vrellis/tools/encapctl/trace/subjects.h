@@ -1,4 +1,4 @@
-// Which NH and which tunnel a trace record is about, as its point's message tells.
+// Which NH and which tunnel a trace record is about, as the table of points tells.
 #ifndef ENCAPCTL_POINT_ROLES_H
 #define ENCAPCTL_POINT_ROLES_H
 
