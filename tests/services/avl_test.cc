@@ -7,7 +7,7 @@
 namespace avl_tests {
 namespace {
 
-// A tree of keys below `limit`, each with its node. Once it has a root, its operations take the field or a copy of it.
+// A tree of keys below `limit`, each with its node. Operations pass the root field, or a copy of it if there is a root.
 class Tree {
  public:
   explicit Tree(std::size_t limit) : nodes_(limit) {
@@ -34,7 +34,7 @@ class Tree {
   }
 
  private:
-  // *flag tells whether the root changed; so does the root itself.
+  // Compares *flag with what happened to the root.
   bool call(decltype(avl_insert) *operation, std::uint64_t key, bool by_copy) {
     void *const before = root_;
     void *copy = root_;
@@ -55,7 +55,7 @@ bool is_unlinked(const Node &node) {
   return node.link.child[0] == 0 && node.link.child[1] == 0 && node.link.up == 0;
 }
 
-// Deep trees, whose removals turn on several levels; of the small ones, avl_undo_test tries every shape.
+// Deep trees, whose removals rotate on several levels. avl_undo_test tries every shape of the small ones.
 TEST(Avl, RandomOperationsAgreeWithASet) {
   constexpr std::size_t kKeys = 400;
   std::mt19937_64 random(20240607);
@@ -66,7 +66,7 @@ TEST(Avl, RandomOperationsAgreeWithASet) {
     const bool known = model.contains(key);
     const bool by_copy = random() % 2 != 0;
     ASSERT_EQ(find(tree.root(), key), known ? &tree.node(key) : nullptr);
-    const bool growing = step / 2000 % 2 == 0;  // sways between nearly full and nearly empty
+    const bool growing = step / 2000 % 2 == 0;  // the tree gets nearly full and nearly empty in turn
     if (random() % 64 != 0 ? growing : !growing) {
       ASSERT_EQ(tree.insert(key, by_copy), !known);
       model.insert(key);
@@ -114,7 +114,7 @@ TEST(Avl, RefusalsChangeNothing) {
 
 using AvlInWindow = window_tests::WindowTest;
 
-// Deaths at random moments are for the storm to bring; here, whether the window and its trees agree on the log's place.
+// The window service and the tree service agree on the place of the log.
 TEST_F(AvlInWindow, AChangeLeftOpenInTheWindowsLogIsTakenBack) {
   ASSERT_EQ(open(config()), 0) << error_.text;
   auto **const field = static_cast<void **>(shmwin_user_area(window_tests::kId));

@@ -1,4 +1,4 @@
-// What the tree service's tests share: a node, its order, and a checker that looks at everything a tree must be.
+// What the tests of the tree service share: a node, its order, and a checker of all invariants of a tree.
 #ifndef TESTS_SERVICES_AVL_TREE_CHECK_H
 #define TESTS_SERVICES_AVL_TREE_CHECK_H
 
@@ -31,7 +31,7 @@ extern "C" inline int compare_keys(const void *a, const void *b) {
 
 inline Node probe_for(std::uint64_t key) {
   Node probe;
-  probe.link = {{~Word{0}, ~Word{0}}, ~Word{0}};  // a probe's linkage is nobody's business
+  probe.link = {{~Word{0}, ~Word{0}}, ~Word{0}};  // the service must not read a probe's linkage
   probe.key = key;
   return probe;
 }
@@ -41,7 +41,7 @@ inline Node *find(void *root, std::uint64_t key) {
   return static_cast<Node *>(avl_search(root, &probe, compare_keys));
 }
 
-// A tree as seen from its root field: sound when `fault` is empty.
+// A tree as seen from its root field. It is sound when `fault` is empty.
 struct View {
   std::string fault;
   Keys keys;          // in the tree's order

@@ -1,6 +1,7 @@
-// All or nothing: what a death after any one store leaves behind, and what the next call makes of it.
+// All or nothing: the test takes a snapshot after each store of a change, as a process that dies there would leave the
+// window, and calls the service on each of them.
 //
-// The service is compiled in here, with a store() that shows each store. The windows are this test's own.
+// The service is compiled into the test, with a store() of the test. The window is plain memory.
 #define VRELLIS_AVL_STORE_H
 
 #include <cstdint>
@@ -30,7 +31,7 @@ inline void store(Word *word, Word value) {
 #include "avl/undo.cc"     // NOLINT(bugprone-suspicious-include)
 #include "avl_tree_check.h"
 
-// The copy of the tree service here finds its thread's place in the trace here, too.
+// The service in the test refers to these two, which are internal to the library.
 constinit thread_local vrellis::ThreadTrace vrellis::thread_trace;
 
 constinit vrellis::WindowMap vrellis::window_maps[kMostWindows] = {};
@@ -62,7 +63,7 @@ struct Snapshot {
 class AvlUndo : public testing::Test {
  protected:
   void SetUp() override {
-    vrellis::WindowMap &map = vrellis::window_maps[1];  // slot 0 stays empty: the search for the slot is real
+    vrellis::WindowMap &map = vrellis::window_maps[1];  // entry 0 stays empty, so that the service has to search
     map.begin = reinterpret_cast<std::uintptr_t>(window_);
     map.end = map.begin + sizeof(Window);
     map.tree_area = window_->tree_area;
@@ -115,7 +116,7 @@ class AvlUndo : public testing::Test {
     std::copy_n(state.nodes, std::size(state.nodes), window_->nodes);
   }
 
-  // What a death would leave behind: before the first store of `work`, and after each.
+  // The window before the first store of `work` and after each store.
   template <typename Work>
   static std::deque<Snapshot> deaths_in(Work work) {
     states_.assign(1, snapshot());
@@ -125,7 +126,7 @@ class AvlUndo : public testing::Test {
     return std::exchange(states_, {});
   }
 
-  // Byte by byte, but for the linkage of a node that is in no tree.
+  // Compares all bytes, except the linkage of nodes that are in no tree.
   static bool same_trees(Snapshot a, Snapshot b, const Keys &keys) {
     for (std::size_t key = 0; key < std::size(a.nodes); ++key) {
       if (!holds(keys, key)) {
@@ -139,7 +140,7 @@ class AvlUndo : public testing::Test {
     return std::find(keys.begin(), keys.end(), key) != keys.end();
   }
 
-  // The next process looks for `key`; its answer must be that of the tree it leaves, which is one of the two.
+  // The next process searches `key`. The tree is then the one before or after the change, and the answer fits it.
   static void search_and_check(std::uint64_t key, const Snapshot &before, const Snapshot &after, bool bytewise) {
     const Node *found = find(window_->root, key);
     const View view = view_of(&window_->root);
@@ -172,7 +173,8 @@ void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
   std::set<std::uint64_t> expected(before.keys.begin(), before.keys.end());
   ASSERT_TRUE(key % 2 == 0 ? expected.erase(key) == 1 : expected.insert(key).second);
   ASSERT_EQ(after.keys, Keys(expected.begin(), expected.end()));
-  const bool bytewise = !before.keys.empty() && !after.keys.empty();  // else one store does it, without the log
+  const bool bytewise =
+      !before.keys.empty() && !after.keys.empty();  // else one store makes the change, without the log
   bool committed = false;
   for (const Snapshot &death : deaths) {
     restore(death);
@@ -187,7 +189,7 @@ void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
       search();
       ASSERT_EQ(view_of(&window_->root).keys, keys);
     }
-    // Whatever the next process does first instead: the same change, or one to a neighbour.
+    // Or the next process makes a change first: the same one again, or one of a neighbour.
     for (const std::uint64_t next : {key, key + 1}) {
       restore(death);
       const bool due = next != key ? next % 2 != 0 || holds(keys, next) : !committed;
@@ -203,7 +205,7 @@ void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
   ASSERT_TRUE(committed);
 }
 
-// The thinnest AVL tree of a height, `heavy` its deeper side: its keys, each after `key`, by their depth.
+// Adds the keys of the AVL tree of `height` that has the fewest nodes to `levels`, by depth. `heavy`: its deeper side.
 void add_thinnest(int height, bool heavy, std::uint64_t &key, std::size_t depth, std::array<Keys, 8> &levels) {
   if (height >= 1) {
     add_thinnest(heavy ? height - 2 : height - 1, heavy, key, depth + 1, levels);
@@ -212,7 +214,7 @@ void add_thinnest(int height, bool heavy, std::uint64_t &key, std::size_t depth,
   }
 }
 
-// Level by level: an order of insertion without rotations.
+// The keys level by level, so that inserting them needs no rotation.
 Keys thinnest_tree(int height, bool heavy) {
   std::array<Keys, 8> levels;
   Keys order;
@@ -251,7 +253,7 @@ TEST_F(AvlUndo, AnotherTreesRootIsNotMistakenForTheOneTakenBack) {
   }
 }
 
-// A root field outside the window is some process's stack: it is not logged, and it must be the one the caller gives.
+// A root field outside the window belongs to one process. It is not logged, and the caller has to pass it itself.
 TEST_F(AvlUndo, ARootFieldOutsideTheWindowIsItsOwnProcesss) {
   build({});
   void *outside = nullptr;
@@ -296,7 +298,7 @@ TEST_F(AvlUndo, ADamagedLogIsEmptiedAndNoWordThatItNamesIsWritten) {
   }
 }
 
-// A chain of parents that is far longer than a tree is high would fill the log, and then what lies behind the log.
+// A chain of parents longer than any tree is high would fill the log, and then overwrite the memory behind it.
 TEST_F(AvlUndo, AChangeOfADamagedTreeThatWouldOutgrowTheLogIsTakenBack) {
   build({2});
   Node *const nodes = window_->nodes;

@@ -138,7 +138,7 @@ TEST_F(HandOver, AWaiterIsNotLeftAsleepWhenTheOneThatWasWokenDies) {
   }
 }
 
-// How long the calling thread has to wait is up to other threads; what it holds afterwards is up to its own lock call.
+// The service may take the mutex for the thread, but what the thread holds afterwards is decided by its own lock call.
 TEST_F(HandOver, AfterTheWaitAThreadHoldsWhatItsOwnLockCallTook) {
   pthread_mutex_t *const mutex = &shared_->mutex;
   const auto elsewhere = [](const std::function<void()> &work) { std::thread(work).join(); };
@@ -156,7 +156,7 @@ TEST_F(HandOver, AfterTheWaitAThreadHoldsWhatItsOwnLockCallTook) {
       elsewhere([&] { EXPECT_EQ(pthread_mutex_trylock(mutex), EBUSY); });
       EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
       expect_free();
-      ptd_set_mutex_block(mutex, "test", 1);  // and the thread's own lock call fails
+      ptd_set_mutex_block(mutex, "test", 1);  // the thread's own lock call failed
       ptd_unset_mutex_block();
       expect_free();
     }

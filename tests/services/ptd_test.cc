@@ -1,4 +1,4 @@
-// Waits for a mutex as they are told of in the process and from outside, alive and dead.
+// The entries of waiting threads, as their own process and other processes read them; watching a mutex; the setting.
 #include "ptd.h"
 
 #include <sched.h>
@@ -14,7 +14,7 @@
 namespace vrellis {
 namespace {
 
-std::uint64_t monotonic_ns() {  // as the service counts
+std::uint64_t monotonic_ns() {  // the clock of the service
   return static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1));
 }
 
@@ -26,7 +26,7 @@ TEST_F(PtdTest, AWaitIsToldOfWhileItLastsAndCountedAfterwards) {
     const std::string long_name = "a_function_whose_name_is_far_longer_than_the_room_that_an_entry_has";
     ptd_wait_t wait[2];
     EXPECT_EQ(ptd_waits(wait, 2), 0);
-    ptd_unset_mutex_block();  // without a wait: nothing
+    ptd_unset_mutex_block();  // no wait has begun
     EXPECT_EQ(ptd_waits(wait, 2), 0);
     const std::uint64_t before = monotonic_ns();
     ptd_set_mutex_block(&mutex, long_name.c_str(), 43);
@@ -119,7 +119,7 @@ std::uint64_t watch_ns(pthread_mutex_t &mutex, int tries) {
   return shortest;
 }
 
-// One processor is shared with whoever holds the mutex; `limit_ns` is for a wait that does not watch.
+// With one processor, the waiter shares it with the holder. `limit_ns` is for a wait that does not watch.
 void expect_watch(bool one_processor, bool off, std::uint64_t limit_ns) {
   cpu_set_t allowed;
   sched_getaffinity(0, sizeof allowed, &allowed);
@@ -157,8 +157,8 @@ TEST_F(PtdTest, ABadSettingIsReportedOnceAndCountsAsTheDefault) {
       const std::string told = testing::internal::GetCapturedStderr();
       const bool good = std::string_view(text).size() == 1;
       EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), good ? 0 : 1);
-      EXPECT_EQ(told.ends_with(" PTD_SPIN_NS is '" + std::string(text) +
-                               "', not a number from 0 to 1000000: it counts as 100000\n"),
+      EXPECT_EQ(told.ends_with(" PTD_SPIN_NS is not a number from 0 to 1000000 and counts as 100000: '" +
+                               std::string(text) + "'\n"),
                 !good)
           << told;
     });

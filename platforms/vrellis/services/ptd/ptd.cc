@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 
 #include "between_services.h"
@@ -83,10 +82,7 @@ bool has_processors() {
 
 void tell_of_bad_setting(const char *text) {
   LogLine line;
-  const std::span<char> room = line.room();
-  line.used(static_cast<std::size_t>(
-      std::snprintf(room.data(), room.size(), "PTD_SPIN_NS is '%.60s', not a number from 0 to %d: it counts as %d",
-                    text, static_cast<int>(kLongestWatchNs), static_cast<int>(kDefaultWatchNs))));
+  line.text("PTD_SPIN_NS is not a number from 0 to 1000000 and counts as 100000: '").text(text).text("'");
   write_to_stderr(line.finish());
 }
 
@@ -98,13 +94,12 @@ std::uint64_t watch_setting() {
     return setting;
   }
   const char *const text = secure_getenv("PTD_SPIN_NS");
+  const char *const end = text != nullptr ? text + std::strlen(text) : nullptr;
   std::uint64_t wanted = kDefaultWatchNs;
-  bool good = true;
-  if (text != nullptr) {
-    const char *const end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, wanted);
-    good = error == std::errc{} && stop == end && wanted <= kLongestWatchNs;
-    wanted = good ? wanted : kDefaultWatchNs;
+  const auto [stop, error] = std::from_chars(text, end, wanted);
+  const bool good = text == nullptr || (error == std::errc{} && stop == end && wanted <= kLongestWatchNs);
+  if (!good) {
+    wanted = kDefaultWatchNs;
   }
   wanted = has_processors() ? wanted : 0;
   if (watch_ns.compare_exchange_strong(setting, wanted, std::memory_order_relaxed) && !good) {
