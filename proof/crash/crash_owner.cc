@@ -26,69 +26,53 @@ namespace {
 using vrellis::WindowHeader;
 using FileState = std::optional<Image>;  // nothing: there is no file
 
-// The window's file, looked at after each instruction: mapped once it has its full length.
+// The window's file, looked at after each instruction.
 class WatchedFile {
  public:
-  explicit WatchedFile(std::string path) : path_(std::move(path)), last_(whole()) {}
+  explicit WatchedFile(std::string path) : path_(std::move(path)) { changed(); }
   ~WatchedFile() { unmap(); }
   WatchedFile(const WatchedFile &) = delete;
   WatchedFile &operator=(const WatchedFile &) = delete;
 
   // The state now, if it is another than at the last look.
   std::optional<FileState> changed() {
-    struct stat status;
-    const bool there = stat(path_.c_str(), &status) == 0;
-    const std::size_t size = there ? static_cast<std::size_t>(status.st_size) : 0;
-    if (map_ != nullptr && there && size == size_ && inode_ == status.st_ino) {
-      if (std::memcmp(map_, last_->data(), size_) == 0) {
-        return std::nullopt;
-      }
-      last_ = Image(map_, map_ + size_);
-      return last_;
+    struct stat now {};
+    if (stat(path_.c_str(), &now) != 0) {
+      now = {};
     }
-    if (there == last_.has_value() && size == (last_ ? last_->size() : 0) && map_ == nullptr && size == 0) {
+    if (now.st_ino != inode_ || static_cast<std::size_t>(now.st_size) != size_) {
+      remap(now);
+    } else if (size_ == 0 || std::memcmp(map_, last_->data(), size_) == 0) {
       return std::nullopt;
     }
-    return remap(there, size, status.st_ino);
-  }
-
- private:
-  FileState whole() const {
-    std::ifstream file(path_, std::ios::binary);
-    return file ? FileState(Image(std::istreambuf_iterator<char>(file), {})) : std::nullopt;
-  }
-
-  FileState remap(bool there, std::size_t size, ino_t inode) {
-    unmap();
-    if (there && size != 0) {
-      const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-      void *map = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-      close(fd);
-      map_ = map != MAP_FAILED ? static_cast<std::uint8_t *>(map) : nullptr;
-      size_ = size;
-      inode_ = inode;
-    }
-    last_ = there ? FileState(map_ != nullptr ? Image(map_, map_ + size) : Image{}) : std::nullopt;
+    last_ = inode_ == 0 ? FileState() : Image(map_, map_ + size_);
     return last_;
   }
 
+ private:
+  void remap(const struct stat &now) {
+    unmap();
+    inode_ = now.st_ino;
+    size_ = static_cast<std::size_t>(now.st_size);
+    if (size_ != 0) {
+      const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+      map_ = static_cast<std::uint8_t *>(mmap(nullptr, size_, PROT_READ, MAP_SHARED, fd, 0));
+      close(fd);
+    }
+  }
+
   void unmap() {
-    if (map_ != nullptr) {
+    if (size_ != 0) {
       munmap(map_, size_);
-      map_ = nullptr;
     }
   }
 
   std::string path_;
   std::uint8_t *map_ = nullptr;
   std::size_t size_ = 0;
-  ino_t inode_ = 0;
+  ino_t inode_ = 0;  // 0: there is no file
   FileState last_;
 };
-
-std::string path_in(const Directory &directory) {
-  return directory.path() + "/window";
-}
 
 void put_file(const std::string &path, const FileState &state) {
   unlink(path.c_str());
@@ -145,7 +129,6 @@ Walked walk_owner(const encap_db_config_t &config, const std::string &path) {
       _exit(1);
     }
   });
-  file.changed();
   while (stepper.step()) {
     if (const std::optional<FileState> state = file.changed()) {
       ++walked.changes;
@@ -227,7 +210,7 @@ std::vector<FileState> kinds_of(const std::vector<FileState> &states) {
 int run() {
   const Stopwatch time;
   const Directory directory;
-  const std::string path = path_in(directory);
+  const std::string path = directory.path() + "/window";
   encap_db_config_t config = config_in(directory);
   config.nh_size = 24;
   const Walked first = walk_owner(config, path);

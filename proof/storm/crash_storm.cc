@@ -281,8 +281,7 @@ int run(const Options &options) {
   config.tun_size = kStormTunnels;
   const Window window(directory, config);
   void *const shared = mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  std::printf("crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
-  std::fflush(stdout);
+  std::fprintf(stderr, "crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
   const Stopwatch time;
   Storm storm(options, window, *static_cast<Ledger *>(shared));
   storm.run();
