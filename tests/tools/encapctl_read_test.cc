@@ -162,6 +162,9 @@ TEST_F(EncapctlTest, SnapshotReplacesNeitherTheWindowNorWhatIsNoFile) {
   EXPECT_TRUE(has(on_window({"snapshot", path(), "--force"}).err, "is the window itself"));
   EXPECT_TRUE(has(on_window({"snapshot", directory() + "/./" + name_, "--force"}).err, "is the window itself"));
   EXPECT_TRUE(has(on_window({"snapshot", link, "--force"}).err, "is no regular file"));
+  EXPECT_EQ(encapctl({"status", "--dir", directory(), "--name", name_ + ".link"}).status, 2) << "another user can link";
+  EXPECT_EQ(encapctl({"status", "--file", link}).status, 0);
+  EXPECT_TRUE(has(encapctl({"status", "--file", device}).err, "is no regular file"));
   EXPECT_TRUE(has(on_window({"snapshot", device, "--force"}).err, "is no regular file"));
   struct stat now {};
   ASSERT_EQ(stat(path().c_str(), &now), 0);

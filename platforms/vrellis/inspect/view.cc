@@ -73,7 +73,7 @@ std::uint64_t bytes_to_read(int fd, std::uint64_t file_size) {
 
 class File {
  public:
-  explicit File(const char *path) : fd_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+  File(const char *path, int flags) : fd_(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | flags)) {}
   ~File() {
     if (fd_ >= 0) {
       close(fd_);
@@ -139,14 +139,15 @@ std::optional<View> View::open_live(const char *directory, const char *name, std
 }
 
 std::optional<View> View::open_path(const char *path, unsigned readings, std::string *error) {
-  const File file(path);
   struct stat status {};
-  if (file.fd() < 0 || fstat(file.fd(), &status) != 0) {
-    fail(error, "cannot open '" + std::string(path) + "': " + std::strerror(errno));
+  if (stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {  // opening a device may already act on it
+    fail(error, "'" + std::string(path) + "' is no regular file, a window is");
     return std::nullopt;
   }
-  if (!S_ISREG(status.st_mode)) {
-    fail(error, "'" + std::string(path) + "' is no regular file, a window is");
+  // Other users can make a link in the directory of a window; the path of a snapshot is the caller's own.
+  const File file(path, readings < 2 ? 0 : O_NOFOLLOW);
+  if (file.fd() < 0 || fstat(file.fd(), &status) != 0) {
+    fail(error, "cannot open '" + std::string(path) + "': " + std::strerror(errno));
     return std::nullopt;
   }
   View view;
