@@ -130,7 +130,7 @@ bool one_of(std::uint32_t value, std::uint32_t a, std::uint32_t b) {
 }
 
 // An NH that stays after its operation was cut off and repaired: an identity as before or after, field by field of the
-// data old or new, a count that the operation passes through. A new NH that nobody counts yet may lack some of its
+// data old or new, a count that the operation passes through. A new NH that is not counted yet may lack some of its
 // data.
 bool is_between(const egr_nh_info_t &slot, const NhSlot &before, const NhSlot &after) {
   const NhSlot &shape = after.valid != 0 ? after : before;

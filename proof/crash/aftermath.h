@@ -28,12 +28,14 @@ class Expectation {
   // Each NH that the operation leaves alone, by its full key.
   const std::vector<std::pair<egress_encap_key_t, std::uint32_t>> &untouched() const { return untouched_; }
 
-  // Compares what is there after a repair; returns "" or what is wrong.
+  // Compares the database after a repair with the models. Returns "" or what is wrong.
   std::string difference(const egress_encap_db_t &header) const;
 
   const encap_test::Model &before() const { return before_; }
   const encap_test::Model &after() const { return after_; }
-  const std::vector<Operation> &interrupted() const { return interrupted_; }  // with the key, whatever the verb
+  const std::vector<Operation> &interrupted() const {
+    return interrupted_;
+  }  // with its key, also where the call takes an index
 
  private:
   std::string tunnel_difference(const egress_encap_db_t &header) const;

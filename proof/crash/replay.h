@@ -14,7 +14,7 @@ struct Verdicts {
   std::vector<Image> seconds;  // what a second death at each change of the recovery leaves; buried, some more than once
 };
 
-// Requires that nobody holds the window's lock. With `watched`, collects the states of second deaths.
+// Requires that no thread holds the window's lock. With `watched`, collects the states of second deaths.
 Verdicts play(const Window &window, const Expectation &expected, const std::vector<Image> &states, unsigned deaths,
               bool watched, Kinds &kinds);
 

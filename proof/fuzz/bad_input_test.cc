@@ -146,7 +146,7 @@ TEST_F(BadInputTest, ATruncatedWindowIsRefusedAndLeftAsItIs) {
   }
 }
 
-// Whatever bytes of the identity or of the database's header are damaged: refused, or of no consequence.
+// A window whose identity or whose database's header is damaged is refused, or the damage has no effect.
 TEST_F(BadInputTest, ADamagedHeaderNeverHarmsWhoOpensIt) {
   std::ifstream file(path(), std::ios::binary);
   const std::string sound{std::istreambuf_iterator<char>(file), {}};

@@ -93,7 +93,7 @@ void keep_lock(crash::Image &image) {
   std::memcpy(image.data() + lock, sound_window.data() + lock, sizeof(egress_encap_lock_t));
 }
 
-// Nobody reads the spare bits of a slot in use: damage there stays, and does no harm.
+// No operation reads the spare bits of a slot in use. Damage there stays and does no harm.
 void clear_spare_bits() {
   egress_encap_db_t &db = *egress_encap_db;
   for (std::uint32_t i = 0; i < db.nh_end - db.nh_start; ++i) {
@@ -123,7 +123,7 @@ void mend(crash::Image &image) {
     const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
     wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
   }
-  // Other ranges than it was made with make it another database, with slots that belong to nobody.
+  // With other ranges than it was made with it is another database, and some slots have no index any more.
   const egress_encap_db_t &db = *egress_encap_db;
   if (wrong.empty() && db.nh_start == crash::kNhStart && db.tun_start == crash::kTunStart) {
     // The trees are all there is to know: slots and counts follow from them.
