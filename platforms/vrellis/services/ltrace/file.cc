@@ -1,4 +1,4 @@
-// The process's trace file: made at the first record, its rings claimed by threads, left behind at the end.
+// Makes the trace file of the process, and removes old ones of dead processes.
 #include "ltrace/file.h"
 
 #include <dirent.h>
@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,8 @@
 #include <cstring>
 
 #include "ltrace/proc.h"
+#include "oxa_errmsg/log_line.h"
+#include "oxa_errmsg/outlet.h"
 
 namespace vrellis {
 
@@ -24,10 +27,11 @@ constinit std::atomic<TraceState> trace_state{TraceState::kUnknown};
 
 namespace {
 
-// A process that runs another program keeps pid and start time: so many of its files can stand side by side.
+// A process that runs another program keeps pid and start time, so several files can belong to it, up to this many.
 constexpr int kFilesPerProcess = 8;
 
-// `mutex` guards all but `file`, which is published when it is complete.
+// `mutex` guards all fields except `file`, which is published when the file is complete. A thread that holds the
+// database lock never takes it.
 struct ProcessTrace {
   pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   std::atomic<FileHeader *> file{nullptr};
@@ -36,32 +40,59 @@ struct ProcessTrace {
 };
 
 constinit ProcessTrace process;
-constinit pthread_once_t fork_once = PTHREAD_ONCE_INIT;
+constinit std::atomic<std::uint64_t> early_drops{0};  // records that were dropped before there was a file
 
-// The child has one thread, this one, and no part in its parent's file. It leaves the mapping alone: a signal handler
-// that forked half-way through a record still returns into it.
+// The child has one thread and no part in its parent's file. It keeps the mapping, since a thread that forks in a
+// signal handler may return into the writing of a record.
 void child_begins() {
   forget_ring();
   process.mutex = PTHREAD_MUTEX_INITIALIZER;
   process.file.store(nullptr, std::memory_order_relaxed);
+  early_drops.store(0, std::memory_order_relaxed);
   process.path[0] = '\0';
   trace_state.store(TraceState::kUnknown, std::memory_order_relaxed);
 }
 
-void watch_forks() {
+[[gnu::constructor]] void watch_forks() {
   pthread_atfork(nullptr, nullptr, child_begins);
 }
 
-std::uint32_t ring_words_wanted() {
-  constexpr std::uint32_t kDefaultKib = 64;
-  const char *text = secure_getenv("LTRACE_RING_KIB");
-  const unsigned long kib = text != nullptr ? strtoul(text, nullptr, 10) : kDefaultKib;
-  const bool fits = kib >= kMinRingKib && kib <= kMaxRingKib;
-  return std::bit_floor(fits ? static_cast<std::uint32_t>(kib) : kDefaultKib) * (1024 / sizeof(std::uint64_t));
+template <typename... Piece>
+void tell(Piece... piece) {
+  LogLine line;
+  line.text("ltrace: ");
+  (line.text(piece), ...);
+  write_to_stderr(line.finish());
 }
 
-// Opens the directory of the trace files, making it when it is missing; its absolute path goes to `path`. The default
-// one stands where everybody may write: it must be ours alone.
+std::uint32_t ring_words_wanted() {
+  constexpr unsigned long kDefaultKib = 64;
+  const char *text = secure_getenv("LTRACE_RING_KIB");
+  unsigned long kib = kDefaultKib;
+  if (text != nullptr && *text != '\0') {
+    char *end = nullptr;
+    kib = strtoul(text, &end, 10);
+    if (*end != '\0' || !std::has_single_bit(kib) || kib < kMinRingKib || kib > kMaxRingKib) {
+      tell("LTRACE_RING_KIB is '", text, "', which is no power of two from 8 to 16384: rings have 64 KiB");
+      kib = kDefaultKib;
+    }
+  }
+  return static_cast<std::uint32_t>(kib * 1024 / sizeof(std::uint64_t));
+}
+
+// How many rings the process's limit of file sizes has room for. A file that is made longer than the limit ends the
+// process by SIGXFSZ.
+std::uint32_t rings_within_limit(std::uint64_t ring_bytes) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return kMaxRings;
+  }
+  const std::uint64_t room = limit.rlim_cur > kRingHeaderBytes ? limit.rlim_cur - kRingHeaderBytes : 0;
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(room / ring_bytes, kMaxRings));
+}
+
+// Opens the directory of the trace files, making it when it is missing; its absolute path goes to `path`. Every user can
+// make the default directory first, so it is used only when it belongs to this user and no other may enter it.
 int open_directory(char (&path)[PATH_MAX]) {
   char fallback[64];
   const char *named = secure_getenv("LTRACE_DIR");
@@ -114,12 +145,12 @@ int create_file(int directory) {
   return fd;
 }
 
-void fill_header(FileHeader *file, std::uint32_t ring_words) {
+void fill_header(FileHeader *file, std::uint32_t ring_words, std::uint32_t rings) {
   file->version = kTraceVersion;
   file->header_bytes = kRingHeaderBytes;
   file->block_words = kBlockWords;
   file->ring_words = ring_words;
-  file->num_rings = kMaxRings;
+  file->num_rings = rings;
   file->tick_kind = kTickKind;
   file->pid = static_cast<std::uint32_t>(getpid());
   file->uid = geteuid();
@@ -130,14 +161,15 @@ void fill_header(FileHeader *file, std::uint32_t ring_words) {
   }
   read_boot_id(file->boot_id);
   file->created = read_clocks();
+  file->records_dropped = early_drops.exchange(0, std::memory_order_relaxed);
   std::memcpy(file->component, process.component, sizeof file->component);
   store_shared(file->magic, kTraceMagic, std::memory_order_release);
 }
 
 // Gives the new file its size and maps it. Returns: nullptr, errno set.
-FileHeader *map_file(int fd, std::uint32_t ring_words) {
-  const std::size_t bytes = kRingHeaderBytes + std::size_t{kMaxRings} * ring_words * sizeof(std::uint64_t);
-  const int reason = posix_fallocate(fd, 0, kRingHeaderBytes);
+FileHeader *map_file(int fd, std::uint32_t ring_words, std::uint32_t rings) {
+  const std::size_t bytes = kRingHeaderBytes + std::size_t{rings} * ring_words * sizeof(std::uint64_t);
+  const int reason = rings != 0 ? posix_fallocate(fd, 0, kRingHeaderBytes) : EFBIG;
   if (reason != 0) {
     errno = reason;
     return nullptr;
@@ -155,7 +187,7 @@ struct DeadFile {
   char name[64];
 };
 
-// Whether the file may go: its process has ended, and its pid is one that we can tell that of.
+// Returns: true when the file may be removed, since its process is known to have ended.
 bool weigh_dead_file(int directory, const char *name, const FileHeader &own, DeadFile &dead) {
   std::uint32_t pid = 0;
   std::uint64_t start = 0;
@@ -183,7 +215,7 @@ bool weigh_dead_file(int directory, const char *name, const FileHeader &own, Dea
   return true;
 }
 
-// Removes the files of dead processes but for those written to last.
+// Removes the files of dead processes, except the 16 that were written to last.
 void sweep_trace_files(int directory, const FileHeader &own) {
   constexpr std::size_t kKept = 16;
   DeadFile kept[kKept];
@@ -215,9 +247,10 @@ FileHeader *make_file() {
   const int fd = directory >= 0 ? create_file(directory) : -1;
   if (fd >= 0) {
     const std::uint32_t ring_words = ring_words_wanted();
-    file = map_file(fd, ring_words);
+    const std::uint32_t rings = rings_within_limit(ring_words * sizeof(std::uint64_t));
+    file = map_file(fd, ring_words, rings);
     if (file != nullptr) {
-      fill_header(file, ring_words);
+      fill_header(file, ring_words, rings);
       sweep_trace_files(directory, *file);
     } else {
       const int reason = errno;
@@ -226,8 +259,7 @@ FileHeader *make_file() {
     }
   }
   if (file == nullptr) {
-    dprintf(STDERR_FILENO, "ltrace: process %d is not traced: no file in %s: %s\n", getpid(), process.path,
-            strerrordesc_np(errno));
+    tell("this process is not traced, as it can have no file in ", process.path, ": ", strerrordesc_np(errno));
     process.path[0] = '\0';
   }
   if (fd >= 0) {
@@ -241,7 +273,14 @@ FileHeader *make_file() {
 
 bool switched_off() {
   const char *text = secure_getenv("LTRACE");
-  return text != nullptr && std::strcmp(text, "off") == 0;
+  if (text == nullptr || *text == '\0' || std::strcmp(text, "on") == 0) {
+    return false;
+  }
+  if (std::strcmp(text, "off") != 0) {
+    tell("LTRACE is '", text, "', which is neither on nor off: this process is traced");
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -250,11 +289,18 @@ FileHeader *present_trace_file() {
   return process.file.load(std::memory_order_acquire);
 }
 
+void count_drop() {
+  if (FileHeader *file = present_trace_file()) {
+    std::atomic_ref(file->records_dropped).fetch_add(1, std::memory_order_relaxed);
+  } else {
+    early_drops.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
 FileHeader *process_trace_file() {
   if (FileHeader *file = present_trace_file()) {
     return file;
   }
-  pthread_once(&fork_once, watch_forks);
   pthread_mutex_lock(&process.mutex);
   FileHeader *file = present_trace_file();  // another thread may have been here first
   if (file == nullptr && trace_state.load(std::memory_order_relaxed) == TraceState::kUnknown) {
@@ -277,7 +323,6 @@ void ltrace_name_component(uint32_t tag, const char *name) {
   if (tag >= LTRACE_MAX_COMPONENTS || name == nullptr) {
     return;
   }
-  pthread_once(&fork_once, watch_forks);
   pthread_mutex_lock(&process.mutex);
   char text[kNameBytes] = {};
   std::memcpy(text, name, strnlen(name, sizeof text - 1));

@@ -138,7 +138,7 @@ struct FileHeader {
   std::uint32_t header_bytes;                         //   12  where ring 0 begins
   std::uint32_t block_words;                          //   16
   std::uint32_t ring_words;                           //   20  a power of two
-  std::uint32_t num_rings;                            //   24
+  std::uint32_t num_rings;                            //   24  at most kMaxRings
   TickKind tick_kind;                                 //   28
   std::uint32_t pid;                                  //   32
   std::uint32_t uid;                                  //   36
@@ -148,7 +148,7 @@ struct FileHeader {
   char boot_id[40];                                   //   72  ticks of one boot compare across files
   ClockPoint created;                                 //  112
   std::uint64_t rings_refused;                        //  136  threads that found no ring, counted at each try
-  std::uint64_t records_dropped;                      //  144  their records
+  std::uint64_t records_dropped;                      //  144  of threads without a ring
   std::uint8_t zero[104];                             //  152
   char component[LTRACE_MAX_COMPONENTS][kNameBytes];  //  256  names by tag
   RingEntry ring[kMaxRings];                          // 1280
@@ -183,16 +183,21 @@ inline std::span<std::uint64_t> as_words(WaitEntry &wait) {
 enum class TraceState : int { kUnknown, kOn, kOff };
 extern constinit std::atomic<TraceState> trace_state;
 
-// This process's trace file, made at the first call. Returns: nullptr when there is none to be had.
+// This process's trace file, which the first call makes. The calling thread must not hold the database lock.
+// Returns: nullptr when it cannot be made.
 FileHeader *process_trace_file();
 
-// This process's trace file when it is made already, else nullptr.
+// This process's trace file, or nullptr while it is not made.
 FileHeader *present_trace_file();
 
-// Makes sure that the calling thread has a ring. Returns: false when it has none to be had.
+// Counts a record that was dropped.
+void count_drop();
+
+// Makes sure that the calling thread has a ring. A thread that may hold the database lock gets one only when the file
+// exists and a ring's space is reserved: all else can wait for the file system. Returns: false when it gets none.
 bool attach_thread();
 
-// Takes the calling thread's ring from it without touching the ring: for the child of a fork.
+// In the child of a fork: takes the calling thread's ring from it without touching the ring.
 void forget_ring();
 
 }  // namespace vrellis

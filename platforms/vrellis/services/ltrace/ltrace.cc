@@ -1,15 +1,17 @@
-// The way of a record into its thread's ring.
+// Writes records into the ring of their thread, and claims the rings.
 #include "ltrace.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "ltrace/file.h"
 #include "ltrace/thread_ring.h"
+#include "oxa_errmsg/outlet.h"
 
 namespace vrellis {
 
@@ -25,15 +27,14 @@ void store_word(std::uint64_t position, std::uint64_t value) {
   store_shared(*word, value);
 }
 
-// At the ring's beginning: what a reader needs to place its blocks in time.
+// Goes back to the ring's beginning, and reads the clocks anew: readers place the ring's blocks in time by them.
 [[gnu::noinline]] void wrap_ring(ThreadTrace &trace) {
   trace.origin = reinterpret_cast<std::uintptr_t>(trace.words) - trace.head * sizeof(std::uint64_t);
   trace.ring->clocks = read_clocks();
 }
 
-// The block after the open one comes into the nearest cache before its turn: else the stores to it would be on their
-// way for long, and the next lock operation waits for all of them. Inlined by force, as g++ drops calls that only
-// prefetch.
+// Brings the block after the open one into the nearest cache. Without this the stores to it would take long, and the
+// next lock operation would wait for all of them. Inlined by force, since g++ drops calls that only prefetch.
 [[gnu::always_inline]] inline void prefetch_next_block(const ThreadTrace &trace) {
   const std::uint64_t *const next = trace.words + (trace.block_end & trace.ring_mask);
   constexpr std::uint32_t kLineWords = 8;
@@ -64,12 +65,6 @@ void open_block(ThreadTrace &trace) {
   prefetch_next_block(trace);
   note_stamp(trace);
   trace.stride = kStampWords;
-}
-
-void count_drop() {
-  if (FileHeader *file = present_trace_file()) {
-    std::atomic_ref(file->records_dropped).fetch_add(1, std::memory_order_relaxed);
-  }
 }
 
 // Makes room for a record of `words` words behind a time stamp. Returns: false when the record is to be dropped.
@@ -121,9 +116,11 @@ inline void write_record(std::uint64_t handle, std::uint64_t header, Value... va
 
 // ---------------------------------------------------------------------------------------------------- rings of threads
 
-constinit pthread_once_t ring_key_once = PTHREAD_ONCE_INIT;
 constinit pthread_key_t ring_key{};  // its value in a thread: the ring to give back when the thread ends
 constinit bool has_ring_key = false;
+
+// Rings below this number have their space in the file, so that claiming one takes no system call that could wait.
+constinit std::atomic<std::uint32_t> ready_rings{0};
 
 void give_ring_back(RingEntry *ring) {
   store_shared(ring->given_back, clock_ns(CLOCK_MONOTONIC));
@@ -137,26 +134,45 @@ void thread_ends(void *ring) {
   }
 }
 
-void make_ring_key() {
+[[gnu::constructor]] void make_ring_key() {
   has_ring_key = pthread_key_create(&ring_key, thread_ends) == 0;
 }
 
-// The space of a ring, so that a full file system is seen here and not by a signal in the midst of a record. The file
-// is opened anew: a daemon may have closed every descriptor it found open.
-bool reserve_ring(std::uint64_t offset, std::uint64_t bytes) {
-  const int fd = open(ltrace_path(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    return false;
+// True if the calling thread holds a robust mutex, such as the database lock, or if that cannot be told. Such a thread
+// must not make a file or reserve space, which can wait for the file system and for other threads.
+bool may_hold_database_lock() {
+  robust_list_head *held = nullptr;
+  std::size_t size = 0;
+  if (syscall(SYS_get_robust_list, 0, &held, &size) != 0) {
+    return true;
   }
-  const int reason = posix_fallocate(fd, static_cast<off_t>(offset), static_cast<off_t>(bytes));
-  close(fd);
-  return reason == 0;
+  return held != nullptr && (held->list.next != &held->list || held->list_op_pending != nullptr);
 }
 
-// Of the rings that nobody owns, the one that was given back longest ago; those never used come first.
-RingEntry *oldest_free_ring(FileHeader *file) {
+// Reserves the space of the rings below `count`, so that a full file system is found here and not by a signal when a
+// record is written. The file is opened anew, since a daemon may have closed every descriptor that it found open.
+bool make_ready(const FileHeader &file, std::uint32_t count) {
+  std::uint32_t ready = ready_rings.load(std::memory_order_acquire);
+  if (count <= ready) {
+    return true;
+  }
+  const int fd = open(ltrace_path(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+  const auto bytes = static_cast<off_t>(file.ring_words * sizeof(std::uint64_t));
+  const bool reserved =
+      fd >= 0 && posix_fallocate(fd, off_t{kRingHeaderBytes} + ready * bytes, (count - ready) * bytes) == 0;
+  if (fd >= 0) {
+    close(fd);
+  }
+  while (reserved && ready < count && !ready_rings.compare_exchange_weak(ready, count)) {
+  }
+  return reserved;
+}
+
+// The free ring that was given back longest ago; rings that were never used come first. Only the first `count` rings
+// are looked at.
+RingEntry *oldest_free_ring(FileHeader *file, std::uint32_t count) {
   RingEntry *oldest = nullptr;
-  for (RingEntry &ring : file->ring) {
+  for (RingEntry &ring : std::span(file->ring).first(count)) {
     if (load_shared(ring.owner, std::memory_order_acquire) == 0 &&
         (oldest == nullptr || load_shared(ring.given_back) < load_shared(oldest->given_back))) {
       oldest = &ring;
@@ -177,45 +193,35 @@ void empty_ring(RingEntry *ring, std::uint32_t tid) {
   store_shared(ring->epoch, epoch + 1, std::memory_order_release);
 }
 
-// Claims a ring for the calling thread and reserves its space; it comes empty, its words in `words`.
-// Returns: nullptr when none is free or there is no space.
-RingEntry *claim_ring(FileHeader *file, std::uint64_t *&words) {
+// Claims a ring for the calling thread; it comes empty, and `words` is where its words are. With `at_once`, only a ring
+// whose space is reserved is taken. Otherwise the space of this ring and of one more is reserved, so that the next
+// thread finds a ring at once. Returns: nullptr when no ring is free or there is no space.
+RingEntry *claim_ring(FileHeader *file, bool at_once, std::uint64_t *&words) {
   const auto tid = static_cast<std::uint32_t>(gettid());
-  const std::uint64_t bytes = std::uint64_t{file->ring_words} * sizeof(std::uint64_t);
-  RingEntry *ring = oldest_free_ring(file);
-  std::uint32_t nobody = 0;
-  while (ring != nullptr && !std::atomic_ref(ring->owner).compare_exchange_strong(nobody, tid)) {
-    nobody = 0;
-    ring = oldest_free_ring(file);
+  const std::uint32_t rings = std::min(file->num_rings, kMaxRings);
+  const std::uint32_t count = at_once ? std::min(ready_rings.load(std::memory_order_acquire), rings) : rings;
+  RingEntry *ring = oldest_free_ring(file, count);
+  std::uint32_t no_owner = 0;
+  while (ring != nullptr && !std::atomic_ref(ring->owner).compare_exchange_strong(no_owner, tid)) {
+    no_owner = 0;
+    ring = oldest_free_ring(file, count);
   }
   if (ring == nullptr) {
     return nullptr;
   }
-  const std::uint64_t offset = kRingHeaderBytes + static_cast<std::uint64_t>(ring - file->ring) * bytes;
-  if (!reserve_ring(offset, bytes) || !has_ring_key || pthread_setspecific(ring_key, ring) != 0) {
+  const auto number = static_cast<std::uint32_t>(ring - file->ring);
+  const bool ready = at_once || make_ready(*file, std::min(number + 2, rings)) || make_ready(*file, number + 1);
+  constexpr pthread_key_t kKeysWithoutAllocation = 32;
+  const bool has_key = has_ring_key && (!at_once || ring_key < kKeysWithoutAllocation);
+  if (!ready || !has_key || pthread_setspecific(ring_key, ring) != 0) {
     store_shared(ring->owner, 0U, std::memory_order_release);
     return nullptr;
   }
   empty_ring(ring, tid);
-  words = reinterpret_cast<std::uint64_t *>(reinterpret_cast<char *>(file) + offset);
+  words = reinterpret_cast<std::uint64_t *>(reinterpret_cast<char *>(file) + kRingHeaderBytes) +
+          std::uint64_t{number} * file->ring_words;
   return ring;
 }
-
-// What a call into the trace may not change in its caller: errno, and that no cancellation strikes inside.
-class CallerState {
- public:
-  CallerState() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_); }
-  ~CallerState() {
-    pthread_setcancelstate(cancel_state_, nullptr);
-    errno = errno_;
-  }
-  CallerState(const CallerState &) = delete;
-  CallerState &operator=(const CallerState &) = delete;
-
- private:
-  int errno_ = errno;
-  int cancel_state_ = 0;
-};
 
 }  // namespace
 
@@ -228,17 +234,19 @@ bool attach_thread() {
     --trace.refused;
     return false;
   }
-  const CallerState caller;
-  FileHeader *file = trace_state.load(std::memory_order_relaxed) == TraceState::kOff ? nullptr : process_trace_file();
-  if (file == nullptr) {
+  if (trace_state.load(std::memory_order_relaxed) == TraceState::kOff) {
     return false;
   }
-  pthread_once(&ring_key_once, make_ring_key);
+  const CallerState caller;
+  const bool at_once = may_hold_database_lock();
+  FileHeader *file = at_once ? present_trace_file() : process_trace_file();
   std::uint64_t *words = nullptr;
-  RingEntry *ring = claim_ring(file, words);
+  RingEntry *ring = file != nullptr ? claim_ring(file, at_once, words) : nullptr;
   if (ring == nullptr) {
-    std::atomic_ref(file->rings_refused).fetch_add(1, std::memory_order_relaxed);
-    trace.refused = kDropsPerTry;
+    if (!at_once && file != nullptr) {
+      std::atomic_ref(file->rings_refused).fetch_add(1, std::memory_order_relaxed);
+      trace.refused = kDropsPerTry;
+    }
     return false;
   }
   trace = ThreadTrace{};
@@ -252,6 +260,7 @@ bool attach_thread() {
 
 void forget_ring() {
   thread_trace = ThreadTrace{};
+  ready_rings.store(0, std::memory_order_relaxed);
   if (has_ring_key) {
     pthread_setspecific(ring_key, nullptr);
   }

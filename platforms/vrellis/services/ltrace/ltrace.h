@@ -1,11 +1,11 @@
 /*
  * Light trace facility, the writing side: an always-on flight recorder.
  *
- * Each process writes into a shared-memory file of its own, <directory>/<pid>-<start time>.ltrace, made at its first
- * record; each thread into a ring of its own within it. The file stays when the process ends, however it ends, and
- * ltrace/reader.h reads it, alive or dead. Of dead processes the 16 files that were written to last are kept.
+ * Each process writes into a shared-memory file of its own, <directory>/<pid>-<start time>.ltrace, which its first record
+ * makes. Each thread has a ring of its own in that file. The file stays when the process ends, however it ends, and
+ * ltrace/reader.h reads it. The 16 files of dead processes that were written to last are kept.
  *
- * Settings, read from the environment when the file is made:
+ * Settings, read from the environment when the file is made; a value that is none of these is told of on stderr:
  *   LTRACE=off         no file; records go nowhere
  *   LTRACE_DIR         directory of the files, made when missing; default /dev/shm/vrellis-trace-<uid>, mode 0700
  *   LTRACE_RING_KIB    size of a ring, a power of two from 8 to 16384; default 64
@@ -13,8 +13,11 @@
  * Header word of a record: bits 0-22 trace-point id, 23-27 the component's tag, 28-30 the record's number within its
  * point, bit 31 set, bits 32-34 set, the rest 0.
  *
- * Locking: none on the way of a record, nor a system call but at a thread's first one. A thread that finds no ring
- *   free, and a process that cannot make its file, lose their records and nothing else; the file counts what was lost.
+ * Locking: writing a record takes no lock and makes no system call, except a thread's first one. A thread that holds a
+ *   robust mutex, as the database lock is one, then takes a ring whose space is reserved already, and drops its records
+ *   as long as there is none: it makes no file and reserves no space, since both can wait. A thread that finds no ring
+ *   free, and a process that cannot make its file, lose their records and nothing else. The file counts what was lost.
+ * Signals: a file is never made larger than RLIMIT_FSIZE allows. A signal handler must not write records.
  * Fork: the child writes into a file of its own.
  */
 #ifndef VRELLIS_LTRACE_H
@@ -45,7 +48,7 @@ LTRACE_API void _ltrace_6(uint64_t handle, uint64_t header, uint64_t v1, uint64_
 LTRACE_API void _ltrace_7(uint64_t handle, uint64_t header, uint64_t v1, uint64_t v2, uint64_t v3, uint64_t v4,
                           uint64_t v5, uint64_t v6, uint64_t v7);
 
-/* Records which component writes under `tag` (0 to 31; others are ignored), for those who read the file. */
+/* Tells readers of the file which component writes under `tag` (0 to 31; other tags are ignored). */
 LTRACE_API void ltrace_name_component(uint32_t tag, const char *name);
 
 /* Returns: the path of this process's file, valid until a fork; NULL while there is none. */

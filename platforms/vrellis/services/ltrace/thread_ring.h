@@ -9,8 +9,9 @@
 
 namespace vrellis {
 
-// Positions count the words of the thread's ring since it was claimed and never wrap. All zero: no ring. A record is
-// written from `head` alone, so that one written by a signal handler half-way through another costs no more than that.
+// The calling thread as a writer of records. Positions count the words of the thread's ring since it was claimed, and
+// never wrap. All fields are zero while the thread has no ring. Only the thread itself uses them, and a signal handler
+// must not write records: one that interrupts the writing of another record would damage up to two blocks.
 struct ThreadTrace {
   std::uint64_t head = 0;          // where the next record goes
   std::uint64_t limit = 0;         // a record that would end past it takes the slow path; 0: a stamp is due at once
