@@ -1,16 +1,18 @@
 // The reader of trace files: any bytes as a file.
-#include <sys/mman.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <vector>
 
 #include "fuzz_input.h"
 #include "ltrace/reader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-  static const int fd = memfd_create("trace", MFD_CLOEXEC);
-  static const std::string path = "/proc/self/fd/" + std::to_string(fd);
-  if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) {
+  static std::string path = "/dev/shm/fuzz-trace-XXXXXX";
+  static const int fd = mkostemp(path.data(), O_CLOEXEC);
+  static const int removed_at_exit = std::atexit([] { unlink(path.c_str()); });
+  if (removed_at_exit != 0 || ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size)) {
     return 0;
   }
   std::string error;

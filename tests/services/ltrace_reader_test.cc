@@ -1,5 +1,9 @@
 // Reading traces: points joined, processes merged, events as text, damaged files survived.
+#include <sys/resource.h>
+
 #include <array>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <numeric>
 #include <random>
@@ -126,6 +130,12 @@ TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
   EXPECT_GE(exact, kTurns);
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;  // address space is no measure of memory there
+#else
+constexpr bool kSanitized = false;
+#endif
+
 class DamagedTrace : public TraceReaderTest {
  protected:
   static constexpr std::size_t kBytes = kRingHeaderBytes + kMinRingKib * 1024;  // the header and the first ring
@@ -192,6 +202,52 @@ TEST_F(DamagedTrace, TheFileMayEndAnywhere) {
   for (std::size_t length = 0; length < kBytes; length += length < kRingHeaderBytes ? 509 : 61) {
     EXPECT_EQ(survives(good_.substr(0, length)), length >= sizeof(FileHeader)) << length;
   }
+}
+
+// The largest file that a header can describe, each block full of the smallest records.
+TEST_F(DamagedTrace, AForgedFileOfAGigabyteIsReadWithinItsBounds) {
+  const std::string path = directory_ + "/1-1.ltrace";
+  FileHeader header;
+  std::memcpy(static_cast<void *>(&header), good_.data(), sizeof header);
+  header.ring_words = kMaxRingKib * 1024 / sizeof(std::uint64_t);
+  std::array<std::uint64_t, kBlockWords> block;
+  for (std::size_t i = 0; i < block.size(); ++i) {
+    block[i] = i < 2 ? i * 1000 + 1 : i % 2 == 0 ? trace_header(7) | std::uint64_t{1} << kCountShift : i;
+  }
+  std::ofstream out(path, std::ios::binary);
+  for (RingEntry &ring : header.ring) {
+    ring.head = header.ring_words;
+    ring.epoch = 2;
+  }
+  out.write(reinterpret_cast<const char *>(&header), sizeof header);
+  const std::uint64_t share = kMostMergedBytes / kMaxRings / sizeof block;
+  for (std::uint64_t ring = 1; ring <= kMaxRings; ++ring) {
+    out.seekp(static_cast<std::streamoff>(kRingHeaderBytes + ring * kMaxRingKib * 1024 - share * sizeof block));
+    for (std::uint64_t i = 0; i < share; ++i) {
+      out.write(reinterpret_cast<const char *>(block.data()), sizeof block);
+    }
+  }
+  out.close();
+  const rlimit most = {1 << 30, 1 << 30};
+  EXPECT_EQ(test_support::in_child([&] {
+              if constexpr (!kSanitized) {
+                setrlimit(RLIMIT_AS, &most);
+              }
+              const auto files = open_all();
+              const TraceMerge merge = merge_traces(files);
+              const bool bounded = merge.events.size() <= kMostMergedBytes / 16;
+              return bounded && merge.events.size() > 1'000'000 && merge.rings[0].left_unread > 0 ? 0 : 1;
+            }),
+            0);
+  const std::string link = directory_ + "/2-2.ltrace";
+  std::filesystem::create_symlink(path, link);
+  for (const std::string &refused : {directory_, std::string("/dev/null"), link}) {
+    std::string error;
+    EXPECT_EQ(TraceFile::open(refused, error), nullptr);
+    EXPECT_TRUE(error.ends_with(refused == link ? "is a symbolic link" : "is no regular file")) << error;
+  }
+  std::string error;
+  EXPECT_EQ(TraceFile::open(path, error)->uid(), geteuid());
 }
 
 TEST_F(DamagedTrace, AnyBytesMayBeAnything) {

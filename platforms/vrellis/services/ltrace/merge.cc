@@ -95,8 +95,26 @@ std::vector<TraceRecord> join_records(std::span<const TraceRecord> records, std:
   return points;
 }
 
+namespace {
+
+// How many bytes of each ring are read, so that all rings together stay within kMostMergedBytes.
+std::uint64_t share_of_ring(std::span<const std::unique_ptr<TraceFile>> files) {
+  std::uint64_t bytes = 0;
+  std::uint64_t used = 0;
+  for (const auto &file : files) {
+    for (std::uint32_t ring = 0; ring < file->num_rings(); ++ring) {
+      used += file->is_used(ring) ? 1U : 0U;
+      bytes += file->is_used(ring) ? std::uint64_t{file->header().ring_words} * sizeof(std::uint64_t) : 0;
+    }
+  }
+  return bytes <= kMostMergedBytes ? ~std::uint64_t{0} : kMostMergedBytes / used;
+}
+
+}  // namespace
+
 TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files) {
   TraceMerge merge;
+  const std::uint64_t share = share_of_ring(files);
   for (const auto &file : files) {
     std::vector<const TraceFile *> same_boot;
     for (const auto &other : files) {
@@ -108,7 +126,7 @@ TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files) {
     for (std::uint32_t ring = 0; ring < file->num_rings(); ++ring) {
       RingReport report;
       std::uint64_t orphans = 0;
-      const std::vector<TraceRecord> points = join_records(file->records(ring, clock, report), orphans);
+      const std::vector<TraceRecord> points = join_records(file->records(ring, clock, report, share), orphans);
       report.overwritten_records += orphans;
       merge.events.insert(merge.events.end(), points.begin(), points.end());
       if (report.records != 0 || report.overwritten_words != 0 || report.damaged_blocks != 0) {

@@ -1,6 +1,7 @@
 #include "ltrace/reader.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -75,6 +76,7 @@ struct TraceFile::RingCopy {
   RingEntry entry;
   std::vector<std::uint64_t> words;
   std::uint64_t first = 0;
+  std::uint64_t oldest = 0;  // the oldest block that the ring had; older than `first` when that was all that was wanted
   std::uint64_t head = 0;
 
   std::span<const std::uint64_t> block(std::uint64_t number) const {
@@ -83,20 +85,26 @@ struct TraceFile::RingCopy {
   }
 };
 
-TraceFile::TraceFile(std::string path, int fd)
-    : path_(std::move(path)), fd_(fd), header_(std::make_unique<FileHeader>()) {}
+TraceFile::TraceFile(std::string path, int fd, uid_t uid)
+    : path_(std::move(path)), fd_(fd), uid_(uid), header_(std::make_unique<FileHeader>()) {}
 
 TraceFile::~TraceFile() {
   close(fd_);
 }
 
 std::unique_ptr<TraceFile> TraceFile::open(const std::string &path, std::string &error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (fd < 0) {
-    error = path + ": " + std::strerror(errno);
+    error = path + (errno == ELOOP ? " is a symbolic link" : std::string(": ") + std::strerror(errno));
     return nullptr;
   }
-  std::unique_ptr<TraceFile> file(new TraceFile(path, fd));
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    error = path + " is no regular file";
+    close(fd);
+    return nullptr;
+  }
+  std::unique_ptr<TraceFile> file(new TraceFile(path, fd, status.st_uid));
   const std::size_t got = read_at(fd, file->header_.get(), sizeof(FileHeader), 0);
   const std::string fault = header_fault(*file->header_, got);
   if (!fault.empty()) {
@@ -108,6 +116,9 @@ std::unique_ptr<TraceFile> TraceFile::open(const std::string &path, std::string 
 
 std::uint32_t TraceFile::pid() const {
   return header_->pid;
+}
+std::uint64_t TraceFile::start_time() const {
+  return header_->start_time;
 }
 std::uint32_t TraceFile::num_rings() const {
   return header_->num_rings;
@@ -131,7 +142,7 @@ std::string TraceFile::component(std::uint32_t tag) const {
   return printable(name, sizeof name);
 }
 
-std::uint64_t TraceFile::counter(std::size_t offset) const {
+std::uint64_t TraceFile::counter(std::uint64_t offset) const {
   std::uint64_t value = 0;
   read_at(fd_, &value, sizeof value, offset);
   return value;
@@ -148,6 +159,15 @@ RingEntry TraceFile::entry(std::uint32_t ring) const {
   RingEntry entry;
   read_at(fd_, &entry, sizeof entry, offsetof(FileHeader, ring) + ring * sizeof entry);
   return entry;
+}
+
+std::uint64_t TraceFile::word_offset(std::uint32_t ring, std::uint64_t position) const {
+  const std::uint64_t words = header_->ring_words;
+  return kRingHeaderBytes + (ring * words + position % words) * sizeof(std::uint64_t);
+}
+
+bool TraceFile::is_used(std::uint32_t ring) const {
+  return entry(ring).head != 0;
 }
 
 std::vector<ptd_wait_t> TraceFile::waits() const {
@@ -171,24 +191,26 @@ std::vector<ptd_wait_t> TraceFile::waits() const {
 
 // From the newest block back to the oldest, since the writer overwrites the oldest first.
 // Returns: false when the ring came to another owner meanwhile, or nothing of it was left.
-bool TraceFile::copy_ring(std::uint32_t ring, RingCopy &copy) const {
+bool TraceFile::copy_ring(std::uint32_t ring, std::uint64_t most_bytes, RingCopy &copy) const {
   copy.entry = entry(ring);
   copy.head = copy.entry.head;
   const std::uint64_t blocks = header_->ring_words / kBlockWords;
-  const std::uint64_t base = kRingHeaderBytes + std::uint64_t{ring} * header_->ring_words * sizeof(std::uint64_t);
   copy.words.assign(header_->ring_words, 0);
   const std::uint64_t end = copy.head / kBlockWords + 1;
-  copy.first = first_whole_block(copy.head, blocks);
+  copy.oldest = first_whole_block(copy.head, blocks);
+  const std::uint64_t wanted = std::max<std::uint64_t>(most_bytes / (kBlockWords * sizeof(std::uint64_t)), 1);
+  copy.first = std::max(copy.oldest, end - std::min(end, wanted));
   RingEntry now = copy.entry;
   for (std::uint64_t next = end; next > copy.first;) {
     const std::uint64_t begin = std::max(copy.first, (next - 1) / kCopyBlocks * kCopyBlocks);
     const std::uint64_t word = begin * kBlockWords % copy.words.size();
     const std::uint64_t bytes = (next - begin) * kBlockWords * sizeof(std::uint64_t);
-    read_at(fd_, &copy.words[word], bytes, base + word * sizeof(std::uint64_t));
+    read_at(fd_, &copy.words[word], bytes, word_offset(ring, word));
     now = entry(ring);
     const std::uint64_t lost = first_whole_block(now.head, blocks);
     if (lost > begin) {
       copy.first = std::max(copy.first, lost);
+      copy.oldest = copy.first;
       break;
     }
     next = begin;
@@ -279,22 +301,28 @@ class Decoder {
 
 }  // namespace
 
-std::vector<TraceRecord> TraceFile::records(std::uint32_t ring, const TickClock &clock, RingReport &report) const {
+std::vector<TraceRecord> TraceFile::records(std::uint32_t ring, const TickClock &clock, RingReport &report,
+                                            std::uint64_t most_bytes) const {
   report = {};
   RingCopy copy;
   bool copied = false;
   for (int i = 0; i < kTries && !copied; ++i) {
-    copied = copy_ring(ring, copy);
+    copied = copy_ring(ring, most_bytes, copy);
   }
   report.tid = copy.entry.tid;
   report.owned = copy.entry.owner != 0;
-  report.overwritten_words = copy.first * kBlockWords;
+  report.overwritten_words = copy.oldest * kBlockWords;
   if (!copied || copy.head == 0) {
     return {};
   }
   Decoder decoder(this, copy.entry.tid, clock.ticks_in(kBurstNs));
   const std::span<const std::uint64_t> oldest = copy.block(copy.first);
   report.overwritten_records = oldest.size() >= kBlockHeadWords ? oldest[1] : 0;
+  if (copy.oldest < copy.first) {
+    const std::uint64_t before = counter(word_offset(ring, copy.oldest * kBlockWords + 1));
+    report.left_unread = report.overwritten_records - std::min(before, report.overwritten_records);
+    report.overwritten_records -= report.left_unread;
+  }
   const std::uint64_t end = copy.head / kBlockWords + (copy.head % kBlockWords != 0);
   for (std::uint64_t number = copy.first; number < end; ++number) {
     if (!decoder.add_block(copy.block(number))) {

@@ -1,10 +1,12 @@
 // Reads trace files, of live processes and dead ones: for tools and tests.
 //
-// Nothing in a file is trusted: whatever it holds, reading it ends, with fewer records or a refusal in one sentence.
-// Files are read, never mapped, so that one that shrinks meanwhile does no harm. Not thread-safe: one TraceFile is one
-// thread's.
+// Nothing in a file is trusted. Reading ends with fewer records or with a refusal in one sentence, whatever the file
+// holds, and memory and time have a bound: see kMostMergedBytes. Files are read and never mapped, so that a file that
+// shrinks meanwhile does no harm. Not thread-safe: only one thread may use a TraceFile.
 #ifndef VRELLIS_LTRACE_READER_H
 #define VRELLIS_LTRACE_READER_H
+
+#include <sys/types.h>
 
 #include <array>
 #include <cstddef>
@@ -47,6 +49,7 @@ struct RingReport {
   std::uint64_t records = 0;              // read
   std::uint64_t overwritten_records = 0;  // gone, newer ones took their place
   std::uint64_t overwritten_words = 0;
+  std::uint64_t left_unread = 0;     // records that are older than the bytes that were asked for
   std::uint64_t damaged_blocks = 0;  // blocks of which some part made no sense
 };
 
@@ -67,14 +70,19 @@ class TickClock {
 
 class TraceFile {
  public:
-  // Returns: nullptr with `error` filled when the file cannot be read or is no trace file.
+  // Opens a regular file; a symbolic link is not followed. Returns: nullptr with `error` filled when the file cannot be
+  // read or is no trace file.
   static std::unique_ptr<TraceFile> open(const std::string &path, std::string &error);
   ~TraceFile();
   TraceFile(const TraceFile &) = delete;
   TraceFile &operator=(const TraceFile &) = delete;
 
   const std::string &path() const { return path_; }
+  // The process that wrote the file, as the file says. Only its owner could write this: a file that claims to be of a
+  // process of somebody else is forged unless its owner is root, so compare uid() with the owner of that process.
   std::uint32_t pid() const;
+  std::uint64_t start_time() const;
+  uid_t uid() const { return uid_; }  // the owner of the file, not what the file says
   std::string comm() const;
   std::string component(std::uint32_t tag) const;  // empty when it was never named
   bool alive() const;                              // also when that cannot be told: a process of another PID namespace
@@ -82,9 +90,12 @@ class TraceFile {
   std::uint64_t records_dropped() const;
   std::uint32_t num_rings() const;
 
-  // The records of ring `ring` (below num_rings()), oldest first; empty when it was never used, or its writer was too
-  // fast for us. Tells what happened in `report`.
-  std::vector<TraceRecord> records(std::uint32_t ring, const TickClock &clock, RingReport &report) const;
+  // The records of ring `ring` (below num_rings()), oldest first, of which those in the newest `most_bytes` of the ring.
+  // Empty when the ring was never used, or when its writer overwrites it faster than it can be read. `report` tells what
+  // was found.
+  std::vector<TraceRecord> records(std::uint32_t ring, const TickClock &clock, RingReport &report,
+                                   std::uint64_t most_bytes = ~std::uint64_t{0}) const;
+  bool is_used(std::uint32_t ring) const;
 
   // Threads that wait, or have waited, for a mutex; of a dead process, those it died with.
   std::vector<ptd_wait_t> waits() const;
@@ -93,14 +104,16 @@ class TraceFile {
   const FileHeader &header() const { return *header_; }
 
  private:
-  TraceFile(std::string path, int fd);
+  TraceFile(std::string path, int fd, uid_t uid);
   struct RingCopy;
-  std::uint64_t counter(std::size_t offset) const;
+  std::uint64_t counter(std::uint64_t offset) const;
+  std::uint64_t word_offset(std::uint32_t ring, std::uint64_t position) const;
   RingEntry entry(std::uint32_t ring) const;
-  bool copy_ring(std::uint32_t ring, RingCopy &copy) const;
+  bool copy_ring(std::uint32_t ring, std::uint64_t most_bytes, RingCopy &copy) const;
 
   std::string path_;
   int fd_;
+  uid_t uid_;
   std::unique_ptr<FileHeader> header_;
 };
 
@@ -114,8 +127,10 @@ struct TraceMerge {
   std::vector<RingReport> rings;    // those with anything in them; orphans count as overwritten
 };
 
-// Merges all rings of all files. Files of one boot are ordered by the machine's own clock, whatever happened to the
-// time of day meanwhile.
+// Merges the records of all rings of all files. Files of one boot are ordered by the machine's own clock, so a change of
+// the time of day does not matter. When the used rings hold more than kMostMergedBytes together, each is read for its
+// newest part alone, and RingReport.left_unread counts the rest: an event takes up to 12 times its bytes in the file.
+inline constexpr std::uint64_t kMostMergedBytes = std::uint64_t{32} << 20;
 TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files);
 
 // A trace file as its name tells of it.
