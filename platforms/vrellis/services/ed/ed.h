@@ -5,9 +5,11 @@
  * A point is a static record. Its owner tests `flags` at each pass and calls ed_print_debug() or ed_slow_debugs() when
  * a message is due; by default messages are off and trace records on. A message is one line:
  *
- *   2026-03-01 14:05:09.123456 4711/4713 libmpls_egress_encap_db error id 19: "vrl_mem_... " "ref count %d ..."
- *   local time                 process/  component               category     message as stored, with its values
- *                              thread                            ("line 132" without a catalogue: ed_catalogue.h)
+ *   2026-03-01 14:05:09.123456 4711/4713 libmpls_egress_encap_db event id 7: vrl_insert_mpls_tunnel_entry return rc 0
+ *   local time                 process/  component               category    message, its pieces joined, with values
+ *                              thread                            ("line 188" without a catalogue: ed_catalogue.h)
+ *
+ * Printing takes no lock, and a line that stderr cannot take at once is dropped and counted, as oxa_errmsg.h says.
  *
  * QUERIES switch points: by ed_query(), and by the environment variable ED_DEBUG when a component registers. A query is
  * one statement or several, separated by ';' or newlines; a statement is any number of conditions, which must all hold,
@@ -153,9 +155,9 @@ ED_API void ed_slow_debugs(ed_site_t *site, ed_component_t *component, int *enab
                            uint64_t zero, uint32_t line, uint64_t zero_too, const char *format, uint64_t zero_end);
 
 /*
- * Takes one line: `length` bytes, which a newline and a NUL follow. Runs in the thread that passed the point, possibly
- * with locks of its caller held, and in several threads at once; must not call ed_init(), ed_query() or
- * ed_add_catalogue().
+ * A sink takes one line: `length` bytes, which a newline and a NUL follow. It runs in the thread that passed the point,
+ * in several threads at once, and with the database lock held: a sink that waits makes every process wait. It must not
+ * call ed_init(), ed_query() or ed_add_catalogue().
  */
 typedef void (*ed_sink_fn)(void *context, const char *line, size_t length);
 

@@ -36,7 +36,7 @@ void print(const ed_site_t &site, const ed_component_t &component, const uint64_
   line.text(id ? "id " : "line ").number(id.value_or(own_line)).text(": ");
   const unsigned num_values = values == nullptr ? 0 : std::min(site.num_values, kMaxValues);
   const auto room = line.room();
-  line.used(ed_format_stored(room.data(), room.size(), or_nothing(format), values, num_values));
+  line.used(ed_format_joined(room.data(), room.size(), or_nothing(format), values, num_values));
   if (held_back != 0) {
     line.text(" (").number(held_back).text(" suppressed)");
   }
