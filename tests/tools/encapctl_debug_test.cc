@@ -69,7 +69,7 @@ TEST_F(EncapctlDebugTest, SwitchesAPointOnAndBack) {
   const Json switched = debug("func vrl_find_and_share_egress_nh category error +p", true).object();
   EXPECT_EQ(switched.at("selected"), 3);
   EXPECT_EQ(switched.at("changed"), Json({46, 47, 48}));
-  EXPECT_TRUE(has(printed(5000, true), "out of range nh 1\""));
+  EXPECT_TRUE(has(printed(5000, true), "out of range nh 1\n"));
   EXPECT_EQ(flags_of(46), "pt");
   EXPECT_EQ(flags_of(49), "t");
   EXPECT_TRUE(has(debug("=_").out, "120 of 120 points selected, 3 changed"));

@@ -114,8 +114,6 @@ inline void write_record(std::uint64_t handle, std::uint64_t header, Value... va
   store_record(trace, handle, header, value...);
 }
 
-// ---------------------------------------------------------------------------------------------------- rings of threads
-
 constinit pthread_key_t ring_key{};  // its value in a thread: the ring to give back when the thread ends
 constinit bool has_ring_key = false;
 

@@ -47,6 +47,7 @@ void print_event(const Output &out, const vrellis::TraceRecord &event) {
 
 struct Losses {
   std::uint64_t overwritten = 0;
+  std::uint64_t left_unread = 0;
   std::uint64_t dropped = 0;
   std::uint64_t damaged = 0;
 };
@@ -55,6 +56,7 @@ Losses losses_of(const TraceFiles &files, const vrellis::TraceMerge &merge) {
   Losses losses;
   for (const vrellis::RingReport &ring : merge.rings) {
     losses.overwritten += ring.overwritten_records;
+    losses.left_unread += ring.left_unread;
     losses.damaged += ring.damaged_blocks;
   }
   for (const auto &file : files) {
@@ -64,6 +66,9 @@ Losses losses_of(const TraceFiles &files, const vrellis::TraceMerge &merge) {
 }
 
 void warn_of(const Losses &losses) {
+  if (losses.left_unread != 0) {
+    warn(fmt::format("{} older records were left unread: the trace files hold too much", losses.left_unread));
+  }
   if (losses.overwritten != 0) {
     warn(fmt::format("{} older records were overwritten by newer ones", losses.overwritten));
   }
