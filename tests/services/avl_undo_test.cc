@@ -277,7 +277,7 @@ TEST_F(AvlUndo, ARootFieldOutsideTheWindowIsItsOwnProcesss) {
 TEST_F(AvlUndo, ADamagedLogIsEmptiedAndNoWordThatItNamesIsWritten) {
   using vrellis::avl::address_of;
   Word bystander = 7;
-  const Word wrong[] = {vrellis::window_maps[1].end, address_of(&window_->root) + 1, address_of(&bystander),
+  const Word wrong[] = {vrellis::window_maps[1].end, address_of(&window_->root) + 4, address_of(&bystander),
                         address_of(window_->log().entries), address_of(window_->process_table)};
   const Word capacity = vrellis::avl::kUndoCapacity;
   for (const Word address : wrong) {

@@ -262,7 +262,7 @@ TEST_F(WindowTest, WhatDoesNotAgreeIsRefusedInOneSentence) {
     std::initializer_list<const char *> parts;
   } cases[] = {
       {[](auto &header) { header.magic = 0x1234; }, 22, {"no window", "0x1234"}},
-      {[](auto &header) { header.version = 2; }, 22, {"layout version 2", "reads version 1"}},
+      {[](auto &header) { header.version = 1; }, 22, {"layout version 1", "reads version 2"}},
       {[](auto &header) { header.word_bits = 32; }, 22, {"32", "64"}},
       {[](auto &header) { header.mutex_bytes = 24; }, 22, {"24", "40"}},
       {[](auto &header) { header.size += 4096; }, 22, {"266240", "262144"}},

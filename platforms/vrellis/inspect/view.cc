@@ -11,7 +11,7 @@
 #include <ctime>
 #include <vector>
 
-#include "avl/undo.h"
+#include "avl/undo_log.h"
 #include "lock_word.h"
 #include "shmwin/layout.h"
 
@@ -92,30 +92,12 @@ void pause_a_moment() {
   nanosleep(&moment, nullptr);
 }
 
-// A change that was cut off, as the tree service would take it back. Returns: false, with nothing changed, when the log
-// cannot be one of its own.
+// Takes a change that was cut off back, as the next process would. Returns: false when the log is damaged.
 bool roll_back(std::uint8_t *data, std::uint64_t size, Address base) {
-  const auto *log = reinterpret_cast<const vrellis::avl::UndoLog *>(data + kLogOffset);
-  const std::uint64_t count = log->count;
-  if (count > vrellis::avl::kUndoCapacity) {
-    return false;
-  }
-  const auto undoes = [&](Address address) {
-    const std::uint64_t offset = address - base;
-    const bool in_user_area = offset - offsetof(vrellis::WindowHeader, user_area) < vrellis::kUserAreaBytes;
-    return offset % 8 == 0 && (in_user_area || offset >= sizeof(vrellis::WindowHeader)) && offset <= size - 8;
-  };
-  for (std::uint64_t i = 0; i < count; ++i) {
-    if (!undoes(log->entries[i].address)) {
-      return false;
-    }
-  }
-  for (std::uint64_t i = count; i > 0; --i) {
-    const vrellis::avl::UndoEntry entry = log->entries[i - 1];
-    std::memcpy(data + (entry.address - base), &entry.old, sizeof entry.old);
-  }
-  std::memset(data + kLogOffset, 0, sizeof log->count);
-  return true;
+  using vrellis::WindowHeader;
+  const vrellis::avl::LogWindow window{base, base + size, base + offsetof(WindowHeader, user_area), base + kLogOffset,
+                                       static_cast<std::ptrdiff_t>(reinterpret_cast<Address>(data) - base)};
+  return vrellis::avl::restore_log(*reinterpret_cast<vrellis::avl::UndoLog *>(data + kLogOffset), window, 0);
 }
 
 }  // namespace

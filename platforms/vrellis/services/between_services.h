@@ -3,6 +3,7 @@
 //   who tells       whom               what
 //   windows         trees              which windows this process has mapped, and where each keeps its undo log
 //   trees           windows            where the last searches ended, so that a new node is placed near its neighbours
+//   trees           windows            whether a change of the whole window is open, so that each word is noted
 //   trees, waits    trace              that an operation begins, or that a wait is over: a time stamp is due
 //
 // Each service includes this header instead of the other service's internal ones, so that includes go one way.
@@ -21,7 +22,7 @@ inline constexpr std::size_t kUserAreaBytes = 1024;  // SHMWIN_USER_AREA_BYTES
 
 // The tree service's area in each window's header: its undo log. Zeroed when the window is formatted; after that only
 // the tree service writes to it.
-inline constexpr std::size_t kTreeAreaBytes = 12288;
+inline constexpr std::size_t kTreeAreaBytes = 16384;
 
 struct WindowHeader;
 
@@ -62,6 +63,26 @@ struct SearchEnds {
 
 #define SEARCH_ENDS_TLS __attribute__((tls_model("initial-exec"), visibility("hidden")))
 SEARCH_ENDS_TLS extern constinit thread_local SearchEnds search_ends;
+
+// The change of a whole window that the calling thread has open (avl/avl_change.h).
+struct OpenChange {
+  const WindowMap *map = nullptr;                 // nullptr: none is open
+  void (*before_commit)(bool commits) = nullptr;  // what the allocator has put off until then
+};
+SEARCH_ENDS_TLS extern constinit thread_local OpenChange open_change;
+
+// Notes a word of the open change's window in the undo log before it changes. Requires an open change.
+void note_word(const std::uint64_t *word);
+
+// Takes back what a process that died left open in the window. Does nothing inside a change of this thread.
+void roll_window_back(const WindowMap &map);
+
+// Does so if anything is open: the first word of the undo log is its count. Requires the lock of the window's trees.
+inline void settle_window(const WindowMap &map) {
+  if (*static_cast<const std::uint64_t *>(map.tree_area) != 0) [[unlikely]] {
+    roll_window_back(map);
+  }
+}
 
 }  // namespace vrellis
 

@@ -68,19 +68,19 @@ void link_first(Word *field, Link *node) {
   store(&node->child[0], 0);
   store(&node->child[1], 0);
   store(&node->up, address_of(field) | kRoot);
-  store(field, address_of(node));
+  store_noted(field, address_of(node));
 }
 
 void unlink_last(Word *field) {
-  store(field, 0);
+  store_noted(field, 0);
 }
 
 // Clears the links of a removed node. If the process dies here, only a node that is in no tree keeps stale links;
 // avl_delete() tolerates that (T4).
 void clear_linkage(Link *node) {
-  store(&node->child[0], 0);
-  store(&node->child[1], 0);
-  store(&node->up, 0);
+  store_noted(&node->child[0], 0);
+  store_noted(&node->child[1], 0);
+  store_noted(&node->up, 0);
 }
 
 // A tree that is about to change.

@@ -56,6 +56,10 @@ inline Word *word_at(Word address) {
   return reinterpret_cast<Word *>(address);  // NOLINT(performance-no-int-to-ptr): as above
 }
 
+inline std::uint32_t *half_at(Word address) {
+  return reinterpret_cast<std::uint32_t *>(address);  // NOLINT(performance-no-int-to-ptr): as above
+}
+
 inline Link *child_of(const Link *node, unsigned side) {
   return link_at(node->child[side]);
 }

@@ -1,4 +1,6 @@
-// The undo log of a window's trees: makes an insert or a delete all or nothing, whenever its process dies.
+// The undo log of a window: makes a change all or nothing, whenever its process dies. An insert or a delete is such a
+// change, and so is everything that a caller does between avl_change_begin() and avl_change_commit(), its inserts and
+// deletes included.
 //
 // A window has one log. A process that changes a tree, or rolls a change back, holds the lock of the window's trees.
 // The steps of a change, each one store:
@@ -19,24 +21,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "avl/link.h"
-#include "between_services.h"
+#include "avl/undo_log.h"
 
 namespace vrellis::avl {
-
-struct UndoEntry {
-  Word address;  // of a word in the same window
-  Word old;      // what it held before
-};
-
-inline constexpr std::size_t kUndoCapacity = (kTreeAreaBytes - 2 * sizeof(Word)) / sizeof(UndoEntry);
-
-// Lies in the window's tree area; zeroed with it.
-struct UndoLog {
-  Word count;  // entries in use; 0 = no change is open
-  Word field;  // the root field of the tree being changed, whether or not its value changes
-  UndoEntry entries[kUndoCapacity];
-};
 
 // The highest AVL tree of so many nodes: one of height h has at least fewest(h - 1) + fewest(h - 2) + 1.
 constexpr std::size_t greatest_height(std::uint64_t nodes) {
@@ -58,7 +45,13 @@ inline constexpr std::size_t kLongestChange =
     kWordsOfUnlinking + kWordsOfLevel * greatest_height(std::uint64_t{1} << 32);
 
 static_assert(greatest_height(3) == 2 && greatest_height(4) == 3 && greatest_height(6) == 3 && greatest_height(7) == 4);
-static_assert(kLongestChange + kWordsOfLevel <= kUndoCapacity && sizeof(UndoLog) <= kTreeAreaBytes);
+static_assert(kLongestChange + kWordsOfLevel <= kUndoCapacity);
+
+// A client's longest change takes an NH and its tunnel out: tunnel indexes are 16-bit numbers, and the null tunnel has a
+// node for each interface. The rest is linkage, slots, a ledger's and a queue's words, and the allocator's bookkeeping.
+inline constexpr std::size_t kWordsBesideTrees = 100;
+static_assert(kLongestChange + kWordsOfUnlinking + kWordsOfLevel * greatest_height(1U << 17) + kWordsBesideTrees <=
+              kUndoCapacity);
 
 inline UndoLog &undo_log_of(const WindowMap &map) {
   return *static_cast<UndoLog *>(map.tree_area);
@@ -68,12 +61,36 @@ inline UndoLog &undo_log_of(const WindowMap &map) {
 // Returns: false when the log is damaged; it is then emptied without writing any word that it names.
 bool roll_back(const WindowMap &map);
 
+// Rolls back the entries behind the first `kept` ones.
+bool roll_back_to(const WindowMap &map, Word kept);
+
 // Rolls back as well. Returns: the root that the tree has now, whose root was `root` when the caller read its field.
 Word root_after_roll_back(const WindowMap &map, Word root);
 
 // True if a process died in the middle of a change of a tree in this window.
 inline bool is_unsettled(const WindowMap *map) {
-  return map != nullptr && undo_log_of(*map).count != 0;
+  return map != nullptr && undo_log_of(*map).count != 0 && open_change.map == nullptr;
+}
+
+// Adds an entry to the log of the open change.
+inline void note(Word address, Word old) {
+  UndoLog &log = undo_log_of(*open_change.map);
+  const Word count = log.count;
+  if (count >= kUndoCapacity) [[unlikely]] {
+    __builtin_trap();  // the bound above is wrong: a word that is not noted could not be taken back
+  }
+  UndoEntry &entry = log.entries[count];
+  store(&entry.address, address);
+  store(&entry.old, old);
+  store(&log.count, count + 1);
+}
+
+// Writes a word that needs no undoing in a change of one tree alone (U3), but does in a change of the whole window.
+inline void store_noted(Word *word, Word value) {
+  if (open_change.map != nullptr && covers(*open_change.map, address_of(word))) [[unlikely]] {
+    note(address_of(word), *word);
+  }
+  store(word, value);
 }
 
 // One open change of the tree under `field`. Its nodes all lie in `map`'s window; without a window (nullptr) nothing is
@@ -84,7 +101,11 @@ class Change {
     if (map != nullptr) {
       log_ = &undo_log_of(*map);
       outside_ = covers(*map, address_of(field)) ? nullptr : field;
-      store(&log_->field, address_of(field));
+      if (open_change.map == nullptr) {
+        store(&log_->field, address_of(field));
+      } else {
+        begin_ = count_ = log_->count;
+      }
     }
   }
 
@@ -97,15 +118,15 @@ class Change {
 
   // False in a damaged tree only (U4). A loop that climbs the tree asks before each level, and gives up: the log has
   // room for the words of one level more than an undamaged tree can need.
-  bool can_climb() const { return count_ <= kLongestChange; }
+  bool can_climb() const { return count_ - begin_ <= kLongestChange; }
 
   // Returns: false when a loop gave up; every word then has its old value again.
   bool commit() {
     if (!can_climb()) [[unlikely]] {
-      roll_back(*window_of(log_));
+      roll_back_to(*window_of(log_), begin_);
       return false;
     }
-    if (log_ != nullptr) {
+    if (log_ != nullptr && open_change.map == nullptr) {
       store(&log_->count, 0);
     }
     return true;
@@ -121,6 +142,7 @@ class Change {
 
   UndoLog *log_ = nullptr;
   const Word *outside_ = nullptr;  // the root field, when it lies outside the window: no other process can read it
+  std::size_t begin_ = 0;          // entries of the enclosing change
   std::size_t count_ = 0;
 };
 

@@ -2,7 +2,7 @@
 //
 //          0 +-----------------------------+
 //            | WindowHeader                |  identity, user area, table of processes, tree service's area
-//      16384 +-----------------------------+
+//      20480 +-----------------------------+
 //            | page sets                   |  hints: pages with room for 40-byte nodes, for 56-byte nodes, free pages
 //            +-----------------------------+  64-byte aligned
 //            | PageDescriptor [heap_pages] |
@@ -38,12 +38,12 @@ namespace vrellis {
 
 inline constexpr std::uint64_t kWindowMagic = 0x314e49574c52560a;     // "\nVRLWIN1"
 inline constexpr std::uint64_t kWindowComplete = 0x6574656c706d6f43;  // "Complete"
-inline constexpr std::uint32_t kLayoutVersion = 1;
+inline constexpr std::uint32_t kLayoutVersion = 2;
 inline constexpr std::uint32_t kWordBits = 8 * sizeof(void *);
 inline constexpr std::uint64_t kPageBytes = 4096;
 inline constexpr std::size_t kMaxProcesses = 256;
 
-// 16384 bytes. "fixed": written by format, before `complete`.
+// 20480 bytes. "fixed": written by format, before `complete`.
 struct WindowHeader {
   // Identity: these 64 bytes keep their meaning in every layout version.
   std::uint64_t magic;          //     0  fixed
@@ -61,9 +61,9 @@ struct WindowHeader {
   std::uint64_t pages_used;  //    72  pages in use, under the user's lock; a death may leave it too high, never too low
   std::uint64_t high_water;  //    80  highest pages_used, under the user's lock
   std::uint64_t bad_releases;  //    88  under the user's lock
-  std::uint64_t unused[2];     //    96  0, or what earlier makers left; ignored
-  std::uint64_t kept_pages;    //   112  pages that groups of nodes leave unused; 0: no groups; fixed
-  std::uint8_t spare[904];     //   120  0
+  std::uint64_t nodes56;       //    96  56-byte nodes that the creator expects, 0 = not told; fixed
+  std::uint64_t pages56;       //   104  pages with 56-byte nodes, under the user's lock; a death may leave it too low
+  std::uint8_t spare[912];     //   112  0
 
   std::uint8_t user_area[SHMWIN_USER_AREA_BYTES];  //  1024  the user's
   std::uint64_t process[kMaxProcesses];            //  2048  who is attached; changed by compare-and-swap alone
@@ -73,7 +73,7 @@ static_assert(offsetof(WindowHeader, complete) == 56);
 static_assert(offsetof(WindowHeader, user_area) == 1024);
 static_assert(offsetof(WindowHeader, process) == 2048);
 static_assert(offsetof(WindowHeader, tree_area) == 4096);
-static_assert(sizeof(WindowHeader) == 16384);
+static_assert(sizeof(WindowHeader) == 20480);
 
 // What a page is used for: the low byte of its state.
 enum PageKind : std::uint8_t { kFree = 0, kNodes40 = 1, kNodes56 = 2, kRunHead = 3, kRunTail = 4 };

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "between_services.h"
+
 namespace vrellis {
 
 inline std::uint64_t load_word(const std::uint64_t &word) {
@@ -12,7 +14,11 @@ inline std::uint64_t load_word(const std::uint64_t &word) {
 }
 
 // A process can die between any two stores, and others go on from what it left: stores happen in the program's order.
+// While a change of the whole window is open, the word is noted first.
 inline void store_word(std::uint64_t &word, std::uint64_t value) {
+  if (open_change.map != nullptr) [[unlikely]] {
+    note_word(&word);
+  }
   std::atomic_ref(word).store(value, std::memory_order_release);
 }
 

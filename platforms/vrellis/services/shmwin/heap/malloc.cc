@@ -68,6 +68,30 @@ const char *give_address(Heap &heap, std::uintptr_t address) {
                     static_cast<std::uint32_t>(offset % kPageBytes));
 }
 
+// Blocks that are given back while a change of the whole window is open: it gives them when it commits.
+struct PutOff {
+  static constexpr std::size_t kMost = 64;
+  void *block[kMost];
+  std::size_t count;
+};
+constinit thread_local PutOff put_off{};
+
+void release(const WindowMap &map, void *block) {
+  Heap &heap = heaps[&map - window_maps];
+  const char *const wrong = give_address(heap, reinterpret_cast<std::uintptr_t>(block));
+  if (wrong != nullptr) {
+    store_word(heap.header->bad_releases, load_word(heap.header->bad_releases) + 1);
+    refuse_release(block, wrong);
+  }
+}
+
+void give_what_was_put_off(bool commits) {
+  for (std::size_t i = 0; commits && i < put_off.count; ++i) {
+    release(*open_change.map, put_off.block[i]);
+  }
+  put_off.count = 0;
+}
+
 Heap *heap_of(std::uint32_t shm_id) {
   for (std::size_t i = 0; i < SHMWIN_MAX_WINDOWS; ++i) {
     if (window_maps[i].shm_id == shm_id && window_maps[i].begin != window_maps[i].end) {
@@ -105,6 +129,7 @@ int shmwin_malloc(uint32_t shm_id, size_t size, void **block) {
   if (heap == nullptr) {
     return EINVAL;
   }
+  settle_window(window_maps[heap - heaps]);
   const int cls = class_of_size(size);
   *block = cls >= 0 ? take_node(*heap, cls) : take_run(*heap, size);
   return *block != nullptr ? 0 : ENOMEM;
@@ -120,12 +145,13 @@ void shmwin_free(void *block) {
     refuse_release(block, "outside every attached window");
     return;
   }
-  Heap &heap = heaps[map - window_maps];
-  const char *const wrong = give_address(heap, reinterpret_cast<std::uintptr_t>(block));
-  if (wrong != nullptr) {
-    store_word(heap.header->bad_releases, load_word(heap.header->bad_releases) + 1);
-    refuse_release(block, wrong);
+  if (open_change.map == map && put_off.count < PutOff::kMost) {
+    put_off.block[put_off.count++] = block;
+    open_change.before_commit = give_what_was_put_off;
+    return;
   }
+  settle_window(*map);
+  release(*map, block);
 }
 
 int shmwin_stat(uint32_t shm_id, shmwin_stat_t *stat) {

@@ -1,0 +1,60 @@
+#include "avl_change.h"
+
+#include <cerrno>
+
+#include "avl/undo.h"
+#include "between_services.h"
+
+using namespace vrellis;
+using namespace vrellis::avl;
+
+int avl_change_begin(void **root) {
+  const WindowMap *const map = window_of(root);
+  if (map == nullptr) {
+    return EINVAL;
+  }
+  if (is_unsettled(map)) {
+    roll_back(*map);
+  }
+  store(&undo_log_of(*map).field, address_of(root));
+  open_change = {map, nullptr};
+  return 0;
+}
+
+void avl_change_note(const void *words, size_t bytes) {
+  const Word begin = address_of(words);
+  for (Word at = begin; at < begin + bytes;) {
+    if (at % sizeof(Word) == 0 && begin + bytes - at >= sizeof(Word)) {
+      note(at | kWord, *word_at(at));
+      at += sizeof(Word);
+    } else {
+      note(at | kHalf, *half_at(at));
+      at += sizeof(std::uint32_t);
+    }
+  }
+}
+
+void avl_change_count(const uint32_t *count, uint32_t next) {
+  note(address_of(count) | kCount, Word{*count} << 32 | next);
+}
+
+void avl_change_counted(enum avl_change_counted when) {
+  note(kMark, when);
+}
+
+void avl_change_commit(void) {
+  if (open_change.before_commit != nullptr) {
+    open_change.before_commit(true);
+  }
+  store(&undo_log_of(*open_change.map).count, 0);
+  open_change = {};
+}
+
+void avl_change_abort(void) {
+  if (open_change.before_commit != nullptr) {
+    open_change.before_commit(false);
+  }
+  const WindowMap *const map = open_change.map;
+  open_change = {};
+  roll_back(*map);
+}
