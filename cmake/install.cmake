@@ -6,18 +6,19 @@ set(encap_services_headers
   avl/avl.h ed/ed.h ed/ed_catalogue.h ltrace/ltrace.h oxa_errmsg/oxa_errmsg.h ptd/ptd.h shmwin/shmwin.h)
 list(TRANSFORM encap_services_headers PREPEND platforms/vrellis/services/)
 
-set(encap_shared_libraries mpls_egress_encap_db vrellis_services encap_db_owner)
+set(encap_shared_libraries mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
 install(TARGETS ${encap_shared_libraries} EXPORT mpls_egress_encap_db
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(FILES platforms/vrellis/encap-id/src/mpls_egress_encap_db.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(FILES ${encap_services_headers} platforms/vrellis/owner/encap_db_owner.h
+  platforms/vrellis/client/encap_client.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vrellis COMPONENT dev)
 
 # pkg-config and CMake packages find the tree from where they lie in it, so that it can be moved.
 set(encap_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/mpls_egress_encap_db)
 file(RELATIVE_PATH encap_prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-foreach(module mpls_egress_encap_db vrellis_services encap_db_owner)
+foreach(module mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
   configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${module}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endforeach()
@@ -55,6 +56,9 @@ encap_manual(mpls_egress_encap_db.3 dev
   vrl_delete_and_free_egress_encap_with_nh_key vrl_can_delete_egr_nh_data_from_encap_db
   vrl_update_egr_nh_data_in_encap_db vrl_get_encap_key_and_aux_data_from_nh)
 encap_manual(encap_db_open.3 dev encap_db_close encap_db_destroy)
+encap_manual(encap_client.3 dev
+  encap_client_open encap_client_close encap_client_enter encap_client_release encap_client_each
+  encap_client_refresh_begin encap_client_refresh_end encap_client_leave encap_client_reclaim encap_client_list)
 if(TARGET encapctl)
   encap_manual(encapctl.1 tools)
 endif()

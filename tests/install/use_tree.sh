@@ -3,7 +3,7 @@
 export PKG_CONFIG_PATH=
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name encap_db_owner.pc)")
 libdir=$(dirname "$PKG_CONFIG_PATH")
-headers="mpls_egress_encap_db.h avl.h ed.h ed_catalogue.h ltrace.h oxa_errmsg.h ptd.h shmwin.h encap_db_owner.h"
+headers="mpls_egress_encap_db.h avl.h ed.h ed_catalogue.h ltrace.h oxa_errmsg.h ptd.h shmwin.h encap_db_owner.h encap_client.h"
 
 fail() {
   echo "FAILED: $*" >&2

@@ -60,6 +60,8 @@ enum class Severity {
   X(kHeapPage, "heap-page", kDamage, "rewrites the page's descriptor")                                            \
   X(kHeapHint, "heap-hint", kDamage, "enters the page in the set again")                                          \
   X(kHeapCount, "heap-count", kPartial, "counts the pages in use anew")                                           \
+  X(kClientsDamaged, "clients-damaged", kDamage, "nothing: what the clients hold cannot be made out")             \
+  X(kLedgerCount, "ledger-count", kDamage, "nothing: the clients give back what they hold, or reclaim it")        \
   X(kTunnelWithoutNh, "tunnel-without-nh", kNote, "takes the tunnel out, unless told to keep it")                 \
   X(kTunnelIndexShared, "tunnel-index-shared", kNote, "nothing: the callers chose one index for two tunnels")     \
   X(kNhCountZero, "nh-count-zero", kNote, "nothing, unless told to take NHs without users out")

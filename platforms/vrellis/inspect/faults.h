@@ -34,10 +34,12 @@ struct Faults {
 void find_heap_faults(const Survey &survey, Faults *faults);
 void find_tree_faults(const Survey &survey, Faults *faults);
 void find_entry_faults(const Survey &survey, Faults *faults);
+void find_client_faults(const Survey &survey, Faults *faults);
 inline void find_faults(const Survey &survey, Faults *faults) {
   find_tree_faults(survey, faults);
   find_entry_faults(survey, faults);
   find_heap_faults(survey, faults);
+  find_client_faults(survey, faults);
 }
 
 // Of the window itself, its lock and its undo log. Returns: whether the database can be looked at.

@@ -78,6 +78,8 @@ constexpr Text kTexts[] = {
     {Kind::kHeapHint, "the page at %a is missing from set %f of the allocator",
      "entered the page at %a in set %f of the allocator"},
     {Kind::kHeapCount, "the window counts %f pages in use, there are %w", "set the count of pages from %f to %w"},
+    {Kind::kClientsDamaged, "what the clients of the database refer to is damaged", ""},
+    {Kind::kLedgerCount, "%n counts %f references, its clients hold %w", ""},
     {Kind::kTunnelWithoutNh, "%t has no NH (node at %a)", "took %t, which had no NH, out (node at %a)"},
     {Kind::kTunnelIndexShared, "%t is the index of more than one tunnel (also of the node at %a)", ""},
     {Kind::kNhCountZero, "%n on %t has no users", "took %n, which had no users, out of %t"},

@@ -70,7 +70,7 @@ class HeapFaults {
       judge_node_page(page, cls);
     } else if (kind > vrellis::kRunTail || (kind == vrellis::kRunHead && !is_whole_run(page))) {
       add(FindingKind::kHeapPage, page_address(page), descriptor.state);
-    } else if (kind == vrellis::kRunHead) {
+    } else if (kind == vrellis::kRunHead && !survey_.client_page[page] && !survey_.clients_damaged) {
       add(FindingKind::kBlockUnreachable, page_address(page), descriptor.state);
     }
   }
@@ -130,7 +130,9 @@ class HeapFaults {
     }
     std::sort(adopted.begin(), adopted.end());
     for (const Orphan &orphan : survey_.orphans) {
-      if (!std::binary_search(adopted.begin(), adopted.end(), orphan.address)) {
+      // A node of a tunnel's size may be a client's, if those cannot be followed.
+      const bool may_be_a_clients = survey_.clients_damaged && orphan.cls == 1;
+      if (!may_be_a_clients && !std::binary_search(adopted.begin(), adopted.end(), orphan.address)) {
         add(FindingKind::kBlockUnreachable, orphan.address, vrellis::kClass[orphan.cls].bytes);
       }
     }

@@ -276,6 +276,7 @@ Survey survey(const View &view) {
   Survey survey = survey_header(view);
   if (survey.db.usable) {
     survey_trees(survey);
+    survey_clients(survey);
     match_slots(survey);
   }
   if (survey.shape.pages != 0) {

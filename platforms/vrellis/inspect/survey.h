@@ -44,6 +44,9 @@ struct Survey {
   std::vector<Reached> reached;  // by page
   std::vector<Orphan> orphans;   // in the order of addresses
   std::vector<Flaw> flaws;
+  std::vector<bool> client_page;                 // by page: a whole page that clients refer to
+  std::vector<std::uint64_t> client_references;  // by NH slot: what the ledgers of all clients name; empty: no client
+  bool clients_damaged = false;                  // what the clients refer to cannot be followed
   bool tunnel_tree_broken = false;
   std::vector<bool> nh_tree_broken;     // by tunnel node
   std::vector<std::uint32_t> believed;  // by tunnel node: its index, or the one that all its NHs' slots have instead
@@ -71,6 +74,14 @@ bool place_in_heap(const Survey &survey, Address address, int cls, vrellis::Plac
 
 // Where a node of the class could begin: its page and its slot in it. Returns: false when none can begin there.
 bool find_place(const Survey &survey, Address address, int cls, vrellis::Place *place);
+
+enum class Claim { kNew, kOutside, kAgain };
+
+// Enters the node of the class at `address` into `reached`.
+Claim reach_node(Survey &survey, Address address, int cls);
+
+// Enters the blocks of clients, and what their ledgers name.
+void survey_clients(Survey &survey);
 
 // Walks the tree whose root field lies at `field`, in key order. Each node is entered into `reached`, none twice.
 // What cannot be followed is not; each flaw is entered. Appends the nodes' addresses.

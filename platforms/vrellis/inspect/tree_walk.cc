@@ -5,25 +5,8 @@
 #include "survey.h"
 
 namespace encap_inspect {
-namespace {
 
-using vrellis::avl::Link;
-
-// An AVL tree of 2^32 nodes is 46 high: what is deeper is none.
-constexpr int kMaxDepth = 64;
-constexpr int kUnknownHeight = -1;
-constexpr std::size_t kKeyBytes[] = {sizeof(mpls_nh_key_t), sizeof(mpls_tunnel_key_t)};
-
-struct Frame {
-  Address address;
-  Link link;
-  int height[2];
-  unsigned side;  // whose turn it is; 2: both are done
-};
-
-enum class Claim { kNew, kOutside, kAgain };
-
-Claim claim(Survey &survey, Address address, int cls) {
+Claim reach_node(Survey &survey, Address address, int cls) {
   vrellis::Place place{};
   if (!find_place(survey, address, cls, &place)) {
     return Claim::kOutside;
@@ -41,6 +24,22 @@ Claim claim(Survey &survey, Address address, int cls) {
   word |= bit;
   return Claim::kNew;
 }
+
+namespace {
+
+using vrellis::avl::Link;
+
+// An AVL tree of 2^32 nodes is 46 high: what is deeper is none.
+constexpr int kMaxDepth = 64;
+constexpr int kUnknownHeight = -1;
+constexpr std::size_t kKeyBytes[] = {sizeof(mpls_nh_key_t), sizeof(mpls_tunnel_key_t)};
+
+struct Frame {
+  Address address;
+  Link link;
+  int height[2];
+  unsigned side;  // whose turn it is; 2: both are done
+};
 
 class Walk {
  public:
@@ -74,7 +73,7 @@ class Walk {
       flaw(FindingKind::kTreeDepth, address);
       return false;
     }
-    const Claim claimed = claim(survey_, address, cls_);
+    const Claim claimed = reach_node(survey_, address, cls_);
     if (claimed != Claim::kNew) {
       flaw(claimed == Claim::kAgain ? FindingKind::kTreeCycle : FindingKind::kPointerOutside, address);
       return false;

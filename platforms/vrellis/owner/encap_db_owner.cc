@@ -19,8 +19,6 @@ namespace {
 constexpr std::uint64_t kNullTunnelNodes = 4096;
 constexpr std::uint64_t kSpareNodes = 64;
 
-constexpr std::uint64_t kTunnelNodeBytes = 57;  // with its share of the page's unused end
-
 constexpr std::uint64_t kMaxTunnelIndex = UINT16_MAX;  // what a slot and a node can hold
 
 // The open database of this process.
@@ -48,10 +46,9 @@ std::uint64_t tunnel_nodes(const encap_db_config_t &config) {
   return config.tun_size + std::min<std::uint64_t>(config.nh_size, kNullTunnelNodes) + kSpareNodes;
 }
 
-// Twice the tunnel nodes, so that their pages can be kept unused while NH nodes get room to lie together.
 std::uint64_t default_size(const encap_db_config_t &config) {
   return shmwin_size_for(array_bytes(config.nh_size, config.tun_size), 2, config.nh_size + kSpareNodes,
-                         2 * tunnel_nodes(config));
+                         tunnel_nodes(config));
 }
 
 void add_catalogue_once() {
@@ -103,7 +100,7 @@ shmwin_config_t window_of(const encap_db_config_t &config) {
   window.mode = config.mode;
   window.size = config.size != 0 ? config.size : default_size(config);
   window.address = config.address;
-  window.kept = tunnel_nodes(config) * kTunnelNodeBytes;
+  window.nodes56 = tunnel_nodes(config);
   window.named = config.named;
   window.user = config.user;
   window.group = config.group;
@@ -231,6 +228,21 @@ int encap_db_open(const encap_db_config_t *config, int *created, shmwin_error_t 
   status = open_claimed(claim, present, *config, created, error);
   shmwin_release(claim);
   return status;
+}
+
+uint64_t encap_db_default_size(const encap_db_config_t *config) {
+  return check_config(config, nullptr) == 0 ? default_size(*config) : 0;
+}
+
+int encap_db_matches(const encap_db_config_t *config, shmwin_error_t *error) {
+  if (!database.open) {
+    return ENOENT;
+  }
+  if (config->shm_id != database.shm_id) {
+    return refuse(error, EEXIST, "'%s' would be this process's second database: the one in window %" PRIu32 " is open",
+                  config->name, database.shm_id);
+  }
+  return check_database(*header_in(config->shm_id), *config, error);
 }
 
 int encap_db_close(void) {

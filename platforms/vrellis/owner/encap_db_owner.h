@@ -44,6 +44,18 @@ typedef struct encap_db_config {
  */
 SHMWIN_API int encap_db_open(const encap_db_config_t *config, int *created, shmwin_error_t *error);
 
+/*
+ * Returns: the size that encap_db_open() gives a database whose configured size is 0, in bytes; 0 for a configuration
+ * that can never work.
+ */
+SHMWIN_API uint64_t encap_db_default_size(const encap_db_config_t *config);
+
+/*
+ * Whether the open database of this process is the configured one.
+ * Returns: 0; 17 when it is another one, with `error` filled; 22 when its ranges differ; 2 when none is open.
+ */
+SHMWIN_API int encap_db_matches(const encap_db_config_t *config, shmwin_error_t *error);
+
 /* Detaches the window of this process's database; `egress_encap_db` is NULL then. Returns: 0; 2 when there is none. */
 SHMWIN_API int encap_db_close(void);
 

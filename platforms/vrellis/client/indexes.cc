@@ -1,0 +1,158 @@
+#include "indexes.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include "window.h"
+
+namespace clients {
+namespace {
+
+constexpr std::uint32_t kPageIndexes = sizeof(QueuePage::index) / sizeof(std::uint32_t);
+
+// After a look at every slot that found none free, the next one is due so much later. Only processes that use the
+// database's operations directly give indexes back without telling the queue.
+constexpr std::int64_t kNextLookNs = 100'000'000;
+
+bool is_free_nh(std::uint32_t index) {
+  return egress_encap_db->nh_info_array[index - egress_encap_db->nh_start].valid == 0;
+}
+
+bool is_free_tunnel(std::uint32_t index) {
+  // Index 0 is the null tunnel, also where the range begins with it.
+  return index != 0 && egress_encap_db->tun_info_array[index - egress_encap_db->tun_start].valid == 0;
+}
+
+struct Kind {
+  bool (*is_free)(std::uint32_t index);
+  std::uint32_t egress_encap_db_t::*start;
+  std::int64_t next_look_ns;  // guarded by the database lock
+};
+constinit Kind nhs{is_free_nh, &egress_encap_db_t::nh_start, 0};
+constinit Kind tunnels{is_free_tunnel, &egress_encap_db_t::tun_start, 0};
+
+// Takes the index that waited longest. Requires one that waits.
+std::uint32_t take_oldest(IndexQueue &queue) {
+  auto *const page = at<QueuePage>(queue.oldest);
+  const std::uint32_t index = page->index[queue.take];
+  put(queue.waiting, queue.waiting - 1);
+  if (queue.waiting == 0) {
+    put(queue.oldest, std::uint64_t{0});
+    put(queue.newest, std::uint64_t{0});
+    put(queue.take, 0U);
+    shmwin_free(page);
+  } else if (queue.take + 1 == kPageIndexes) {
+    put(queue.oldest, page->next);
+    put(queue.take, 0U);
+    shmwin_free(page);
+  } else {
+    put(queue.take, queue.take + 1);
+  }
+  return index;
+}
+
+// The index that waited longest. Requires one that waits.
+std::uint32_t oldest(const IndexQueue &queue) {
+  return at<QueuePage>(queue.oldest)->index[queue.take];
+}
+
+// The next index that was never given out and is free. Others were taken by processes that choose indexes themselves.
+bool choose_fresh(IndexQueue &queue, const Kind &kind, std::uint32_t *index) {
+  std::uint32_t fresh = queue.fresh;
+  while (fresh < queue.end && !kind.is_free(fresh)) {
+    ++fresh;
+  }
+  const bool found = fresh < queue.end;
+  const std::uint32_t next = found ? fresh + 1 : fresh;
+  if (next != queue.fresh) {
+    put(queue.fresh, next);
+  }
+  *index = fresh;
+  return found;
+}
+
+std::int64_t monotonic_ns() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+int choose(IndexQueue &queue, Kind &kind, std::uint32_t *index) {
+  if (choose_fresh(queue, kind, index)) {
+    return 0;
+  }
+  if (queue.waiting != 0) {
+    *index = take_oldest(queue);
+    return kind.is_free(*index) ? 0 : ENOSPC;
+  }
+  if (monotonic_ns() < kind.next_look_ns) {
+    return ENOSPC;
+  }
+  put(queue.fresh, egress_encap_db->*kind.start);
+  if (choose_fresh(queue, kind, index)) {
+    return 0;
+  }
+  kind.next_look_ns = monotonic_ns() + kNextLookNs;
+  return ENOSPC;
+}
+
+// Takes indexes that are in use off the front of the queue, each in a change of its own.
+void clear_front(IndexQueue &queue, const Kind &kind) {
+  while (queue.waiting != 0 && !kind.is_free(oldest(queue))) {
+    avl_change_begin(&egress_encap_db->tun_root);
+    take_oldest(queue);
+    avl_change_commit();
+  }
+}
+
+// An index that cannot be put into the queue for want of memory is found by the next look at every slot.
+void give_back(IndexQueue &queue, std::uint32_t index, std::uint32_t start) {
+  // One that was never given out comes anyway, and a queue as long as the range has them all.
+  if (index >= queue.fresh || queue.waiting >= queue.end - start) {
+    return;
+  }
+  auto *page = at<QueuePage>(queue.newest);
+  if (page == nullptr || queue.put == kPageIndexes) {
+    auto *const more = take<QueuePage>();
+    if (more == nullptr) {
+      return;
+    }
+    if (page == nullptr) {
+      put(queue.oldest, address_of(more));
+      put(queue.take, 0U);
+    } else {
+      put(page->next, address_of(more));
+    }
+    put(queue.newest, address_of(more));
+    put(queue.put, 0U);
+    page = more;
+  }
+  put(page->index[queue.put], index);
+  put(queue.put, queue.put + 1);
+  put(queue.waiting, queue.waiting + 1);
+}
+
+}  // namespace
+
+void clear_queue_fronts(ClientRoot &root) {
+  clear_front(root.nhs, nhs);
+  clear_front(root.tunnels, tunnels);
+}
+
+int choose_nh(ClientRoot &root, std::uint32_t *index) {
+  return choose(root.nhs, nhs, index);
+}
+
+int choose_tunnel(ClientRoot &root, std::uint32_t *index) {
+  return choose(root.tunnels, tunnels, index);
+}
+
+void give_nh_back(ClientRoot &root, std::uint32_t index) {
+  give_back(root.nhs, index, egress_encap_db->nh_start);
+}
+
+void give_tunnel_back(ClientRoot &root, std::uint32_t index) {
+  give_back(root.tunnels, index, egress_encap_db->tun_start);
+}
+
+}  // namespace clients

@@ -1,0 +1,265 @@
+#include "ledger.h"
+
+#include "window.h"
+
+namespace clients {
+namespace {
+
+// A resize that would move more holdings than this is left undone. A bucket about to be split holds 28 on average, so
+// that only a hash of very ill luck comes so far, and then the table stays correct with longer chains.
+constexpr std::uint32_t kMostMoved = 64;
+
+Holding *find_in(Bucket &bucket, std::uint32_t nh) {
+  for (std::uint32_t i = 0; i < bucket.used; ++i) {
+    if (bucket.holding[i].nh == nh) {
+      return &bucket.holding[i];
+    }
+  }
+  for (auto *spill = at<Spill>(bucket.spill); spill != nullptr; spill = at<Spill>(spill->next)) {
+    for (Holding &holding : spill->holding) {
+      if (holding.nh == nh && holding.held != 0) {
+        return &holding;
+      }
+    }
+  }
+  return nullptr;
+}
+
+void store(Holding &place, const Holding &holding) {
+  put(place.nh, holding.nh);
+  put(place.held, holding.held);
+  put(place.marks, holding.marks);
+}
+
+// How many places of a bucket's first spill are in use: they are so without a gap.
+std::uint32_t used_of(const Spill &spill) {
+  std::uint32_t used = 0;
+  while (used < kSpillHoldings && spill.holding[used].held != 0) {
+    ++used;
+  }
+  return used;
+}
+
+// Returns: false when the window has no memory.
+bool append(Bucket &bucket, const Holding &holding) {
+  if (bucket.used < kBucketHoldings) {
+    store(bucket.holding[bucket.used], holding);
+    put(bucket.used, bucket.used + 1);
+    return true;
+  }
+  auto *spill = at<Spill>(bucket.spill);
+  std::uint32_t used = spill != nullptr ? used_of(*spill) : kSpillHoldings;
+  if (used == kSpillHoldings) {
+    auto *const more = take<Spill>();
+    if (more == nullptr) {
+      return false;
+    }
+    more->next = bucket.spill;
+    put(bucket.spill, address_of(more));
+    spill = more;
+    used = 0;
+  }
+  store(spill->holding[used], holding);
+  return true;
+}
+
+// Takes a holding out; the bucket's last one fills the gap.
+void remove(Bucket &bucket, Holding *holding) {
+  auto *const spill = at<Spill>(bucket.spill);
+  if (spill == nullptr) {
+    Holding &last = bucket.holding[bucket.used - 1];
+    if (holding != &last) {
+      store(*holding, last);
+    }
+    put(bucket.used, bucket.used - 1);
+    return;
+  }
+  const std::uint32_t used = used_of(*spill);
+  Holding &last = spill->holding[used - 1];
+  if (holding != &last) {
+    store(*holding, last);
+  }
+  if (used > 1) {
+    put(last.held, 0U);
+  } else {
+    put(bucket.spill, spill->next);
+    shmwin_free(spill);
+  }
+}
+
+// Moves the holdings that belong to bucket `number` among `buckets` from another bucket there.
+bool move(Bucket &from, Bucket &to, std::uint32_t number, std::uint32_t buckets) {
+  Holding moved[kMostMoved];
+  std::uint32_t count = 0;
+  each_in(from, [&](const Holding &holding) {
+    if (bucket_number(hash_of(holding.nh), buckets) == number) {
+      if (count < kMostMoved) {
+        moved[count] = holding;
+      }
+      ++count;
+    }
+  });
+  if (count > kMostMoved) {
+    return false;
+  }
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (!append(to, moved[i])) {
+      return false;
+    }
+    remove(from, find_in(from, moved[i].nh));
+  }
+  return true;
+}
+
+// The word that holds the address of the segment of bucket `number`, which is no inline one; nullptr when its
+// directory is not there.
+std::uint64_t *segment_word(Ledger &ledger, std::uint32_t number) {
+  const std::uint32_t segment = (number - kInlineBuckets) / kSegmentBuckets;
+  auto *const directory = at<Page>(ledger.directory[segment / kDirectorySegments]);
+  return directory != nullptr ? &directory->word[segment % kDirectorySegments] : nullptr;
+}
+
+bool is_first_of_segment(std::uint32_t number) {
+  return number >= kInlineBuckets && (number - kInlineBuckets) % kSegmentBuckets == 0;
+}
+
+bool is_first_of_directory(std::uint32_t number) {
+  return number >= kInlineBuckets && (number - kInlineBuckets) % (kSegmentBuckets * kDirectorySegments) == 0;
+}
+
+bool add_segment(Ledger &ledger, std::uint32_t number) {
+  if (is_first_of_directory(number)) {
+    auto *const directory = take<Page>();
+    if (directory == nullptr) {
+      return false;
+    }
+    const std::uint32_t segment = (number - kInlineBuckets) / kSegmentBuckets;
+    put(ledger.directory[segment / kDirectorySegments], address_of(directory));
+  }
+  auto *const segment = take<Page>();
+  if (segment == nullptr) {
+    return false;
+  }
+  put(*segment_word(ledger, number), address_of(segment));
+  return true;
+}
+
+void drop_segment(Ledger &ledger, std::uint32_t number) {
+  std::uint64_t *const word = segment_word(ledger, number);
+  shmwin_free(at<Page>(*word));
+  put(*word, std::uint64_t{0});
+  if (is_first_of_directory(number)) {
+    std::uint64_t &directory = ledger.directory[(number - kInlineBuckets) / (kSegmentBuckets * kDirectorySegments)];
+    shmwin_free(at<Page>(directory));
+    put(directory, std::uint64_t{0});
+  }
+}
+
+// The bucket that gives half of its holdings to bucket `number` when that comes to be.
+std::uint32_t partner_of(std::uint32_t number) {
+  return number - std::bit_floor(number);
+}
+
+bool grow(Ledger &ledger) {
+  const std::uint32_t number = ledger.buckets;
+  if (number == kMostBuckets || (is_first_of_segment(number) && !add_segment(ledger, number))) {
+    return false;
+  }
+  put(ledger.buckets, number + 1);
+  return move(bucket_at(ledger, partner_of(number)), bucket_at(ledger, number), number, number + 1);
+}
+
+bool shrink(Ledger &ledger) {
+  const std::uint32_t number = ledger.buckets - 1;
+  Bucket &last = bucket_at(ledger, number);
+  if (!move(last, bucket_at(ledger, partner_of(number)), partner_of(number), number)) {
+    return false;
+  }
+  put(ledger.buckets, number);
+  if (is_first_of_segment(number)) {
+    drop_segment(ledger, number);
+  }
+  return true;
+}
+
+}  // namespace
+
+Bucket &bucket_at(Ledger &ledger, std::uint32_t number) {
+  if (number < kInlineBuckets) {
+    return ledger.first[number];
+  }
+  return at<Bucket>(*segment_word(ledger, number))[(number - kInlineBuckets) % kSegmentBuckets];
+}
+
+Holding *find_holding(Ledger &ledger, std::uint32_t nh) {
+  return find_in(bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)), nh);
+}
+
+std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh) {
+  std::uint32_t held = 1;
+  if (holding == nullptr) {
+    Bucket &bucket = bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets));
+    if (!append(bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
+      return 0;
+    }
+    put(ledger.nhs, ledger.nhs + 1);
+  } else {
+    held = holding->held + 1;
+    put(holding->held, held);
+    put(holding->marks, marks_of(ledger.epoch, fresh_of(*holding, ledger.epoch) + 1));
+  }
+  put(ledger.held, ledger.held + 1);
+  put(ledger.fresh, ledger.fresh + 1);
+  return held;
+}
+
+std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first) {
+  const std::uint32_t held = holding->held - 1;
+  const std::uint32_t fresh = fresh_of(*holding, ledger.epoch);
+  const bool drops_fresh = fresh != 0 && (first == First::kFresh || fresh == holding->held);
+  if (drops_fresh) {
+    put(ledger.fresh, ledger.fresh - 1);
+  }
+  put(ledger.held, ledger.held - 1);
+  if (held == 0) {
+    put(ledger.nhs, ledger.nhs - 1);
+    remove(bucket_at(ledger, bucket_number(hash_of(holding->nh), ledger.buckets)), holding);
+    return 0;
+  }
+  put(holding->held, held);
+  if (drops_fresh) {
+    put(holding->marks, marks_of(ledger.epoch, fresh - 1));
+  }
+  return held;
+}
+
+void renew_reference(Ledger &ledger, Holding &holding) {
+  put(holding.marks, marks_of(ledger.epoch, fresh_of(holding, ledger.epoch) + 1));
+  put(ledger.fresh, ledger.fresh + 1);
+}
+
+void settle_size(Ledger &ledger) {
+  const bool grows = ledger.nhs > std::uint64_t{kGrowAbove} * ledger.buckets;
+  const bool shrinks = ledger.buckets > kInlineBuckets && ledger.nhs < std::uint64_t{kShrinkBelow} * ledger.buckets;
+  if (!grows && !shrinks) {
+    return;
+  }
+  avl_change_begin(&egress_encap_db->tun_root);
+  if (grows ? grow(ledger) : shrink(ledger)) {
+    avl_change_commit();
+  } else {
+    avl_change_abort();
+  }
+}
+
+void forget_old_epochs(Ledger &ledger) {
+  for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+    each_in(bucket_at(ledger, number), [&](Holding &holding) {
+      if (holding.marks >> 24 != ledger.epoch) {
+        __atomic_store_n(&holding.marks, marks_of(ledger.epoch, 0), __ATOMIC_RELEASE);
+      }
+    });
+  }
+}
+
+}  // namespace clients

@@ -1,0 +1,61 @@
+// A client's ledger: finds, adds and takes back references. Everything here requires the database lock; what changes
+// the ledger requires an open change, too.
+#ifndef VRELLIS_CLIENT_LEDGER_H
+#define VRELLIS_CLIENT_LEDGER_H
+
+#include "layout.h"
+
+namespace clients {
+
+// Returns: nullptr when the client holds nothing on that NH.
+Holding *find_holding(Ledger &ledger, std::uint32_t nh);
+
+// Adds one fresh reference. Returns: the references held now; 0 when the window has no memory, with nothing added but
+// perhaps words that abort() takes back.
+std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh);
+
+// Which of a holding's references goes first.
+enum class First : std::uint8_t { kFresh, kStale };
+
+// Takes one reference back. Returns: the references held now.
+std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first);
+
+// Makes a stale reference a fresh one. Requires one.
+void renew_reference(Ledger &ledger, Holding &holding);
+
+// Whether the table is to be resized by a bucket, and doing so in a change of its own. A window without memory leaves
+// it as it is.
+void settle_size(Ledger &ledger);
+
+// Stores the present epoch in holdings of earlier ones, whose fresh references count for nothing: epochs come round.
+void forget_old_epochs(Ledger &ledger);
+
+inline std::uint64_t stale_of(const Ledger &ledger) {
+  return ledger.held - ledger.fresh;
+}
+
+inline void count_call(Ledger &ledger, Count kind) {
+  ++ledger.calls[kind];  // a figure for people: a death may cost one
+}
+
+Bucket &bucket_at(Ledger &ledger, std::uint32_t number);
+
+// Calls visit(holding) for each holding of a bucket.
+template <typename Visit>
+void each_in(Bucket &bucket, Visit visit) {
+  for (std::uint32_t i = 0; i < bucket.used; ++i) {
+    visit(bucket.holding[i]);
+  }
+  for (auto *spill = reinterpret_cast<Spill *>(bucket.spill); spill != nullptr;
+       spill = reinterpret_cast<Spill *>(spill->next)) {
+    for (Holding &holding : spill->holding) {
+      if (holding.held != 0) {
+        visit(holding);
+      }
+    }
+  }
+}
+
+}  // namespace clients
+
+#endif

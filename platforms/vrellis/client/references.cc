@@ -1,0 +1,189 @@
+#include "references.h"
+
+#include <cerrno>
+
+#include "indexes.h"
+#include "lookup.h"
+#include "session.h"
+#include "window.h"
+
+namespace clients {
+namespace {
+
+// Ends the open change after the operation of the database that counted.
+void commit() {
+  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
+  avl_change_commit();
+}
+
+int abort_with(int status) {
+  avl_change_abort();
+  return status;
+}
+
+// What the operations of the database change beside trees and allocator: slots.
+void note_nh_slot(std::uint32_t nh) {
+  egr_nh_info_t &slot = nh_slot(nh);
+  avl_change_note(&slot.ref_count + 1, sizeof slot - sizeof slot.ref_count);
+}
+
+void note_tunnel_slot(std::uint32_t tunnel) {
+  egr_tun_info_t &slot = tunnel_slot(tunnel);
+  avl_change_note(&slot.ref_count + 1, sizeof slot - sizeof slot.ref_count);
+}
+
+int share(Ledger &ledger, Holding *holding, std::uint32_t nh, encap_entry_t *entry) {
+  if (holding != nullptr && holding->held == kMostHeld) {
+    return EOVERFLOW;
+  }
+  begin_change();
+  entry->held = add_reference(ledger, holding, nh);
+  if (entry->held == 0) {
+    return abort_with(ENOMEM);
+  }
+  egr_nh_info_t &slot = nh_slot(nh);
+  avl_change_count(&slot.ref_count, slot.ref_count + 1);
+  const int status = vrl_find_and_share_egress_nh(nh);
+  if (status != 0) {
+    return abort_with(status);
+  }
+  commit();
+  return 0;
+}
+
+// Chooses the indexes that `info` lacks. Requires an open change. Returns: 0; ENOSPC.
+int choose_indexes(const Found &found, const egress_encap_key_t &key, egress_encap_info_t &info) {
+  ClientRoot &root = client_root();
+  int status = choose_nh(root, &info.egr_nh);
+  if (found.tunnel != nullptr) {
+    info.tun_found = 1;
+    info.egr_tun = found.tunnel->egr_tun;
+  } else if (status == 0 && !is_on_null_tunnel(key)) {
+    status = choose_tunnel(root, &info.egr_tun);
+  }
+  return status;
+}
+
+void note_slots(const egress_encap_info_t &info) {
+  note_nh_slot(info.egr_nh);
+  egr_nh_info_t &nh = nh_slot(info.egr_nh);
+  avl_change_count(&nh.ref_count, 1);
+  egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
+  if (info.tun_found == 0) {
+    note_tunnel_slot(info.egr_tun);
+  }
+  avl_change_count(&tunnel.ref_count, tunnel.ref_count + 1);
+}
+
+int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, const encap_attributes_t &attributes,
+           encap_entry_t *entry) {
+  egress_encap_info_t info{};
+  info.seed_nh = attributes.seed_nh;
+  info.failover_nh = attributes.failover_nh;
+  info.failover_id = attributes.failover_id & 0xfffU;
+  info.is_protected_te_nh = attributes.is_protected_te_nh & 1U;
+  clear_queue_fronts(client_root());
+  begin_change();
+  const int chosen = choose_indexes(found, key, info);
+  if (chosen != 0) {
+    return abort_with(chosen);
+  }
+  // The slot was free, so that nothing can be held on this index.
+  entry->held = add_reference(ledger, nullptr, info.egr_nh);
+  if (entry->held == 0) {
+    return abort_with(ENOMEM);
+  }
+  note_slots(info);
+  // Indexes and key were looked at, so that memory is all that an insert can want.
+  if (vrl_insert_egress_encap(&info, key) != 0) {
+    return abort_with(ENOMEM);
+  }
+  commit();
+  entry->nh = info.egr_nh;
+  entry->tunnel = info.egr_tun;
+  entry->nh_created = 1;
+  entry->tunnel_created = info.tun_found == 0 && info.egr_tun != 0 ? 1 : 0;
+  return 0;
+}
+
+// Whether the database can be relied on for this key: a process without a client that died in the middle of an insert
+// leaves nodes without an index.
+bool is_whole(const Found &found, const egress_encap_key_t &key) {
+  const bool null_tunnel = found.tunnel != nullptr && found.tunnel->egr_tun == 0;
+  if (found.tunnel != nullptr && (null_tunnel != is_on_null_tunnel(key) || !tunnel_in_range(found.tunnel->egr_tun))) {
+    return false;
+  }
+  return found.nh == nullptr || (nh_in_range(found.nh->nh_index) && nh_slot(found.nh->nh_index).valid != 0);
+}
+
+}  // namespace
+
+int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_attributes_t &attributes,
+                   encap_entry_t *entry) {
+  const Found found = look_up(key);
+  if (!is_whole(found, key)) {
+    return EINVAL;
+  }
+  if (found.nh == nullptr) {
+    const int status = create(ledger, found, key, attributes, entry);
+    settle_size(ledger);
+    return status;
+  }
+  entry->nh = found.nh->nh_index;
+  entry->tunnel = found.tunnel->egr_tun;
+  Holding *const holding = find_holding(ledger, entry->nh);
+  if (holding == nullptr || fresh_of(*holding, ledger.epoch) == holding->held) {
+    const int status = share(ledger, holding, entry->nh, entry);
+    settle_size(ledger);
+    return status;
+  }
+  begin_change();
+  renew_reference(ledger, *holding);
+  avl_change_commit();
+  entry->held = holding->held;
+  entry->renewed = 1;
+  return 0;
+}
+
+int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_left_t *left) {
+  Holding *const holding = find_holding(ledger, nh);
+  if (holding == nullptr) {
+    return ENOENT;
+  }
+  if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || !tunnel_in_range(nh_slot(nh).egr_tun)) {
+    return EINVAL;
+  }
+  egr_nh_info_t &slot = nh_slot(nh);
+  left->nh = nh;
+  left->tunnel = slot.egr_tun;
+  begin_change();
+  left->held = drop_reference(ledger, holding, first);
+  avl_change_count(&slot.ref_count, slot.ref_count - 1);
+  const bool goes = slot.ref_count == 1;
+  if (goes) {
+    egr_tun_info_t &tunnel = tunnel_slot(left->tunnel);
+    note_nh_slot(nh);
+    note_tunnel_slot(left->tunnel);
+    avl_change_count(&tunnel.ref_count, tunnel.ref_count - 1);
+    give_nh_back(client_root(), nh);
+    left->nh_left = 1;
+    left->tunnel_left = tunnel.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
+    if (left->tunnel_left != 0) {
+      give_tunnel_back(client_root(), left->tunnel);
+    }
+    // The removal counts down before it touches a tree.
+    avl_change_counted(AVL_CHANGE_COUNTED_WITH_NEXT);
+  }
+  std::uint32_t tunnel = 0;
+  std::uint32_t nh_to_del = 0;
+  std::uint32_t tunnel_to_del = 0;
+  const int status = vrl_delete_and_free_egress_encap_with_nh_key(nh, &tunnel, &nh_to_del, &tunnel_to_del);
+  if (status != 0 || (nh_to_del != 0) != goes) {
+    return abort_with(EINVAL);
+  }
+  commit();
+  settle_size(ledger);
+  return 0;
+}
+
+}  // namespace clients

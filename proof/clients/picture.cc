@@ -1,0 +1,256 @@
+#include "picture.h"
+
+#include <cstring>
+
+#include "layout.h"
+#include "ledger.h"
+#include "lookup.h"
+
+namespace client_proof {
+namespace {
+
+using clients::Bucket;
+using clients::ClientRecord;
+using clients::ClientRoot;
+using clients::Holding;
+using clients::IndexQueue;
+using clients::Ledger;
+using clients::QueuePage;
+using clients::Spill;
+
+const ClientRoot &root() {
+  return *reinterpret_cast<const ClientRoot *>(reinterpret_cast<const char *>(egress_encap_db) + clients::kRootOffset);
+}
+
+template <typename Record>
+Record *at(std::uint64_t address) {
+  return reinterpret_cast<Record *>(address);
+}
+
+template <typename Visit>
+void each_node(void *node, Visit visit) {
+  if (node != nullptr) {
+    const auto *const link = static_cast<const encap_avl_link_t *>(node);
+    each_node(at<void>(link->word[0]), visit);
+    visit(node);
+    each_node(at<void>(link->word[1]), visit);
+  }
+}
+
+template <typename Key>
+std::string bytes_of(const Key &key) {
+  return {reinterpret_cast<const char *>(&key), sizeof key};
+}
+
+void draw_trees(Picture &picture) {
+  each_node(egress_encap_db->tun_root, [&](const void *node) {
+    const auto &tunnel = *static_cast<const mpls_tunnel_entry_t *>(node);
+    picture.trees[bytes_of(tunnel.key)] = std::to_string(tunnel.egr_tun);
+    each_node(tunnel.nh_root, [&](const void *below) {
+      const auto &nh = *static_cast<const mpls_nh_entry_t *>(below);
+      picture.trees[bytes_of(tunnel.key) + bytes_of(nh.key)] = std::to_string(nh.nh_index);
+    });
+  });
+}
+
+std::vector<std::uint32_t> waiting_in(const IndexQueue &queue) {
+  std::vector<std::uint32_t> waiting;
+  std::uint32_t place = queue.take;
+  const auto *page = at<const QueuePage>(queue.oldest);
+  while (waiting.size() < queue.waiting) {
+    if (place == std::size(page->index)) {
+      page = at<const QueuePage>(page->next);
+      place = 0;
+    }
+    waiting.push_back(page->index[place++]);
+  }
+  return waiting;
+}
+
+std::uint64_t pages_of(const IndexQueue &queue) {
+  std::uint64_t pages = 0;
+  for (auto address = queue.oldest; address != 0; address = at<const QueuePage>(address)->next) {
+    ++pages;
+  }
+  return pages;
+}
+
+// Pages and 56-byte nodes that a ledger takes.
+struct Blocks {
+  std::uint64_t pages = 0;
+  std::uint64_t spills = 0;
+};
+
+Blocks blocks_of(Ledger &ledger) {
+  Blocks blocks{1, 0};
+  for (const std::uint64_t directory : ledger.directory) {
+    blocks.pages += directory != 0 ? 1U : 0U;
+    for (std::uint32_t i = 0; directory != 0 && i < clients::kDirectorySegments; ++i) {
+      blocks.pages += at<const std::uint64_t>(directory)[i] != 0 ? 1U : 0U;
+    }
+  }
+  for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+    for (auto spill = clients::bucket_at(ledger, number).spill; spill != 0; spill = at<const Spill>(spill)->next) {
+      ++blocks.spills;
+    }
+  }
+  return blocks;
+}
+
+template <typename Visit>
+void each_client(Visit visit) {
+  if (root().magic == clients::kRootMagic) {
+    auto *const records = at<ClientRecord>(root().clients);
+    for (int i = 0; i < ENCAP_CLIENT_MAX; ++i) {
+      if (records[i].name[0] != '\0') {
+        visit(records[i], *at<Ledger>(records[i].ledger));
+      }
+    }
+  }
+}
+
+void draw_clients(Picture &picture) {
+  each_client([&](const ClientRecord &record, Ledger &ledger) {
+    auto &held = picture.held[record.name];
+    for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+      clients::each_in(clients::bucket_at(ledger, number), [&](const Holding &holding) {
+        held[holding.nh] = {holding.held, holding.held - clients::fresh_of(holding, ledger.epoch)};
+      });
+    }
+    if (record.process != 0) {
+      picture.taken.insert(record.name);
+    }
+  });
+}
+
+std::string wrong_totals() {
+  std::string wrong;
+  each_client([&](const ClientRecord &record, Ledger &ledger) {
+    std::uint64_t nhs = 0;
+    std::uint64_t held = 0;
+    std::uint64_t fresh = 0;
+    for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+      clients::each_in(clients::bucket_at(ledger, number), [&](const Holding &holding) {
+        ++nhs;
+        held += holding.held;
+        fresh += clients::fresh_of(holding, ledger.epoch);
+        if (clients::bucket_number(clients::hash_of(holding.nh), ledger.buckets) != number) {
+          wrong = "a holding lies in the wrong bucket";
+        }
+      });
+    }
+    if (nhs != ledger.nhs || held != ledger.held || fresh != ledger.fresh) {
+      wrong = std::string("the totals of ") + record.name + " are not the sums of its holdings";
+    }
+  });
+  return wrong;
+}
+
+std::string wrong_counts(const Picture &picture) {
+  std::map<std::uint32_t, std::uint32_t> sum;
+  for (const auto &[name, held] : picture.held) {
+    for (const auto &[nh, counts] : held) {
+      sum[nh] += counts.first;
+    }
+  }
+  const std::uint32_t start = egress_encap_db->nh_start;
+  for (std::uint32_t nh = start; nh < egress_encap_db->nh_end; ++nh) {
+    const egr_nh_info_t &slot = clients::nh_slot(nh);
+    if (slot.ref_count != sum[nh] || (slot.valid != 0) != (sum[nh] != 0)) {
+      return "NH " + std::to_string(nh) + " counts " + std::to_string(slot.ref_count) + ", the ledgers " +
+             std::to_string(sum[nh]);
+    }
+  }
+  return "";
+}
+
+template <typename IsFree>
+std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, bool may_lose, IsFree is_free) {
+  std::set<std::uint32_t> waiting;
+  for (const std::uint32_t index : waiting_in(queue)) {
+    if (!waiting.insert(index).second || index >= queue.fresh) {
+      return "index " + std::to_string(index) + " waits twice, or was never given out";
+    }
+  }
+  for (std::uint32_t index = start; index < queue.end; ++index) {
+    const bool queued = index >= queue.fresh || waiting.contains(index);
+    if (index != 0 && (queued ? !is_free(index) : is_free(index) && !may_lose)) {
+      return "index " + std::to_string(index) + (queued ? " is in use and free" : " is lost");
+    }
+  }
+  return "";
+}
+
+std::string wrong_blocks(const Picture &picture, std::uint32_t shm_id) {
+  std::uint64_t nhs = 0;
+  for (const auto &[key, indexes] : picture.trees) {
+    nhs += key.size() > sizeof(mpls_tunnel_key_t) ? 1U : 0U;
+  }
+  const std::uint64_t tunnels = picture.trees.size() - nhs;
+  Blocks blocks{root().magic == clients::kRootMagic ? 1U : 0U, 0};
+  each_client([&](const ClientRecord &, Ledger &ledger) {
+    const Blocks own = blocks_of(ledger);
+    blocks.pages += own.pages;
+    blocks.spills += own.spills;
+  });
+  blocks.pages += pages_of(root().nhs) + pages_of(root().tunnels);
+  shmwin_stat_t stat{};
+  shmwin_stat(shm_id, &stat);
+  constexpr std::uint64_t kSlotArrays = 2;
+  if (stat.nodes40 != nhs || stat.nodes56 != tunnels + blocks.spills || stat.arrays != kSlotArrays + blocks.pages) {
+    return "blocks in use: " + std::to_string(stat.nodes40) + ", " + std::to_string(stat.nodes56) + ", " +
+           std::to_string(stat.arrays) + "; referred to: " + std::to_string(nhs) + ", " +
+           std::to_string(tunnels + blocks.spills) + ", " + std::to_string(kSlotArrays + blocks.pages);
+  }
+  return "";
+}
+
+}  // namespace
+
+Picture draw() {
+  Picture picture;
+  draw_trees(picture);
+  draw_clients(picture);
+  const std::size_t nhs = egress_encap_db->nh_end - egress_encap_db->nh_start;
+  const std::size_t tunnels = egress_encap_db->tun_end - egress_encap_db->tun_start + 1;
+  picture.slots.assign(reinterpret_cast<const char *>(egress_encap_db->nh_info_array), nhs * sizeof(egr_nh_info_t));
+  picture.slots.append(reinterpret_cast<const char *>(egress_encap_db->tun_info_array),
+                       tunnels * sizeof(egr_tun_info_t));
+  picture.waiting_nhs = waiting_in(root().nhs);
+  picture.waiting_tunnels = waiting_in(root().tunnels);
+  picture.fresh_nh = root().nhs.fresh;
+  picture.fresh_tunnel = root().tunnels.fresh;
+  return picture;
+}
+
+std::string contradiction(const Picture &picture, std::uint32_t shm_id, bool may_lose) {
+  if (root().magic != clients::kRootMagic) {
+    return wrong_blocks(picture, shm_id);
+  }
+  for (const std::string &wrong :
+       {wrong_totals(), wrong_counts(picture),
+        wrong_indexes(root().nhs, egress_encap_db->nh_start, may_lose,
+                      [](std::uint32_t nh) { return clients::nh_slot(nh).valid == 0; }),
+        wrong_indexes(root().tunnels, egress_encap_db->tun_start, may_lose,
+                      [](std::uint32_t tunnel) { return clients::tunnel_slot(tunnel).valid == 0; }),
+        wrong_blocks(picture, shm_id)}) {
+    if (!wrong.empty()) {
+      return wrong;
+    }
+  }
+  return "";
+}
+
+std::string difference(const Picture &a, const Picture &b) {
+  std::string text;
+  const auto add = [&](bool same, const char *what) { text += same ? "" : std::string(" ") + what; };
+  add(a.held == b.held, "holdings");
+  add(a.trees == b.trees, "trees");
+  add(a.slots == b.slots, "slots");
+  add(a.waiting_nhs == b.waiting_nhs && a.fresh_nh == b.fresh_nh, "NH indexes");
+  add(a.waiting_tunnels == b.waiting_tunnels && a.fresh_tunnel == b.fresh_tunnel, "tunnel indexes");
+  add(a.taken == b.taken, "names");
+  return text;
+}
+
+}  // namespace client_proof

@@ -1,0 +1,39 @@
+// What a database and its clients are, apart from where it lies: so that a state after a death can be compared with the
+// states before and after a call.
+#ifndef ENCAP_PROOF_CLIENTS_PICTURE_H
+#define ENCAP_PROOF_CLIENTS_PICTURE_H
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace client_proof {
+
+struct Picture {
+  std::map<std::string, std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>>>
+      held;                                  // name, NH: held, stale
+  std::map<std::string, std::string> trees;  // bytes of tunnel and NH key: indexes
+  std::string slots;                         // the bytes of both arrays
+  std::vector<std::uint32_t> waiting_nhs, waiting_tunnels;
+  std::uint32_t fresh_nh = 0, fresh_tunnel = 0;
+  std::set<std::string> taken;  // names that a process has
+
+  bool operator==(const Picture &) const = default;
+};
+
+// Draws this process's database. Requires that nothing changes it meanwhile and that it is settled.
+Picture draw();
+
+// What the picture and the allocator say against each other: blocks that nothing refers to, indexes that are both free
+// and in use or neither, ledgers that do not add up to the counts. Returns: one sentence, or "".
+// `may_lose`: an index may be lost to the queue, as when no memory was left to put it there.
+std::string contradiction(const Picture &picture, std::uint32_t shm_id, bool may_lose = false);
+
+// How two pictures differ, for a person.
+std::string difference(const Picture &a, const Picture &b);
+
+}  // namespace client_proof
+
+#endif

@@ -1,0 +1,113 @@
+// A database in a directory of its own, and clients of it in this process.
+#ifndef TESTS_CLIENT_FIXTURE_H
+#define TESTS_CLIENT_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "encap_client.h"
+
+namespace test_support {
+
+inline constexpr std::uint32_t kNhStart = 1000;
+inline constexpr std::uint32_t kTunStart = 10;
+
+inline egress_encap_key_t key(std::uint32_t label1, std::uint32_t label2 = 0, std::uint32_t ifh = 7) {
+  egress_encap_key_t key{};
+  key.out_label1 = label1 & 0x1fffff;
+  key.out_label2 = label2 & 0x1fffff;
+  key.ifh = ifh;
+  return key;
+}
+
+class ClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+    config_.directory = directory_.c_str();
+    config_.name = "encaps";
+    config_.shm_id = 3;
+    config_.nh_start = kNhStart;
+    config_.nh_size = 400;
+    config_.tun_start = kTunStart;
+    config_.tun_size = 100;
+  }
+
+  void TearDown() override {
+    for (encap_client_t *client : open_) {
+      encap_client_close(client);
+    }
+    std::filesystem::remove_all(directory_);
+  }
+
+  int open(const char *name, encap_client_t **client) {
+    const encap_client_config_t config{config_, name};
+    const int status = encap_client_open(&config, client, &error_);
+    if (status == 0) {
+      open_.insert(*client);
+    }
+    return status;
+  }
+
+  encap_client_t *client(const char *name) {
+    encap_client_t *client = nullptr;
+    EXPECT_EQ(open(name, &client), 0) << error_.text;
+    return client;
+  }
+
+  int close(encap_client_t *client) {
+    open_.erase(client);
+    return encap_client_close(client);
+  }
+
+  int leave(encap_client_t *client) {
+    open_.erase(client);
+    return encap_client_leave(client, nullptr, nullptr);
+  }
+
+  static encap_entry_t enter(encap_client_t *client, const egress_encap_key_t &key) {
+    encap_entry_t entry{};
+    EXPECT_EQ(encap_client_enter(client, key, nullptr, &entry), 0);
+    return entry;
+  }
+
+  static encap_left_t release(encap_client_t *client, std::uint32_t nh) {
+    encap_left_t left{};
+    EXPECT_EQ(encap_client_release(client, nh, &left), 0);
+    return left;
+  }
+
+  // References by NH, and of these the stale ones.
+  static std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> holdings(encap_client_t *client) {
+    std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> held;
+    const auto add = [](const encap_holding_t *holding, void *arg) {
+      auto &map = *static_cast<std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> *>(arg);
+      EXPECT_TRUE(map.emplace(holding->nh, std::pair{holding->held, holding->stale}).second) << "told of twice";
+    };
+    EXPECT_EQ(encap_client_each(client, add, &held), 0);
+    return held;
+  }
+
+  static std::uint32_t count_of(std::uint32_t nh) { return egress_encap_db->nh_info_array[nh - kNhStart].ref_count; }
+
+  shmwin_stat_t usage() {
+    shmwin_stat_t stat{};
+    EXPECT_EQ(shmwin_stat(config_.shm_id, &stat), 0);
+    return stat;
+  }
+
+  std::string directory_ = (std::filesystem::temp_directory_path() / "encap-client.XXXXXX").string();
+  encap_db_config_t config_{};
+  shmwin_error_t error_{};
+  std::set<encap_client_t *> open_;
+};
+
+}  // namespace test_support
+
+#endif
