@@ -37,12 +37,14 @@ if(ENCAP_SANITIZE)
 endif()
 
 # The shared libraries' common shape: no exceptions and no run-time type information, calls through the GOT so that a
-# process's own services take precedence, and a version script that names every exported symbol.
+# process's own services take precedence, and a version script that names every exported symbol. A library stays loaded
+# after dlclose(), since the services keep addresses of its points, and the system those of its fork handlers.
 function(encap_shared_library target map)
   target_link_libraries(${target} PRIVATE encap_warnings)
   target_compile_options(${target} PRIVATE -fno-plt -fno-semantic-interposition
                          $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
-  target_link_options(${target} PRIVATE -Wl,--version-script=${map} -Wl,-z,now -Wl,--as-needed)
+  target_link_options(${target} PRIVATE -Wl,--version-script=${map} -Wl,-z,now -Wl,-z,nodelete
+                      -Wl,--as-needed)
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
                         LINK_DEPENDS ${map})
 endfunction()

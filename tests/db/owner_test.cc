@@ -118,6 +118,34 @@ TEST_F(OwnerTest, ACreatorThatDiesBeforeTheLastWordIsFollowedByAnother) {
   EXPECT_EQ(stat.nodes40 + stat.nodes56, 0u);
 }
 
+// A copy of a window whose lock is held; its name tells what is true of the holder.
+TEST_F(OwnerTest, ALockThatNoThreadCanGiveBackIsRefused) {
+  ASSERT_EQ(open(), 0) << error_.text;
+  test_support::Signal held;
+  const pid_t holder = test_support::spawn([&] {
+    pthread_mutex_lock(&egress_encap_db->lock.mutex);
+    held.give();
+    return pause();
+  });
+  ASSERT_TRUE(held.await());
+  const auto lost = [&](const char *name) {
+    return in_child([&] {
+      encap_db_close();
+      config_.name = name;
+      const bool told = open() == ENOTRECOVERABLE && std::strstr(error_.text, name) != nullptr &&
+                        std::strstr(error_.text, std::to_string(holder).c_str()) != nullptr;
+      return told && egress_encap_db == nullptr ? 1 : error_.text[0] == '\0' ? 0 : 2;
+    });
+  };
+  std::filesystem::copy_file(directory_ + "/encaps", directory_ + "/copy");
+  EXPECT_EQ(lost("copy"), 1) << "the holder lives, and holds another window's lock";
+  EXPECT_EQ(lost("encaps"), 0) << "a process that works with the database";
+  test_support::kill_hard(holder);
+  EXPECT_EQ(lost("copy"), 1) << "the holder is gone";
+  EXPECT_EQ(lost("encaps"), 0) << "the next process takes the lock over";
+  EXPECT_EQ(enter(1003, 12), 0);
+}
+
 TEST_F(OwnerTest, WhatCanNeverWorkIsRefused) {
   EXPECT_EQ(encap_db_open(nullptr, &created_, &error_), 22);
   refused([](auto &config) { config.name = nullptr; }, {"names its window"});

@@ -9,20 +9,13 @@
 #include <cstring>
 
 #include "lock_word.h"
+#include "process/robust_lock.h"
 #include "shmwin/process_table.h"
 
 namespace encap_inspect {
 namespace {
 
 constexpr std::uint64_t kLockOffset = offsetof(vrellis::WindowHeader, user_area) + offsetof(egress_encap_db_t, lock);
-
-// The kernel's layout of a robust lock word.
-constexpr std::uint32_t kTidBits = 0x3fffffff;
-constexpr std::uint32_t kOwnerDied = 0x40000000;
-constexpr std::uint32_t kWaiters = 0x80000000;
-
-// The C library's owner field of a mutex that was taken over from a dead thread and is not yet made consistent.
-constexpr std::uint32_t kInconsistent = 0x7fffffff;
 
 // Reads /proc/<id>/<name>. Returns: an empty text when there is none.
 std::string proc_text(pid_t id, const char *name) {
@@ -84,24 +77,23 @@ LockState decode_lock(const View &view) {
     return lock;
   }
   std::memcpy(&mutex, bytes, sizeof mutex);
-  const auto word = static_cast<std::uint32_t>(mutex.__data.__lock);
-  const auto owner = static_cast<std::uint32_t>(mutex.__data.__owner);
-  lock.owner_died = (word & kOwnerDied) != 0;
-  lock.waiters = (word & kWaiters) != 0;
-  lock.held = (word & kTidBits) != 0 || lock.owner_died;
-  const bool taken_over = owner == kInconsistent && lock.held;
-  lock.recognised = mutex.__data.__kind == wanted_kind() && (owner <= kTidBits || taken_over);
+  const vrellis::RobustLock read = vrellis::read_robust_lock(mutex);
+  lock.owner_died = read.owner_died;
+  lock.waiters = read.waiters;
+  lock.held = read.held;
+  lock.recognised =
+      read.kind == wanted_kind() && (static_cast<std::uint32_t>(mutex.__data.__owner) <= 0x3fffffff || read.taken_over);
   if (!lock.recognised || !lock.held) {
     return lock;
   }
-  lock.depth = mutex.__data.__count;
-  lock.owner_tid = static_cast<pid_t>((word & kTidBits) != 0 ? word & kTidBits : taken_over ? 0 : owner);
+  lock.depth = read.depth;
+  lock.owner_tid = read.owner;
   if (lock.owner_died) {
     lock.owner = Liveness::kDead;
   } else if (ids_mean_something(view)) {
-    lock.owner = vrellis::liveness_of_thread(lock.owner_tid);
+    lock.owner = vrellis::liveness_of_owner(read, 0);
     lock.owner_pid = process_of_thread(lock.owner_tid);
-    if (lock.owner == Liveness::kDead && word_now(view, kLockOffset, word) != word) {
+    if (lock.owner == Liveness::kDead && word_now(view, kLockOffset, read.word) != read.word) {
       lock.owner = Liveness::kUnknown;  // it gave the lock back before it ended
     }
   }

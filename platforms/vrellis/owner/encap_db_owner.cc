@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "diag/catalogue.h"
+#include "process/robust_lock.h"
 
 namespace {
 
@@ -180,6 +181,17 @@ int leave_window(std::uint32_t shm_id) {
   return shmwin_detach(shm_id);
 }
 
+// Any process that locks a lost lock waits for ever, so the database is not opened.
+int check_lock(const egress_encap_db_t &header, const encap_db_config_t &config, shmwin_error_t *error) {
+  if (!vrellis::is_lost(header.lock.mutex)) {
+    return 0;
+  }
+  return refuse(error, ENOTRECOVERABLE,
+                "the lock of database '%s' is held by thread %d, which is gone and cannot give it back: the window was "
+                "copied, or is older than the system's start; repair it with encapctl",
+                config.name, vrellis::read_robust_lock(header.lock.mutex).owner);
+}
+
 // Requires the claim.
 int open_claimed(shmwin_claim_t *claim, int present, const encap_db_config_t &config, int *created,
                  shmwin_error_t *error) {
@@ -191,6 +203,7 @@ int open_claimed(shmwin_claim_t *claim, int present, const encap_db_config_t &co
   const bool exists = is_initialized(*header);
   if (exists) {
     status = check_database(*header, config, error);
+    status = status == 0 ? check_lock(*header, config, error) : status;
   }
   if (status == 0) {
     status = initialize(header, config, error);

@@ -38,7 +38,8 @@ typedef struct encap_db_config {
  * Out: *created (may be NULL), 1 when this call set the database up.
  * Returns: 0; 22 for a configuration that can never work (a tunnel index past 65535, a range past 32 bits, a window too
  *   small for the arrays) and for a database whose ranges differ from the configured ones; 17 when this process has a
- *   database open; the codes of shmwin.h; the status of mpls_egress_encap_db_init(); `error` filled with one sentence.
+ *   database open; 131 (ENOTRECOVERABLE) when the database's lock is held by no thread that lives, and was not marked
+ *   by the system as left by a dead one (a window that was copied, or kept over a reboot): `encapctl repair` mends it; the codes of shmwin.h; the status of mpls_egress_encap_db_init(); `error` filled with one sentence.
  *   A failure leaves nothing attached, and `egress_encap_db` NULL unless a database was open before.
  * Locking: one thread of a process at a time opens or closes.
  */

@@ -62,12 +62,49 @@ Liveness liveness_of_hidden(pid_t id) {
 }
 
 // A line of /proc/PID/maps: "begin-end permissions offset device inode path".
-bool is_shared_mapping_of(const char *line, std::uint64_t address) {
+// Out: *file, device and inode. Returns: whether it is a shared mapping that covers `address`.
+bool is_shared_mapping_of(const char *line, std::uint64_t address, char (&file)[48]) {
   std::uint64_t begin = 0;
   std::uint64_t end = 0;
   char permissions[5] = {};
-  return std::sscanf(line, "%" SCNx64 "-%" SCNx64 " %4s", &begin, &end, permissions) == 3 && begin <= address &&
-         address < end && permissions[3] == 's';
+  char device[16] = {};
+  char inode[24] = {};
+  const bool read =
+      std::sscanf(line, "%" SCNx64 "-%" SCNx64 " %4s %*s %15s %23s", &begin, &end, permissions, device, inode) == 5;
+  std::snprintf(file, sizeof file, "%s %s", device, inode);
+  return read && begin <= address && address < end && permissions[3] == 's';
+}
+
+Mapped find_shared_memory(pid_t pid, std::uint64_t address, char (&file)[48]) {
+  char text[4096];
+  std::snprintf(text, sizeof text, "/proc/%d/maps", pid);
+  const int fd = proc_is_ours() ? open(text, O_RDONLY | O_CLOEXEC) : -1;
+  if (fd < 0) {
+    return Mapped::kUnknown;
+  }
+  Mapped answer = Mapped::kUnknown;
+  std::size_t kept = 0;     // bytes of a line that is not complete yet
+  bool line_begins = true;  // at text[0]
+  ssize_t got = 0;
+  while (answer != Mapped::kYes && (got = read(fd, text + kept, sizeof text - 1 - kept)) > 0) {
+    text[kept + static_cast<std::size_t>(got)] = '\0';
+    answer = Mapped::kNo;
+    const char *line = text;
+    for (const char *end = nullptr; (end = std::strchr(line, '\n')) != nullptr; line = end + 1) {
+      if (line_begins && answer == Mapped::kNo && is_shared_mapping_of(line, address, file)) {
+        answer = Mapped::kYes;
+      }
+      line_begins = true;
+    }
+    kept = std::strlen(line);
+    if (kept == sizeof text - 1) {  // a path longer than the buffer: only its end is still to come
+      kept = 0;
+      line_begins = false;
+    }
+    std::memmove(text, line, kept);
+  }
+  close(fd);
+  return answer;
 }
 
 }  // namespace
@@ -144,35 +181,18 @@ Liveness liveness_of_thread(pid_t tid) {
 }
 
 Mapped maps_shared_memory(pid_t pid, std::uint64_t address) {
-  char text[4096];
-  std::snprintf(text, sizeof text, "/proc/%d/maps", pid);
-  const int fd = proc_is_ours() ? open(text, O_RDONLY | O_CLOEXEC) : -1;
-  if (fd < 0) {
+  char file[48];
+  return find_shared_memory(pid, address, file);
+}
+
+Mapped maps_same_memory(pid_t id, std::uint64_t address) {
+  char own[48];
+  char other[48];
+  if (find_shared_memory(getpid(), address, own) != Mapped::kYes) {
     return Mapped::kUnknown;
   }
-  Mapped answer = Mapped::kUnknown;
-  std::size_t kept = 0;     // bytes of a line that is not complete yet
-  bool line_begins = true;  // at text[0]
-  ssize_t got = 0;
-  while (answer != Mapped::kYes && (got = read(fd, text + kept, sizeof text - 1 - kept)) > 0) {
-    text[kept + static_cast<std::size_t>(got)] = '\0';
-    answer = Mapped::kNo;
-    const char *line = text;
-    for (const char *end = nullptr; (end = std::strchr(line, '\n')) != nullptr; line = end + 1) {
-      if (line_begins && is_shared_mapping_of(line, address)) {
-        answer = Mapped::kYes;
-      }
-      line_begins = true;
-    }
-    kept = std::strlen(line);
-    if (kept == sizeof text - 1) {  // a path longer than the buffer: only its end is still to come
-      kept = 0;
-      line_begins = false;
-    }
-    std::memmove(text, line, kept);
-  }
-  close(fd);
-  return answer;
+  const Mapped mapped = find_shared_memory(id, address, other);
+  return mapped == Mapped::kYes && std::strcmp(own, other) != 0 ? Mapped::kNo : mapped;
 }
 
 void describe_process(pid_t pid, char (&text)[kProcessTextBytes]) {

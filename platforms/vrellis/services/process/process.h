@@ -54,10 +54,14 @@ Liveness liveness_of(const ProcessId &process);
 // Whether the thread `tid` of this PID namespace lives. A thread id comes back sooner than a pair of id and start time.
 Liveness liveness_of_thread(pid_t tid);
 
-// Whether process `pid` of this PID namespace has shared memory mapped at `address`. A process that has run another
-// program since it mapped its windows has not. Returns: unknown when the process may not be looked into.
 enum class Mapped { kUnknown, kYes, kNo };
+
+// Whether the process `pid` of this PID namespace has shared memory mapped at `address`. A process that has run another
+// program since it mapped its windows has not. Returns: unknown when the process may not be looked into.
 Mapped maps_shared_memory(pid_t pid, std::uint64_t address);
+
+// Whether that memory is the same file that this process has mapped there. `id` may be a thread's.
+Mapped maps_same_memory(pid_t id, std::uint64_t address);
 
 // Writes "process 17 (name), which is stopped" for a message; bytes of the name that cannot be printed become '?'.
 inline constexpr std::size_t kProcessTextBytes = 128;
