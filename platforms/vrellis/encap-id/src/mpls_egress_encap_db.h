@@ -136,8 +136,7 @@ typedef struct egr_nh_data {
 } egr_nh_data_t;
 ENCAP_DB_STATIC_ASSERT(sizeof(egr_nh_data_t) == 12, "size of the update record");
 
-/* ------------------------------------------------------------------------------------------------ records in a window
- */
+/* --------------------------------------------------------------------------------------------- records in a window */
 
 /*
  * NH slot: all that the database knows of one NH. 28 bytes; the slot of an NH index is
@@ -353,6 +352,8 @@ ENCAP_DB_API int vrl_find_and_share_egress_nh(uint32_t nh_index);
  *   tun_found                a new NH (egr_nh) on the known tunnel (egr_tun)
  *   neither, or nh_found     a new tunnel (egr_tun, 0 = null tunnel) and a new NH (egr_nh) on it
  * `info` is only read.
+ * Requires: no other NH has the index egr_nh, and no other tunnel that of a new tunnel. The library does not look; it
+ *   returns 0 and leaves the database damaged. Tunnel index 0 is for keys whose out_label2 and out_label3 are 0.
  * Returns: 0, also when the last unlock fails; 22 for a NULL record, an index out of range and every failure under the
  *   lock (tunnel missing, no memory, key already there, slot not valid); the lock's code.
  * Locking: takes the lock after the range checks.
@@ -386,7 +387,8 @@ ENCAP_DB_API int vrl_find_and_set_egress_nh_ref(uint32_t nh_index, uint32_t ref_
  * Requires: no pointer NULL.
  * Returns: 0, also when the NH was missing from its tree (raised as an error message); 22 when the index is out of
  *   range, the slot not valid, the tunnel's count refused or the tunnel missing, or a tree refused a removal; the
- * lock's code. Locking: takes the lock.
+ *   lock's code.
+ * Locking: takes the lock.
  */
 ENCAP_DB_API int vrl_egress_encap_nh_detach(uint32_t nh_index, uint32_t *egr_tun, uint32_t *tun_to_del_from_prm,
                                             uint32_t *nh_ref_count);
