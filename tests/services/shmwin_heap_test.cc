@@ -159,6 +159,40 @@ TEST_F(HeapTest, ASizeForSomeBlocksHoldsThemAndIsNoLargerThanPlanned) {
   }
 }
 
+// Groups take room early that other nodes need late. Neither they nor deaths among them may cost a node its place.
+TEST_F(HeapTest, GroupsCostNoNodeItsPlaceWhateverDied) {
+  constexpr std::uint64_t kParents = 730, kChildren = 1020;
+  static std::uint8_t *window;
+  static std::vector<std::uint8_t> left;  // by the process that dies
+  static int stores_to_death;
+  for (const bool in_turn : {true, false}) {
+    make(kParents / 73 + kChildren / 102);
+    heap().header->kept_pages = kParents / 73;
+    window = memory_;
+    for (int death = 0; death < 12; ++death) {  // in the release of the only node of a page
+      std::uint8_t *const node = take(56);
+      stores_to_death = 1 + death % 4;
+      after_store = [] {
+        if (--stores_to_death == 0) {
+          left.assign(window, window + shape_of_pages(20).heap);
+        }
+      };
+      shmwin_free(node);
+      after_store = [] {};
+      std::memcpy(memory_, left.data(), left.size());
+      heap() = heap_at(heap().header, shape_);
+      shmwin_free(node);  // by a repair
+    }
+    std::uint64_t room[] = {kChildren, kParents};
+    for (std::uint64_t i = 0; i < kParents + kChildren; ++i) {
+      const std::size_t wanted = in_turn ? 1 - i % 2 : i == 0 ? 1 : 0;
+      const std::size_t cls = room[wanted] != 0 ? wanted : 1 - wanted;
+      ASSERT_NE(take(kNodeSizes[cls]), nullptr) << "node " << i;
+      --room[cls];
+    }
+  }
+}
+
 // Plays the next process after each store of a scenario.
 class DeathTest : public HeapTest {
  protected:

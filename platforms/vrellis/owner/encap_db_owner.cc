@@ -20,6 +20,8 @@ namespace {
 constexpr std::uint64_t kNullTunnelNodes = 4096;
 constexpr std::uint64_t kSpareNodes = 64;
 
+constexpr std::uint64_t kTunnelNodeBytes = 57;  // with its share of the page's unused end
+
 constexpr std::uint64_t kMaxTunnelIndex = UINT16_MAX;  // what a slot and a node can hold
 
 // The open database of this process.
@@ -47,9 +49,10 @@ std::uint64_t tunnel_nodes(const encap_db_config_t &config) {
   return config.tun_size + std::min<std::uint64_t>(config.nh_size, kNullTunnelNodes) + kSpareNodes;
 }
 
+// Twice the tunnel nodes, so that their pages can be kept unused while NH nodes get room to lie together.
 std::uint64_t default_size(const encap_db_config_t &config) {
   return shmwin_size_for(array_bytes(config.nh_size, config.tun_size), 2, config.nh_size + kSpareNodes,
-                         tunnel_nodes(config));
+                         2 * tunnel_nodes(config));
 }
 
 void add_catalogue_once() {
@@ -101,7 +104,7 @@ shmwin_config_t window_of(const encap_db_config_t &config) {
   window.mode = config.mode;
   window.size = config.size != 0 ? config.size : default_size(config);
   window.address = config.address;
-  window.nodes56 = tunnel_nodes(config);
+  window.kept = tunnel_nodes(config) * kTunnelNodeBytes;
   window.named = config.named;
   window.user = config.user;
   window.group = config.group;

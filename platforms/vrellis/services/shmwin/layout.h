@@ -61,9 +61,8 @@ struct WindowHeader {
   std::uint64_t pages_used;  //    72  pages in use, under the user's lock; a death may leave it too high, never too low
   std::uint64_t high_water;  //    80  highest pages_used, under the user's lock
   std::uint64_t bad_releases;  //    88  under the user's lock
-  std::uint64_t nodes56;       //    96  56-byte nodes that the creator expects, 0 = not told; fixed
-  std::uint64_t pages56;       //   104  pages with 56-byte nodes, under the user's lock; a death may leave it too low
-  std::uint8_t spare[912];     //   112  0
+  std::uint64_t kept_pages;    //    96  pages that groups of nodes leave unused; 0: no groups; fixed
+  std::uint8_t spare[920];     //   104  0
 
   std::uint8_t user_area[SHMWIN_USER_AREA_BYTES];  //  1024  the user's
   std::uint64_t process[kMaxProcesses];            //  2048  who is attached; changed by compare-and-swap alone

@@ -146,7 +146,7 @@ void write_header(WindowHeader &header, std::uint64_t address, std::uint64_t siz
   header.word_bits = kWordBits;
   header.mutex_bytes = sizeof(pthread_mutex_t);
   header.shm_id = config.shm_id;
-  store_word(header.nodes56, config.nodes56);
+  store_word(header.kept_pages, config.kept / kPageBytes + (config.kept % kPageBytes != 0));
   store_word(header.size, size);
   store_word(header.address, address);
   store_word(header.pid_namespace, own_pid_namespace());

@@ -28,13 +28,6 @@ void count_pages(Heap &heap, std::uint64_t more, std::uint64_t fewer) {
   }
 }
 
-// The other way round: a death leaves this one too low at worst, and so keeps a page too many for 56-byte nodes.
-void count_pages56(Heap &heap, int cls, std::uint64_t change) {
-  if (cls == 1) {
-    store_word(heap.header->pages56, load_word(heap.header->pages56) + change);
-  }
-}
-
 // ------------------------------------------------------------------------------------------------------------- nodes
 
 constexpr Place kNowhere{PageSet::kNone, 0};
@@ -105,39 +98,34 @@ std::uint32_t new_node_page(Heap &heap, int cls) {
   return index;
 }
 
-// Families to a page, and the nodes that each has room for: 15 would fill a page with seven.
-constexpr std::uint32_t kFamilies = 7;
-constexpr std::uint32_t kFamilyNodes = kClass[0].per_page() / kFamilies;
+// Groups to a page, and the nodes that each has room for: 15 would fill a page with seven.
+constexpr std::uint32_t kGroups = 7;
+constexpr std::uint32_t kGroupNodes = kClass[0].per_page() / kGroups;
 
-// Whether a page is free that the 56-byte nodes still to come cannot need.
+// Whether a page may be opened for groups before the other pages are full.
 bool can_spare_page(const Heap &heap) {
-  const std::uint64_t expected = load_word(heap.header->nodes56);
-  const std::uint64_t pages = expected / kClass[1].per_page() + 1;
-  const std::uint64_t taken = std::min(load_word(heap.header->pages56), pages);
-  return expected != 0 && load_word(heap.header->pages_used) + (pages - taken) < heap.pages;
+  const std::uint64_t kept = load_word(heap.header->kept_pages);
+  return kept != 0 && kept < heap.pages && load_word(heap.header->pages_used) < heap.pages - kept;
 }
 
-// A place with room around it for a family's first node; kNowhere when there is none to spare.
-Place place_family(Heap &heap) {
-  if (heap.families % kFamilies == 0 || !has_room(heap.page[heap.family_page], 0)) {
-    if (!can_spare_page(heap)) {
-      return kNowhere;
-    }
-    heap.families = 0;
-    heap.family_page = new_node_page(heap, 0);
-    if (heap.family_page == PageSet::kNone) {
+// A place for the first 40-byte node of a group, with room around it; kNowhere when no page is to spare.
+Place place_group(Heap &heap) {
+  if (heap.groups % kGroups == 0 || !has_room(heap.page[heap.group_page], 0)) {
+    heap.groups = 0;
+    heap.group_page = can_spare_page(heap) ? new_node_page(heap, 0) : PageSet::kNone;
+    if (heap.group_page == PageSet::kNone) {
       return kNowhere;
     }
   }
-  const std::uint32_t slot = heap.families * kFamilyNodes;
-  ++heap.families;
-  return {heap.family_page, nearest_slot(heap.page[heap.family_page], 0, slot)};
+  const std::uint32_t slot = heap.groups * kGroupNodes;
+  ++heap.groups;
+  return {heap.group_page, nearest_slot(heap.page[heap.group_page], 0, slot)};
 }
 
-// Where the caller would like its node, as far as that is known and has room.
+// Where the node is wanted, as far as that is known and has room.
 Place place_wanted(Heap &heap, int cls) {
-  if (cls == 0 && heap.family_begins) {
-    return place_family(heap);
+  if (cls == 0 && heap.group_begins) {
+    return place_group(heap);
   }
   const Place near = place_near(heap, cls, search_ends.last);
   return near.page != PageSet::kNone ? near : place_near(heap, cls, search_ends.previous);
@@ -145,7 +133,7 @@ Place place_wanted(Heap &heap, int cls) {
 
 Place find_place(Heap &heap, int cls) {
   const Place wanted = place_wanted(heap, cls);
-  heap.family_begins = cls == 1;
+  heap.group_begins = cls == 1;
   if (wanted.page != PageSet::kNone) {
     return wanted;
   }
@@ -176,7 +164,6 @@ void *take_node(Heap &heap, int cls) {
   store_word(word, load_word(word) | std::uint64_t{1} << place.slot % 64);  // taken (H1)
   if (first) {
     heap.free.erase(place.page);
-    count_pages56(heap, cls, 1);
   } else if (is_full(page, cls)) {
     heap.room[cls].erase(place.page);
   }
@@ -193,7 +180,6 @@ void give_node(Heap &heap, int cls, Place place) {
   }
   if (last) {
     heap.free.insert(place.page);
-    count_pages56(heap, cls, ~std::uint64_t{0});
   }
   store_word(word, left);  // given (H1)
   if (last) {

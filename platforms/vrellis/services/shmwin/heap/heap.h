@@ -4,11 +4,10 @@
 // nearest free place, if that page has nodes of its size and room; else in the page that this process last took one
 // from; else in the lowest page with room. So a node lies near the neighbours that a search for it passes last.
 //
-// A 40-byte node taken next after a 56-byte one begins a family: the owner of the window entered a parent and its first
-// child, and more children will follow in any order among other families'. Such a node gets room around it, kFamilies
-// to a page, in pages that nothing else needs: not in those that the 56-byte nodes still to come may need (nodes56 in
-// the header). When those run out, nodes go wherever there is room: no node is ever refused for it, and a node costs
-// 40.5 or 56.5 bytes, its share of the page and of the descriptor.
+// A 40-byte node taken next after a 56-byte one begins a group: its user made a parent and the first of its children, and
+// more of them follow later, between those of other parents. The node gets room around it, kGroups to a page. Pages are
+// opened for groups only while more than `kept_pages` of the header are unused, and other nodes fill the room of groups
+// when no other page has any. So groups cost no block its place, if `kept_pages` are enough for all 56-byte nodes.
 #ifndef VRELLIS_SHMWIN_HEAP_HEAP_H
 #define VRELLIS_SHMWIN_HEAP_HEAP_H
 
@@ -25,12 +24,12 @@ struct Heap {
   PageDescriptor *page = nullptr;
   std::uintptr_t first = 0;  // address of heap page 0
   std::uint32_t pages = 0;
-  std::uint32_t family_page = PageSet::kNone;                  // where the next family begins
+  std::uint32_t groups = 0;                                    // how many have begun in group_page
+  bool group_begins = false;                                   // the last node taken was one of 56 bytes
+  std::uint32_t group_page = PageSet::kNone;                   // where the next group begins
   PageSet room[2];                                             // pages in a node state with a node to give, by class
   PageSet free;                                                // pages that are free (H3)
   std::uint32_t recent[2] = {PageSet::kNone, PageSet::kNone};  // page of the last node taken, by class: a guess
-  std::uint32_t families = 0;                                  // how many have begun in family_page
-  bool family_begins = false;                                  // the last node taken was one of 56 bytes
 };
 
 extern Heap heaps[SHMWIN_MAX_WINDOWS];
