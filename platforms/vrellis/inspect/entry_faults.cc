@@ -4,7 +4,6 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "avl/link.h"
 #include "faults.h"
 
 namespace encap_inspect {
@@ -25,6 +24,7 @@ class Entries {
     out_.users.assign(db_.tunnel_slots(), 0);
     out_.tunnels_with_nhs.assign(db_.tunnel_slots(), 0);
     settled_.assign(db_.nh_slots(), false);
+    is_stale_.assign(db_.tunnel_slots(), false);
     stays_.assign(db_.tunnels.size(), 0);
     index_orphans();
     for (std::uint32_t n = 0; n < db_.nhs.size(); ++n) {
@@ -34,6 +34,7 @@ class Entries {
       judge_slot(db_.nh_start + i);
     }
     judge_lost_slots();
+    judge_shared_indexes();
     for (std::uint32_t number = 0; number < db_.tunnels.size(); ++number) {
       judge_tunnel(number);
     }
@@ -148,19 +149,16 @@ class Entries {
     return SIZE_MAX;
   }
 
-  // A removal leaves no links in the node that it takes out, but for those of a tree's last node.
-  bool was_cut_loose(std::uint32_t nh_index) const {
-    const std::size_t orphan = orphan_of(nh_index);
-    if (orphan == SIZE_MAX) {
-      return false;
-    }
-    const auto *link = db_.view->record<vrellis::avl::Link>(survey_.orphans[orphan].address);
-    return link->child[0] != 0 || link->child[1] != 0 || (link->up != 0 && !vrellis::avl::is_root(link));
+  // True if the slot's node is in use and is not reached since its tree is broken.
+  bool is_out_of_reach(std::uint32_t nh_index) {
+    const std::uint32_t home = home_of(*db_.nh_slot(nh_index));
+    const bool broken = survey_.tunnel_tree_broken || (home != kNoNode && survey_.nh_tree_broken[home]);
+    return broken && orphan_of(nh_index) != SIZE_MAX;
   }
 
-  // A removal lowers its tunnel's count before it takes the node out, so a slot that is still counted lost its node in
-  // another way, as did one whose node is still linked: a tree that was broken, or a rebuild that was cut off. Those
-  // come back; the others are cleared.
+  // A removal lowers its tunnel's count before it takes the node out. So a slot that its tunnel still counts lost its
+  // node in another way: its tree was broken, or a rebuild of the tree was cut off. Such NHs come back, as do those of
+  // trees that are broken now. The other slots are cleared.
   void judge_lost_slots() {
     const auto tunnel_of = [&](std::uint32_t nh_index) { return db_.nh_slot(nh_index)->egr_tun; };
     std::stable_sort(lost_.begin(), lost_.end(), [&](std::uint32_t a, std::uint32_t b) {
@@ -171,7 +169,8 @@ class Entries {
     for (const std::uint32_t nh_index : lost_) {
       const std::uint32_t tunnel = tunnel_of(nh_index);
       std::uint32_t &users = out_.users[db_.tunnel_slot_number(tunnel)];
-      if (db_.tunnel_slot(tunnel)->ref_count <= users && !was_cut_loose(nh_index)) {
+      if (db_.tunnel_slot(tunnel)->ref_count <= users && !is_out_of_reach(nh_index)) {
+        is_stale_[db_.tunnel_slot_number(tunnel)] = true;
         add({FindingKind::kSlotWithoutNode, nh_index, tunnel});
         continue;
       }
@@ -217,6 +216,69 @@ class Entries {
     return tunnel.key.out_label2 == slot.out_label2 && tunnel.key.out_label3 == slot.out_label3;
   }
 
+  // Tunnels with other labels than the slot of their index cannot be read back, nor can their NHs be released: a tunnel
+  // whose index was not stored yet says 0, and one whose slot was not filled yet has an index that seemed free. The
+  // slot belongs to the tunnel whose labels it has, or else to the first; the null tunnel's to those without labels.
+  void judge_shared_indexes() {
+    owner_.assign(db_.tunnel_slots(), kNoNode);
+    for (std::uint32_t number = 0; number < db_.tunnels.size(); ++number) {
+      const std::uint32_t index = survey_.believed[number];
+      if (stays_[number] != 0 && index != 0) {
+        std::uint32_t &owner = owner_[db_.tunnel_slot_number(index)];
+        const egr_tun_info_t &slot = *db_.tunnel_slot(index);
+        const bool fits = slot.valid != 0 && has_labels(db_.tunnels[number], slot);
+        owner = owner == kNoNode || (fits && !has_labels(db_.tunnels[owner], slot)) ? number : owner;
+      }
+    }
+    for (std::uint32_t number = 0; number < db_.tunnels.size(); ++number) {
+      if (stays_[number] != 0 && has_index_of_another(number)) {
+        const std::uint32_t index = survey_.believed[number];
+        out_.users[db_.tunnel_slot_number(index)] -= stays_[number];
+        add({FindingKind::kTunnelWithoutIndex, kNoIndex, index, db_.tunnels[number].address, index, take_free_index(),
+             number});
+      }
+    }
+  }
+
+  bool has_index_of_another(std::uint32_t number) const {
+    const mpls_tunnel_key_t &key = db_.tunnels[number].key;
+    const std::uint32_t index = survey_.believed[number];
+    if (index == 0) {
+      return key.out_label2 != 0 || key.out_label3 != 0;
+    }
+    const mpls_tunnel_key_t &owner = db_.tunnels[owner_[db_.tunnel_slot_number(index)]].key;
+    return key.out_label2 != owner.out_label2 || key.out_label3 != owner.out_label3;
+  }
+
+  // A tunnel index that nothing in the database names, or kNoIndex. Callers tend to look for free indexes from the
+  // first one on, so that the last one is the least likely to be taken at the same time.
+  std::uint32_t take_free_index() {
+    if (index_taken_.empty()) {
+      index_taken_.assign(db_.tunnel_slots(), false);
+      const auto take = [&](std::uint32_t index) {
+        if (index != 0 && db_.tunnel_in_range(index)) {
+          index_taken_[db_.tunnel_slot_number(index)] = true;
+        }
+      };
+      for (std::uint32_t number = 0; number < db_.tunnels.size(); ++number) {
+        take(db_.tunnels[number].egr_tun);
+        take(survey_.believed[number]);
+      }
+      for (std::uint32_t i = 0; i < db_.nh_slots(); ++i) {
+        take(db_.nh_slot(db_.nh_start + i)->egr_tun);
+      }
+      free_end_ = db_.tun_end;
+    }
+    while (free_end_ > std::max(db_.tun_start, 1U)) {
+      const std::uint32_t index = --free_end_;
+      const egr_tun_info_t *slot = db_.tunnel_slot(index);
+      if (!index_taken_[db_.tunnel_slot_number(index)] && all_zero(slot, sizeof *slot)) {
+        return index;
+      }
+    }
+    return kNoIndex;
+  }
+
   void judge_tunnel(std::uint32_t number) {
     const TunnelNode &tunnel = db_.tunnels[number];
     const std::uint32_t index = survey_.believed[number];
@@ -242,6 +304,9 @@ class Entries {
     const bool unfilled = index == 0 && (tunnel.key.out_label2 != 0 || tunnel.key.out_label3 != 0);
     if (out_.tunnel_empty[number]) {
       add_as(slot.valid != 0 && !unfilled ? FindingKind::kTunnelWithoutNh : FindingKind::kTunnelWithoutSlot);
+      return;
+    }
+    if (has_index_of_another(number)) {
       return;
     }
     const std::uint32_t others = out_.tunnels_with_nhs[db_.tunnel_slot_number(index)]++;
@@ -273,8 +338,33 @@ class Entries {
       add(fault);
     } else if (slot->ref_count != out_.users[i]) {
       fault.kind = null_slot ? FindingKind::kNullTunnelCount : FindingKind::kTunnelCount;
-      add(fault);
+      add_count_fault(fault);
     }
+    if (null_slot && out_.users[i] != 0 && (slot->out_label2 != 0 || slot->out_label3 != 0)) {
+      add({FindingKind::kTunnelSlotMismatch, kNoIndex, 0});
+    }
+  }
+
+  // The process that takes a count to 0 is told to take the tunnel out of the hardware. If one NH is left then, its
+  // removal was cut off after it had lowered the count; or its insert was, before it raised it; or another process
+  // released the index of a process that died, so that a count went down twice. Only without users is it clear that
+  // the NH goes. With several NHs left the count is more likely to be damaged.
+  void add_count_fault(Fault &fault) {
+    const std::uint32_t i = db_.tunnel_slot_number(fault.tunnel);
+    const std::uint32_t owner = fault.tunnel == 0 ? kNoNode : owner_[i];
+    if (fault.found == 0 && fault.wanted == 1 && owner != kNoNode && stays_[owner] == 1 && !is_stale_[i]) {
+      const TunnelNode &tunnel = db_.tunnels[owner];
+      for (std::uint32_t n = tunnel.first_nh; n < tunnel.first_nh + tunnel.nh_count; ++n) {
+        if (!out_.nh_goes[n]) {
+          fault.nh_index = db_.nhs[n].nh_index;
+          fault.node = n;
+          fault.address = db_.nhs[n].address;
+          const bool unused = db_.nh_slot(fault.nh_index)->ref_count == 0;
+          fault.kind = unused ? FindingKind::kTunnelGivenBack : FindingKind::kTunnelInDoubt;
+        }
+      }
+    }
+    add(fault);
   }
 
   const Survey &survey_;
@@ -286,6 +376,10 @@ class Entries {
   std::unordered_multimap<std::uint32_t, std::size_t> orphan_nhs_;  // by the index in the node
   std::unordered_multimap<std::uint64_t, std::uint32_t> homes_;     // by tunnel index and interface
   std::vector<bool> adopted_;                                       // by orphan
+  std::vector<bool> is_stale_;        // by tunnel slot: a removal of one of its NHs left the NH's slot behind
+  std::vector<std::uint32_t> owner_;  // by tunnel slot: number of the tunnel node that its labels belong to
+  std::vector<bool> index_taken_;     // by tunnel slot: a node or an NH's slot names it; empty: not yet looked
+  std::uint32_t free_end_ = 0;        // take_free_index() has looked at this index and all behind it
 };
 
 }  // namespace

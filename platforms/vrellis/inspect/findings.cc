@@ -68,6 +68,12 @@ constexpr Text kTexts[] = {
     {Kind::kTunnelSlotResidue, "%t: the slot is free and not all zero", "zeroed the free slot of %t"},
     {Kind::kTunnelSlotMismatch, "%t: slot and node at %a differ in their labels",
      "wrote the labels of %t into its slot as the tree has them"},
+    {Kind::kTunnelWithoutIndex, "the tunnel node at %a has no index of its own: the slot of %t has other labels",
+     "moved the tunnel node at %a with its NHs from %t to tunnel %w"},
+    {Kind::kTunnelGivenBack, "%t was given back with %n on it, which has no users",
+     "took %n out with %t, which was given back"},
+    {Kind::kTunnelInDoubt, "%t may have been given back with %n on it, which has users",
+     "set the count of %t to 1 for %n; put the tunnel into the hardware again"},
     {Kind::kTunnelCount, "%t counts %f NHs, %w are on it", "set the count of %t from %f to %w"},
     {Kind::kNullTunnelCount, "%t counts %f NHs, %w are on it", "set the count of %t from %f to %w"},
     {Kind::kNodeResidue, "spare bytes of the node at %a are not zero", "zeroed the spare bytes of the node at %a"},
@@ -160,6 +166,9 @@ std::string sentence_of(const Fault &fault) {
 }
 
 std::string mending_of(const Fault &fault) {
+  if (fault.kind == Kind::kTunnelWithoutIndex && fault.wanted == kNoIndex) {
+    return expand("took the tunnel node at %a out with its NHs, since no tunnel index is free", fault);
+  }
   return expand(kTexts[static_cast<std::size_t>(fault.kind)].mending, fault);
 }
 

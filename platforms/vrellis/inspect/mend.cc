@@ -28,6 +28,9 @@ const Mender::Step Mender::kBeforeTrees[] = {
 const Mender::Step Mender::kBehindTrees[] = {
     {FindingKind::kTreeLost, &Mender::bring_back},
     {FindingKind::kTunnelWithoutSlot, &Mender::mend_tunnel},
+    {FindingKind::kTunnelWithoutIndex, &Mender::move_tunnel},
+    {FindingKind::kTunnelGivenBack, &Mender::take_out_given_back},
+    {FindingKind::kTunnelInDoubt, &Mender::set_count},
     {FindingKind::kNhCountZero, &Mender::drop_nh},
     {FindingKind::kTunnelWithoutNh, &Mender::take_out_tunnel},
     {FindingKind::kTunnelSlotWithoutNode, &Mender::clear_tunnel_slot},
@@ -56,16 +59,19 @@ void Mender::work_through(const Step (&steps)[Count]) {
   }
 }
 
-void Mender::work_off(const Fault &fault, Mend mend) {
+void Mender::work_off(Fault fault, Mend mend) {
   waits_ = false;
+  if (fault.kind == FindingKind::kTunnelInDoubt && options_.drop_given_back) {
+    fault.kind = FindingKind::kTunnelGivenBack;
+    mend = &Mender::take_out_given_back;
+  }
   if (!options_.dry_run) {
     (this->*mend)(fault);
     end_of_step();
   }
-  if (waits_) {
-    return;
+  if (!waits_) {
+    changes_.push_back({fault.kind, fault.nh_index, fault.tunnel, fault.address, mending_of(fault)});
   }
-  changes_.push_back({fault.kind, fault.nh_index, fault.tunnel, fault.address, mending_of(fault)});
 }
 
 bool Mender::is_wanted(const Fault &fault) const {
@@ -123,8 +129,9 @@ void Mender::rewrite_tunnel_index(const Fault &fault) {
 
 void Mender::rewrite_labels(const Fault &fault) {
   egr_tun_info_t *slot = tunnel_slot(fault.tunnel);
-  slot->out_label2 = db_.tunnels[fault.node].key.out_label2;
-  slot->out_label3 = db_.tunnels[fault.node].key.out_label3;
+  const bool null_tunnel = fault.node == kNoNode;
+  slot->out_label2 = null_tunnel ? 0U : db_.tunnels[fault.node].key.out_label2;
+  slot->out_label3 = null_tunnel ? 0U : db_.tunnels[fault.node].key.out_label3;
 }
 
 // A tunnel whose slot is not filled: filled for those with NHs, the count last but for the flag that makes it count.
@@ -140,8 +147,8 @@ void Mender::mend_tunnel(const Fault &fault) {
   slot->valid = 1;
 }
 
-void Mender::take_out_tunnel(const Fault &fault) {
-  mpls_tunnel_entry_t *node = tunnel_node(fault.node);
+void Mender::unlink_tunnel(std::uint32_t number, bool slot_goes, std::uint32_t index) {
+  mpls_tunnel_entry_t *node = tunnel_node(number);
   int flag = 0;
   if (avl_delete(tunnel_root(), node, &flag, kCompareTunnels) == nullptr) {
     return;
@@ -149,11 +156,62 @@ void Mender::take_out_tunnel(const Fault &fault) {
   end_of_step();
   shmwin_free(node);
   end_of_step();
+  if (slot_goes && index != 0 && db_.tunnel_in_range(index)) {
+    std::memset(tunnel_slot(index), 0, sizeof(egr_tun_info_t));
+  }
+}
+
+void Mender::take_out_tunnel(const Fault &fault) {
   const bool shared =
       db_.tunnel_in_range(fault.tunnel) && faults_.tunnels_with_nhs[db_.tunnel_slot_number(fault.tunnel)] != 0;
-  if (fault.tunnel != 0 && db_.tunnel_in_range(fault.tunnel) && !shared) {
-    clear_tunnel_slot(fault);
+  unlink_tunnel(fault.node, !shared, fault.tunnel);
+}
+
+Fault Mender::fault_of_nh(std::uint32_t n) const {
+  const NhNode &nh = db_.nhs[n];
+  return {FindingKind::kTunnelWithoutIndex, nh.nh_index, survey_.believed[nh.tunnel], nh.address, 0, 0, n};
+}
+
+// The new slot comes first, with its count, and the node's index last. Before that, a repair of what this one leaves
+// takes the slots back to the node's index; and once all the NHs' slots have the new one, it goes on to the end.
+void Mender::move_tunnel(const Fault &fault) {
+  const TunnelNode &tunnel = db_.tunnels[fault.node];
+  const bool has_index = fault.wanted != kNoIndex;
+  const auto index = static_cast<std::uint32_t>(fault.wanted);
+  if (has_index) {
+    egr_tun_info_t *slot = tunnel_slot(index);
+    slot->out_label2 = tunnel.key.out_label2;
+    slot->out_label3 = tunnel.key.out_label3;
+    for (std::uint32_t n = tunnel.first_nh; n < tunnel.first_nh + tunnel.nh_count; ++n) {
+      slot->ref_count += faults_.nh_goes[n] ? 0U : 1U;
+    }
+    end_of_step();
+    slot->valid = 1;
+    end_of_step();
   }
+  for (std::uint32_t n = tunnel.first_nh; n < tunnel.first_nh + tunnel.nh_count; ++n) {
+    if (faults_.nh_goes[n]) {
+      continue;
+    }
+    if (has_index) {
+      nh_slot(db_.nhs[n].nh_index)->egr_tun = static_cast<std::uint16_t>(index);
+    } else {
+      take_out_half_filled(fault_of_nh(n));
+    }
+    end_of_step();
+  }
+  if (has_index) {
+    tunnel_node(fault.node)->egr_tun = static_cast<std::uint16_t>(index);
+  } else {
+    unlink_tunnel(fault.node, false, 0);
+  }
+}
+
+// Its count is 0 already.
+void Mender::take_out_given_back(const Fault &fault) {
+  take_out_half_filled(fault);
+  end_of_step();
+  unlink_tunnel(db_.nhs[fault.node].tunnel, true, fault.tunnel);
 }
 
 void Mender::set_count(const Fault &fault) {

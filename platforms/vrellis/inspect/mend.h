@@ -63,7 +63,7 @@ class Mender {
 
   template <std::size_t Count>
   void work_through(const Step (&steps)[Count]);
-  void work_off(const Fault &fault, Mend mend);
+  void work_off(Fault fault, Mend mend);
   void rebuild_broken_trees();
   bool is_wanted(const Fault &fault) const;
 
@@ -93,10 +93,14 @@ class Mender {
   void rewrite_labels(const Fault &fault);
   void mend_tunnel(const Fault &fault);
   void take_out_tunnel(const Fault &fault);
+  void unlink_tunnel(std::uint32_t number, bool slot_goes, std::uint32_t index);
+  void move_tunnel(const Fault &fault);
+  void take_out_given_back(const Fault &fault);
   void set_count(const Fault &fault);
   void zero_residue(const Fault &fault);
   void free_block(const Fault &fault);
   void bring_back(const Fault &fault);
+  Fault fault_of_nh(std::uint32_t n) const;
   mpls_tunnel_entry_t *home_of(const egr_nh_info_t &slot, std::uint32_t number);
 
   const Survey &survey_;

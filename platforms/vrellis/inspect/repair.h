@@ -18,6 +18,7 @@ struct RepairOptions {
   bool dry_run = false;             // look and tell, change nothing; takes the lock all the same
   bool keep_empty_tunnels = false;  // leave tunnels without NHs (an insert that failed leaves one) where they are
   bool drop_unreferenced = false;   // take NHs of count 0 out as well: nobody uses them, or an attach said so
+  bool drop_given_back = false;     // take the last NH of a tunnel that counts none out even if it has users
 };
 
 // One thing changed, or that would be.

@@ -169,6 +169,8 @@ void add_repair(CLI::App &app, int &status) {
   verb.add_flag("--dry-run", options.repair.dry_run, "Tell what would be changed, and change nothing");
   verb.add_flag("--keep-empty-tunnels", options.repair.keep_empty_tunnels, "Leave tunnels without NHs where they are");
   verb.add_flag("--drop-unreferenced", options.repair.drop_unreferenced, "Take NHs with a count of 0 out as well");
+  verb.add_flag("--drop-given-back", options.repair.drop_given_back,
+                "Take the last NH of a tunnel that counts none out even if it has users");
 }
 
 }  // namespace encapctl
