@@ -197,10 +197,10 @@ int run(StatusOptions &options) {
 }  // namespace
 
 void add_status(CLI::App &app, int &status) {
-  auto [verb, options] = add_verb<StatusOptions>(
-      app, status, run, "status", "The window, the processes attached to it, its lock and who waits for it",
-      "  encapctl status\n"
-      "  encapctl status --dir /dev/shm/encap-demo-1 --name window --json | jq .lock");
+  add_verb<StatusOptions>(app, status, run, "status",
+                          "The window, the processes attached to it, its lock and who waits for it",
+                          "  encapctl status\n"
+                          "  encapctl status --dir /dev/shm/encap-demo-1 --name window --json | jq .lock");
 }
 
 }  // namespace encapctl

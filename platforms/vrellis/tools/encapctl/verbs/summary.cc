@@ -161,9 +161,9 @@ int run(SummaryOptions &options) {
 }  // namespace
 
 void add_summary(CLI::App &app, int &status) {
-  auto [verb, options] = add_verb<SummaryOptions>(
-      app, status, run, "summary", "The database in numbers: counts, free indexes, histograms, window use",
-      "  encapctl summary\n  encapctl summary --file before-the-upgrade.snap --json");
+  add_verb<SummaryOptions>(app, status, run, "summary",
+                           "The database in numbers: counts, free indexes, histograms, window use",
+                           "  encapctl summary\n  encapctl summary --file before-the-upgrade.snap --json");
 }
 
 }  // namespace encapctl
