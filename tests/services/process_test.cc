@@ -57,7 +57,7 @@ class Sleeper {
 // Waits until the process is in this state.
 bool reaches(pid_t pid, char state) {
   ProcessStat stat{};
-  for (int i = 0; i < 1000 && read_process_stat(pid, &stat); ++i) {
+  for (int i = 0; i < 10000 && read_process_stat(pid, &stat); ++i) {
     if (stat.state == state) {
       return true;
     }
