@@ -60,13 +60,8 @@ std::string label_fault(string_view word, bool above_bottom) {
   if (*label > kMaxLabel) {
     return "label " + std::string(word.substr(0, 20)) + " is past 20 bits";
   }
-  if (*label == 3) {
-    return "label 3 is the implicit null, which never stands in a stack";
-  }
-  if (*label == 0 && above_bottom) {
-    return "label 0 is the explicit null, which stands at the bottom of a stack only";
-  }
-  return {};
+  const char *const fault = reserved_label_fault(*label, above_bottom);
+  return fault != nullptr ? fault : "";
 }
 
 // Fills the labels of `hop` from "top/.../bottom". Empty, or the reason.

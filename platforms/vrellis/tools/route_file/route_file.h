@@ -22,12 +22,11 @@
 #include <string>
 #include <vector>
 
+#include "label.h"
 #include "mpls_egress_encap_db.h"
 
 namespace route_file {
 
-inline constexpr std::size_t kMaxLabels = 3;
-inline constexpr std::uint32_t kMaxLabel = (1u << 20) - 1;
 inline constexpr std::uint32_t kFirstIfh = 0x01000000;
 
 // One labelled next hop of a route: one user of an encapsulation.

@@ -1,0 +1,43 @@
+// The command line of encapd.
+#ifndef VRELLIS_ENCAPD_OPTIONS_H
+#define VRELLIS_ENCAPD_OPTIONS_H
+
+#include <netdb.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "encap_client.h"
+#include "report.h"
+
+namespace encapd {
+
+struct Options {
+  std::string directory = "/dev/shm";
+  std::string name = "mpls-egress-encap";
+  std::string client = "fpm";
+  std::string fpm = "127.0.0.1:2620";
+  std::string status_file;
+  std::string settle = "30";
+  Level level = Level::kInfo;
+  bool allow_remote = false;
+  bool events = false;
+  bool leave = false;
+  std::optional<std::uint32_t> shm_id, nh_start, nh_size, tun_start, tun_size;
+
+  sockaddr_storage address{};  // of `fpm`
+  socklen_t address_bytes = 0;
+  std::optional<std::chrono::milliseconds> settle_after;  // none: never
+};
+
+// Returns: the exit status when the program has nothing more to do; none when it goes on, with `options` filled.
+std::optional<int> read_options(int argc, char **argv, Options &options);
+
+// What was not said is as the database has it that exists, or else a default. Requires that `options` outlives the
+// result.
+encap_client_config_t config_of(const Options &options);
+
+}  // namespace encapd
+
+#endif

@@ -1,0 +1,76 @@
+#include "report.h"
+
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace encapd {
+namespace {
+
+Level most_verbose_level = Level::kInfo;
+
+struct LevelText {
+  const char *priority;  // as the journal reads it
+  const char *name;
+};
+constexpr LevelText kLevels[] = {{SD_ERR, "error: "}, {SD_WARNING, "warning: "}, {SD_INFO, ""}, {SD_DEBUG, "debug: "}};
+
+}  // namespace
+
+void set_level(Level most_verbose) {
+  most_verbose_level = most_verbose;
+}
+
+void log_text(Level level, const std::string &sentence) {
+  if (level <= most_verbose_level) {
+    static const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
+    const LevelText &text = kLevels[static_cast<std::size_t>(level)];
+    std::fprintf(stderr, "%sencapd: %s%s\n", journal ? text.priority : "", text.name, sentence.c_str());
+  }
+}
+
+void Events::nh(bool entered, std::uint32_t nh, std::uint32_t tunnel, const egress_encap_key_t &key,
+                const RouteKey *cause) {
+  if (wanted()) {
+    const std::uint32_t label1 = key.out_label1, label2 = key.out_label2, label3 = key.out_label3;
+    add(entered, fmt::format(R"("kind":"nh","nh":{},"tunnel":{})", nh, tunnel),
+        fmt::format(R"("label1":{},"label2":{},"label3":{})", label1, label2, label3), key, cause);
+  }
+}
+
+void Events::tunnel(bool entered, std::uint32_t tunnel, const egress_encap_key_t &key, const RouteKey *cause) {
+  if (wanted()) {
+    const std::uint32_t label2 = key.out_label2, label3 = key.out_label3;
+    add(entered, fmt::format(R"("kind":"tunnel","tunnel":{})", tunnel),
+        fmt::format(R"("label2":{},"label3":{})", label2, label3), key, cause);
+  }
+}
+
+void Events::add(bool entered, const std::string &indexes, const std::string &labels, const egress_encap_key_t &key,
+                 const RouteKey *cause) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  const bool known = cause != nullptr && cause->family != 0;
+  lines_ += fmt::format("{{\"schema\":\"encapd/1\",{},\"event\":\"{}\",\"time_ns\":{},{},\"ifh\":{},\"prefix\":{}}}\n",
+                        indexes, entered ? "entered" : "left", std::chrono::nanoseconds(now).count(), labels, key.ifh,
+                        known ? "\"" + text_of(*cause) + "\"" : "null");
+}
+
+void Events::flush() {
+  std::size_t written = 0;
+  while (wanted() && written < lines_.size()) {
+    const ssize_t count = write(fd_, lines_.data() + written, lines_.size() - written);
+    if (count < 0 && errno != EINTR) {
+      log(Level::kError, "the events cannot be written, and no more are: {}", std::strerror(errno));
+      fd_ = -1;
+    }
+    written += count > 0 ? static_cast<std::size_t>(count) : 0;
+  }
+  lines_.clear();
+}
+
+}  // namespace encapd
