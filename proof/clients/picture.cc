@@ -147,7 +147,7 @@ std::string wrong_totals() {
 }
 
 std::string wrong_counts(const Picture &picture) {
-  std::map<std::uint32_t, std::uint32_t> sum;
+  std::map<std::uint32_t, std::uint32_t> sum = picture.others;
   for (const auto &[name, held] : picture.held) {
     for (const auto &[nh, counts] : held) {
       sum[nh] += counts.first;
@@ -157,24 +157,24 @@ std::string wrong_counts(const Picture &picture) {
   for (std::uint32_t nh = start; nh < egress_encap_db->nh_end; ++nh) {
     const egr_nh_info_t &slot = clients::nh_slot(nh);
     if (slot.ref_count != sum[nh] || (slot.valid != 0) != (sum[nh] != 0)) {
-      return "NH " + std::to_string(nh) + " counts " + std::to_string(slot.ref_count) + ", the ledgers " +
-             std::to_string(sum[nh]);
+      return "NH " + std::to_string(nh) + " counts " + std::to_string(slot.ref_count) +
+             ", the ledgers and others hold " + std::to_string(sum[nh]);
     }
   }
   return "";
 }
 
 template <typename IsFree>
-std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, bool may_lose, IsFree is_free) {
+std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, Queues queues, IsFree is_free) {
   std::set<std::uint32_t> waiting;
   for (const std::uint32_t index : waiting_in(queue)) {
     if (!waiting.insert(index).second || index >= queue.fresh) {
       return "index " + std::to_string(index) + " waits twice, or was never given out";
     }
   }
-  for (std::uint32_t index = start; index < queue.end; ++index) {
+  for (std::uint32_t index = start; queues != Queues::kOthersChoose && index < queue.end; ++index) {
     const bool queued = index >= queue.fresh || waiting.contains(index);
-    if (index != 0 && (queued ? !is_free(index) : is_free(index) && !may_lose)) {
+    if (index != 0 && (queued ? !is_free(index) : is_free(index) && queues == Queues::kWhole)) {
       return "index " + std::to_string(index) + (queued ? " is in use and free" : " is lost");
     }
   }
@@ -223,15 +223,15 @@ Picture draw() {
   return picture;
 }
 
-std::string contradiction(const Picture &picture, std::uint32_t shm_id, bool may_lose) {
+std::string contradiction(const Picture &picture, std::uint32_t shm_id, Queues queues) {
   if (root().magic != clients::kRootMagic) {
     return wrong_blocks(picture, shm_id);
   }
   for (const std::string &wrong :
        {wrong_totals(), wrong_counts(picture),
-        wrong_indexes(root().nhs, egress_encap_db->nh_start, may_lose,
+        wrong_indexes(root().nhs, egress_encap_db->nh_start, queues,
                       [](std::uint32_t nh) { return clients::nh_slot(nh).valid == 0; }),
-        wrong_indexes(root().tunnels, egress_encap_db->tun_start, may_lose,
+        wrong_indexes(root().tunnels, egress_encap_db->tun_start, queues,
                       [](std::uint32_t tunnel) { return clients::tunnel_slot(tunnel).valid == 0; }),
         wrong_blocks(picture, shm_id)}) {
     if (!wrong.empty()) {

@@ -19,6 +19,8 @@ struct Picture {
   std::vector<std::uint32_t> waiting_nhs, waiting_tunnels;
   std::uint32_t fresh_nh = 0, fresh_tunnel = 0;
   std::set<std::string> taken;  // names that a process has
+  // References of processes without a client, by NH; draw() knows none.
+  std::map<std::uint32_t, std::uint32_t> others;
 
   bool operator==(const Picture &) const = default;
 };
@@ -26,10 +28,16 @@ struct Picture {
 // Draws this process's database. Requires that nothing changes it meanwhile and that it is settled.
 Picture draw();
 
+// What must be true of the queues of free indexes.
+enum class Queues : std::uint8_t {
+  kWhole,         // an index is free or in use, and never both
+  kMayLose,       // an index may be lost to the queue, as when no memory was left to put it there
+  kOthersChoose,  // processes without a client take indexes and give them back as they like
+};
+
 // What the picture and the allocator say against each other: blocks that nothing refers to, indexes that are both free
 // and in use or neither, ledgers that do not add up to the counts. Returns: one sentence, or "".
-// `may_lose`: an index may be lost to the queue, as when no memory was left to put it there.
-std::string contradiction(const Picture &picture, std::uint32_t shm_id, bool may_lose = false);
+std::string contradiction(const Picture &picture, std::uint32_t shm_id, Queues queues = Queues::kWhole);
 
 // How two pictures differ, for a person.
 std::string difference(const Picture &a, const Picture &b);

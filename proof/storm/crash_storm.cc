@@ -3,16 +3,10 @@
 // outside, and repairs now and then while they work.
 //
 //   crash_storm [--kills N] [--seed S] [--repair-every N]
-#include <linux/futex.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <random>
 #include <thread>
 
@@ -27,7 +21,6 @@ using encap_inspect::FindingKind;
 using encap_inspect::Report;
 
 constexpr unsigned kStepSeconds = 10;          // no step of the verifier's takes longer
-constexpr double kSleepSeconds = 0.5;          // no thread sleeps longer beside a free lock
 constexpr std::uint64_t kUnreachableEach = 2;  // blocks that a death leaves at most
 
 struct Options {
@@ -35,12 +28,6 @@ struct Options {
   std::uint64_t seed = std::random_device{}() % 1'000'000;
   std::uint64_t repair_every = 25;
 };
-
-void on_hang(int /*signal*/) {
-  static constexpr char kText[] = "FAILED: a step of the verifier took longer than 10 s\n";
-  [[maybe_unused]] const ssize_t told = write(STDOUT_FILENO, kText, sizeof kText - 1);
-  kill(0, SIGKILL);
-}
 
 std::string told(const Report &report) {
   std::string text;
@@ -53,7 +40,12 @@ std::string told(const Report &report) {
 class Storm {
  public:
   Storm(const Options &options, const Window &window, Ledger &ledger)
-      : options_(options), window_(window), ledger_(ledger), random_(options.seed) {}
+      : options_(options),
+        window_(window),
+        ledger_(ledger),
+        random_(options.seed),
+        herd_(ledger.herd, "--seed " + std::to_string(options.seed),
+              [this](std::uint32_t process, std::uint64_t seed) { live(process, seed); }) {}
 
   void run() {
     enter_kept();
@@ -76,13 +68,9 @@ class Storm {
   }
 
   void print(double seconds) const {
-    std::uint64_t operations = 0;
-    for (const Ledger::Owner &owner : ledger_.owner) {
-      operations += owner.operations;
-    }
     std::printf("%" PRIu64 " kills, %" PRIu64 " operations, %" PRIu64 " looks, %" PRIu64 " repairs with %" PRIu64
                 " changes, no thread slept beside a free lock, nothing lost, %.1f s\n",
-                options_.kills, operations, looks_, repairs_, changes_, seconds);
+                options_.kills, herd_.operations(), looks_, repairs_, changes_, seconds);
     for (std::size_t kind = 0; kind < kinds_.size(); ++kind) {
       if (kinds_[kind] != 0) {
         std::printf("  %-26s %10" PRIu64 "\n", encap_inspect::name_of(static_cast<FindingKind>(kind)), kinds_[kind]);
@@ -92,10 +80,17 @@ class Storm {
 
  private:
   [[noreturn]] void fail(const std::string &text) const {
-    for (const pid_t pid : pid_) {
-      kill(pid, SIGKILL);
+    herd_.fail(text + "after " + std::to_string(repairs_) + " repairs");
+  }
+
+  void live(std::uint32_t process, std::uint64_t seed) {
+    std::vector<std::thread> threads;
+    for (std::uint32_t thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([=, this] { storm_work(ledger_, process * kThreads + thread, seed + thread); });
     }
-    give_up("FAILED (--seed %" PRIu64 "), after %" PRIu64 " repairs:\n%s", options_.seed, repairs_, text.c_str());
+    for (std::thread &thread : threads) {
+      thread.join();
+    }
   }
 
   // Entered once and kept: NHs on the null tunnel, of which all owners share the count.
@@ -114,74 +109,17 @@ class Storm {
     for (std::uint32_t owner = process * kThreads; owner < (process + 1) * kThreads; ++owner) {
       Ledger::Owner &own = ledger_.owner[owner];
       own.unsure.fetch_or(own.busy.exchange(0));
-      own.parked = false;
-      own.tid = 0;
     }
-    const std::uint64_t seed = random_();
-    pid_[process] = fork();
-    if (pid_[process] == 0) {
-      alarm(0);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      std::vector<std::thread> threads;
-      for (std::uint32_t thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([=, this] { storm_work(ledger_, process * kThreads + thread, seed + thread); });
-      }
-      for (std::thread &thread : threads) {
-        thread.join();
-      }
-      _exit(0);
-    }
-  }
-
-  void end(std::uint32_t process) {
-    kill(pid_[process], SIGKILL);
-    waitpid(pid_[process], nullptr, 0);
+    herd_.start(process, random_());
   }
 
   void kill_one(std::uint32_t process) {
-    for (const Ledger::Owner &owner : ledger_.owner) {
-      if (owner.failure[0] != '\0') {
-        fail(owner.failure);
-      }
-    }
-    for (const pid_t pid : pid_) {
-      if (waitpid(pid, nullptr, WNOHANG) != 0) {
-        fail("a process ended by itself");
-      }
-    }
-    end(process);
+    herd_.expect_well();
+    herd_.end(process);
     ++kills_since_repair_;
-    look_for_sleepers(process);
+    herd_.pause();
+    herd_.resume();
     start(process);
-  }
-
-  static bool sleeps(const Ledger::Owner &owner) {
-    std::ifstream file("/proc/" + std::to_string(owner.tid) + "/stat");
-    std::string stat;
-    std::getline(file, stat);
-    const std::size_t name_ends = stat.rfind(')');
-    return name_ends != std::string::npos && stat.compare(name_ends, 3, ") S") == 0;
-  }
-
-  bool lock_is_free() const {
-    const int word = __atomic_load_n(&egress_encap_db->lock.mutex.__data.__lock, __ATOMIC_RELAXED);
-    return (static_cast<unsigned>(word) & FUTEX_TID_MASK) == 0;
-  }
-
-  // Lets all that live come to the end of their operations. Who does not, though the lock is free, sleeps for ever.
-  void look_for_sleepers(std::uint32_t dead) {
-    ledger_.pause = true;
-    const Stopwatch since;
-    for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
-      const Ledger::Owner &own = ledger_.owner[owner];
-      while (owner / kThreads != dead && own.tid != 0 && !own.parked) {
-        if (since.seconds() > kSleepSeconds && lock_is_free() && sleeps(own)) {
-          fail("thread " + std::to_string(own.tid) + " sleeps beside a free lock");
-        }
-        usleep(100);
-      }
-    }
-    ledger_.pause = false;
   }
 
   // Under the lock: named states alone, no more blocks out of reach than deaths can leave, and all that was completed.
@@ -223,7 +161,7 @@ class Storm {
   void repair_and_settle() {
     repair();
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
-      end(process);
+      herd_.end(process);
     }
     for (Ledger::Owner &own : ledger_.owner) {
       own.unsure.fetch_or(own.busy.exchange(0));
@@ -242,10 +180,7 @@ class Storm {
   // Stops the processes, withdraws everything, and demands an empty window.
   void clear() {
     repair_and_settle();
-    ledger_.stop = true;
-    for (const pid_t pid : pid_) {
-      waitpid(pid, nullptr, 0);
-    }
+    herd_.stop();
     look();
     for (std::uint32_t nh = kStormNhStart; nh < kStormNhStart + kStormNhs; ++nh) {
       if (egress_encap_db->nh_info_array[nh - kStormNhStart].valid != 0 &&
@@ -265,14 +200,12 @@ class Storm {
   const Window &window_;
   Ledger &ledger_;
   std::mt19937_64 random_;
-  pid_t pid_[kProcesses] = {};
+  Herd herd_;
   std::uint64_t looks_ = 0, repairs_ = 0, changes_ = 0, kills_since_repair_ = 0;
   std::array<std::uint64_t, encap_inspect::kFindingKinds> kinds_{};
 };
 
 int run(const Options &options) {
-  setpgid(0, 0);
-  signal(SIGALRM, on_hang);
   const Directory directory;
   encap_db_config_t config = config_in(directory);
   config.nh_start = kStormNhStart;
@@ -280,10 +213,9 @@ int run(const Options &options) {
   config.tun_start = kStormTunStart;
   config.tun_size = kStormTunnels;
   const Window window(directory, config);
-  void *const shared = mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   std::fprintf(stderr, "crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
   const Stopwatch time;
-  Storm storm(options, window, *static_cast<Ledger *>(shared));
+  Storm storm(options, window, shared_record<Ledger>());
   storm.run();
   storm.print(time.seconds());
   return 0;

@@ -2,17 +2,11 @@
 #ifndef ENCAP_PROOF_STORM_H
 #define ENCAP_PROOF_STORM_H
 
-#include <sys/types.h>
-
-#include <atomic>
-#include <cstdint>
-#include <string>
-
+#include "storm/herd.h"
 #include "support/operations.h"
 
 namespace crash {
 
-inline constexpr std::uint32_t kProcesses = 4, kThreads = 3, kOwners = kProcesses * kThreads;
 inline constexpr std::uint32_t kNhsEach = 9, kTunnelsEach = 2;  // an owner's indexes, keys and labelled tunnels
 inline constexpr std::uint32_t kKept = 8;                       // NHs of the verifier's, on the null tunnel, that stay
 inline constexpr std::uint32_t kStormNhs = kOwners * kNhsEach + kKept, kStormTunnels = kOwners * kTunnelsEach;
@@ -29,13 +23,9 @@ struct Ledger {
     Entry entry[kNhsEach];
     std::atomic<std::uint32_t> busy;    // bit: the owner is changing this NH
     std::atomic<std::uint32_t> unsure;  // bit: a death cut a change of this NH off, or others have used it since then
-    std::atomic<std::uint64_t> operations;
-    std::atomic<pid_t> tid;
-    std::atomic<bool> parked;
-    char failure[512];
   };
   Owner owner[kOwners];
-  std::atomic<bool> stop, pause;
+  HerdState herd;
 };
 
 // The key of an owner's NH number `nh`: on one of its tunnels, or on a null tunnel node of its own.

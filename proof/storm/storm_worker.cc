@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <random>
@@ -30,17 +28,10 @@ class Worker {
       : own_(ledger.owner[number]), ledger_(ledger), number_(number), random_(seed) {}
 
   void work() {
-    own_.tid = gettid();
-    while (!ledger_.stop && own_.failure[0] == '\0') {
-      own_.parked = ledger_.pause.load();
-      if (own_.parked) {
-        usleep(200);
-        continue;
-      }
+    work_in_steps(ledger_.herd, number_, [this] {
       step();
-      own_.operations.fetch_add(1);
-    }
-    own_.parked = true;
+      return true;
+    });
   }
 
  private:
@@ -62,10 +53,12 @@ class Worker {
     }
   }
 
-  void fail(const Operation &operation, const Answer &is) {
-    std::snprintf(own_.failure, sizeof own_.failure, "%s\n  answers %s", text_of(operation).c_str(),
-                  text_of(is).c_str());
+  void fail(const std::string &text) {
+    char(&failure)[sizeof(ThreadState::failure)] = ledger_.herd.thread[number_].failure;
+    std::snprintf(failure, sizeof failure, "%s", text.c_str());
   }
+
+  void fail(const Operation &operation, const Answer &is) { fail(text_of(operation) + "\n  answers " + text_of(is)); }
 
   // The operation as a caller makes it who looks the key up first; an entry names what the look-up found.
   Operation made(Verb verb, std::uint32_t owner, std::uint32_t nh) {
@@ -117,7 +110,7 @@ class Worker {
     const Operation operation = made(verb, number_, nh);
     const egress_encap_info_t &info = operation.info;
     if (enters(verb) && (info.nh_found != 0 || info.egr_tun != storm_tunnel(number_, nh))) {
-      std::snprintf(own_.failure, sizeof own_.failure, "never entered and found: %s", text_of(operation).c_str());
+      fail("never entered and found: " + text_of(operation));
       return;
     }
     // An update takes no lock of its own: a caller with concurrent readers does.
@@ -158,7 +151,7 @@ class Worker {
     const std::string wrong = storm_difference(ledger_, number_);
     pthread_mutex_unlock(&egress_encap_db->lock.mutex);
     if (!wrong.empty()) {
-      std::snprintf(own_.failure, sizeof own_.failure, "%s", wrong.c_str());
+      fail(wrong);
     }
   }
 

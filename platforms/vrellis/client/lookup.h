@@ -2,6 +2,9 @@
 #ifndef VRELLIS_CLIENT_LOOKUP_H
 #define VRELLIS_CLIENT_LOOKUP_H
 
+#include <cstddef>
+#include <cstdint>
+
 #include "mpls_egress_encap_db.h"
 
 namespace clients {

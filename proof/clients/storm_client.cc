@@ -1,0 +1,224 @@
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <map>
+#include <thread>
+
+#include "storm_journal.h"
+
+namespace client_proof {
+namespace {
+
+constexpr std::uint32_t kMostOfOneKey = 3;
+
+using crash::kProcesses;
+using crash::kThreads;
+
+using Indexes = std::array<std::atomic<std::uint32_t>, kKeys>;  // NHs of the keys that a client holds
+
+// One thread of a client's process.
+class ClientThread : Member {
+ public:
+  ClientThread(Journal &journal, encap_client_t *client, Indexes &nh, std::uint32_t owner, std::uint64_t seed)
+      : Member(journal, owner, seed), client_(client), nh_(nh) {}
+
+  // As many calls as `calls`, or until the storm ends.
+  void work(std::uint32_t calls) {
+    crash::work_in_steps(journal_.herd, owner_, [&] {
+      const std::uint32_t number = below(kKeys);
+      const std::uint32_t held = journal_.thread[owner_].held[number];
+      const bool enters = held == 0 || (held < kMostOfOneKey && below(2) == 0);
+      return (enters ? enter(number) : release(number)) && --calls != 0;
+    });
+  }
+
+ private:
+  bool enter(std::uint32_t number) {
+    Journal::Thread &own = journal_.thread[owner_];
+    encap_entry_t entry{};
+    own.entering = number + 1;
+    const int status = encap_client_enter(client_, storm_key(number), nullptr, &entry);
+    if (status == 0) {
+      ++own.held[number];
+    }
+    own.entering = 0;
+    if (status == ENOSPC) {
+      ++journal_.refused;
+      return true;
+    }
+    if (status != 0 || entry.renewed != 0 || entry.held < own.held[number]) {
+      return fail("an entry of key %u returned %d, renewed %u, held %u", number, status, entry.renewed, entry.held);
+    }
+    // While this thread has a reference, the index is its key's.
+    egress_encap_aux_data_t aux{};
+    egress_encap_key_t key{};
+    const int read = vrl_get_encap_key_and_aux_data_from_nh(entry.nh, &aux, &key);
+    if (read != 0 || storm_key_number(key) != number) {
+      return fail("NH %u of key %u is read with %d as key %u", entry.nh, number, read, storm_key_number(key));
+    }
+    nh_[number] = entry.nh;
+    return true;
+  }
+
+  bool release(std::uint32_t number) {
+    Journal::Thread &own = journal_.thread[owner_];
+    own.releasing = number + 1;
+    encap_left_t left{};
+    const int status = encap_client_release(client_, nh_[number], &left);
+    --own.held[number];
+    own.releasing = 0;
+    return status == 0 || fail("a release of NH %u of key %u returned %d", nh_[number].load(), number, status);
+  }
+
+  encap_client_t *client_;
+  Indexes &nh_;
+};
+
+// The process's first thread, which opens and closes the client.
+class ClientProcess : Member {
+ public:
+  ClientProcess(Journal &journal, const encap_db_config_t &config, std::uint32_t process, std::uint64_t seed)
+      : Member(journal, process * kThreads, seed), config_(config), process_(process), own_(journal.name[process]) {}
+
+  void live() {
+    do {
+      encap_client_t *const client = open();
+      if (client == nullptr || !take_up(client) || !refresh(client)) {
+        break;
+      }
+      work(client);
+      reclaim_the_lost(client);
+      close(client, journal_.herd.stop || below(4) == 0);
+    } while (!journal_.herd.stop && !has_failed());
+    journal_.herd.thread[owner_].parked = true;
+  }
+
+ private:
+  encap_client_t *open() {
+    const std::string name = storm_name(process_);
+    const encap_client_config_t wanted{config_, name.c_str()};
+    for (;;) {
+      crash::park_if_asked(journal_.herd, owner_);
+      encap_client_t *client = nullptr;
+      shmwin_error_t error{};
+      const int status = encap_client_open(&wanted, &client, &error);
+      if (status == 0) {
+        return client;
+      }
+      if (status != EBUSY || !own_.sweeping) {  // another client may be reclaiming the name
+        fail("an opening returned %d: %s", status, error.text);
+        return nullptr;
+      }
+      usleep(100);
+    }
+  }
+
+  // What the client holds must be what its earlier lives completed.
+  bool take_up(encap_client_t *client) {
+    std::map<std::uint32_t, encap_holding_t> holdings;
+    const auto add = [](const encap_holding_t *holding, void *arg) {
+      (*static_cast<std::map<std::uint32_t, encap_holding_t> *>(arg))[storm_key_number(holding->key)] = *holding;
+    };
+    const int status = encap_client_each(client, add, &holdings);
+    for (std::uint32_t number = 0; status == 0 && number < kKeys; ++number) {
+      const encap_holding_t holding = holdings[number];
+      const auto [least, most] = journal_.bounds(process_, number);
+      if (holding.held < least || holding.held > most) {
+        return fail("taken up: %u references on key %u, not %u to %u", holding.held, number, least, most);
+      }
+      nh_[number] = holding.nh;
+      own_.wanted[number] = holding.held;
+    }
+    if (own_.sweeping) {
+      swept();
+    }
+    return (status == 0 && holdings.size() == kKeys) || fail("more is taken up than was entered, with %d", status);
+  }
+
+  bool refresh(encap_client_t *client) {
+    crash::park_if_asked(journal_.herd, owner_);
+    int status = encap_client_refresh_begin(client);
+    for (std::uint32_t number = 0; number < kKeys; ++number) {
+      const std::uint32_t held = journal_.bounds(process_, number).first;
+      const std::uint32_t wanted = held != 0 && below(8) == 0 ? below(held) : held;
+      own_.wanted[number] = wanted;
+      for (std::uint32_t i = 0; status == 0 && i < wanted; ++i) {
+        encap_entry_t entry{};
+        status = encap_client_enter(client, storm_key(number), nullptr, &entry);
+        status = entry.renewed == 1 ? status : EINVAL;
+      }
+    }
+    own_.sweeping = true;
+    status = status == 0 ? encap_client_refresh_end(client, nullptr, nullptr) : status;
+    if (status == 0) {
+      swept();
+    }
+    return status == 0 || fail("a refresh returned %d", status);
+  }
+
+  void swept() {
+    for (std::uint32_t number = 0; number < kKeys; ++number) {
+      journal_.settle(process_, number, own_.wanted[number]);
+    }
+    own_.sweeping = false;
+  }
+
+  void work(encap_client_t *client) {
+    const std::uint32_t calls = 50 + below(3000);
+    std::vector<std::thread> threads;
+    for (std::uint32_t thread = 1; thread < kThreads; ++thread) {
+      threads.emplace_back(
+          [=, this, seed = random_()] { ClientThread(journal_, client, nh_, owner_ + thread, seed).work(calls); });
+    }
+    ClientThread(journal_, client, nh_, owner_, random_()).work(calls);
+    for (std::thread &thread : threads) {
+      thread.join();
+    }
+  }
+
+  void reclaim_the_lost(encap_client_t *client) {
+    for (std::uint32_t other = 0; other < kProcesses; ++other) {
+      crash::park_if_asked(journal_.herd, owner_);
+      if (journal_.name[other].lost) {
+        const int status = encap_client_reclaim(client, storm_name(other).c_str(), nullptr, nullptr);
+        if (status != 0 && status != ENOENT && status != EBUSY) {
+          fail("a reclaim returned %d", status);
+        }
+      }
+    }
+  }
+
+  void close(encap_client_t *client, bool leaves) {
+    crash::park_if_asked(journal_.herd, owner_);
+    if (!leaves) {
+      const int status = encap_client_close(client);
+      if (status != 0) {
+        fail("a close returned %d", status);
+      }
+      return;
+    }
+    for (auto &wanted : own_.wanted) {
+      wanted = 0;
+    }
+    own_.sweeping = true;
+    const int status = encap_client_leave(client, nullptr, nullptr);
+    if (status != 0) {
+      fail("a leave returned %d", status);
+    }
+    swept();
+  }
+
+  const encap_db_config_t &config_;
+  const std::uint32_t process_;
+  Journal::Name &own_;
+  Indexes nh_{};
+};
+
+}  // namespace
+
+void live_as_client(Journal &journal, const encap_db_config_t &config, std::uint32_t process, std::uint64_t seed) {
+  ClientProcess(journal, config, process, seed).live();
+}
+
+}  // namespace client_proof

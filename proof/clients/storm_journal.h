@@ -1,0 +1,70 @@
+// The storm of clients' common ground: what each thread has completed, in memory that survives it.
+#ifndef ENCAP_PROOF_STORM_JOURNAL_H
+#define ENCAP_PROOF_STORM_JOURNAL_H
+
+#include <random>
+
+#include "encap_client.h"
+#include "storm/herd.h"
+
+namespace client_proof {
+
+inline constexpr std::uint32_t kKeys = 200;      // that all clients share
+inline constexpr std::uint32_t kOtherKeys = 16;  // that the process without a client enters, among others
+inline constexpr std::uint32_t kStormNhs = 180, kStormTunnels = 20;
+inline constexpr std::uint32_t kOther = crash::kOwners;  // thread number of the process without a client
+
+struct Journal {
+  struct Thread {
+    std::atomic<std::uint32_t> held[kKeys];
+    std::atomic<std::uint32_t> entering, releasing;  // key + 1 that the call under way is about; 0: none
+  };
+  struct Name {
+    std::atomic<bool> sweeping;  // references above `wanted` are about to go
+    std::atomic<bool> lost;      // its process does not come back, so that others may reclaim what it holds
+    std::atomic<std::uint32_t> wanted[kKeys];
+  };
+  crash::HerdState herd;
+  Thread thread[crash::kOwners];
+  Name name[crash::kProcesses];
+  std::atomic<std::uint32_t> other_held[kStormNhs];  // references of the process without a client, by NH
+  std::atomic<std::uint64_t> refused;                // entries that found no free index
+
+  // How many references the client `process` holds on a key: as many at least and at most.
+  std::pair<std::uint32_t, std::uint32_t> bounds(std::uint32_t process, std::uint32_t key) const;
+
+  // Notes how many it holds for certain. A process that dies in this has noted nothing wrong, as long as it sweeps.
+  void settle(std::uint32_t process, std::uint32_t key, std::uint32_t held);
+};
+
+egress_encap_key_t storm_key(std::uint32_t number);
+std::uint32_t storm_key_number(const egress_encap_key_t &key);  // kKeys + kOtherKeys for another
+std::string storm_name(std::uint32_t process);
+
+// What the threads of both kinds of process share.
+class Member {
+ public:
+  Member(Journal &journal, std::uint32_t owner, std::uint64_t seed) : journal_(journal), owner_(owner), random_(seed) {}
+
+ protected:
+  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  // Writes down what went wrong, which fails the storm. Returns: false.
+  bool fail(const char *format, ...) __attribute__((format(printf, 2, 3)));
+  bool has_failed() const { return journal_.herd.thread[owner_].failure[0] != '\0'; }
+
+  Journal &journal_;
+  const std::uint32_t owner_;
+  std::mt19937_64 random_;
+};
+
+// The life of a client's process: opens its name, takes up what it held, works with all its threads, closes or leaves,
+// and so on. When the storm ends it leaves.
+void live_as_client(Journal &journal, const encap_db_config_t &config, std::uint32_t process, std::uint64_t seed);
+
+// Works with the database's own operations until the storm ends, and gives everything back.
+void live_beside_clients(Journal &journal, std::uint64_t seed);
+
+}  // namespace client_proof
+
+#endif
