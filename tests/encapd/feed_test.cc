@@ -1,0 +1,241 @@
+// What a router's messages make of the database: paths, objects, refusals, refreshes.
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "feed_fixture.h"
+
+namespace encapd_tests {
+namespace {
+
+using router::group, router::no_object, router::object;
+
+TEST_F(FeedTest, PathsOfEveryKindAreHeldOnceEach) {
+  start();
+  feed_->connected();
+  // As a router sent them: an LSP, a nexthop object, a route that names it.
+  const char *const lsp =
+      "1c140000fec400010000000008000100003e810008001300007d01000a00120002000a00000200000800040006000000";
+  const char *const nexthop =
+      "02000b00000000000800010008000000080006000a00000208000500060000000600070001000000100008800c00010000064000000c810"
+      "0";
+  const char *const named = "02180000fec4000100000000080001000a090200080006001400000008001e0008000000";
+  const char *const withdrawn = "02180000fec4000000000000080001000a0902000800060014000000";
+  const auto recorded = [](int type, const char *text) { return router::message(type, router::bytes_of_hex(text)); };
+  ASSERT_TRUE(send(frame({recorded(RTM_NEWROUTE, lsp), recorded(RTM_NEWNEXTHOP, nexthop)}) +
+                   frame({recorded(RTM_NEWROUTE, named)})));
+  EXPECT_EQ(references(), (References{{{2000, 0, 0, 6}, 1}, {{200, 100, 0, 6}, 1}}));
+  send(frame({recorded(RTM_DELROUTE, withdrawn)}));
+  EXPECT_EQ(references(), (References{{{2000, 0, 0, 6}, 1}}));
+
+  send(frame({route("2001:db8::/32", {{{30, 20, 10}}}), route("10.2.0.0/16", {{{7001}, 7}, {{7002, 16}, 8}, {{}, 9}}),
+              route("1000", {{{2000}, 6}, {{0}, 7}}), route("1001", {{{3}}})}));
+  const References all{
+      {{10, 20, 30, 6}, 1}, {{7001, 0, 0, 7}, 1}, {{16, 7002, 0, 8}, 1}, {{2000, 0, 0, 6}, 1}, {{0, 0, 0, 7}, 1}};
+  EXPECT_EQ(references(), all);
+  send(frame({route("2001:db8::/32", {{{30, 20, 10}}})}));
+  EXPECT_EQ(references(), all) << "the same route again";
+  send(frame({withdrawal("2001:db8::/32"), withdrawal("10.2.0.0/16"), withdrawal("1000"), withdrawal("1001")}));
+  EXPECT_EQ(references(), References{});
+  EXPECT_EQ(feed_->holder().encapsulations(), 1U) << "that of the object";
+  send(frame({no_object(8)}));
+  EXPECT_EQ(feed_->holder().encapsulations(), 0U);
+  expect_sound();
+}
+
+TEST_F(FeedTest, WhatIsNoEncapsulationIsCountedAndNeverFatal) {
+  start();
+  feed_->connected();
+  Buffer torn = route("10.7.0.0/16", {{{16}}});
+  torn.resize(torn.size() - 4);
+  const Buffer no_bottom =
+      router::route_message(RTM_NEWROUTE, "10.8.0.0/16",
+                            router::attribute(RTA_ENCAP_TYPE, {1, 0}) +
+                                router::attribute(RTA_ENCAP, router::attribute(MPLS_IPTUNNEL_DST, {0, 1, 0, 0})) +
+                                router::number(RTA_OIF, 6));
+  EXPECT_TRUE(
+      send(frame({route("10.1.0.0/16", {{{4, 16, 17, 18}}}), route("10.2.0.0/16", {{{16, 3}}}),
+                  route("10.3.0.0/16", {{{0, 16}}}), route("10.4.0.0/16", {{{16}, 0}}), no_bottom,
+                  route("10.5.0.0/16", {{{}}}), router::route_message(RTM_NEWROUTE, "10.6.0.0/16", {}, RTN_BLACKHOLE),
+                  router::message(RTM_NEWLINK, {}), router::message(RTM_NEWROUTE, {2}), route("10.9.0.0/16", {{{16}}}),
+                  torn}) +
+           Buffer{1, 9, 0, 6, 77, 77}));
+  EXPECT_EQ(references(), (References{{{16, 0, 0, 6}, 1}}));
+  const encapd::Routes &routes = feed_->routes();
+  EXPECT_EQ(routes.refused(encapd::PathKind::kTooDeep), 1U);
+  EXPECT_EQ(routes.refused(encapd::PathKind::kReservedLabel), 2U);
+  EXPECT_EQ(routes.refused(encapd::PathKind::kNoInterface), 1U);
+  EXPECT_EQ(routes.refused(encapd::PathKind::kMalformed), 1U);
+  EXPECT_EQ(routes.refused(encapd::PathKind::kBlackhole), 1U);
+  EXPECT_EQ(feed_->counters().other_messages, 2U);
+  EXPECT_EQ(feed_->counters().malformed_messages, 2U);
+  send(frame({route("10.1.0.0/16", {{{4, 16, 17, 18}}}), route("10.2.0.0/16", {{{16, 4}}})}));
+  EXPECT_EQ(routes.refused(encapd::PathKind::kTooDeep), 1U);
+  EXPECT_EQ(feed_->counters().paths[static_cast<std::size_t>(encapd::PathKind::kTooDeep)], 1U) << "counted once";
+  EXPECT_EQ(routes.refused(encapd::PathKind::kReservedLabel), 1U);
+  EXPECT_FALSE(send({2, 1, 0, 8, 0, 0, 0, 0})) << "another version";
+  feed_->connected();
+  EXPECT_FALSE(send({1, 1, 0, 3})) << "shorter than its header";
+}
+
+TEST_F(FeedTest, ObjectsChangeTheRoutesThatNameThem) {
+  start();
+  feed_->connected();
+  send(frame({named("10.1.0.0/16", 15), named("10.2.0.0/16", 15), named("10.3.0.0/16", 8)}));
+  EXPECT_EQ(references(), References{}) << "the objects come later";
+  send(frame({group(15, {8, 9, 8}), object(9, {{300}}), object(8, {{100, 200}})}));
+  EXPECT_EQ(references(), (References{{{200, 100, 0, 6}, 5}, {{300, 0, 0, 6}, 2}}));
+  send(frame({object(8, {{400}, 7})}));
+  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 5}, {{300, 0, 0, 6}, 2}}));
+  send(frame({group(15, {9})}));
+  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}, {{300, 0, 0, 6}, 2}}));
+  send(frame({no_object(9), object(15, {{500}})}));
+  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}, {{500, 0, 0, 6}, 2}})) << "a group that becomes an object";
+  send(frame({no_object(15)}));
+  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}})) << "taken back before its routes";
+  send(frame({group(15, {15, 8}), withdrawal("10.1.0.0/16")}));
+  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 2}}));
+  send(frame({withdrawal("10.2.0.0/16"), withdrawal("10.3.0.0/16"), no_object(15), no_object(8)}));
+  EXPECT_EQ(references(), References{});
+  EXPECT_EQ(feed_->routes().objects() + feed_->routes().routes() + feed_->holder().encapsulations(), 0U);
+}
+
+TEST_F(FeedTest, WhatStaysNeverLeavesTheHardware) {
+  char path[] = "/tmp/encapd-events.XXXXXX";
+  const int fd = mkstemp(path);
+  events_ = encapd::Events(fd);
+  const auto lines = [&] {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    EXPECT_EQ(ftruncate(fd, 0), 0);
+    lseek(fd, 0, SEEK_SET);
+    return text.str();
+  };
+  const auto count = [](const std::string &text, const char *what) {
+    std::size_t found = 0;
+    for (std::size_t at = text.find(what); at != text.npos; at = text.find(what, at + 1)) {
+      ++found;
+    }
+    return found;
+  };
+  start();
+  feed_->connected();
+  send(frame({route("10.1.0.0/16", {{{100, 200}}})}));
+  std::string text = lines();
+  EXPECT_NE(text.find(R"("kind":"tunnel","tunnel":10,"event":"entered")"), text.npos) << text;
+  EXPECT_NE(text.find(R"("label1":200,"label2":100,"label3":0,"ifh":6,"prefix":"10.1.0.0/16")"), text.npos) << text;
+  EXPECT_EQ(count(text, "\n"), 2U);
+  send(frame({withdrawal("10.1.0.0/16"), route("10.1.0.0/16", {{{100, 200}}})}));
+  send(frame({withdrawal("10.1.0.0/16"), route("10.1.0.0/16", {{{100, 200}, 6}, {{100, 201}, 6}})}));
+  text = lines();
+  EXPECT_EQ(count(text, "\n"), 1U) << text;
+  send(frame({route("10.1.0.0/16", {{{100, 202}}})}));
+  text = lines();
+  EXPECT_EQ(count(text, "entered"), 1U) << text;
+  EXPECT_EQ(count(text, "\"kind\":\"nh\""), 3U) << text;
+  EXPECT_EQ(count(text, "\n"), 3U) << "the tunnel stays: " << text;
+  EXPECT_LT(text.find("entered"), text.find("left"));
+
+  // A new connection on which the route does not come again, and the same after a restart.
+  feed_->connected();
+  send(frame({route("10.2.0.0/16", {{{100, 203}}})}));
+  pass(30s);
+  text = lines();
+  EXPECT_EQ(count(text, "\n"), 2U) << text;
+  EXPECT_NE(text.find(R"("event":"left")"), text.npos) << text;
+  EXPECT_NE(text.find(R"("label1":202,"label2":100,"label3":0,"ifh":6,"prefix":"10.1.0.0/16")"), text.npos) << text;
+  restart();
+  feed_->connected();
+  send(frame({route("10.3.0.0/16", {{{16}}})}));
+  lines();
+  pass(30s);
+  text = lines();
+  EXPECT_EQ(count(text, "\n"), 2U) << text;
+  EXPECT_NE(text.find(R"("label1":203,"label2":100,"label3":0,"ifh":6,"prefix":null)"), text.npos) << text;
+  ::close(fd);
+  unlink(path);
+}
+
+TEST_F(FeedTest, StaleReferencesGoWhenTheRouterIsComplete) {
+  start();
+  const Buffer first = frame({object(8, {{100}}), named("10.1.0.0/16", 8), route("10.2.0.0/16", {{{200}}})});
+  const References both{{{100, 0, 0, 6}, 1}, {{200, 0, 0, 6}, 1}};
+  feed_->connected();
+  send(first);
+  pass(30s);
+  EXPECT_TRUE(feed_->holder().is_settled());
+  feed_->disconnected();
+  pass(1h);
+  EXPECT_EQ(references(), both) << "a lost connection changes nothing";
+  EXPECT_EQ(stale(), 0U);
+
+  // The connection is lost before the router is complete, again and again, and encapd dies as well.
+  for (int i = 0; i < 3; ++i) {
+    feed_->connected();
+    pass(1h);
+    EXPECT_FALSE(feed_->holder().is_settled()) << "a router that has sent nothing is not complete";
+    send(frame({route("10.2.0.0/16", {{{200}}})}));
+    EXPECT_EQ(stale(), 1U);
+    feed_->disconnected();
+    pass(1h);
+    EXPECT_FALSE(feed_->settle());
+    EXPECT_EQ(references(), both);
+    restart();
+    EXPECT_EQ(stale(), 2U);
+  }
+  // Each message puts the end off.
+  feed_->connected();
+  send(frame({route("10.2.0.0/16", {{{200}}}), route("10.3.0.0/16", {{{200}}})}));
+  pass(29s);
+  send(frame({withdrawal("10.3.0.0/16")}));
+  pass(29s);
+  EXPECT_EQ(references(), both);
+  pass(1s);
+  EXPECT_EQ(references(), (References{{{200, 0, 0, 6}, 1}}));
+  expect_sound();
+
+  feed_.reset();
+  close(client_);
+  start(std::nullopt);
+  feed_->connected();
+  send(frame({route("10.9.0.0/16", {{{900}}})}));
+  pass(24h);
+  EXPECT_EQ(stale(), 1U) << "never, until it is said";
+  EXPECT_TRUE(feed_->settle());
+  EXPECT_EQ(references(), (References{{{900, 0, 0, 6}, 1}}));
+}
+
+TEST_F(FeedTest, WhatFindsNoRoomIsEnteredWhenThereIsRoom) {
+  config_.nh_size = 2;
+  start();
+  feed_->connected();
+  send(frame({route("10.1.0.0/16", {{{100}}}), route("10.2.0.0/16", {{{200}}}), route("10.3.0.0/16", {{{300}}}),
+              route("10.4.0.0/16", {{{300}}}), route("10.5.0.0/16", {{{100}}})}));
+  EXPECT_EQ(references(), (References{{{100, 0, 0, 6}, 2}, {{200, 0, 0, 6}, 1}}));
+  EXPECT_EQ(feed_->counters().no_room, 2U);
+  pass(1s);
+  EXPECT_EQ(feed_->counters().no_room, 2U) << "counted once";
+  EXPECT_EQ(feed_->holder().wanted() - feed_->holder().held(), 2U);
+  send(frame({withdrawal("10.4.0.0/16"), route("10.2.0.0/16", {{{300}}})}));
+  EXPECT_EQ(references(), (References{{{100, 0, 0, 6}, 2}, {{300, 0, 0, 6}, 2}})) << "in the place of what it replaces";
+  // What another client gives back is room, too.
+  encap_client_t *const other = client("other");
+  send(frame({withdrawal("10.1.0.0/16"), withdrawal("10.5.0.0/16")}));
+  const std::uint32_t nh = enter(other, test_support::key(999)).nh;
+  send(frame({route("10.6.0.0/16", {{{600}}})}));
+  EXPECT_EQ(references(), (References{{{300, 0, 0, 6}, 2}}));
+  release(other, nh);
+  pass(1s);
+  EXPECT_EQ(references(), (References{{{300, 0, 0, 6}, 2}, {{600, 0, 0, 6}, 1}}));
+  // What is stale has the room until the router is complete.
+  feed_->connected();
+  send(frame({route("10.8.0.0/16", {{{800}}}), route("10.3.0.0/16", {{{300}}})}));
+  EXPECT_EQ(feed_->holder().held(), 1U);
+  pass(30s);
+  EXPECT_EQ(references(), (References{{{300, 0, 0, 6}, 1}, {{800, 0, 0, 6}, 1}}));
+  expect_sound();
+}
+
+}  // namespace
+}  // namespace encapd_tests
