@@ -212,6 +212,22 @@ TEST_F(ClientTest, AFullWindowRefusesAndChangesNothing) {
   EXPECT_EQ(enter(a, key(1, 2, 1)).held, 2U) << "sharing still works";
 }
 
+// New tunnels get pages with room for their NHs. One NH stays on each page, so that pages run short.
+TEST_F(ClientTest, SparseNodesLeaveThePagesThatClientsNeed) {
+  config_.nh_size = 2000;
+  config_.tun_size = 2000;
+  encap_client_t *const a = client("a");
+  for (std::uint32_t i = 0; i < 1900; ++i) {
+    const encap_entry_t entry = enter(a, key(16 + i, 100 + i));
+    if (i % 7 != 0) {
+      release(a, entry.nh);
+    }
+  }
+  for (int i = 1; i < ENCAP_CLIENT_MAX; ++i) {
+    enter(client(("n" + std::to_string(i)).c_str()), key(16, 100));
+  }
+}
+
 TEST_F(ClientTest, ImpossibleKeysAreRefused) {
   encap_client_t *const a = client("a");
   egress_encap_key_t bad = key(16, 100);

@@ -104,7 +104,8 @@ shmwin_config_t window_of(const encap_db_config_t &config) {
   window.mode = config.mode;
   window.size = config.size != 0 ? config.size : default_size(config);
   window.address = config.address;
-  window.kept = tunnel_nodes(config) * kTunnelNodeBytes;
+  // What a window has beyond the default is for its clients' ledgers.
+  window.kept = tunnel_nodes(config) * kTunnelNodeBytes + window.size - std::min(window.size, default_size(config));
   window.named = config.named;
   window.user = config.user;
   window.group = config.group;

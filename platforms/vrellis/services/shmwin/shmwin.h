@@ -40,7 +40,7 @@ typedef struct shmwin_config {
   uint32_t mode;         /* file mode; 0: 0600 */
   uint64_t size;         /* bytes, rounded up to whole pages of 4096 */
   uint64_t address;      /* where every process maps it; 0: a default for the id that is free here */
-  uint64_t kept;         /* bytes for 56-byte nodes, which groups of nodes leave unused; 0: no groups (heap/heap.h) */
+  uint64_t kept;         /* bytes for other blocks, which groups of nodes leave unused; 0: no groups (heap/heap.h) */
   uint32_t named;        /* SHMWIN_NAMED_USER, SHMWIN_NAMED_GROUP or both: the next two fields say something */
   uint32_t user;         /* this user's file is trusted, and a new file is given to this user, which takes root */
   uint32_t group;        /* this group's file is trusted, its members may write, and a new file is given to it */
