@@ -1,4 +1,4 @@
-# The installed tree, in three components: runtime (the shared libraries), dev (headers and what finds them), tools.
+# The installed tree, in four components: runtime (the shared libraries), dev (headers and what finds them), tools, encapd.
 # Headers are those of the contracts alone: the public one, the services', the owner's.
 include(CMakePackageConfigHelpers)
 
@@ -66,13 +66,20 @@ if(TARGET encap_demo)
   encap_manual(encap_demo.1 tools)
 endif()
 
+if(TARGET encapd)
+  encap_manual(encapd.8 encapd)
+  configure_file(packaging/encapd.service.in ${PROJECT_BINARY_DIR}/encapd.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/encapd.service DESTINATION lib/systemd/system COMPONENT encapd)
+  install(TARGETS encapd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT encapd)
+endif()
+
 # What every Debian package tells of itself.
 set(encap_maintainer "MPLS egress encapsulation database maintainers <maintainers@encap-db.example>")
 set(encap_release_date "Mon, 23 Nov 2026 00:00:00 +0000")
 configure_file(packaging/changelog.in ${PROJECT_BINARY_DIR}/deb/changelog @ONLY)
 execute_process(COMMAND gzip -9nf changelog WORKING_DIRECTORY ${PROJECT_BINARY_DIR}/deb COMMAND_ERROR_IS_FATAL ANY)
 foreach(component_package runtime:libmpls-egress-encap-db${PROJECT_VERSION_MAJOR} dev:libmpls-egress-encap-db-dev
-                          tools:mpls-egress-encap-db-tools)
+                          tools:mpls-egress-encap-db-tools encapd:encapd)
   string(REPLACE ":" ";" pair ${component_package})
   list(GET pair 0 component)
   list(GET pair 1 package)

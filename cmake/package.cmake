@@ -1,4 +1,4 @@
-# Debian packages, by `cpack` in the build directory: the shared libraries, what builds against them, the tools.
+# Debian packages, by `cpack` in the build directory: the shared libraries, what builds against them, the tools, encapd.
 # Configure with -DCMAKE_INSTALL_PREFIX=/usr for the libraries to lie in the architecture's own directory.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME mpls-egress-encap-db)
@@ -8,6 +8,9 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
+if(TARGET encapd)
+  list(APPEND CPACK_COMPONENTS_ALL encapd)
+endif()
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -47,5 +50,12 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION "MPLS egress encapsulation database: operator's command
 encapctl looks into a database, alive or dead, checks and repairs it, reads its
 trace and switches its debug points. encap_demo shows the database at work.")
+
+set(CPACK_DEBIAN_ENCAPD_PACKAGE_NAME encapd)
+set(CPACK_DEBIAN_ENCAPD_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_ENCAPD_PACKAGE_DEPENDS "${library} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_ENCAPD_DESCRIPTION "MPLS egress encapsulation database: daemon beside a router
+encapd listens for a router that hands its routes on as a forwarding plane
+manager gets them, and keeps the encapsulations of these routes in a database.")
 set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/drop_ldconfig_scripts.cmake)
 include(CPack)

@@ -5,7 +5,7 @@
 set -euo pipefail
 build=$1 source=$2 cpack=$3 work=$4
 here=$(dirname "$(readlink -f "$0")")
-names="libmpls-egress-encap-db1 libmpls-egress-encap-db-dev mpls-egress-encap-db-tools"
+names="libmpls-egress-encap-db1 libmpls-egress-encap-db-dev mpls-egress-encap-db-tools encapd"
 
 rm -rf "$work"
 mkdir -p "$work/run"
@@ -29,6 +29,7 @@ use_packages() {
     "$prefix/bin/encapctl" --help >"$work/run/help"
     grep -q status "$work/run/help"
   fi
+  "$prefix/sbin/encapd" --version
   "$prefix/bin/encap_demo" "$prefix/share/doc/mpls-egress-encap-db/examples/routes.txt" | tail -1
   build_and_run_c "$prefix/share/doc/mpls-egress-encap-db/examples/daemon.c"
 }

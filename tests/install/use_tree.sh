@@ -16,7 +16,7 @@ check_no_build_path() {
   for path in "$@"; do
     ! grep -rlI --exclude-dir=doc -F "$path" "$prefix" || fail "an installed text names $path"
   done
-  ! readelf -d "$libdir"/*.so "$prefix"/bin/* | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN:$ORIGIN/../' ||
+  ! readelf -d "$libdir"/*.so "$prefix"/*bin/* | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN:$ORIGIN/../' ||
     fail "a run path leads out of the tree"
 }
 
