@@ -89,7 +89,8 @@ class ClientProcess : Member {
       }
       work(client);
       reclaim_the_lost(client);
-      close(client, journal_.herd.stop || below(4) == 0);
+      // While others may still take the name for lost, it is not left to them with what it holds.
+      close(client, journal_.herd.stop || own_.lost || below(4) == 0);
     } while (!journal_.herd.stop && !has_failed());
     journal_.herd.thread[owner_].parked = true;
   }
