@@ -69,7 +69,7 @@ TEST_F(FeedTest, WhatIsNoEncapsulationIsCountedAndNeverFatal) {
   EXPECT_EQ(routes.refused(encapd::PathKind::kMalformed), 1U);
   EXPECT_EQ(routes.refused(encapd::PathKind::kBlackhole), 1U);
   EXPECT_EQ(feed_->counters().other_messages, 2U);
-  EXPECT_EQ(feed_->counters().malformed_messages, 2U);
+  EXPECT_EQ(feed_->counters().malformed_messages, 3U);
   send(frame({route("10.1.0.0/16", {{{4, 16, 17, 18}}}), route("10.2.0.0/16", {{{16, 4}}})}));
   EXPECT_EQ(routes.refused(encapd::PathKind::kTooDeep), 1U);
   EXPECT_EQ(feed_->counters().paths[static_cast<std::size_t>(encapd::PathKind::kTooDeep)], 1U) << "counted once";

@@ -1,6 +1,8 @@
 #include "feed.h"
 
-#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
+
+#include <algorithm>
 
 namespace encapd {
 
@@ -40,14 +42,19 @@ bool Feed::take(std::size_t count, Clock::time_point now) {
   return next != Frames::Next::kBroken;
 }
 
+// The lengths are checked here: mnl_nlmsg_ok() takes one of 2^31 and more for negative, and so for small enough.
 void Feed::read_frame(Bytes messages) {
-  const auto *header = reinterpret_cast<const nlmsghdr *>(messages.data());
-  int left = static_cast<int>(messages.size());
-  for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
+  while (messages.size() >= sizeof(nlmsghdr)) {
+    const auto *const header = reinterpret_cast<const nlmsghdr *>(messages.data());
+    if (header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > messages.size()) {
+      break;
+    }
     read_message(header, message_);
     routes_.take(message_);
+    messages = messages.subspan(
+        std::min<std::size_t>((header->nlmsg_len + std::size_t{3}) & ~std::size_t{3}, messages.size()));
   }
-  counters_.malformed_messages += left > 0 ? 1 : 0;
+  counters_.malformed_messages += messages.empty() ? 0U : 1U;
 }
 
 void Feed::tick(Clock::time_point now) {
