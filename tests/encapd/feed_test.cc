@@ -54,13 +54,15 @@ TEST_F(FeedTest, WhatIsNoEncapsulationIsCountedAndNeverFatal) {
                             router::attribute(RTA_ENCAP_TYPE, {1, 0}) +
                                 router::attribute(RTA_ENCAP, router::attribute(MPLS_IPTUNNEL_DST, {0, 1, 0, 0})) +
                                 router::number(RTA_OIF, 6));
+  Buffer endless = router::message(RTM_NEWLINK, {});
+  endless[3] = 0xff;  // its length is negative, if it is read so
   EXPECT_TRUE(
       send(frame({route("10.1.0.0/16", {{{4, 16, 17, 18}}}), route("10.2.0.0/16", {{{16, 3}}}),
                   route("10.3.0.0/16", {{{0, 16}}}), route("10.4.0.0/16", {{{16}, 0}}), no_bottom,
                   route("10.5.0.0/16", {{{}}}), router::route_message(RTM_NEWROUTE, "10.6.0.0/16", {}, RTN_BLACKHOLE),
                   router::message(RTM_NEWLINK, {}), router::message(RTM_NEWROUTE, {2}), route("10.9.0.0/16", {{{16}}}),
                   torn}) +
-           Buffer{1, 9, 0, 6, 77, 77}));
+           Buffer{1, 9, 0, 6, 77, 77} + frame({endless})));
   EXPECT_EQ(references(), (References{{{16, 0, 0, 6}, 1}}));
   const encapd::Routes &routes = feed_->routes();
   EXPECT_EQ(routes.refused(encapd::PathKind::kTooDeep), 1U);
