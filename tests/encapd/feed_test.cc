@@ -239,5 +239,33 @@ TEST_F(FeedTest, WhatFindsNoRoomIsEnteredWhenThereIsRoom) {
   expect_sound();
 }
 
+TEST_F(FeedTest, WhatFindsNoMemoryIsEnteredWhenThereIsSome) {
+  config_.nh_size = 2000;
+  config_.tun_size = 2000;
+  config_.size = 72 * 4096;  // less than the nodes, the slots and the ledger need
+  start();
+  feed_->connected();
+  References all;
+  const auto prefix = [](std::uint32_t i) {
+    return "10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24";
+  };
+  for (std::uint32_t i = 0; i < 2000; ++i) {
+    send(frame({route(prefix(i), {{{1000 + i, 16 + i}}})}));
+    all[{16 + i, 1000 + i, 0, 6}] = 1;
+  }
+  const std::uint64_t waiting = feed_->holder().wanted() - feed_->holder().held();
+  EXPECT_GT(waiting, 10U);
+  EXPECT_EQ(feed_->counters().no_memory, waiting);
+  EXPECT_EQ(references().size(), 2000 - waiting);
+  expect_sound();
+  for (std::uint32_t i = 0; i < 1500; ++i) {
+    send(frame({withdrawal(prefix(i))}));
+    all.erase({16 + i, 1000 + i, 0, 6});
+  }
+  pass(1s);
+  EXPECT_EQ(references(), all);
+  expect_sound();
+}
+
 }  // namespace
 }  // namespace encapd_tests

@@ -9,15 +9,19 @@
 namespace encapd {
 namespace {
 
-constexpr std::size_t kTriesAfterRoom = 64;  // of those that wait, in apply(); retry() tries all
+// How many of those that wait are tried, so that a step or a tick takes no longer than a few milliseconds.
+constexpr std::size_t kTriesAfterRoom = 64;
+constexpr std::size_t kTriesAtTick = 4096;
 
 }  // namespace
 
+std::uint32_t Holder::find(const egress_encap_key_t &key) const {
+  return by_key_.find(hash_words(&key, 5),
+                      [&](std::uint32_t number) { return std::memcmp(&pool_[number].key, &key, sizeof key) == 0; });
+}
+
 std::uint32_t Holder::number_of(const egress_encap_key_t &key) {
-  const std::uint32_t known = by_key_.find(hash_words(&key, 5), [&](std::uint32_t number) {
-    return std::memcmp(&pool_[number].key, &key, sizeof key) == 0;
-  });
-  if (known != kNone) {
+  if (const std::uint32_t known = find(key); known != kNone) {
     return known;
   }
   const std::uint32_t number = pool_.take();
@@ -86,7 +90,7 @@ void Holder::finish(std::uint32_t number) {
 }
 
 void Holder::retry() {
-  try_waiting(waiting_.size());
+  try_waiting(kTriesAtTick);
   events_.flush();
 }
 
@@ -106,7 +110,7 @@ void Holder::try_waiting(std::size_t most) {
   }
   if (waiting_.empty() && told_ != 0) {
     told_ = 0;
-    log(Level::kInfo, "everything that waited for the database has been entered");
+    log(Level::kInfo, "nothing waits for the database any more");
   }
 }
 
@@ -159,7 +163,7 @@ bool Holder::release(Encapsulation &encapsulation) {
   return true;
 }
 
-// Counts each reference once, and writes one message for a reason until everything that waited has been entered.
+// Counts each reference once, and writes one message for a reason until nothing waits for the database any more.
 void Holder::refuse(Encapsulation &encapsulation, int status) {
   const std::uint32_t missing =
       encapsulation.wanted > encapsulation.held ? encapsulation.wanted - encapsulation.held : 0;
@@ -211,9 +215,7 @@ struct Holder::Departure {
     if (left.nh_left == 0 || key == keys.end()) {
       return;
     }
-    const std::uint32_t number = holder->by_key_.find(hash_words(&key->second, 5), [&](std::uint32_t each) {
-      return std::memcmp(&holder->pool_[each].key, &key->second, sizeof key->second) == 0;
-    });
+    const std::uint32_t number = holder->find(key->second);
     const RouteKey *const cause = number != kNone ? &holder->pool_[number].cause : nullptr;
     holder->events_.nh(false, left.nh, left.tunnel, key->second, cause);
     if (left.tunnel_left != 0) {
@@ -246,7 +248,8 @@ void Holder::end_refresh() {
     mark(number);
   });
   apply();
-  retry();
+  try_waiting(waiting_.size());
+  events_.flush();
 }
 
 void Holder::leave() {

@@ -36,7 +36,7 @@ class Holder {
   // Carries the changes out.
   void apply();
 
-  // Tries again for those that wait.
+  // Tries again for those that wait, a part of them at a time.
   void retry();
 
   // The routes are forgotten, and everything that the client holds is stale until it is entered again.
@@ -68,11 +68,11 @@ class Holder {
   };
   struct Departure;
 
+  std::uint32_t find(const egress_encap_key_t &key) const;  // kNone: not known
   void mark(std::uint32_t number);
   bool enter(Encapsulation &encapsulation);    // false: refused
   bool release(Encapsulation &encapsulation);  // false: the database did not do it
   void refuse(Encapsulation &encapsulation, int status);
-  void told(const char *what, const RouteKey &cause);
   void try_waiting(std::size_t most);
   void finish(std::uint32_t number);
   std::uint64_t hash_of(std::uint32_t number) const { return hash_words(&pool_[number].key, 5); }

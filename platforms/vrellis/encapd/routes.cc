@@ -70,14 +70,11 @@ Routes::Source Routes::source_of(const Message &message) {
   if (message.id != 0) {
     return Source::object(object_with_id(message.id));
   }
+  if (message.paths.size() == 1 && message.paths[0].kind == PathKind::kEncapsulation) {
+    return Source::encapsulation(holder_.number_of(message.paths[0].key));
+  }
   std::vector<Hop> hops = hops_of(message.paths);
-  if (hops.empty()) {
-    return Source::nothing();
-  }
-  if (hops.size() == 1 && hops[0].kind == static_cast<std::uint32_t>(PathKind::kEncapsulation)) {
-    return Source::encapsulation(hops[0].number);
-  }
-  return Source::object(object_with_hops(std::move(hops)));
+  return hops.empty() ? Source::nothing() : Source::object(object_with_hops(std::move(hops)));
 }
 
 // Without the plain ones, which are counted.
@@ -116,13 +113,18 @@ std::uint32_t Routes::object_with_hops(std::vector<Hop> hops) {
   }
   const std::uint32_t number = objects_.take();
   objects_[number].hops = std::move(hops);
-  for (const Hop &hop : objects_[number].hops) {
-    if (hop.kind == 0) {
-      holder_.name(hop.number, 1);
-    }
-  }
+  name_hops(objects_[number].hops, 1);
   by_hops_.add(number, [&](std::uint32_t each) { return hash_of_hops(each); });
   return number;
+}
+
+// The encapsulations of an object's paths are kept while it has them, also without a route.
+void Routes::name_hops(const std::vector<Hop> &hops, int change) {
+  for (const Hop &hop : hops) {
+    if (!is_refused(static_cast<PathKind>(hop.kind))) {
+      holder_.name(hop.number, change);
+    }
+  }
 }
 
 // One more route, or one fewer, names the source.
@@ -144,23 +146,23 @@ void Routes::use(Source source, int change, const RouteKey &cause) {
 
 void Routes::use_hops(const std::vector<Hop> &hops, std::int64_t change, const RouteKey &cause) {
   for (const Hop &hop : hops) {
-    const auto kind = static_cast<PathKind>(hop.kind);
-    if (change == 0) {
-      continue;
-    }
-    if (!is_refused(kind)) {
+    if (change != 0 && is_refused(static_cast<PathKind>(hop.kind))) {
+      refuse(hop.kind, change, cause);
+    } else if (change != 0) {
       holder_.want(hop.number, change, cause);
-      continue;
     }
-    refused_[hop.kind] += static_cast<std::uint64_t>(change);
-    if (change < 0) {
-      continue;
-    }
-    counters_.paths[hop.kind] += static_cast<std::uint64_t>(change);
-    if (++told_[hop.kind] <= kMostTold) {
-      log(Level::kWarning, "a path of {} is not entered: {}{}", text_of(cause), kPathKindSentences[hop.kind],
-          told_[hop.kind] == kMostTold ? "; more of this kind on this connection are only counted" : "");
-    }
+  }
+}
+
+void Routes::refuse(std::uint32_t kind, std::int64_t change, const RouteKey &cause) {
+  refused_[kind] += static_cast<std::uint64_t>(change);
+  if (change < 0) {
+    return;
+  }
+  counters_.paths[kind] += static_cast<std::uint64_t>(change);
+  if (++told_[kind] <= kMostTold) {
+    log(Level::kWarning, "a path of {} is not entered: {}{}", text_of(cause), kPathKindSentences[kind],
+        told_[kind] == kMostTold ? "; more of this kind on this connection are only counted" : "");
   }
 }
 
@@ -194,20 +196,12 @@ void Routes::change_object(std::uint32_t number, std::vector<Hop> hops, std::vec
   Object &object = objects_[number];
   RouteKey cause{};
   const auto paths = static_cast<std::int64_t>(paths_of(object, cause));
-  for (const Hop &hop : hops) {
-    if (hop.kind == 0) {
-      holder_.name(hop.number, 1);
-    }
-  }
+  name_hops(hops, 1);
   if (hops != object.hops) {
     use_hops(hops, paths, cause);
     use_hops(object.hops, -paths, cause);
   }
-  for (const Hop &hop : object.hops) {
-    if (hop.kind == 0) {
-      holder_.name(hop.number, -1);
-    }
-  }
+  name_hops(object.hops, -1);
   object.hops = std::move(hops);
   for (const std::uint32_t member : members) {
     objects_[member].groups.push_back(number);
@@ -240,11 +234,7 @@ void Routes::drop_unused(std::uint32_t number) {
   if (object.id != 0) {
     by_id_.remove(number, [&](std::uint32_t each) { return hash_of_id(each); });
   } else {
-    for (const Hop &hop : object.hops) {
-      if (hop.kind == 0) {
-        holder_.name(hop.number, -1);
-      }
-    }
+    name_hops(object.hops, -1);
     by_hops_.remove(number, [&](std::uint32_t each) { return hash_of_hops(each); });
   }
   object = Object{};

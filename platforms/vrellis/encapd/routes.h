@@ -79,6 +79,8 @@ class Routes {
   std::uint32_t object_with_id(std::uint32_t id);
   std::uint32_t object_with_hops(std::vector<Hop> hops);
   void use(Source source, int change, const RouteKey &cause);
+  void name_hops(const std::vector<Hop> &hops, int change);
+  void refuse(std::uint32_t kind, std::int64_t change, const RouteKey &cause);
   void use_hops(const std::vector<Hop> &hops, std::int64_t change, const RouteKey &cause);
   void drop_unused(std::uint32_t number);
   void drop_unused(Source source);

@@ -110,6 +110,8 @@ void Server::accept_router() {
   if (router < 0) {
     return;
   }
+  const int on = 1;
+  setsockopt(router, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);  // a router's machine may end without a word
   drop_router("a new one replaces it");
   router_ = router;
   log(Level::kInfo, "a router has connected from {}", text_of(address, bytes));
