@@ -48,7 +48,7 @@ void Directory::remove() const {
   }
 }
 
-encap_db_config_t config_in(const Directory &directory) {
+encap_db_config_t config_in(const Directory &directory, std::uint64_t size) {
   encap_db_config_t config{};
   config.directory = directory.path().c_str();
   config.name = "window";
@@ -57,7 +57,7 @@ encap_db_config_t config_in(const Directory &directory) {
   config.nh_size = kNhSize;
   config.tun_start = kTunStart;
   config.tun_size = kTunSize;
-  config.size = kWindowBytes;
+  config.size = size;
   return config;
 }
 

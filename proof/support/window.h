@@ -33,7 +33,7 @@ class Directory {
   pid_t maker_;  // a forked child leaves it alone
 };
 
-encap_db_config_t config_in(const Directory &directory);
+encap_db_config_t config_in(const Directory &directory, std::uint64_t size = kWindowBytes);
 
 // Prints the sentence and ends the program: for what no test can go on without.
 [[noreturn]] void give_up(const char *format, ...) __attribute__((format(printf, 1, 2)));

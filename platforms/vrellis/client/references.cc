@@ -10,12 +10,6 @@
 namespace clients {
 namespace {
 
-// Ends the open change after the operation of the database that counted.
-void commit() {
-  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
-  avl_change_commit();
-}
-
 int abort_with(int status) {
   avl_change_abort();
   return status;
@@ -42,12 +36,8 @@ int share(Ledger &ledger, Holding *holding, std::uint32_t nh, encap_entry_t *ent
     return abort_with(ENOMEM);
   }
   egr_nh_info_t &slot = nh_slot(nh);
-  avl_change_count(&slot.ref_count, slot.ref_count + 1);
-  const int status = vrl_find_and_share_egress_nh(nh);
-  if (status != 0) {
-    return abort_with(status);
-  }
-  commit();
+  avl_change_count_now(&slot.ref_count, slot.ref_count + 1);
+  avl_change_commit();
   return 0;
 }
 
@@ -98,11 +88,40 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
   if (vrl_insert_egress_encap(&info, key) != 0) {
     return abort_with(ENOMEM);
   }
-  commit();
+  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
+  avl_change_commit();
   entry->nh = info.egr_nh;
   entry->tunnel = info.egr_tun;
   entry->nh_created = 1;
   entry->tunnel_created = info.tun_found == 0 && info.egr_tun != 0 ? 1 : 0;
+  return 0;
+}
+
+// Takes the NH out after its last reference, and the tunnel after its last NH. Requires an open change. Returns: 0;
+// EINVAL when the database is damaged.
+int take_out(std::uint32_t nh, encap_left_t *left) {
+  egr_nh_info_t &slot = nh_slot(nh);
+  egr_tun_info_t &tunnel_of_nh = tunnel_slot(left->tunnel);
+  avl_change_count(&slot.ref_count, 0);
+  note_nh_slot(nh);
+  note_tunnel_slot(left->tunnel);
+  avl_change_count(&tunnel_of_nh.ref_count, tunnel_of_nh.ref_count - 1);
+  give_nh_back(client_root(), nh);
+  left->nh_left = 1;
+  left->tunnel_left = tunnel_of_nh.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
+  if (left->tunnel_left != 0) {
+    give_tunnel_back(client_root(), left->tunnel);
+  }
+  // The removal counts down before it touches a tree.
+  avl_change_counted(AVL_CHANGE_COUNTED_WITH_NEXT);
+  std::uint32_t tunnel = 0;
+  std::uint32_t nh_to_del = 0;
+  std::uint32_t tunnel_to_del = 0;
+  const int status = vrl_delete_and_free_egress_encap_with_nh_key(nh, &tunnel, &nh_to_del, &tunnel_to_del);
+  if (status != 0 || nh_to_del == 0) {
+    return EINVAL;
+  }
+  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
   return 0;
 }
 
@@ -150,7 +169,8 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   if (holding == nullptr) {
     return ENOENT;
   }
-  if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || !tunnel_in_range(nh_slot(nh).egr_tun)) {
+  if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || nh_slot(nh).ref_count == 0 ||
+      !tunnel_in_range(nh_slot(nh).egr_tun)) {
     return EINVAL;
   }
   egr_nh_info_t &slot = nh_slot(nh);
@@ -158,30 +178,12 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   left->tunnel = slot.egr_tun;
   begin_change();
   left->held = drop_reference(ledger, holding, first);
-  avl_change_count(&slot.ref_count, slot.ref_count - 1);
-  const bool goes = slot.ref_count == 1;
-  if (goes) {
-    egr_tun_info_t &tunnel = tunnel_slot(left->tunnel);
-    note_nh_slot(nh);
-    note_tunnel_slot(left->tunnel);
-    avl_change_count(&tunnel.ref_count, tunnel.ref_count - 1);
-    give_nh_back(client_root(), nh);
-    left->nh_left = 1;
-    left->tunnel_left = tunnel.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
-    if (left->tunnel_left != 0) {
-      give_tunnel_back(client_root(), left->tunnel);
-    }
-    // The removal counts down before it touches a tree.
-    avl_change_counted(AVL_CHANGE_COUNTED_WITH_NEXT);
-  }
-  std::uint32_t tunnel = 0;
-  std::uint32_t nh_to_del = 0;
-  std::uint32_t tunnel_to_del = 0;
-  const int status = vrl_delete_and_free_egress_encap_with_nh_key(nh, &tunnel, &nh_to_del, &tunnel_to_del);
-  if (status != 0 || (nh_to_del != 0) != goes) {
+  if (slot.ref_count > 1) {
+    avl_change_count_now(&slot.ref_count, slot.ref_count - 1);
+  } else if (take_out(nh, left) != 0) {
     return abort_with(EINVAL);
   }
-  commit();
+  avl_change_commit();
   settle_size(ledger);
   return 0;
 }

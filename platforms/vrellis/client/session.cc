@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "avl/avl_change.h"
+#include "avl.h"
 #include "mpls_egress_encap_db.h"
 
 namespace clients {

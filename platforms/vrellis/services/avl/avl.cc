@@ -131,8 +131,13 @@ void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
   }
   vrellis::trace_operation_begins();
   const vrellis::WindowMap *const map = vrellis::window_of(root);
-  Link *const top =
-      is_unsettled(map) ? link_at(root_after_roll_back(*map, address_of(root))) : static_cast<Link *>(root);
+  auto *top = static_cast<Link *>(root);
+  if (is_unsettled(map)) [[unlikely]] {
+    top = link_at(root_after_roll_back(*map, address_of(root)));
+    if (top == nullptr) {
+      return nullptr;  // the root was the first node of a tree, in a change that its process did not end
+    }
+  }
   prefetch_around(map, top);
   const Spot spot = descend(top, probe, compare);
   vrellis::search_ends.previous = vrellis::search_ends.last;

@@ -38,6 +38,13 @@ void avl_change_count(const uint32_t *count, uint32_t next) {
   note(address_of(count) | kCount, Word{*count} << 32 | next);
 }
 
+void avl_change_count_now(uint32_t *count, uint32_t next) {
+  note_all({{address_of(count) | kCount, Word{*count} << 32 | next}, {kMark, kCountedByBit}});
+  store_pair(count, next, count[1] | kJustCounted);
+  note(kMark, kCountedNow);
+  store_half(count + 1, count[1] & ~kJustCounted);
+}
+
 void avl_change_counted(enum avl_change_counted when) {
   note(kMark, when);
 }

@@ -34,9 +34,15 @@ AVL_CHANGE_API void avl_change_note(const void *words, size_t bytes);
 
 /*
  * Notes a count that is about to become `next`. When the change is taken back, the difference is taken back, and not
- * what another process has added since.
+ * what another process has added since. Bit 31 of the 4-byte word behind the count must be one without a meaning.
  */
 AVL_CHANGE_API void avl_change_count(const uint32_t *count, uint32_t next);
+
+/*
+ * Notes and changes a count at once. A recovery knows whether the count has changed, whatever others have added since:
+ * the same store sets bit 31 of the word behind the count. The bit is clear again when the call returns.
+ */
+AVL_CHANGE_API void avl_change_count_now(uint32_t *count, uint32_t next);
 
 /* When every count that was noted has become what it was to become. */
 enum avl_change_counted {

@@ -72,17 +72,23 @@ inline bool is_unsettled(const WindowMap *map) {
   return map != nullptr && undo_log_of(*map).count != 0 && open_change.map == nullptr;
 }
 
-// Adds an entry to the log of the open change.
-inline void note(Word address, Word old) {
+// Adds entries to the log of the open change, all by one store.
+template <std::size_t kEntries>
+inline void note_all(const UndoEntry (&entries)[kEntries]) {
   UndoLog &log = undo_log_of(*open_change.map);
   const Word count = log.count;
-  if (count >= kUndoCapacity) [[unlikely]] {
+  if (count > kUndoCapacity - kEntries) [[unlikely]] {
     __builtin_trap();  // the bound above is wrong: a word that is not noted could not be taken back
   }
-  UndoEntry &entry = log.entries[count];
-  store(&entry.address, address);
-  store(&entry.old, old);
-  store(&log.count, count + 1);
+  for (std::size_t i = 0; i < kEntries; ++i) {
+    store(&log.entries[count + i].address, entries[i].address);
+    store(&log.entries[count + i].old, entries[i].old);
+  }
+  store(&log.count, count + kEntries);
+}
+
+inline void note(Word address, Word old) {
+  note_all({UndoEntry{address, old}});
 }
 
 // Writes a word that needs no undoing in a change of one tree alone (U3), but does in a change of the whole window.

@@ -5,8 +5,9 @@
 //   kWord    an 8-byte word: `old` is what it held
 //   kHalf    a 4-byte word: likewise
 //   kCount   a 4-byte count: `old` is what it held, shifted by 32, and what it becomes. Processes that do not settle the
-//            window before they count may have changed it since, so the difference is taken back.
-//   kMark    no word: the counts of the entries before it have changed, or with `old` 1, have once an entry follows
+//            window before they count may have changed it since, so the difference is taken back. Bit 31 of the
+//            4-byte word behind a count has no meaning of its own.
+//   kMark    no word: tells when the counts of the entries before it have changed, by `old` (Counted)
 #ifndef VRELLIS_AVL_UNDO_LOG_H
 #define VRELLIS_AVL_UNDO_LOG_H
 
@@ -19,6 +20,13 @@
 namespace vrellis::avl {
 
 enum EntryKind : Word { kWord = 0, kHalf = 1, kCount = 2, kMark = 3, kKindBits = 3 };
+
+enum Counted : Word {
+  kCountedNow = 0,
+  kCountedWithNext = 1,  // once an entry follows
+  kCountedByBit = 2,     // with the store that sets kJustCounted in the word behind the count
+};
+inline constexpr std::uint32_t kJustCounted = std::uint32_t{1} << 31;
 
 struct UndoEntry {
   Word address;  // of a word in the same window, and its kind
@@ -53,7 +61,9 @@ struct LogWindow {
   bool has_entry(Word entry) const {
     const Word kind = entry & kKindBits;
     const bool whole = ((entry & ~Word{kKindBits}) & (sizeof(Word) - 1)) == 0;
-    return kind == kMark || ((kind != kWord || whole) && has(entry & ~(sizeof(Word) - 1)));
+    const Word behind = kind == kCount ? entry + sizeof(std::uint32_t) : entry;
+    return kind == kMark ||
+           ((kind != kWord || whole) && has(entry & ~(sizeof(Word) - 1)) && has(behind & ~(sizeof(Word) - 1)));
   }
 
   Word here(Word address) const { return address + static_cast<Word>(shift); }
@@ -63,17 +73,36 @@ inline void store_half(std::uint32_t *word, std::uint32_t value) {
   __atomic_store_n(word, value, __ATOMIC_RELEASE);
 }
 
-// Takes the difference back. If it is not known that the count has changed, it has unless it holds its old value.
-inline void restore_count(std::uint32_t *count, Word old, bool has_changed) {
+// Both words in one instruction, so that no death falls between them. They need not lie in one aligned word.
+inline void store_pair(std::uint32_t *words, std::uint32_t first, std::uint32_t second) {
+  struct [[gnu::packed, gnu::may_alias]] Pair {
+    std::uint64_t word;
+  };
+  reinterpret_cast<volatile Pair *>(words)->word = std::uint64_t{second} << 32 | first;
+}
+
+// What the marks behind an entry tell of the counts before them.
+struct Marks {
+  bool counted = false;
+  bool by_bit = false;
+};
+
+// Takes the difference back. Without a mark a count has changed unless it holds its old value. The bit goes by the same
+// store, so that the difference is not taken back again.
+inline void restore_count(std::uint32_t *count, Word old, const Marks &marks) {
   const auto before = static_cast<std::uint32_t>(old >> 32);
   const auto after = static_cast<std::uint32_t>(old);
-  if (has_changed || *count != before) {
-    store_half(count, *count + before - after);
+  const bool has_bit = (count[1] & kJustCounted) != 0;
+  const bool has_changed = marks.counted || has_bit || (!marks.by_bit && *count != before);
+  const std::uint32_t restored = *count + (has_changed ? before - after : 0);
+  if (has_bit) {
+    store_pair(count, restored, count[1] & ~kJustCounted);
+  } else if (has_changed) {
+    store_half(count, restored);
   }
 }
 
-// `counted` tells whether the counts of earlier entries are known to have changed.
-inline void restore_entry(UndoLog &log, const LogWindow &window, Word number, bool is_newest, bool &counted) {
+inline void restore_entry(UndoLog &log, const LogWindow &window, Word number, bool is_newest, Marks &marks) {
   const UndoEntry &entry = log.entries[number];
   const Word address = window.here(entry.address & ~Word{kKindBits});
   switch (entry.address & kKindBits) {
@@ -84,12 +113,13 @@ inline void restore_entry(UndoLog &log, const LogWindow &window, Word number, bo
       store_half(half_at(address), static_cast<std::uint32_t>(entry.old));
       break;
     case kMark:
-      counted = counted || entry.old == 0 || !is_newest;
+      marks.counted = marks.counted || entry.old == kCountedNow || (entry.old == kCountedWithNext && !is_newest);
+      marks.by_bit = marks.by_bit || entry.old == kCountedByBit;
       break;
     default:
       // A difference may not be taken back twice: the entries behind this one are done, and it becomes the newest.
       store(&log.count, number + 1);
-      restore_count(half_at(address), entry.old, counted);
+      restore_count(half_at(address), entry.old, marks);
       store(&log.count, number);
   }
 }
@@ -116,9 +146,9 @@ inline bool is_sound(const LogWindow &window, const UndoLog &log) {
 inline bool restore_log(UndoLog &log, const LogWindow &window, Word kept) {
   const bool sound = is_sound(window, log);
   const Word count = sound ? log.count : 0;
-  bool counted = false;
+  Marks marks;
   for (Word left = count; left > kept; --left) {
-    restore_entry(log, window, left - 1, left == count, counted);
+    restore_entry(log, window, left - 1, left == count, marks);
   }
   store(&log.count, kept);
   return sound;

@@ -1,0 +1,41 @@
+// Plays the next process in the states that a death in a client's call leaves.
+#ifndef ENCAP_PROOF_CLIENTS_PLAYS_H
+#define ENCAP_PROOF_CLIENTS_PLAYS_H
+
+#include "picture.h"
+#include "scenarios.h"
+#include "support/stepper.h"
+
+namespace client_proof {
+
+// One scenario on a window of its own, at the moment before the call.
+struct Stage {
+  Stage(const crash::Directory &directory, const Scenario &what);
+
+  const Scenario &scenario;
+  encap_db_config_t config;
+  crash::Window window;
+  Cast cast;
+  crash::Image start;
+};
+
+// What the call goes through, as the next client finds it: before it, after each of its steps, and after it.
+struct Steps {
+  const Stage &stage;
+  std::vector<crash::Image> images;
+  std::vector<Picture> pictures;
+};
+Steps steps_of(const Stage &stage);
+
+// Each play all states and return false after the first one that is wrong, which they tell of.
+
+// The next client finds one of the steps. Out: *seconds, if wanted, the states that a death in its recovery leaves.
+bool play_clients(const Steps &steps, const crash::States &states, const char *which, crash::States *seconds);
+
+// A process without a client works before the next client comes: what it completes has its whole effect, and no other.
+// Out: *works, how often.
+bool play_others(const Steps &steps, const crash::States &states, std::uint64_t *works);
+
+}  // namespace client_proof
+
+#endif
