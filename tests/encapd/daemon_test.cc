@@ -165,6 +165,7 @@ TEST_F(DaemonTest, IsKilledInAFloodAndEndsAsIfItHadNotBeen) {
   start({"--leave"});
   await("listening");
   EXPECT_EQ(end(SIGTERM), 0);
+  EXPECT_EQ(text_of(path("encaps.fpm.status")), "");
   start({});
   await("listening");
   EXPECT_EQ(info().held, 0U);

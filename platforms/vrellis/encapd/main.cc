@@ -24,6 +24,7 @@ int run(const encapd::Options &options) {
   }
   if (listens && options.leave) {
     feed.leave();
+    unlink(options.status_file.c_str());
   } else {
     encap_client_close(client);
   }
