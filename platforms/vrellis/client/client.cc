@@ -1,4 +1,5 @@
 // The calls: each checks its arguments, takes the lock for each of its steps, and gives it back before a callback.
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -30,6 +31,8 @@ int refuse_name(shmwin_error_t *error, int status, const char *name, const Clien
   switch (status) {
     case EBUSY:
       return refuse(error, status, "the client '%s' is alive: process %u has the name", name, pid_of(*record));
+    case EINVAL:
+      return refuse(error, status, "the client '%s' finds the records of clients damaged", name);
     case EAGAIN:
       return refuse(error, status, "the client '%s' finds no free name: all %d are taken", name, ENCAP_CLIENT_MAX);
     default:
@@ -60,7 +63,9 @@ int open_name(const char *name, encap_client_t *client, shmwin_error_t *error) {
 }
 
 void end(encap_client_t *client) {
-  close_database();
+  if (client->generation == generation()) {  // a child of fork has none of its parent's clients
+    close_database();
+  }
   std::free(client);
 }
 
@@ -97,8 +102,8 @@ int sweep(const encap_client_t &client, Ledger &ledger, Left is_left, Due is_due
     encap_left_t left{};
     status = ENOENT;
     const bool some = is_left();
-    for (std::uint32_t turns = 0; some && status == ENOENT && turns < ledger.buckets; ++turns) {
-      number = number < ledger.buckets ? number : 0;
+    for (std::uint32_t turns = 0; some && status == ENOENT && turns < buckets_of(ledger); ++turns) {
+      number = number < buckets_of(ledger) ? number : 0;
       status = release_one(ledger, number, is_due, &left);
       number += status == ENOENT ? 1 : 0;
     }
@@ -146,7 +151,9 @@ int seize(const encap_client_t &client, const char *name, ClientRecord **record)
 }
 
 void describe(ClientRecord &record, encap_client_info_t *info) {
-  const Ledger &ledger = *at<Ledger>(record.ledger);
+  static const Ledger no_ledger{};  // of a damaged record
+  const auto *const own = at<Ledger>(record.ledger);
+  const Ledger &ledger = own != nullptr ? *own : no_ledger;
   const std::uint32_t state = state_of(record);
   if (state == ENCAP_CLIENT_DEAD) {
     begin_change();
@@ -154,7 +161,7 @@ void describe(ClientRecord &record, encap_client_info_t *info) {
     avl_change_commit();
   }
   *info = encap_client_info_t{};
-  std::memcpy(info->name, record.name, sizeof info->name);
+  std::memcpy(info->name, record.name, sizeof info->name - 1);
   info->pid = pid_of(record);
   info->state = state;
   info->since = record.since;
@@ -168,13 +175,20 @@ void describe(ClientRecord &record, encap_client_info_t *info) {
   info->refused = ledger.calls[kRefused];
 }
 
-// NHs of all holdings, as of one moment. Requires the lock. Returns: how many, of which at most `room` are stored.
+// NHs of all holdings, as of one moment. Requires the lock.
+// Returns: how many, of which the first `room` are stored; or more than `room`, with none stored.
 std::uint64_t list_nhs(Ledger &ledger, std::uint32_t *nhs, std::uint64_t room) {
+  const std::uint64_t most = egress_encap_db->nh_end - egress_encap_db->nh_start;
+  const std::uint64_t told = std::min(ledger.nhs, most);
   std::uint64_t count = 0;
-  for (std::uint32_t number = 0; ledger.nhs <= room && number < ledger.buckets; ++number) {
-    each_in(bucket_at(ledger, number), [&](const Holding &holding) { nhs[count++] = holding.nh; });
+  for (std::uint32_t number = 0; told <= room && number < buckets_of(ledger); ++number) {
+    each_in(bucket_at(ledger, number), [&](const Holding &holding) {
+      if (count < room) {
+        nhs[count++] = holding.nh;
+      }
+    });
   }
-  return ledger.nhs;
+  return told <= room ? count : told;
 }
 
 // Out: *nhs, to be freed, and *count. Returns: 0; ENOMEM; the lock's status.
@@ -345,7 +359,8 @@ int encap_client_reclaim(encap_client_t *client, const char *name, void (*gone)(
   if (status != 0) {
     return status;
   }
-  status = release_all(*client, *at<Ledger>(record->ledger), gone, arg);
+  auto *const ledger = at<Ledger>(record->ledger);
+  status = ledger != nullptr ? release_all(*client, *ledger, gone, arg) : EINVAL;
   const int closed = hand_back_record(*client, *record);
   return status != 0 ? status : closed;
 }
@@ -356,8 +371,8 @@ int encap_client_list(encap_client_t *client, encap_client_info_t *out, uint32_t
     return status;
   }
   *count = 0;
-  auto *const records = at<ClientRecord>(client_root().clients);
-  for (std::uint32_t i = 0; i < ENCAP_CLIENT_MAX; ++i) {
+  ClientRecord *const records = all_records();
+  for (std::uint32_t i = 0; records != nullptr && i < ENCAP_CLIENT_MAX; ++i) {
     if (records[i].name[0] != '\0') {
       if (*count < room) {
         describe(records[i], &out[*count]);
@@ -366,5 +381,5 @@ int encap_client_list(encap_client_t *client, encap_client_info_t *out, uint32_t
     }
   }
   leave_database();
-  return 0;
+  return records != nullptr ? 0 : EINVAL;
 }

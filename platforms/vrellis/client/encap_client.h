@@ -105,7 +105,8 @@ typedef struct encap_client_info {
  * Makes or attaches the database and becomes the client of the configured name, with everything that the name held.
  * Out: *client, to be given back by encap_client_close() or encap_client_leave(); NULL after a failure.
  * Returns: 0; 16 (EBUSY) while a live process has the name; 11 (EAGAIN) when 64 names are taken; 12 (ENOMEM) when the
- *   window or the process has no memory for a client; 22 for a name that cannot be; else the codes of encap_db_open();
+ *   window or the process has no memory for a client; 22 for a name that cannot be, or when the records of
+ *   the clients are damaged; else the codes of encap_db_open();
  *   `error` (may be NULL) filled with one sentence.
  * A process may open several names of one database.
  */
@@ -178,7 +179,7 @@ ENCAP_CLIENT_API int encap_client_reclaim(encap_client_t *client, const char *na
 /*
  * Lists the names of the database.
  * Out: out[0] to out[room - 1], as far as there are names; *count, how many names there are.
- * Returns: 0.
+ * Returns: 0; 22 when the records of the clients are damaged.
  */
 ENCAP_CLIENT_API int encap_client_list(encap_client_t *client, encap_client_info_t *out, uint32_t room,
                                        uint32_t *count);

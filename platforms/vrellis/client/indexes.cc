@@ -1,5 +1,6 @@
 #include "indexes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
@@ -14,22 +15,34 @@ constexpr std::uint32_t kPageIndexes = sizeof(QueuePage::index) / sizeof(std::ui
 // database's operations directly give indexes back without telling the queue.
 constexpr std::int64_t kNextLookNs = 100'000'000;
 
-bool is_free_nh(std::uint32_t index) {
-  return egress_encap_db->nh_info_array[index - egress_encap_db->nh_start].valid == 0;
+bool is_free_nh(std::uint32_t place) {
+  return egress_encap_db->nh_info_array[place].valid == 0;
 }
 
-bool is_free_tunnel(std::uint32_t index) {
+bool is_free_tunnel(std::uint32_t place) {
   // Index 0 is the null tunnel, also where the range begins with it.
-  return index != 0 && egress_encap_db->tun_info_array[index - egress_encap_db->tun_start].valid == 0;
+  return egress_encap_db->tun_start + place != 0 && egress_encap_db->tun_info_array[place].valid == 0;
 }
 
 struct Kind {
-  bool (*is_free)(std::uint32_t index);
-  std::uint32_t egress_encap_db_t::*start;
+  bool (*is_free_at)(std::uint32_t place);
+  std::uint32_t egress_encap_db_t::*start_field;
+  std::uint32_t egress_encap_db_t::*end_field;
   std::int64_t next_look_ns;  // guarded by the database lock
+
+  std::uint32_t start() const { return egress_encap_db->*start_field; }
+  std::uint32_t end() const { return egress_encap_db->*end_field; }
+  // False for a damaged index, too.
+  bool is_free(std::uint32_t index) const { return index >= start() && index < end() && is_free_at(index - start()); }
 };
-constinit Kind nhs{is_free_nh, &egress_encap_db_t::nh_start, 0};
-constinit Kind tunnels{is_free_tunnel, &egress_encap_db_t::tun_start, 0};
+constinit Kind nhs{is_free_nh, &egress_encap_db_t::nh_start, &egress_encap_db_t::nh_end, 0};
+constinit Kind tunnels{is_free_tunnel, &egress_encap_db_t::tun_start, &egress_encap_db_t::tun_end, 0};
+
+// Whether an index waits that can be taken. In a damaged queue none does.
+bool has_waiting(const IndexQueue &queue, const Kind &kind) {
+  return queue.waiting != 0 && queue.waiting <= kind.end() - kind.start() && queue.take < kPageIndexes &&
+         at<QueuePage>(queue.oldest) != nullptr;
+}
 
 // Takes the index that waited longest. Requires one that waits.
 std::uint32_t take_oldest(IndexQueue &queue) {
@@ -58,11 +71,11 @@ std::uint32_t oldest(const IndexQueue &queue) {
 
 // The next index that was never given out and is free. Others were taken by processes that choose indexes themselves.
 bool choose_fresh(IndexQueue &queue, const Kind &kind, std::uint32_t *index) {
-  std::uint32_t fresh = queue.fresh;
-  while (fresh < queue.end && !kind.is_free(fresh)) {
+  std::uint32_t fresh = std::max(queue.fresh, kind.start());
+  while (fresh < kind.end() && !kind.is_free(fresh)) {
     ++fresh;
   }
-  const bool found = fresh < queue.end;
+  const bool found = fresh < kind.end();
   const std::uint32_t next = found ? fresh + 1 : fresh;
   if (next != queue.fresh) {
     put(queue.fresh, next);
@@ -81,14 +94,14 @@ int choose(IndexQueue &queue, Kind &kind, std::uint32_t *index) {
   if (choose_fresh(queue, kind, index)) {
     return 0;
   }
-  if (queue.waiting != 0) {
+  if (has_waiting(queue, kind)) {
     *index = take_oldest(queue);
     return kind.is_free(*index) ? 0 : ENOSPC;
   }
   if (monotonic_ns() < kind.next_look_ns) {
     return ENOSPC;
   }
-  put(queue.fresh, egress_encap_db->*kind.start);
+  put(queue.fresh, kind.start());
   if (choose_fresh(queue, kind, index)) {
     return 0;
   }
@@ -98,7 +111,7 @@ int choose(IndexQueue &queue, Kind &kind, std::uint32_t *index) {
 
 // Takes indexes that are in use off the front of the queue, each in a change of its own.
 void clear_front(IndexQueue &queue, const Kind &kind) {
-  while (queue.waiting != 0 && !kind.is_free(oldest(queue))) {
+  while (has_waiting(queue, kind) && !kind.is_free(oldest(queue))) {
     avl_change_begin(&egress_encap_db->tun_root);
     take_oldest(queue);
     avl_change_commit();
@@ -106,12 +119,13 @@ void clear_front(IndexQueue &queue, const Kind &kind) {
 }
 
 // An index that cannot be put into the queue for want of memory is found by the next look at every slot.
-void give_back(IndexQueue &queue, std::uint32_t index, std::uint32_t start) {
+void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
+  auto *page = at<QueuePage>(queue.newest);
+  const bool damaged = page == nullptr ? queue.waiting != 0 : queue.put > kPageIndexes;
   // One that was never given out comes anyway, and a queue as long as the range has them all.
-  if (index >= queue.fresh || queue.waiting >= queue.end - start) {
+  if (index >= queue.fresh || queue.waiting >= kind.end() - kind.start() || damaged) {
     return;
   }
-  auto *page = at<QueuePage>(queue.newest);
   if (page == nullptr || queue.put == kPageIndexes) {
     auto *const more = take<QueuePage>();
     if (more == nullptr) {
@@ -148,11 +162,11 @@ int choose_tunnel(ClientRoot &root, std::uint32_t *index) {
 }
 
 void give_nh_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.nhs, index, egress_encap_db->nh_start);
+  give_back(root.nhs, nhs, index);
 }
 
 void give_tunnel_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.tunnels, index, egress_encap_db->tun_start);
+  give_back(root.tunnels, tunnels, index);
 }
 
 }  // namespace clients

@@ -10,12 +10,13 @@ namespace {
 constexpr std::uint32_t kMostMoved = 64;
 
 Holding *find_in(Bucket &bucket, std::uint32_t nh) {
-  for (std::uint32_t i = 0; i < bucket.used; ++i) {
+  for (std::uint32_t i = 0; i < std::min(bucket.used, kBucketHoldings); ++i) {
     if (bucket.holding[i].nh == nh) {
       return &bucket.holding[i];
     }
   }
-  for (auto *spill = at<Spill>(bucket.spill); spill != nullptr; spill = at<Spill>(spill->next)) {
+  auto *spill = at<Spill>(bucket.spill);
+  for (std::uint32_t i = 0; spill != nullptr && i < kMostSpills; ++i, spill = at<Spill>(spill->next)) {
     for (Holding &holding : spill->holding) {
       if (holding.nh == nh && holding.held != 0) {
         return &holding;
@@ -140,7 +141,11 @@ bool add_segment(Ledger &ledger, std::uint32_t number) {
   if (segment == nullptr) {
     return false;
   }
-  put(*segment_word(ledger, number), address_of(segment));
+  std::uint64_t *const word = segment_word(ledger, number);
+  if (word == nullptr) {
+    return false;
+  }
+  put(*word, address_of(segment));
   return true;
 }
 
@@ -160,9 +165,24 @@ std::uint32_t partner_of(std::uint32_t number) {
   return number - std::bit_floor(number);
 }
 
+// What a damaged ledger gives for every bucket that it leads to nowhere. Nothing is written there.
+constinit Bucket no_bucket{};
+
+bool is_sound_bucket(Ledger &ledger, std::uint32_t number) {
+  const Bucket &bucket = bucket_at(ledger, number);
+  const auto *const spill = at<Spill>(bucket.spill);
+  return &bucket != &no_bucket && bucket.used <= kBucketHoldings &&
+         (bucket.spill == 0 || (spill != nullptr && used_of(*spill) != 0));
+}
+
+bool is_sound_size(const Ledger &ledger) {
+  return ledger.buckets >= kInlineBuckets && ledger.buckets <= kMostBuckets;
+}
+
 bool grow(Ledger &ledger) {
   const std::uint32_t number = ledger.buckets;
-  if (number == kMostBuckets || (is_first_of_segment(number) && !add_segment(ledger, number))) {
+  if (number == kMostBuckets || (is_first_of_segment(number) && !add_segment(ledger, number)) ||
+      !is_sound_bucket(ledger, number) || !is_sound_bucket(ledger, partner_of(number))) {
     return false;
   }
   put(ledger.buckets, number + 1);
@@ -171,6 +191,9 @@ bool grow(Ledger &ledger) {
 
 bool shrink(Ledger &ledger) {
   const std::uint32_t number = ledger.buckets - 1;
+  if (!is_sound_bucket(ledger, number) || !is_sound_bucket(ledger, partner_of(number))) {
+    return false;
+  }
   Bucket &last = bucket_at(ledger, number);
   if (!move(last, bucket_at(ledger, partner_of(number)), partner_of(number), number)) {
     return false;
@@ -188,11 +211,18 @@ Bucket &bucket_at(Ledger &ledger, std::uint32_t number) {
   if (number < kInlineBuckets) {
     return ledger.first[number];
   }
-  return at<Bucket>(*segment_word(ledger, number))[(number - kInlineBuckets) % kSegmentBuckets];
+  const std::uint64_t *const word = number < kMostBuckets ? segment_word(ledger, number) : nullptr;
+  auto *const segment = word != nullptr ? at<Page>(*word) : nullptr;
+  return segment != nullptr ? reinterpret_cast<Bucket *>(segment)[(number - kInlineBuckets) % kSegmentBuckets]
+                            : no_bucket;
+}
+
+bool is_sound(Ledger &ledger, std::uint32_t nh) {
+  return is_sound_size(ledger) && is_sound_bucket(ledger, bucket_number(hash_of(nh), ledger.buckets));
 }
 
 Holding *find_holding(Ledger &ledger, std::uint32_t nh) {
-  return find_in(bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)), nh);
+  return is_sound(ledger, nh) ? find_in(bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)), nh) : nullptr;
 }
 
 std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh) {
@@ -241,7 +271,7 @@ void renew_reference(Ledger &ledger, Holding &holding) {
 void settle_size(Ledger &ledger) {
   const bool grows = ledger.nhs > std::uint64_t{kGrowAbove} * ledger.buckets;
   const bool shrinks = ledger.buckets > kInlineBuckets && ledger.nhs < std::uint64_t{kShrinkBelow} * ledger.buckets;
-  if (!grows && !shrinks) {
+  if ((!grows && !shrinks) || !is_sound_size(ledger)) {
     return;
   }
   avl_change_begin(&egress_encap_db->tun_root);
@@ -253,7 +283,7 @@ void settle_size(Ledger &ledger) {
 }
 
 void forget_old_epochs(Ledger &ledger) {
-  for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+  for (std::uint32_t number = 0; number < buckets_of(ledger); ++number) {
     each_in(bucket_at(ledger, number), [&](Holding &holding) {
       if (holding.marks >> 24 != ledger.epoch) {
         __atomic_store_n(&holding.marks, marks_of(ledger.epoch, 0), __ATOMIC_RELEASE);

@@ -3,9 +3,15 @@
 #ifndef VRELLIS_CLIENT_LEDGER_H
 #define VRELLIS_CLIENT_LEDGER_H
 
+#include <algorithm>
+
 #include "layout.h"
+#include "window.h"
 
 namespace clients {
+
+// False when the words that lead to the bucket of an NH are damaged. What changes references requires that they are not.
+bool is_sound(Ledger &ledger, std::uint32_t nh);
 
 // Returns: nullptr when the client holds nothing on that NH.
 Holding *find_holding(Ledger &ledger, std::uint32_t nh);
@@ -38,16 +44,24 @@ inline void count_call(Ledger &ledger, Count kind) {
   ++ledger.calls[kind];  // a figure for people: a death may cost one
 }
 
+// Returns: an empty bucket outside the window when the words that lead to this one are damaged.
 Bucket &bucket_at(Ledger &ledger, std::uint32_t number);
+
+inline std::uint32_t buckets_of(const Ledger &ledger) {
+  return std::min(ledger.buckets, kMostBuckets);
+}
+
+// More are in no bucket, but in a damaged one, where they may form a ring.
+inline constexpr std::uint32_t kMostSpills = 1U << 20;
 
 // Calls visit(holding) for each holding of a bucket.
 template <typename Visit>
 void each_in(Bucket &bucket, Visit visit) {
-  for (std::uint32_t i = 0; i < bucket.used; ++i) {
+  for (std::uint32_t i = 0; i < std::min(bucket.used, kBucketHoldings); ++i) {
     visit(bucket.holding[i]);
   }
-  for (auto *spill = reinterpret_cast<Spill *>(bucket.spill); spill != nullptr;
-       spill = reinterpret_cast<Spill *>(spill->next)) {
+  auto *spill = at<Spill>(bucket.spill);
+  for (std::uint32_t i = 0; spill != nullptr && i < kMostSpills; ++i, spill = at<Spill>(spill->next)) {
     for (Holding &holding : spill->holding) {
       if (holding.held != 0) {
         visit(holding);

@@ -74,12 +74,17 @@ bool is_name(const char *name) {
   return length > 0 && length < ENCAP_CLIENT_NAME_BYTES && std::strspn(name, kAllowed) == length;
 }
 
-ClientRecord *record_of(const char *name) {
+ClientRecord *all_records() {
   if (client_root().magic != kRootMagic) {
     return nullptr;
   }
-  auto *const all = at<ClientRecord>(client_root().clients);
-  for (std::uint32_t i = 0; i < ENCAP_CLIENT_MAX; ++i) {
+  auto *const page = at<Page>(client_root().clients);
+  return page != nullptr ? at<ClientRecord>(address_of(page)) : nullptr;
+}
+
+ClientRecord *record_of(const char *name) {
+  ClientRecord *const all = all_records();
+  for (std::uint32_t i = 0; all != nullptr && i < ENCAP_CLIENT_MAX; ++i) {
     if (std::strncmp(all[i].name, name, ENCAP_CLIENT_NAME_BYTES) == 0) {
       return &all[i];
     }
@@ -124,12 +129,17 @@ int become(const char *name, ClientRecord **record) {
   if (made != 0) {
     return made;
   }
+  if (all_records() == nullptr) {
+    return EINVAL;
+  }
   *record = record_of(name);
   int status = 0;
   if (*record == nullptr) {
     status = make_record(name, record);
   } else if (is_taken(**record)) {
     status = EBUSY;
+  } else if (at<Ledger>((*record)->ledger) == nullptr) {
+    status = EINVAL;
   }
   if (status == 0) {
     take_name_up(**record);
@@ -139,7 +149,7 @@ int become(const char *name, ClientRecord **record) {
 
 void hand_back(ClientRecord &record) {
   auto *const ledger = at<Ledger>(record.ledger);
-  if (ledger->held == 0) {
+  if (ledger == nullptr || ledger->held == 0) {
     avl_change_note(&record, sizeof record);
     std::memset(&record, 0, sizeof record);
     shmwin_free(ledger);

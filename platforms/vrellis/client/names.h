@@ -10,6 +10,9 @@ namespace clients {
 // Whether this can be a name. Requires nothing.
 bool is_name(const char *name);
 
+// All ENCAP_CLIENT_MAX of them. Returns: nullptr when there are none, or when the root is damaged.
+ClientRecord *all_records();
+
 // Returns: nullptr when no client has the name. "" finds a free record.
 ClientRecord *record_of(const char *name);
 
@@ -21,7 +24,8 @@ std::uint32_t state_of(const ClientRecord &record);
 // Whether a process that lives, or that cannot be looked at, has the name.
 bool is_taken(const ClientRecord &record);
 
-// Makes this process the one of the name. Out: *record. Returns: 0; EBUSY, with *record; EAGAIN; ENOMEM.
+// Makes this process the one of the name. Out: *record. Returns: 0; EBUSY, with *record; EAGAIN; ENOMEM; EINVAL when
+// the records are damaged.
 int become(const char *name, ClientRecord **record);
 void take_name_up(ClientRecord &record);
 

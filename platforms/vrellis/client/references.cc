@@ -78,6 +78,9 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
   if (chosen != 0) {
     return abort_with(chosen);
   }
+  if (!is_sound(ledger, info.egr_nh)) {
+    return abort_with(EINVAL);
+  }
   // The slot was free, so that nothing can be held on this index.
   entry->held = add_reference(ledger, nullptr, info.egr_nh);
   if (entry->held == 0) {
@@ -148,6 +151,9 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
     settle_size(ledger);
     return status;
   }
+  if (!is_sound(ledger, found.nh->nh_index)) {
+    return EINVAL;
+  }
   entry->nh = found.nh->nh_index;
   entry->tunnel = found.tunnel->egr_tun;
   Holding *const holding = find_holding(ledger, entry->nh);
@@ -167,7 +173,7 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
 int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_left_t *left) {
   Holding *const holding = find_holding(ledger, nh);
   if (holding == nullptr) {
-    return ENOENT;
+    return is_sound(ledger, nh) ? ENOENT : EINVAL;
   }
   if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || nh_slot(nh).ref_count == 0 ||
       !tunnel_in_range(nh_slot(nh).egr_tun)) {

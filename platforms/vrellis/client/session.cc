@@ -8,6 +8,7 @@
 
 #include "avl.h"
 #include "mpls_egress_encap_db.h"
+#include "window.h"
 
 namespace clients {
 namespace {
@@ -59,7 +60,12 @@ int open_database(const encap_db_config_t &config, shmwin_error_t *error) {
     status = encap_db_open(&sized, nullptr, error);
     opened.owns_database = status == 0;
   }
-  opened.clients += status == 0 ? 1 : 0;
+  if (status == 0) {
+    shmwin_stat_t stat{};
+    shmwin_stat(config.shm_id, &stat);
+    extent = {stat.address + stat.overhead, stat.size - stat.overhead};
+    ++opened.clients;
+  }
   pthread_mutex_unlock(&opened.mutex);
   return status;
 }

@@ -19,8 +19,22 @@ void put(Word &word, Word value) {
   __atomic_store_n(&word, value, __ATOMIC_RELEASE);
 }
 
+// The heap of the database's window, from when a client of this process opened it.
+struct Extent {
+  std::uint64_t begin;
+  std::uint64_t bytes;
+};
+inline constinit Extent extent{0, ~std::uint64_t{0}};
+
+// The record at an address that the window holds. Every process can write there.
+// Returns: nullptr when no such record lies in the heap.
 template <typename Record>
 Record *at(std::uint64_t address) {
+  const std::uint64_t offset = address - extent.begin;
+  if (address == 0 || address % alignof(Record) != 0 || offset >= extent.bytes ||
+      extent.bytes - offset < sizeof(Record)) {
+    return nullptr;
+  }
   return reinterpret_cast<Record *>(address);  // NOLINT(performance-no-int-to-ptr): the window holds plain addresses
 }
 

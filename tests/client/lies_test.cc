@@ -1,0 +1,152 @@
+// What another process may do to a client: write lies into the window, fork, and take every name.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "client_fixture.h"
+#include "layout.h"
+
+namespace test_support {
+namespace {
+
+// In a child that has its parent's clients: no handler of fork() runs.
+template <typename Work>
+int in_copy(Work work) {
+  const pid_t child = _Fork();
+  if (child == 0) {
+    alarm(20);
+    work();
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+void call_everything(encap_client_t *a, const encap_client_config_t &config) {
+  encap_client_info_t info[2];
+  std::uint32_t count = 0;
+  encap_client_list(a, info, 2, &count);
+  encap_client_each(
+      a, [](const encap_holding_t *, void *) {}, nullptr);
+  for (std::uint32_t i = 0; i < 30; ++i) {
+    encap_client_enter(a, key(5000 + i, 200 + i), nullptr, nullptr);
+    encap_client_enter(a, key(100 + i, 100), nullptr, nullptr);
+    encap_client_release(a, kNhStart + 20 * i, nullptr);
+  }
+  encap_client_refresh_begin(a);
+  encap_client_enter(a, key(100, 100), nullptr, nullptr);
+  encap_client_refresh_end(a, nullptr, nullptr);
+  encap_client_reclaim(a, config.name, nullptr, nullptr);
+  encap_client_t *other = nullptr;
+  if (encap_client_open(&config, &other, nullptr) == 0) {
+    encap_client_close(other);
+  }
+  encap_client_leave(a, nullptr, nullptr);
+}
+
+using clients::Bucket;
+using clients::ClientRecord;
+using clients::Ledger;
+
+class LiesTest : public ClientTest {
+ protected:
+  static clients::ClientRoot &root() {
+    return *reinterpret_cast<clients::ClientRoot *>(reinterpret_cast<char *>(egress_encap_db) + clients::kRootOffset);
+  }
+
+  template <typename Record>
+  static Record *at(std::uint64_t address) {
+    return reinterpret_cast<Record *>(address);
+  }
+
+  // Each 4-byte word in turn is a lie of each kind; then the window is as before. A lie that names another block of the
+  // same kind is not among them: no client can tell it from the truth.
+  void lie_in(const void *words, std::size_t bytes, const char *where) {
+    void *window = nullptr;
+    std::size_t size = 0;
+    ASSERT_EQ(shmwin_bounds(config_.shm_id, &window, &size), 0);
+    const std::vector<char> image(static_cast<char *>(window), static_cast<char *>(window) + size);
+    const std::size_t begin = static_cast<std::size_t>(static_cast<const char *>(words) - static_cast<char *>(window));
+    for (std::size_t offset = begin; offset < begin + bytes; offset += 4) {
+      std::uint32_t truth = 0;
+      std::memcpy(&truth, image.data() + offset, sizeof truth);
+      for (const std::uint32_t lie : {0U, 1U, 0xffffffffU, 0x7fff0000U, truth ^ 0x1000004U}) {
+        std::memcpy(static_cast<char *>(window) + offset, &lie, sizeof lie);
+        const encap_client_config_t config{config_, "b"};
+        const int status = in_copy([&] { call_everything(a_, config); });
+        std::memcpy(window, image.data(), size);
+        ASSERT_EQ(status, 0) << where << " at " << offset - begin << ": " << std::hex << truth << " became " << lie;
+      }
+    }
+  }
+
+  encap_client_t *a_ = nullptr;
+};
+
+TEST_F(LiesTest, NoLieInTheClientsRecordsMakesAClientFault) {
+  config_.nh_size = 700;
+  a_ = client("a");
+  encap_client_t *const b = client("b");
+  for (std::uint32_t i = 0; i < 600; ++i) {
+    enter(a_, key(100 + i, 100));
+  }
+  for (std::uint32_t i = 0; i < 40; ++i) {
+    enter(b, key(100 + i, 100));
+  }
+  for (std::uint32_t i = 0; i < 30; ++i) {
+    release(a_, kNhStart + 100 + i);
+  }
+  EXPECT_EQ(close(b), 0);
+  const auto *const records = at<ClientRecord>(root().clients);
+  const auto *const ledger = at<Ledger>(records[0].ledger);
+  lie_in(&root(), sizeof root(), "root");
+  lie_in(records, 2 * sizeof *records, "record");
+  lie_in(ledger, offsetof(Ledger, spare), "ledger");
+  lie_in(ledger->directory, 16, "directory");
+  lie_in(ledger->first, 48, "bucket");
+  const auto *const segments = at<std::uint64_t>(ledger->directory[0]);
+  lie_in(segments, 24, "segments");
+  lie_in(at<Bucket>(segments[0]), 32, "bucket of a segment");
+  lie_in(at<clients::QueuePage>(root().nhs.oldest), 24, "queue page");
+}
+
+TEST_F(LiesTest, NoLieInASpillMakesAClientFault) {
+  config_.nh_size = 700;
+  a_ = client("a");
+  std::uint32_t held = 0;
+  for (std::uint32_t i = 0; held < clients::kBucketHoldings + 6; ++i) {
+    const std::uint32_t nh = enter(a_, key(100 + i, 100)).nh;
+    const bool first = clients::bucket_number(clients::hash_of(nh), clients::kInlineBuckets) == 0;
+    held += first ? 1 : 0;
+    if (!first) {
+      release(a_, nh);
+    }
+  }
+  Bucket &bucket = at<Ledger>(at<ClientRecord>(root().clients)->ledger)->first[0];
+  ASSERT_NE(bucket.spill, 0U);
+  lie_in(&bucket, 16, "bucket");
+  lie_in(at<clients::Spill>(bucket.spill), sizeof(clients::Spill), "spill");
+}
+
+TEST_F(ClientTest, AChildThatClosesItsParentsClientsKeepsItsOwn) {
+  encap_client_t *const a = client("a");
+  const pid_t child = fork();
+  if (child == 0) {
+    encap_client_t *x = nullptr;
+    encap_client_t *y = nullptr;
+    const bool refused = encap_client_close(a) == 1;
+    const bool opened = open("x", &x) == 0 && open("y", &y) == 0;
+    const bool closed = opened && encap_client_close(x) == 0;
+    _exit(refused && closed && encap_client_enter(y, key(16), nullptr, nullptr) == 0 ? 0 : 1);
+  }
+  int status = 1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(encap_client_enter(a, key(16), nullptr, nullptr), 0);
+}
+
+}  // namespace
+}  // namespace test_support
