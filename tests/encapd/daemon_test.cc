@@ -2,8 +2,11 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -191,6 +194,43 @@ TEST_F(DaemonTest, ServesOneRouterAtATime) {
   const std::string events = text_of(path("events"));
   EXPECT_NE(events.find(R"("event":"left")"), events.npos) << events;
   EXPECT_NE(events.find(R"("prefix":"10.2.0.0/16")", events.find(R"("event":"left")")), events.npos) << events;
+}
+
+TEST_F(DaemonTest, EndsAlthoughNoOneReadsItsEvents) {
+  ASSERT_EQ(mkfifo(path("events").c_str(), 0600), 0);
+  const int reader = ::open(path("events").c_str(), O_RDWR | O_CLOEXEC);
+  start({"--events"});
+  connect();
+  send(flood(1000));
+  int queued = 0;
+  for (int tries = 0; tries < 3000 && queued < 60'000; ++tries) {  // the pipe is full then
+    std::this_thread::sleep_for(10ms);
+    ASSERT_EQ(ioctl(reader, FIONREAD, &queued), 0);
+  }
+  EXPECT_GE(queued, 60'000);
+  EXPECT_EQ(end(SIGTERM), 0);
+  EXPECT_GE(info().held, 250U) << "what it had entered stays";
+  ::close(reader);
+}
+
+TEST_F(DaemonTest, TellsTheServiceManagerHowItIs) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path("notify").copy(address.sun_path, sizeof address.sun_path - 1);
+  const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  setenv("NOTIFY_SOCKET", address.sun_path, 1);
+  start({});
+  unsetenv("NOTIFY_SOCKET");
+  std::string told;
+  for (pollfd wait{manager, POLLIN, 0}; told.find("READY=1") == told.npos || told.find("WATCHDOG=1") == told.npos;) {
+    ASSERT_EQ(poll(&wait, 1, 30'000), 1) << told;
+    char text[500] = "";
+    ASSERT_GT(recv(manager, text, sizeof text - 1, 0), 0);
+    told += text;
+  }
+  EXPECT_NE(told.find("STATUS=no router is connected, not settled: 0 routes"), told.npos) << told;
+  ::close(manager);
 }
 
 TEST_F(DaemonTest, RefusesWhatItCannotServe) {

@@ -1,10 +1,14 @@
 #include "report.h"
 
+#include <poll.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +23,16 @@ struct LevelText {
   const char *name;
 };
 constexpr LevelText kLevels[] = {{SD_ERR, "error: "}, {SD_WARNING, "warning: "}, {SD_INFO, ""}, {SD_DEBUG, "debug: "}};
+
+constexpr int kSignalCheckMs = 100;
+
+// Whether a signal that ends encapd waits to be read.
+bool is_ending() {
+  sigset_t pending;
+  sigemptyset(&pending);
+  sigpending(&pending);
+  return sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1;
+}
 
 }  // namespace
 
@@ -60,11 +74,21 @@ void Events::add(bool entered, const std::string &indexes, const std::string &la
                         known ? "\"" + text_of(*cause) + "\"" : "null");
 }
 
+// Pieces of PIPE_BUF bytes never block once the system says that there is room, so that a signal is noticed meanwhile.
 void Events::flush() {
   std::size_t written = 0;
   while (wanted() && written < lines_.size()) {
-    const ssize_t count = write(fd_, lines_.data() + written, lines_.size() - written);
-    if (count < 0 && errno != EINTR) {
+    pollfd room{fd_, POLLOUT, 0};
+    if (poll(&room, 1, kSignalCheckMs) == 0) {
+      if (is_ending()) {
+        log(Level::kError, "{} bytes of events are lost, since their reader does not take them",
+            lines_.size() - written);
+        break;
+      }
+      continue;
+    }
+    const ssize_t count = write(fd_, lines_.data() + written, std::min<std::size_t>(PIPE_BUF, lines_.size() - written));
+    if (count < 0 && errno != EINTR && errno != EAGAIN) {
       log(Level::kError, "the events cannot be written, and no more are: {}", std::strerror(errno));
       fd_ = -1;
     }

@@ -47,7 +47,8 @@ class Events {
   void nh(bool entered, std::uint32_t nh, std::uint32_t tunnel, const egress_encap_key_t &key, const RouteKey *cause);
   void tunnel(bool entered, std::uint32_t tunnel, const egress_encap_key_t &key, const RouteKey *cause);
 
-  // Writes the lines, and waits while their reader is slow. A reader that has gone away gets no more events.
+  // Writes the lines, and waits while their reader is slow, until SIGTERM or SIGINT is pending. A reader that has gone
+  // away gets no more events.
   void flush();
 
  private:
