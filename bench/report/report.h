@@ -24,6 +24,7 @@ std::string machine_text(const Results &results);
 std::string ratios_text(const Results &results);
 std::string operations_text(const Results &results);
 std::string processes_text(const Results &results);  // throughput and longest wait
+std::string clients_text(const Results &results);
 std::string memory_text(const Results &results);
 std::string growth_text(const Results &results);
 std::string instructions_text(const Results &results);

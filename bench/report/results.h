@@ -6,6 +6,7 @@
 //   rate      operations a second, of all processes together; what: "OPERATION/PROCESSES"
 //   wait      longest operation, nanoseconds; what: as above
 //   bytes     shared memory in use
+//   ms        milliseconds of something that is done once
 //   count     a number that others are divided by
 //   instr     instructions of an operation; who: the part
 //   info      size: name, what: text

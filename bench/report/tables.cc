@@ -126,6 +126,34 @@ std::string processes_text(const Results &results) {
          });
 }
 
+std::string clients_text(const Results &results) {
+  constexpr char kClient[] = "client";
+  const Names columns = {"operations, ns", "client, ns", "client / operations"};
+  const auto single = [&](const char *kind, const char *what, int decimals) {
+    return std::string("| ") + what + " | " +
+           by_size(
+               [&](const char *size) {
+                 return results.median({kind, size, what, kClient});
+               },
+               decimals) +
+           " |\n";
+  };
+  return "### Clients\n\nA client beside the operations that it is made of, in one run and on one database, S / M / "
+         "L.\n\n" +
+         table(Names{"present key entered, released", "new NH entered, released"}, columns,
+               [&](const char *what, const std::string &column) {
+                 const auto ratio = [&](const char *size) {
+                   return results.ratio({"ns", size, what, kClient}, {"ns", size, what, kOurs});
+                 };
+                 return column == columns.begin()[2]
+                            ? by_size(ratio, 2)
+                            : medians_of(results, what, column == columns.begin()[0] ? kOurs : kClient);
+               }) +
+         "| | S / M / L |\n|---|---:|\n" + single("ms", "open a client that holds all, ms", 1) +
+         single("ms", "refresh of all holdings, ms", 1) + single("bytes", "a holding, bytes", 1) +
+         single("bytes", "a client of 100 holdings, bytes", 0) + single("bytes", "no client, bytes", 0) + "\n";
+}
+
 std::string memory_text(const Results &results) {
   const double encapsulations = results.median({"count", "L", "NHs", ""});
   const Names columns = {"bytes in use", "an encapsulation"};
