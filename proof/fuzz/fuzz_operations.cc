@@ -1,5 +1,4 @@
 // Sequences of calls on a real window beside the model; the first byte chooses whether the caller keeps the rules.
-#include "check.h"
 #include "fuzz_input.h"
 #include "support/caller.h"
 #include "support/window.h"
@@ -36,12 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     wrong = caller.step();
   }
   wrong += caller.compare_all();
-  if (wrong.empty() && !stray) {
-    const auto report = encap_inspect::check(encap_inspect::View::over(window->bytes(), window->size()));
-    for (const encap_inspect::Finding &finding : report.findings) {
-      const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
-      wrong += note ? "" : finding.text + '\n';
-    }
+  if (!stray) {
+    wrong += crash::findings_in(*window);
   }
   if (!wrong.empty()) {
     fuzz::found(wrong);

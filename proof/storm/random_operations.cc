@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <random>
 
-#include "check.h"
 #include "support/caller.h"
 #include "support/driver.h"
 
@@ -31,19 +30,6 @@ encap_db_config_t small(const Directory &directory) {
   return config;
 }
 
-std::string look(const Window &window, const Caller &caller, bool stray) {
-  std::string wrong = caller.compare_all();
-  if (!stray) {
-    const encap_inspect::Report report = encap_inspect::check(encap_inspect::View::over(window.bytes(), window.size()));
-    for (const encap_inspect::Finding &finding : report.findings) {
-      const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
-      wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
-    }
-    wrong += report.looked ? "" : "the database could not be looked at\n";
-  }
-  return wrong;
-}
-
 int run(const Options &options) {
   const Directory directory;
   const encap_db_config_t config = small(directory);
@@ -59,7 +45,7 @@ int run(const Options &options) {
   for (std::uint64_t i = 1; i <= options.operations; ++i) {
     std::string wrong = caller.step();
     if (wrong.empty() && (i % std::max<std::uint64_t>(1, options.all_every) == 0 || i == options.operations)) {
-      wrong = look(window, caller, options.stray);
+      wrong = caller.compare_all() + (options.stray ? "" : findings_in(window));
     }
     if (!wrong.empty()) {
       std::printf("FAILED at operation %" PRIu64 "\n%s", i, wrong.c_str());

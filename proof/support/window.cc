@@ -10,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "check.h"
+
 namespace crash {
 namespace {
 
@@ -115,6 +117,17 @@ std::uint64_t hash_of(const Image &image) {
     hash ^= hash >> 32;
   }
   return hash;
+}
+
+std::string findings_in(const Window &window, Findings which) {
+  const encap_inspect::Report report = encap_inspect::check(encap_inspect::View::over(window.bytes(), window.size()));
+  std::string text = report.looked ? "" : "the database could not be looked at\n";
+  for (const encap_inspect::Finding &finding : report.findings) {
+    if (which == Findings::kAll || encap_inspect::severity_of(finding.kind) != encap_inspect::Severity::kNote) {
+      text += std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
+    }
+  }
+  return text;
 }
 
 }  // namespace crash

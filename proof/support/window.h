@@ -69,6 +69,10 @@ class Window {
 
 std::uint64_t hash_of(const Image &image);
 
+// What the inspector finds in the window, a line each. Returns: "" when it is sound.
+enum class Findings : std::uint8_t { kAll, kBeyondNotes };
+std::string findings_in(const Window &window, Findings which = Findings::kBeyondNotes);
+
 }  // namespace crash
 
 #endif

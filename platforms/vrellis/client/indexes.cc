@@ -35,8 +35,8 @@ struct Kind {
   // False for a damaged index, too.
   bool is_free(std::uint32_t index) const { return index >= start() && index < end() && is_free_at(index - start()); }
 };
-constinit Kind nhs{is_free_nh, &egress_encap_db_t::nh_start, &egress_encap_db_t::nh_end, 0};
-constinit Kind tunnels{is_free_tunnel, &egress_encap_db_t::tun_start, &egress_encap_db_t::tun_end, 0};
+constinit Kind nh_indexes{is_free_nh, &egress_encap_db_t::nh_start, &egress_encap_db_t::nh_end, 0};
+constinit Kind tunnel_indexes{is_free_tunnel, &egress_encap_db_t::tun_start, &egress_encap_db_t::tun_end, 0};
 
 // Whether an index waits that can be taken. In a damaged queue none does.
 bool has_waiting(const IndexQueue &queue, const Kind &kind) {
@@ -149,24 +149,24 @@ void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
 }  // namespace
 
 void clear_queue_fronts(ClientRoot &root) {
-  clear_front(root.nhs, nhs);
-  clear_front(root.tunnels, tunnels);
+  clear_front(root.nhs, nh_indexes);
+  clear_front(root.tunnels, tunnel_indexes);
 }
 
 int choose_nh(ClientRoot &root, std::uint32_t *index) {
-  return choose(root.nhs, nhs, index);
+  return choose(root.nhs, nh_indexes, index);
 }
 
 int choose_tunnel(ClientRoot &root, std::uint32_t *index) {
-  return choose(root.tunnels, tunnels, index);
+  return choose(root.tunnels, tunnel_indexes, index);
 }
 
 void give_nh_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.nhs, nhs, index);
+  give_back(root.nhs, nh_indexes, index);
 }
 
 void give_tunnel_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.tunnels, tunnels, index);
+  give_back(root.tunnels, tunnel_indexes, index);
 }
 
 }  // namespace clients
