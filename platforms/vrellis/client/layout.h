@@ -146,8 +146,10 @@ inline constexpr std::uint32_t kMostBuckets = kInlineBuckets + kDirectories * kD
 inline constexpr std::uint32_t kGrowAbove = 14;
 inline constexpr std::uint32_t kShrinkBelow = 11;
 
+// The buckets are numbered by the low bits. Only the high bits of the product are spread evenly for indexes that follow
+// one another, so its high byte becomes the low one.
 constexpr std::uint32_t hash_of(std::uint32_t nh) {
-  return static_cast<std::uint32_t>(nh * std::uint64_t{0x9e3779b97f4a7c15} >> 32);
+  return __builtin_bswap32(static_cast<std::uint32_t>(nh * std::uint64_t{0x9e3779b97f4a7c15} >> 32));
 }
 
 // The bucket of a hash among so many buckets.

@@ -13,6 +13,9 @@ namespace clients {
 // False when the words that lead to the bucket of an NH are damaged. What changes references requires that they are not.
 bool is_sound(Ledger &ledger, std::uint32_t nh);
 
+// Starts to fetch what find_holding() will read.
+void fetch_holding(Ledger &ledger, std::uint32_t nh);
+
 // Returns: nullptr when the client holds nothing on that NH.
 Holding *find_holding(Ledger &ledger, std::uint32_t nh);
 

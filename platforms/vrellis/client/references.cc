@@ -143,6 +143,9 @@ bool is_whole(const Found &found, const egress_encap_key_t &key) {
 int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_attributes_t &attributes,
                    encap_entry_t *entry) {
   const Found found = look_up(key);
+  if (found.nh != nullptr) {
+    fetch_holding(ledger, found.nh->nh_index);
+  }
   if (!is_whole(found, key)) {
     return EINVAL;
   }
@@ -151,12 +154,12 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
     settle_size(ledger);
     return status;
   }
-  if (!is_sound(ledger, found.nh->nh_index)) {
-    return EINVAL;
-  }
   entry->nh = found.nh->nh_index;
   entry->tunnel = found.tunnel->egr_tun;
   Holding *const holding = find_holding(ledger, entry->nh);
+  if (holding == nullptr && !is_sound(ledger, entry->nh)) {
+    return EINVAL;
+  }
   if (holding == nullptr || fresh_of(*holding, ledger.epoch) == holding->held) {
     const int status = share(ledger, holding, entry->nh, entry);
     settle_size(ledger);
@@ -177,6 +180,9 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   }
   if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || nh_slot(nh).ref_count == 0 ||
       !tunnel_in_range(nh_slot(nh).egr_tun)) {
+    return EINVAL;
+  }
+  if (holding->held <= 1 && !is_sound(ledger, nh)) {  // it is about to be taken out of its bucket
     return EINVAL;
   }
   egr_nh_info_t &slot = nh_slot(nh);
