@@ -1,44 +1,32 @@
-// A daemon's life with the encapsulation database: open, enter, share, read back, release. C++20.
+// A daemon that starts again: it enters its routes anew, and gives back what no route names any more. C++20.
 #include <cstdint>
 #include <cstdio>
 
-#include "encap_db_owner.h"
+#include "encap_client.h"
 
 int main(int argc, char **argv) {
-  encap_db_config_t config{};
-  config.directory = argc > 1 ? argv[1] : nullptr;  // nullptr: /dev/shm
-  config.name = "encap_daemon_cc";
-  config.shm_id = 1;
-  config.nh_start = 1000, config.nh_size = 4096;
-  config.tun_start = 1, config.tun_size = 1024;
+  encap_client_config_t config{};
+  config.name = "daemon";
+  config.database.directory = argc > 1 ? argv[1] : nullptr;  // nullptr: /dev/shm
+  config.database.name = "encap_daemon_cc";
+  config.database.shm_id = 1;
+  config.database.nh_start = 1000, config.database.nh_size = 4096;
+  config.database.tun_start = 1, config.database.tun_size = 1024;
+  encap_client_t *client = nullptr;
   shmwin_error_t error;
-  if (encap_db_open(&config, nullptr, &error) != 0) {  // creates the database, or attaches the one that is there
+  if (encap_client_open(&config, &client, &error) != 0) {  // with all that this name held when it closed or died
     std::fprintf(stderr, "%s\n", error.text);
     return 1;
   }
-  egress_encap_key_t key{};  // labels 200/16001: the bottom one is the NH's, the one above it its tunnel's
-  key.out_label1 = 16001;
-  key.out_label2 = 200;
-  key.ifh = 0x01000000;
-  egress_encap_info_t info{};
-  int status = vrl_find_and_share_egress_encap(&info, key);
-  if (status == 0 && !info.nh_found) {  // nobody has it yet: choose the missing indexes and enter it
-    info.egr_nh = 1000;
-    info.egr_tun = info.tun_found ? info.egr_tun : 1;
-    status = vrl_insert_egress_encap(&info, key);
+  int status = encap_client_refresh_begin(client);
+  for (std::uint32_t label = 16001; label <= 16003 && status == 0; ++label) {
+    egress_encap_key_t key{};
+    key.out_label1 = label & 0x1fffff, key.out_label2 = 200, key.ifh = 0x01000000;
+    encap_entry_t entry{};
+    status = encap_client_enter(client, key, nullptr, &entry);
+    std::printf("NH %u on tunnel %u is %s\n", entry.nh, entry.tunnel, entry.renewed != 0 ? "as it was" : "entered");
   }
-  egress_encap_aux_data_t aux{};
-  egress_encap_key_t stored{};
-  if (status != 0 || vrl_find_and_share_egress_nh(info.egr_nh) != 0 ||  // a second user of the same NH
-      vrl_get_encap_key_and_aux_data_from_nh(info.egr_nh, &aux, &stored) != 0) {
-    return 1;
-  }
-  std::printf("NH %u on tunnel %u: labels %u/%u\n", info.egr_nh, aux.egr_tun, stored.out_label2, stored.out_label1);
-  std::uint32_t tunnel = 0, nh_gone = 0, tunnel_gone = 0;
-  while (status == 0 && nh_gone == 0) {  // each user gives its reference back; the last one takes all with it
-    status = vrl_delete_and_free_egress_encap_with_nh_key(info.egr_nh, &tunnel, &nh_gone, &tunnel_gone);
-  }
-  std::printf("to leave the hardware: NH %u%s\n", info.egr_nh, tunnel_gone != 0 ? " and its tunnel" : "");
-  encap_db_close();
-  return status == 0 && encap_db_destroy(config.directory, config.name, 0, &error) == 0 ? 0 : 1;
+  const auto take_out = [](const encap_left_t *left, void *) { std::printf("NH %u is given back\n", left->nh); };
+  status = status == 0 ? encap_client_refresh_end(client, take_out, nullptr) : status;
+  return encap_client_close(client) == 0 && status == 0 ? 0 : 1;  // what it holds waits for its next process
 }

@@ -67,9 +67,9 @@ run_against_tree() {
 
 build_and_run_c() {
   # shellcheck disable=SC2046
-  "$CC" -std=c11 -Wall -Wextra -Werror "$1" -o "$work/run/daemon_c" $("$PKG_CONFIG" --cflags --libs encap_db_owner)
+  "$CC" -std=c11 -Wall -Wextra -Werror "$1" -o "$work/run/daemon_c" $("$PKG_CONFIG" --cflags --libs encap_client)
   run_against_tree daemon_c
-  grep -q '^NH 1000 on tunnel 1: labels 200/16001$' "$work/run/daemon_c.out" || fail "daemon.c printed something else"
+  grep -q '^NH 1000 (new) on tunnel 1 (new)$' "$work/run/daemon_c.out" || fail "daemon.c printed something else"
 }
 
 build_and_run_cc() {
@@ -81,20 +81,20 @@ cmake_minimum_required(VERSION 3.25)
 project(user CXX)
 set(CMAKE_CXX_STANDARD 20)
 find_package(mpls_egress_encap_db 1.0 REQUIRED)
-foreach(target mpls_egress_encap_db vrellis_services encap_db_owner)
+foreach(target mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
   if(NOT TARGET mpls_egress_encap_db::${target})
     message(FATAL_ERROR "the package has no ${target}")
   endif()
 endforeach()
 add_executable(daemon_cc daemon.cc)
-target_link_libraries(daemon_cc PRIVATE mpls_egress_encap_db::encap_db_owner)
+target_link_libraries(daemon_cc PRIVATE mpls_egress_encap_db::encap_client)
 CMAKE
   "$cmake" -S "$project" -B "$project/build" -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF >"$work/run/cmake.log" || fail "find_package: $(cat "$work/run/cmake.log")"
   "$cmake" --build "$project/build" >"$work/run/build.log" || fail "build: $(cat "$work/run/build.log")"
   cp "$project/build/daemon_cc" "$work/run/"
   run_against_tree daemon_cc
-  grep -q '^NH 1000 on tunnel 1: labels 200/16001$' "$work/run/daemon_cc.out" || fail "daemon.cc printed something else"
+  grep -q '^NH 1002 on tunnel 1 is entered$' "$work/run/daemon_cc.out" || fail "daemon.cc printed something else"
 }
 
 # The example that docs/services.md prints: services in the executable, then the same ones as a whole library in place of
