@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "client_fixture.h"
+#include "layout.h"
 
 namespace test_support {
 namespace {
@@ -78,6 +79,40 @@ TEST_F(ClientTest, NamesPassOnWithAllThatTheyHold) {
     client(("n" + std::to_string(i)).c_str());
   }
   EXPECT_EQ(open("one-too-many", &again), 11) << error_.text;
+}
+
+// Processes that die again and again, each under a name of its own, do not use the names up.
+TEST_F(ClientTest, TheNameOfADeadClientThatHoldsNothingIsFreeWhenAllAreTaken) {
+  encap_client_t *const a = client("a");
+  for (int i = 1; i < ENCAP_CLIENT_MAX + 5; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      encap_client_t *own = nullptr;
+      const int status = open(("n" + std::to_string(i)).c_str(), &own);
+      _exit(status != 0 || (i == 1 && encap_client_enter(own, key(16), nullptr, nullptr) != 0) ? 1 : 0);
+    }
+    int status = 1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0) << i;
+  }
+  EXPECT_EQ(holdings(client("n1")).size(), 1U);
+  std::uint32_t count = 0;
+  EXPECT_EQ(encap_client_list(a, nullptr, 0, &count), 0);
+  EXPECT_EQ(count, std::uint32_t{ENCAP_CLIENT_MAX});
+}
+
+// The kernel gave the pid of a dead client's process to another one.
+TEST_F(ClientTest, APidThatIsInUseAgainIsNotTheClients) {
+  client("a");
+  encap_client_t *b = client("b");
+  enter(b, key(16));
+  EXPECT_EQ(close(b), 0);
+  const auto &root =
+      *reinterpret_cast<clients::ClientRoot *>(reinterpret_cast<char *>(egress_encap_db) + clients::kRootOffset);
+  auto *const records = reinterpret_cast<clients::ClientRecord *>(root.clients);
+  constexpr std::uint64_t kSecond = std::uint64_t{100} << 22;
+  records[1].process = records[0].process - kSecond;
+  EXPECT_EQ(holdings(client("b")).size(), 1U) << error_.text;
 }
 
 TEST_F(ClientTest, ADeadClientsNameAndReferencesAreTakenUpOrReclaimed) {

@@ -104,10 +104,10 @@ typedef struct encap_client_info {
 /*
  * Makes or attaches the database and becomes the client of the configured name, with everything that the name held.
  * Out: *client, to be given back by encap_client_close() or encap_client_leave(); NULL after a failure.
- * Returns: 0; 16 (EBUSY) while a live process has the name; 11 (EAGAIN) when 64 names are taken; 12 (ENOMEM) when the
- *   window or the process has no memory for a client; 22 for a name that cannot be, or when the records of
- *   the clients are damaged; else the codes of encap_db_open();
- *   `error` (may be NULL) filled with one sentence.
+ * Returns: 0; 16 (EBUSY) while a live process has the name; 11 (EAGAIN) when 64 names are taken, each by a live process
+ *   or with references; 12 (ENOMEM) when the window or the process has no memory for a client; 22 for a name that
+ *   cannot be, or when the records of the clients are damaged; else the codes of encap_db_open(); `error` (may be NULL)
+ *   filled with one sentence.
  * A process may open several names of one database.
  */
 ENCAP_CLIENT_API int encap_client_open(const encap_client_config_t *config, encap_client_t **client,

@@ -49,23 +49,6 @@ int make_root(ClientRoot &root) {
   return 0;
 }
 
-// Returns: 0 with *record; EAGAIN; ENOMEM.
-int make_record(const char *name, ClientRecord **record) {
-  ClientRecord *const free = record_of("");
-  if (free == nullptr) {
-    return EAGAIN;
-  }
-  auto *const ledger = take<Ledger>();
-  if (ledger == nullptr) {
-    return ENOMEM;
-  }
-  ledger->buckets = kInlineBuckets;
-  put_name(*free, name);
-  put(free->ledger, address_of(ledger));
-  *record = free;
-  return 0;
-}
-
 }  // namespace
 
 bool is_name(const char *name) {
@@ -122,6 +105,41 @@ void take_name_up(ClientRecord &record) {
   put(record.since, real_time_ns());
   put(record.seen_dead, 0U);
 }
+
+namespace {
+
+// A free record; when all are taken, one whose process died and holds nothing, which is forgotten.
+ClientRecord *find_room() {
+  ClientRecord *const free = record_of("");
+  ClientRecord *const all = all_records();
+  for (std::uint32_t i = 0; free == nullptr && all != nullptr && i < ENCAP_CLIENT_MAX; ++i) {
+    const auto *const ledger = at<Ledger>(all[i].ledger);
+    if (ledger != nullptr && ledger->held == 0 && state_of(all[i]) == ENCAP_CLIENT_DEAD) {
+      hand_back(all[i]);
+      return &all[i];
+    }
+  }
+  return free;
+}
+
+// Returns: 0 with *record; EAGAIN; ENOMEM.
+int make_record(const char *name, ClientRecord **record) {
+  ClientRecord *const free = find_room();
+  if (free == nullptr) {
+    return EAGAIN;
+  }
+  auto *const ledger = take<Ledger>();
+  if (ledger == nullptr) {
+    return ENOMEM;
+  }
+  ledger->buckets = kInlineBuckets;
+  put_name(*free, name);
+  put(free->ledger, address_of(ledger));
+  *record = free;
+  return 0;
+}
+
+}  // namespace
 
 int become(const char *name, ClientRecord **record) {
   ClientRoot &root = client_root();
