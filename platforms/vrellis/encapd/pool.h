@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace encapd {
@@ -119,10 +120,13 @@ class Index {
   std::uint32_t used_ = 0;
 };
 
+// Different in each process, so that a router cannot choose prefixes that collide.
+inline const std::uint64_t kHashSeed = std::uint64_t{std::random_device{}()} << 32 | std::random_device{}();
+
 // A hash of `count` words of 4 bytes.
 inline std::uint64_t hash_words(const void *words, std::size_t count) {
   const auto *const at = static_cast<const std::uint32_t *>(words);
-  std::uint64_t hash = 0x9e3779b97f4a7c15;
+  std::uint64_t hash = kHashSeed;
   for (std::size_t i = 0; i < count; ++i) {
     hash = (hash ^ at[i]) * 0xff51afd7ed558ccd;
     hash ^= hash >> 32;
