@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 
@@ -73,40 +72,6 @@ class BadInputTest : public ::testing::Test {
   shmwin_error_t error_{};
 };
 
-// Each attaches, enters an NH of its own and finds everybody's first one.
-TEST_F(BadInputTest, ManyAttachAtOnceAndAllWork) {
-  constexpr std::uint32_t kProcesses = 32;
-  int start[2];
-  ASSERT_EQ(pipe(start), 0);
-  std::vector<pid_t> children;
-  for (std::uint32_t i = 1; i <= kProcesses; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(20);
-      close(start[1]);
-      char byte;
-      [[maybe_unused]] const ssize_t at_end = read(start[0], &byte, 1);
-      const bool worked =
-          open() == 0 &&
-          on_database(entering(model_, key_of(16, 200 + i, 1), kNhStart + i, kTunStart + i)).status == 0 &&
-          on_database(on_nh(Verb::kShare, kNhStart)).status == 0;
-      _exit(worked ? 0 : 1);
-    }
-    children.push_back(child);
-  }
-  close(start[0]);
-  close(start[1]);
-  for (const pid_t child : children) {
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-  }
-  ASSERT_EQ(open(), 0) << error_.text;
-  EXPECT_EQ(egress_encap_db->nh_info_array[0].ref_count, 1 + kProcesses);
-  EXPECT_EQ(encap_test::inconsistency(*egress_encap_db, encap_test::walk_avl), "");
-  EXPECT_EQ(encap_test::walk_avl(egress_encap_db->tun_root).size(), 1 + kProcesses);
-}
-
 TEST_F(BadInputTest, AnotherUsersWindowNamesBothUsers) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "becoming another user takes root";
@@ -135,15 +100,6 @@ TEST_F(BadInputTest, AFileSystemWithoutRoomIsRefusedAndNothingStays) {
   }
   EXPECT_EQ(ended, 0);
   expect_nothing_lost();
-}
-
-TEST_F(BadInputTest, ATruncatedWindowIsRefusedAndLeftAsItIs) {
-  for (const std::uint64_t size : {std::uint64_t{1}, std::uint64_t{100}, std::uint64_t{20000}, kWindowBytes - 1}) {
-    std::filesystem::resize_file(path(), size);
-    EXPECT_TRUE(refused(EINVAL, {"window"})) << size;
-    EXPECT_EQ(shmwin_user_area(kWindowId), nullptr);
-    EXPECT_EQ(std::filesystem::file_size(path()), size);
-  }
 }
 
 // A window whose identity or whose database's header is damaged is refused, or the damage has no effect.

@@ -294,8 +294,11 @@ TEST_F(WindowTest, ForeignAndTruncatedFilesAreLeftAlone) {
 
   ASSERT_EQ(open(config()), 0);
   ASSERT_EQ(shmwin_detach(kId), 0);
-  std::filesystem::resize_file(path(), 100);
-  expect_refusal(open(config()), 22, {"262144", "100"});
+  for (const std::uint64_t size : {262143U, 20000U, 100U}) {
+    std::filesystem::resize_file(path(), size);
+    expect_refusal(open(config()), 22, {"262144", std::to_string(size).c_str()});
+    EXPECT_EQ(std::filesystem::file_size(path()), size);
+  }
 
   ASSERT_EQ(symlink("window", path("link").c_str()), 0);
   expect_refusal(open(config(kId, "link")), 22, {"no regular file"});
