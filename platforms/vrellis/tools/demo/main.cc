@@ -1,4 +1,5 @@
-// The demo: worker processes enter the routes of a file into one database, one dies, all is withdrawn again.
+// The demo: two clients enter the routes of a file into one database, one of them dies and returns, dies and never
+// returns, and all is withdrawn again.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -10,11 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "acts.h"
 #include "guard.h"
-#include "plan.h"
-#include "report.h"
-#include "stage.h"
-#include "worker.h"
 
 namespace {
 
@@ -28,8 +26,9 @@ constexpr std::string_view kUsage =
     "\n"
     "Shows the MPLS egress encapsulation database at work. Two processes enter the routes of\n"
     "ROUTE-FILE, as `ip route` and `ip -6 route` print them, into one shared-memory window and\n"
-    "share each other's encapsulations; one is killed while it holds the lock, the other takes\n"
-    "over, and a new process finds the dead one's state again; then all routes are withdrawn.\n"
+    "share each other's encapsulations. One is killed in the middle of a call, the other takes\n"
+    "the lock over, and a new process takes up what the dead one held. Then it is killed for\n"
+    "good, what it held is reclaimed, and all routes are withdrawn.\n"
     "Each count is compared with what the route file says.\n"
     "\n"
     "  --dir DIRECTORY  where the window and the traces are kept meanwhile (default: /dev/shm)\n"
@@ -67,9 +66,9 @@ bool wants_colour() {
   return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
 }
 
-void introduce(const demo::Plan &plan, const std::string &route_file, demo::Report &report) {
+void introduce(const demo::Plan &plan, demo::Report &report) {
   const route_file::RouteFile &routes = plan.routes;
-  report.line("routes    {}", route_file);
+  report.line("routes    {}", plan.route_file);
   report.line("          {} labelled routes with {} next hops over {} interfaces; {} plain routes skipped",
               routes.labelled_routes, routes.hops.size(), routes.interfaces.size(), routes.plain_routes);
   report.line("window    {}/{}", plan.directory, demo::kWindowName);
@@ -85,16 +84,17 @@ void let_look(const demo::Plan &plan, demo::Report &report) {
   }
 }
 
-int supervise(const demo::Plan &plan, const std::string &route_file, bool look) {
+int supervise(const demo::Plan &plan, bool look) {
   std::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   demo::Report report(wants_colour());
   report.heading("MPLS egress encapsulation database: two processes, one window");
-  introduce(plan, route_file, report);
+  introduce(plan, report);
   try {
-    demo::Stage stage(plan, route_file, report);
-    for (const auto act : {demo::enter_routes, demo::lose_a_process, demo::withdraw_routes}) {
-      act(stage);
+    demo::Stage stage(plan, report);
+    for (const auto act : {&demo::Stage::enter_routes, &demo::Stage::lose_a_process, &demo::Stage::reclaim_a_client,
+                           &demo::Stage::withdraw_routes}) {
+      (stage.*act)();
       if (look) {
         let_look(plan, report);
       }
@@ -115,7 +115,7 @@ int run_demo(const Arguments &arguments) {
     unsetenv("LTRACE");  // the traces are part of what it shows
     setenv("LTRACE_DIR", (directory + "/trace").c_str(), 1);
     plan.directory = directory;
-    return supervise(plan, arguments.route_file, arguments.look);
+    return supervise(plan, arguments.look);
   });
 }
 

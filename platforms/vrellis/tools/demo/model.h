@@ -3,42 +3,41 @@
 #define ENCAP_DEMO_MODEL_H
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
 #include <map>
 
 #include "plan.h"
+#include "report.h"
 
 namespace demo {
 
 class Model {
  public:
-  using Users = std::array<std::uint32_t, kWorkers>;  // of one NH, by worker
+  using Key = std::array<std::uint32_t, 4>;           // out_label2, out_label3, ifh, out_label1
+  using Users = std::array<std::uint32_t, kWorkers>;  // references of each worker on one NH
 
-  // What leaves the hardware with a user.
+  // What leaves the hardware with a reference.
   struct Gone {
     bool nh;
-    bool tunnel;  // the last NH of a tunnel; of the null tunnel: of all its NHs, whatever their interfaces
-    bool operator==(const Gone &) const = default;
+    bool tunnel;  // a labelled one: the null tunnel is nothing in the hardware
   };
 
-  void enter(std::uint32_t worker, const Key &key);
+  static Key key_of(const egress_encap_key_t &key) { return {key.out_label2, key.out_label3, key.ifh, key.out_label1}; }
+
+  void enter(std::uint32_t worker, const route_file::Hop &hop);
   Gone withdraw(std::uint32_t worker, const Key &key);
 
+  // All that a worker holds goes. Returns: the NHs that leave with it.
+  std::uint32_t lose(std::uint32_t worker);
+
+  std::uint32_t held(std::uint32_t worker) const;
   const std::map<Key, Users> &nhs() const { return nhs_; }
-  std::uint32_t references() const;
-  std::uint32_t references(std::uint32_t worker) const;
-  std::size_t used_by_both() const;
-  std::size_t labelled_tunnels() const { return nhs_on_.size() - nhs_on_.count(kNullTunnel); }
-  std::uint32_t nhs_on_null_tunnel() const;
-  std::size_t tunnel_keys() const;  // with an NH under them; of the null tunnel one for each interface
+
+  // Compares every NH of this process's database, its tunnels and its counts; then every client's ledger, and the
+  // window itself, as `encapctl check` does.
+  void compare(const Plan &plan, encap_client_t *client, Report &report) const;
 
  private:
-  static constexpr Tunnel kNullTunnel{};
-  static Tunnel counted_tunnel(const Key &key) { return on_null_tunnel(key) ? kNullTunnel : tunnel_of(key); }
-
   std::map<Key, Users> nhs_;
-  std::map<Tunnel, std::uint32_t> nhs_on_;  // NHs by tunnel
 };
 
 }  // namespace demo

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -27,16 +26,22 @@ std::vector<route_file::Hop> Plan::part_of(std::uint32_t worker) const {
   return part;
 }
 
-encap_db_config_t Plan::database() const {
-  encap_db_config_t config{};
-  config.directory = directory.c_str();
-  config.name = kWindowName;
-  config.shm_id = 1;
-  config.nh_start = kNhStart;
-  config.nh_size = kWorkers * nhs_each;
-  config.tun_start = kTunStart;
-  config.tun_size = kWorkers * tunnels_each;
-  return config;
+encap_client_t *Plan::open(const char *name) const {
+  encap_client_config_t config{};
+  config.name = name;
+  config.database.directory = directory.c_str();
+  config.database.name = kWindowName;
+  config.database.shm_id = 1;
+  config.database.nh_start = 1000;
+  config.database.nh_size = static_cast<std::uint32_t>(routes.hops.size());
+  config.database.tun_start = 100;
+  config.database.tun_size = static_cast<std::uint32_t>(routes.hops.size());
+  encap_client_t *client = nullptr;
+  shmwin_error_t error{};
+  if (encap_client_open(&config, &client, &error) != 0) {
+    throw std::runtime_error(error.text);
+  }
+  return client;
 }
 
 Plan make_plan(const std::string &route_file, std::string directory) {
@@ -44,25 +49,14 @@ Plan make_plan(const std::string &route_file, std::string directory) {
   if (!in.is_open()) {
     throw std::runtime_error(fmt::format("{}: {}", route_file, std::strerror(errno)));
   }
-  Plan plan{.directory = std::move(directory), .routes = route_file::read_routes(in)};
+  Plan plan{std::move(directory), route_file, route_file::read_routes(in)};
   if (!plan.routes.faults.empty()) {
     throw std::runtime_error(fmt::format("{}: {}", route_file, sentence(plan.routes.faults.front())));
-  }
-  if (plan.routes.hops.empty()) {
-    throw std::runtime_error(fmt::format("{}: no route with an MPLS encapsulation", route_file));
   }
   if (plan.routes.labelled_routes < kMinRoutes) {
     throw std::runtime_error(fmt::format("{}: {} routes with an MPLS encapsulation are too few; the demo needs {}",
                                          route_file, plan.routes.labelled_routes, kMinRoutes));
   }
-  std::set<Key> keys;
-  std::set<Tunnel> tunnels;
-  for (const route_file::Hop &hop : plan.routes.hops) {
-    keys.insert(key_of(route_file::key_of(hop)));
-    tunnels.insert(tunnel_of(*keys.find(key_of(route_file::key_of(hop)))));
-  }
-  plan.nhs_each = static_cast<std::uint32_t>(keys.size());
-  plan.tunnels_each = static_cast<std::uint32_t>(tunnels.size());
   return plan;
 }
 
