@@ -8,7 +8,9 @@
 namespace {
 
 int run(const encapd::Options &options) {
-  const encap_client_config_t config = encapd::config_of(options);
+  encap_client_config_t config{};
+  config.database = encap_inspect::config_of(options.directory.c_str(), options.name.c_str(), options.ranges);
+  config.name = options.client.c_str();
   encap_client_t *client = nullptr;
   shmwin_error_t error{};
   if (encap_client_open(&config, &client, &error) != 0) {

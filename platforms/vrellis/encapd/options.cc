@@ -6,9 +6,6 @@
 #include <CLI/CLI.hpp>
 #include <cstring>
 
-#include "database.h"
-#include "view.h"
-
 namespace encapd {
 namespace {
 
@@ -78,11 +75,11 @@ void add_window_options(CLI::App &app, Options &options) {
       ->type_name("NAME")
       ->envname("ENCAPCTL_NAME")
       ->capture_default_str();
-  app.add_option("--shm-id", options.shm_id, "Id of the window (default: 1)")->type_name("ID");
-  app.add_option("--nh-start", options.nh_start, "First NH index (default: 1000)")->type_name("N");
-  app.add_option("--nh-size", options.nh_size, "NH indexes (default: 65536)")->type_name("N");
-  app.add_option("--tun-start", options.tun_start, "First tunnel index (default: 1)")->type_name("N");
-  app.add_option("--tun-size", options.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
+  app.add_option("--shm-id", options.ranges.shm_id, "Id of the window (default: 1)")->type_name("ID");
+  app.add_option("--nh-start", options.ranges.nh_start, "First NH index (default: 1000)")->type_name("N");
+  app.add_option("--nh-size", options.ranges.nh_size, "NH indexes (default: 65536)")->type_name("N");
+  app.add_option("--tun-start", options.ranges.tun_start, "First tunnel index (default: 1)")->type_name("N");
+  app.add_option("--tun-size", options.ranges.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
 }
 
 }  // namespace
@@ -122,27 +119,6 @@ std::optional<int> read_options(int argc, char **argv, Options &options) {
     options.status_file = options.directory + "/" + options.name + "." + options.client + ".status";
   }
   return std::nullopt;
-}
-
-encap_client_config_t config_of(const Options &options) {
-  encap_client_config_t config{};
-  config.name = options.client.c_str();
-  encap_db_config_t &database = config.database;
-  database.directory = options.directory.c_str();
-  database.name = options.name.c_str();
-  encap_inspect::Database there;
-  std::string error;
-  const auto view = encap_inspect::View::open_live(database.directory, database.name, &error);
-  if (view) {
-    there = encap_inspect::decode(*view);
-  }
-  const bool exists = view && there.usable;
-  database.shm_id = options.shm_id.value_or(exists ? there.window.shm_id : 1);
-  database.nh_start = options.nh_start.value_or(exists ? there.nh_start : 1000);
-  database.nh_size = options.nh_size.value_or(exists ? there.nh_end - there.nh_start : 65536);
-  database.tun_start = options.tun_start.value_or(exists ? there.tun_start : 1);
-  database.tun_size = options.tun_size.value_or(exists ? there.tun_end - there.tun_start : 16384);
-  return config;
 }
 
 }  // namespace encapd

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "encap_client.h"
+#include "ranges.h"
 #include "report.h"
 
 namespace encapd {
@@ -24,7 +24,7 @@ struct Options {
   bool allow_remote = false;
   bool events = false;
   bool leave = false;
-  std::optional<std::uint32_t> shm_id, nh_start, nh_size, tun_start, tun_size;
+  encap_inspect::Ranges ranges;
 
   sockaddr_storage address{};  // of `fpm`
   socklen_t address_bytes = 0;
@@ -33,10 +33,6 @@ struct Options {
 
 // Returns: the exit status when the program has nothing more to do; none when it goes on, with `options` filled.
 std::optional<int> read_options(int argc, char **argv, Options &options);
-
-// What was not said is as the database has it that exists, or else a default. Requires that `options` outlives the
-// result.
-encap_client_config_t config_of(const Options &options);
 
 }  // namespace encapd
 

@@ -13,6 +13,7 @@
 #include "load/interfaces.h"
 #include "load/loader.h"
 #include "output/progress.h"
+#include "ranges.h"
 #include "verbs.h"
 
 namespace encapctl {
@@ -26,7 +27,7 @@ struct LoadOptions {
   OutputOptions output;
   std::string routes;
   std::vector<std::string> interfaces;
-  std::optional<std::uint32_t> shm_id, nh_start, nh_size, tun_start, tun_size;
+  encap_inspect::Ranges ranges;
 };
 
 // All of a listing, within bounds. Throws Failure for what is none: a directory, a device, or something without an end.
@@ -81,26 +82,6 @@ void number_interfaces(const LoadOptions &options, route_file::RouteFile &routes
   interfaces.save();
 }
 
-// What is not said is as the database has it that is there, or else a default.
-encap_db_config_t config_of(const LoadOptions &options) {
-  encap_db_config_t config{};
-  config.directory = options.window.directory.c_str();
-  config.name = options.window.name.c_str();
-  encap_inspect::Database there;
-  std::string error;
-  const auto view = encap_inspect::View::open_live(config.directory, config.name, &error);
-  if (view) {
-    there = encap_inspect::decode(*view);
-  }
-  const bool exists = view && there.usable;
-  config.shm_id = options.shm_id.value_or(exists ? there.window.shm_id : 1);
-  config.nh_start = options.nh_start.value_or(exists ? there.nh_start : 1000);
-  config.nh_size = options.nh_size.value_or(exists ? there.nh_end - there.nh_start : 65536);
-  config.tun_start = options.tun_start.value_or(exists ? there.tun_start : 1);
-  config.tun_size = options.tun_size.value_or(exists ? there.tun_end - there.tun_start : 16384);
-  return config;
-}
-
 void print(const LoadOptions &options, bool created, const route_file::RouteFile &routes, const Loaded &loaded) {
   const Output out(options.output);
   Json refusals = Json::array();
@@ -135,7 +116,8 @@ void print(const LoadOptions &options, bool created, const route_file::RouteFile
 int run(LoadOptions &options) {
   route_file::RouteFile routes = read_routes(options.routes);
   number_interfaces(options, routes);
-  const encap_db_config_t config = config_of(options);
+  const encap_db_config_t config =
+      encap_inspect::config_of(options.window.directory.c_str(), options.window.name.c_str(), options.ranges);
   shmwin_error_t error{};
   int created = 0;
   if (encap_db_open(&config, &created, &error) != 0) {
@@ -170,11 +152,11 @@ void add_load(CLI::App &app, int &status) {
   verb.add_option("--interface", options.interfaces, "The number of an interface (default: the first free one)")
       ->type_name("NAME=NUMBER")
       ->expected(1);
-  verb.add_option("--shm-id", options.shm_id, "Id of the window (default: 1)")->type_name("ID");
-  verb.add_option("--nh-start", options.nh_start, "First NH index (default: 1000)")->type_name("N");
-  verb.add_option("--nh-size", options.nh_size, "NH indexes (default: 65536)")->type_name("N");
-  verb.add_option("--tun-start", options.tun_start, "First tunnel index (default: 1)")->type_name("N");
-  verb.add_option("--tun-size", options.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
+  verb.add_option("--shm-id", options.ranges.shm_id, "Id of the window (default: 1)")->type_name("ID");
+  verb.add_option("--nh-start", options.ranges.nh_start, "First NH index (default: 1000)")->type_name("N");
+  verb.add_option("--nh-size", options.ranges.nh_size, "NH indexes (default: 65536)")->type_name("N");
+  verb.add_option("--tun-start", options.ranges.tun_start, "First tunnel index (default: 1)")->type_name("N");
+  verb.add_option("--tun-size", options.ranges.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
 }
 
 }  // namespace encapctl
