@@ -39,7 +39,7 @@ class Stage {
   void stop_with_lock();
   void expect_wait();
   void restart();
-  void compare() { model_.compare(plan_, client_, report_); }
+  void compare() { model_.compare(client_, report_); }
 
   const Plan &plan_;
   Report &report_;

@@ -32,9 +32,8 @@ class Model {
   std::uint32_t held(std::uint32_t worker) const;
   const std::map<Key, Users> &nhs() const { return nhs_; }
 
-  // Compares every NH of this process's database, its tunnels and its counts; then every client's ledger, and the
-  // window itself, as `encapctl check` does.
-  void compare(const Plan &plan, encap_client_t *client, Report &report) const;
+  // Compares every NH of this process's database with its count, what each client holds, and the window's blocks.
+  void compare(encap_client_t *client, Report &report) const;
 
  private:
   std::map<Key, Users> nhs_;
