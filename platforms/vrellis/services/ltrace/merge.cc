@@ -103,11 +103,13 @@ std::uint64_t share_of_ring(std::span<const std::unique_ptr<TraceFile>> files) {
   std::uint64_t used = 0;
   for (const auto &file : files) {
     for (std::uint32_t ring = 0; ring < file->num_rings(); ++ring) {
-      used += file->is_used(ring) ? 1U : 0U;
-      bytes += file->is_used(ring) ? std::uint64_t{file->header().ring_words} * sizeof(std::uint64_t) : 0;
+      if (file->is_used(ring)) {  // asked once, since a live process may take the ring meanwhile
+        ++used;
+        bytes += std::uint64_t{file->header().ring_words} * sizeof(std::uint64_t);
+      }
     }
   }
-  return bytes <= kMostMergedBytes ? ~std::uint64_t{0} : kMostMergedBytes / used;
+  return used == 0 || bytes <= kMostMergedBytes ? ~std::uint64_t{0} : kMostMergedBytes / used;
 }
 
 }  // namespace
