@@ -14,8 +14,9 @@ std::vector<std::string> split(const std::string &text) {
 }
 
 TEST_F(EncapctlTest, EveryVerbHasHelpWithAnExample) {
-  for (const char *verb : {"list", "status", "show", "show nhs", "show tunnels", "summary", "find", "check", "repair",
-                           "trace", "debug", "debug list", "load", "snapshot", "destroy"}) {
+  for (const char *verb :
+       {"list", "status", "show", "show nhs", "show tunnels", "summary", "find", "check", "repair", "trace", "debug",
+        "debug list", "load", "snapshot", "destroy", "clients", "unload", "reclaim"}) {
     const std::string text = encapctl(split(verb + std::string(" --help"))).out;
     EXPECT_TRUE(has(text, "Examples:\n"));
     EXPECT_TRUE(has(text, "\n  encapctl " + std::string(verb)));

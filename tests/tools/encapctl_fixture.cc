@@ -92,7 +92,8 @@ std::vector<Json> lines_of(const std::string &text) {
 }
 
 bool closes_listing(const Json &object) {
-  return object.at("kind") == "show" || object.at("kind") == "find" || object.at("kind") == "trace";
+  const std::string kind = object.at("kind");
+  return kind == "show" || kind == "find" || kind == "trace" || kind == "clients";
 }
 
 }  // namespace

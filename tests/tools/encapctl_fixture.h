@@ -24,7 +24,8 @@ struct Outcome {
   std::string out;
   std::string err;
 
-  // The object of each line, without the one that closes a listing of show, find or trace; the only one; that one.
+  // The object of each line, without the one that closes a listing (of show, find, trace, clients); the only one; that
+  // one.
   std::vector<Json> objects() const;
   Json object() const;
   Json closing() const;

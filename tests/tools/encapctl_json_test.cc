@@ -97,6 +97,11 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
   run({"load", listing, "--nh-start", "1000", "--nh-size", "1"});
   encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
   make_database();
+  run({"load", listing, "--client", "lab"});
+  run({"load", listing, "--client", "left"});
+  run({"clients"});
+  run({"find", "label1=16001"});
+  run({"reclaim", "left"});
   {
     const Child holder = fork_child([&](const Ready &) {
       open_database();
@@ -122,6 +127,7 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
   run({"list", "--dir", directory()}, false);
   for (const char *words : {"show nhs", "show tunnels", "summary", "check", "repair", "debug list", "destroy"}) {
     if (std::string(words) == "destroy") {
+      run({"unload", "--client", "lab"});
       run({"snapshot", path() + ".snap"});
     }
     std::istringstream split(words);

@@ -53,6 +53,14 @@ void add_options(CLI::App &verb, OutputOptions &options) {
   verb.add_flag("--no-color", options.no_color, "No colour, also on a terminal")->group(kShared);
 }
 
+CLI::Option *add_time_option(CLI::App &verb, const std::string &name, double &seconds, const std::string &what) {
+  static const std::map<std::string, double> kUnits = {{"ms", 1e-3}, {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+  return verb.add_option(name, seconds, what)
+      ->transform(CLI::AsNumberWithUnit(kUnits, CLI::AsNumberWithUnit::UNIT_REQUIRED, "TIME"))
+      ->check(CLI::Range(0.0, 1e10))  // seconds: some centuries
+      ->option_text("TIME");
+}
+
 void add_limit_option(CLI::App &verb, std::uint64_t &limit, const std::string &what) {
   verb.add_option("--limit", limit, what)->type_name("N");
 }

@@ -26,6 +26,7 @@ void add_options(CLI::App &verb, SourceOptions &options);     // and --file
 void add_options(CLI::App &verb, TraceDirectory &options);    // --trace-dir
 void add_options(CLI::App &verb, TraceOptions &options);      // and --all-traces
 void add_options(CLI::App &verb, OutputOptions &options);     // --json, --no-color
+CLI::Option *add_time_option(CLI::App &verb, const std::string &name, double &seconds, const std::string &what);
 void add_limit_option(CLI::App &verb, std::uint64_t &limit, const std::string &what);
 
 // The options that may also stand before the verb, and whether a value follows each.

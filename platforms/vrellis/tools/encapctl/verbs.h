@@ -13,11 +13,14 @@ void add_status(CLI::App &app, int &status);
 void add_show(CLI::App &app, int &status);
 void add_summary(CLI::App &app, int &status);
 void add_find(CLI::App &app, int &status);
+void add_clients(CLI::App &app, int &status);
 void add_check(CLI::App &app, int &status);
 void add_repair(CLI::App &app, int &status);
 void add_trace(CLI::App &app, int &status);
 void add_debug(CLI::App &app, int &status);
 void add_load(CLI::App &app, int &status);
+void add_unload(CLI::App &app, int &status);
+void add_reclaim(CLI::App &app, int &status);
 void add_snapshot(CLI::App &app, int &status);
 void add_destroy(CLI::App &app, int &status);
 

@@ -4,7 +4,9 @@
 
 #include <cstring>
 
+#include "load/as_client.h"
 #include "output/failure.h"
+#include "output/progress.h"
 
 namespace encapctl {
 namespace {
@@ -26,6 +28,31 @@ class LockHold {
 };
 
 }  // namespace
+
+Loaded load_as(encap_client_t *client, const std::vector<route_file::Hop> &hops) {
+  Loaded loaded;
+  require_ok(encap_client_refresh_begin(client), "the refresh cannot begin");
+  Progress progress("entering routes", hops.size());
+  for (const route_file::Hop &hop : hops) {
+    ++loaded.next_hops;
+    encap_entry_t entry{};
+    const int status = encap_client_enter(client, route_file::key_of(hop), nullptr, &entry);
+    if (status != 0) {
+      ++loaded.refused;
+      ++loaded.refusals[fmt::format("the database answered {} ({})", status, std::strerror(status))];
+    } else {
+      loaded.renewed += entry.renewed;
+      loaded.new_nhs += entry.nh_created;
+      loaded.new_tunnels += entry.tunnel_created;
+      loaded.shared += entry.renewed == 0 && entry.nh_created == 0 ? 1 : 0;
+    }
+    progress.advance();
+  }
+  Swept swept;
+  require_ok(encap_client_refresh_end(client, Swept::add, &swept), "stale references cannot be given back");
+  loaded.given_back = swept.references;
+  return loaded;
+}
 
 void Loader::enter(const route_file::Hop &hop) {
   const LockHold hold;

@@ -6,7 +6,9 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "encap_client.h"
 #include "mpls_egress_encap_db.h"
 #include "route_file.h"
 
@@ -19,6 +21,8 @@ struct Loaded {
   std::uint64_t shared = 0;
   std::uint64_t new_tunnels = 0;
   std::uint64_t refused = 0;
+  std::uint64_t renewed = 0;                      // of a client: references that it had before
+  std::uint64_t given_back = 0;                   // of a client: references that the listing no longer names
   std::map<std::string, std::uint64_t> refusals;  // how many, by their reason
 };
 
@@ -44,6 +48,9 @@ class FreeIndexes {
   std::uint32_t end_;
   std::uint32_t next_;
 };
+
+// Enters the next hops as a client, whose references they renew; what none names is given back. Throws Failure.
+Loaded load_as(encap_client_t *client, const std::vector<route_file::Hop> &hops);
 
 class Loader {
  public:

@@ -136,10 +136,11 @@ std::string tunnel_text(const Database &db, std::uint32_t number) {
                      tunnel.slot != nullptr ? tunnel.slot->ref_count : 0);
 }
 
-void print_nh(const Output &out, const Database &db, const NhView &nh, Records &records) {
+void print_nh(const Output &out, const Window &window, const NhView &nh, Records &records) {
+  const Database &db = window.db;
   const std::vector<vrellis::TraceRecord> events = records.about(nh.index, std::nullopt);
   if (out.json()) {
-    Json fields = nh_json(db, nh);
+    Json fields = nh_json(window, nh);
     fields["egress"] = nh.node != nullptr ? tunnel_json(tunnel_at(db, nh.node->tunnel)) : Json(nullptr);
     fields["records"] = events_json(events);
     out.object("encapsulation", fields);
@@ -151,6 +152,7 @@ void print_nh(const Output &out, const Database &db, const NhView &nh, Records &
   if (found) {
     out.fact("labels", stack_text(db, nh));
     out.fact("references", fmt::format("{}", slot.ref_count));
+    out.fact("held by", holders_text(window, nh));
     out.fact("tunnel", nh.node != nullptr ? tunnel_text(db, nh.node->tunnel)
                                           : fmt::format("{}, but no tree has this NH: see encapctl check",
                                                         std::uint32_t{slot.egr_tun}));
@@ -242,7 +244,7 @@ int run(FindOptions &options) {
   Records records(*window, options);
   std::uint64_t shown = 0;
   for (std::size_t i = 0; i < found.nhs.size() && shown < options.limit; ++i, ++shown) {
-    print_nh(out, db, nh_at(db, found.nhs[i]), records);
+    print_nh(out, *window, nh_at(db, found.nhs[i]), records);
   }
   for (std::size_t i = 0; i < found.tunnels.size() && shown < options.limit; ++i, ++shown) {
     print_tunnel(out, db, found.tunnels[i], records);

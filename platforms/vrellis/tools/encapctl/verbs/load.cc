@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "encap_db_owner.h"
+#include "load/as_client.h"
 #include "load/interfaces.h"
 #include "load/loader.h"
 #include "output/progress.h"
@@ -27,6 +28,7 @@ struct LoadOptions {
   OutputOptions output;
   std::string routes;
   std::vector<std::string> interfaces;
+  std::string client;
   encap_inspect::Ranges ranges;
 };
 
@@ -98,6 +100,8 @@ void print(const LoadOptions &options, bool created, const route_file::RouteFile
                         {"new_nhs", loaded.new_nhs},
                         {"shared", loaded.shared},
                         {"new_tunnels", loaded.new_tunnels},
+                        {"renewed", loaded.renewed},
+                        {"given_back", loaded.given_back},
                         {"refused", loaded.refused},
                         {"refusals", refusals}});
     return;
@@ -111,29 +115,41 @@ void print(const LoadOptions &options, bool created, const route_file::RouteFile
     out.fact("", out.styled(Style::bad, fmt::format("{} refused: {}", count, reason)));
   }
   out.fact("tunnels", fmt::format("{} new", loaded.new_tunnels));
+  if (!options.client.empty()) {
+    out.fact("client", fmt::format("{}: {} renewed, {} given back", options.client, loaded.renewed, loaded.given_back));
+  }
+}
+
+Loaded enter_all(const LoadOptions &options, const std::vector<route_file::Hop> &hops, int *created) {
+  const encap_db_config_t config =
+      encap_inspect::config_of(options.window.directory.c_str(), options.window.name.c_str(), options.ranges);
+  shmwin_error_t error{};
+  if (encap_db_open(&config, created, &error) != 0) {
+    throw Failure(error.text);
+  }
+  Loader loader;
+  Progress progress("entering routes", hops.size());
+  for (const route_file::Hop &hop : hops) {
+    loader.enter(hop);
+    progress.advance();
+  }
+  encap_db_close();
+  return loader.loaded();
 }
 
 int run(LoadOptions &options) {
   route_file::RouteFile routes = read_routes(options.routes);
   number_interfaces(options, routes);
-  const encap_db_config_t config =
-      encap_inspect::config_of(options.window.directory.c_str(), options.window.name.c_str(), options.ranges);
-  shmwin_error_t error{};
   int created = 0;
-  if (encap_db_open(&config, &created, &error) != 0) {
-    throw Failure(error.text);
+  Loaded loaded;
+  if (options.client.empty()) {
+    loaded = enter_all(options, routes.hops, &created);
+  } else {
+    created = access(options.window.path().c_str(), F_OK) != 0 ? 1 : 0;
+    loaded = load_as(AsClient(options.window, options.ranges, options.client).get(), routes.hops);
   }
-  Loader loader;
-  {
-    Progress progress("entering routes", routes.hops.size());
-    for (const route_file::Hop &hop : routes.hops) {
-      loader.enter(hop);
-      progress.advance();
-    }
-  }
-  encap_db_close();
-  print(options, created != 0, routes, loader.loaded());
-  return loader.loaded().refused == 0 && routes.refused == 0 ? kDone : kFindings;
+  print(options, created != 0, routes, loaded);
+  return loaded.refused == 0 && routes.refused == 0 ? kDone : kFindings;
 }
 
 }  // namespace
@@ -152,6 +168,10 @@ void add_load(CLI::App &app, int &status) {
   verb.add_option("--interface", options.interfaces, "The number of an interface (default: the first free one)")
       ->type_name("NAME=NUMBER")
       ->expected(1);
+  verb.add_option(
+          "--client", options.client,
+          "Enter it as this client: what it held before is renewed, what the listing does not name is given back")
+      ->type_name("NAME");
   verb.add_option("--shm-id", options.ranges.shm_id, "Id of the window (default: 1)")->type_name("ID");
   verb.add_option("--nh-start", options.ranges.nh_start, "First NH index (default: 1000)")->type_name("N");
   verb.add_option("--nh-size", options.ranges.nh_size, "NH indexes (default: 65536)")->type_name("N");

@@ -112,19 +112,20 @@ std::string letters_of(const NhView &nh) {
   return letters.empty() ? "-" : letters;
 }
 
-std::vector<std::string> nh_cells(const Database &db, const Entry &entry) {
+std::vector<std::string> nh_cells(const Window &window, const Entry &entry) {
   const egr_nh_info_t &slot = *entry.nh.slot;
   const bool no_failover = slot.failover_nh == 0 && slot.failover_id == 0;
   return {fmt::format("{}", entry.index),
           fmt::format("{}", entry.ref_count),
           tunnel_name(entry.tunnel),
           fmt::format("{:#x}", entry.ifh),
-          stack_text(db, entry.nh),
+          stack_text(window.db, entry.nh),
           fmt::format("{}", std::uint32_t{slot.te_local_label}),
           fmt::format("{}", entry.protocol),
           letters_of(entry.nh),
           fmt::format("{}", slot.seed_nh),
-          no_failover ? "-" : fmt::format("{}/{}", slot.failover_nh, std::uint32_t{slot.failover_id})};
+          no_failover ? "-" : fmt::format("{}/{}", slot.failover_nh, std::uint32_t{slot.failover_id}),
+          holders_text(window, entry.nh)};
 }
 
 std::vector<std::string> tunnel_cells(const Entry &entry) {
@@ -147,9 +148,9 @@ int print(const ShowOptions &options, const Window &window, Listing listing) {
     const bool is_nh = entry.nh.slot != nullptr;
     const bool sound = entry.valid ? !is_nh || entry.nh.node != nullptr : is_nh;
     if (out.json()) {
-      out.object(listing.kind, is_nh ? nh_json(window.db, entry.nh) : tunnel_json(entry.egress));
+      out.object(listing.kind, is_nh ? nh_json(window, entry.nh) : tunnel_json(entry.egress));
     } else {
-      listing.table.row(is_nh ? nh_cells(window.db, entry) : tunnel_cells(entry), sound ? Style::plain : Style::bad);
+      listing.table.row(is_nh ? nh_cells(window, entry) : tunnel_cells(entry), sound ? Style::plain : Style::bad);
     }
   }
   const std::size_t shown = listing.entries.size();
@@ -179,7 +180,8 @@ int show_nhs(ShowOptions &options) {
                    {"proto"},
                    {"flags", Align::left},
                    {"seed"},
-                   {"failover"}},
+                   {"failover"},
+                   {"held by", Align::left}},
                   {}};
   for (std::uint32_t index = db.nh_start; index != db.nh_end; ++index) {
     listing.entries.push_back(nh_entry(db, nh_at(db, index)));

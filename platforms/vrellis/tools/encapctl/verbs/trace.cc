@@ -172,10 +172,7 @@ void add_trace(CLI::App &app, int &status) {
   verb.add_option("--tunnel", options.filter.tunnel, "About this tunnel index")->type_name("N");
   verb.add_option("--point", options.filter.point, "Of this trace point, or of the points in this function (* and ?)")
       ->type_name("ID|FUNCTION");
-  const std::map<std::string, double> units = {{"ms", 1e-3}, {"s", 1}, {"m", 60}, {"h", 3600}};
-  verb.add_option("--since", options.since, "Not older than this: 500ms, 5s, 2m, 1h")
-      ->transform(CLI::AsNumberWithUnit(units, CLI::AsNumberWithUnit::UNIT_REQUIRED, "TIME"))
-      ->option_text("TIME");
+  add_time_option(verb, "--since", options.since, "Not older than this: 500ms, 5s, 2m, 1h");
   CLI::Option *const perfetto =
       verb.add_option("--perfetto", options.perfetto, "Write trace-event JSON for the Perfetto viewer instead")
           ->type_name("FILE");

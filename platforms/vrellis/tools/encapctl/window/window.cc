@@ -57,6 +57,7 @@ std::unique_ptr<Window> read_database(const SourceOptions &options) {
     warn(
         fmt::format("{} is not sound: encapctl check tells of {}", window->label, counted(report.faults(), "finding")));
   }
+  window->clients = clients_of(window->view);
   return window;
 }
 
@@ -107,9 +108,27 @@ std::string stack_text(const Database &db, const NhView &nh) {
   return text + fmt::format("{}", label[0]);
 }
 
-Json nh_json(const Database &db, const NhView &nh) {
+std::string holders_text(const Window &window, const NhView &nh) {
+  std::string text;
+  std::uint64_t held = 0;
+  for (const Holder &holder : holders_of(window.view, window.clients, nh.index)) {
+    held += holder.held;
+    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", printable(holder.name), holder.held);
+    text += holder.stale != 0 ? fmt::format(" ({} stale)", holder.stale) : "";
+  }
+  if (nh.slot->ref_count > held) {
+    text += fmt::format("{}no client {}", text.empty() ? "" : ", ", nh.slot->ref_count - held);
+  }
+  return text.empty() ? "-" : text;
+}
+
+Json nh_json(const Window &window, const NhView &nh) {
   const egr_nh_info_t &slot = *nh.slot;
-  const std::array<std::uint32_t, 3> label = labels_of(db, nh);
+  const std::array<std::uint32_t, 3> label = labels_of(window.db, nh);
+  Json holders = Json::array();
+  for (const Holder &holder : holders_of(window.view, window.clients, nh.index)) {
+    holders.push_back({{"name", holder.name}, {"held", holder.held}, {"stale", holder.stale}});
+  }
   return {{"nh", nh.index},
           {"valid", slot.valid != 0},
           {"in_tree", nh.node != nullptr},
@@ -126,7 +145,8 @@ Json nh_json(const Database &db, const NhView &nh) {
           {"seed_nh", slot.seed_nh},
           {"failover_nh", slot.failover_nh},
           {"failover_id", std::uint32_t{slot.failover_id}},
-          {"protected_te", slot.is_protected_te_nh != 0}};
+          {"protected_te", slot.is_protected_te_nh != 0},
+          {"holders", holders}};
 }
 
 Json tunnel_json(const TunnelView &tunnel) {

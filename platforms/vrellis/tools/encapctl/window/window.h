@@ -6,9 +6,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "check.h"
 #include "database.h"
+#include "holders.h"
 #include "output/output.h"
 #include "view.h"
 
@@ -36,6 +38,7 @@ struct Window {
   encap_inspect::View view;
   encap_inspect::Database db;
   std::string label;  // "window '/dev/shm/x'", "snapshot 'y'"
+  std::vector<encap_inspect::ClientEntry> clients = {};
 
   // One moment, or near it: what it says can be held against it. The lock may have been held.
   bool still() const { return view.stillness() != encap_inspect::Stillness::kMoving; }
@@ -79,7 +82,10 @@ std::array<std::uint32_t, 3> labels_of(const encap_inspect::Database &db, const 
 std::string stack_text(const encap_inspect::Database &db, const NhView &nh);
 std::string stack_text(const mpls_tunnel_key_t &tunnel);
 
-Json nh_json(const encap_inspect::Database &db, const NhView &nh);
+// Who holds its references: "fpm 2, lab 1 (1 stale), no client 3".
+std::string holders_text(const Window &window, const NhView &nh);
+
+Json nh_json(const Window &window, const NhView &nh);
 Json tunnel_json(const TunnelView &tunnel);
 
 }  // namespace encapctl

@@ -1,0 +1,123 @@
+// Clients in the command: who holds what, listings entered as a client, and what dead clients held given back.
+#include <unistd.h>
+
+#include <fstream>
+
+#include "encap_client.h"
+#include "encapctl_fixture.h"
+
+namespace encapctl_test {
+namespace {
+
+class EncapctlClientsTest : public EncapctlTest {
+ protected:
+  // A process that is a client of this name, with one reference on 16001 and two on 16002.
+  Child daemon(const char *name) const {
+    return fork_child([this, name](const Ready &) {
+      encap_client_config_t config{};
+      config.database.directory = directory().c_str();
+      config.database.name = name_.c_str();
+      config.database.shm_id = 1;
+      config.database.nh_start = kNhStart, config.database.nh_size = kNhSize;
+      config.database.tun_start = kTunStart, config.database.tun_size = kTunSize;
+      config.name = name;
+      encap_client_t *client = nullptr;
+      ASSERT_EQ(encap_client_open(&config, &client, nullptr), 0);
+      for (const std::uint32_t label : {16001U, 16002U, 16002U}) {
+        ASSERT_EQ(encap_client_enter(client, key_of(0x1000000, label, 200, 0), nullptr, nullptr), 0);
+      }
+    });
+  }
+
+  Json client(const std::string &name) const {
+    for (const Json &object : on_window({"clients", "--json"}).objects()) {
+      if (object.at("name") == name) {
+        return object;
+      }
+    }
+    return {};
+  }
+
+  Json load_as_lab(const std::string &routes) const {
+    const std::string listing = path() + ".routes";
+    std::ofstream(listing) << routes;
+    Json loaded = on_window({"load", listing, "--client", "lab", "--json"}).object();
+    unlink(listing.c_str());
+    return loaded;
+  }
+
+  // The count and the holders of the NH with this bottom label.
+  std::string held(const std::string &label) const {
+    const Json object = on_window({"find", "label1=" + label, "--json"}).objects().at(0);
+    return object.at("ref_count").dump() + object.at("holders").dump();
+  }
+};
+
+TEST_F(EncapctlClientsTest, AnNhTellsWhoHoldsIt) {
+  make_database();
+  Child child = daemon("bgpd");
+  open_database();
+  ASSERT_EQ(vrl_find_and_share_egress_nh(on_window({"find", "label1=16002", "--json"}).objects().at(0).at("nh")), 0);
+  close_database();
+  EXPECT_EQ(held("16002"), R"(3[{"held":2,"name":"bgpd","stale":0}])");
+  EXPECT_TRUE(has(on_window({"find", "label1=16002"}).out, "bgpd 2, no client 1"));
+  EXPECT_TRUE(has(on_window({"show", "nhs", "--index", "1002"}).out, "no client 5"));
+  EXPECT_EQ(client("bgpd").at("state"), "alive");
+  EXPECT_EQ(client("bgpd").at("pid").dump(), child.pid());
+  EXPECT_EQ(client("bgpd").at("held"), 3);
+  EXPECT_EQ(client("bgpd").at("calls").at("entered"), 3);
+  child.kill();
+  EXPECT_EQ(client("bgpd").at("state"), "dead");
+  EXPECT_TRUE(has(on_window({"clients"}).out, "bgpd"));
+  EXPECT_EQ(on_window({"check"}).status, 0);
+}
+
+TEST_F(EncapctlClientsTest, AListingIsEnteredAnewAndTakenBack) {
+  const std::string first = "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 200/16002 dev eth1\n";
+  EXPECT_EQ(load_as_lab(first).at("new_nhs"), 2);
+  const Json same = load_as_lab(first);
+  EXPECT_EQ(same.at("renewed"), 2);
+  EXPECT_EQ(same.at("given_back"), 0);
+  const Json changed =
+      load_as_lab("10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.2.0/24 encap mpls 200/16003 dev eth1\n");
+  EXPECT_EQ(changed.at("renewed"), 1);
+  EXPECT_EQ(changed.at("new_nhs"), 1);
+  EXPECT_EQ(changed.at("given_back"), 1);
+  EXPECT_EQ(on_window({"find", "label1=16002"}).status, 1);
+  EXPECT_EQ(client("lab").at("state"), "closed");
+  EXPECT_EQ(on_window({"unload", "--client", "nobody"}).status, 1);
+  const Json unloaded = on_window({"unload", "--client", "lab", "--json"}).object();
+  EXPECT_EQ(unloaded.at("references"), 2);
+  EXPECT_EQ(unloaded.at("tunnels_left"), 1);
+  EXPECT_EQ(client("lab"), Json{});
+  EXPECT_EQ(on_window({"summary", "--json"}).object().at("nhs").at("used"), 0);
+}
+
+TEST_F(EncapctlClientsTest, WhatTheDeadHeldIsReclaimed) {
+  EXPECT_EQ(on_window({"reclaim", "bgpd"}).status, 2) << "there is no database, and none is made";
+  EXPECT_NE(access(path().c_str(), F_OK), 0);
+  make_database();
+  Child first = daemon("bgpd"), second = daemon("ospfd");
+  const Outcome refused = on_window({"reclaim", "bgpd"});
+  EXPECT_EQ(refused.status, 2);
+  EXPECT_TRUE(has(refused.err, "the process of client 'bgpd' lives"));
+  EXPECT_EQ(on_window({"reclaim", "--dead"}).status, 1);
+  first.kill();
+  EXPECT_EQ(on_window({"reclaim", "--dead", "--older-than", "1h"}).status, 1) << "it died just now";
+  const Outcome reclaimed = on_window({"reclaim", "--dead", "--older-than", "0s", "--json"});
+  EXPECT_EQ(reclaimed.object().at("client"), "bgpd");
+  EXPECT_EQ(reclaimed.object().at("references"), 3);
+  EXPECT_EQ(reclaimed.object().at("nhs_left"), 0);
+  second.kill();
+  EXPECT_EQ(on_window({"reclaim", "ospfd", "--json"}).object().at("nhs_left"), 2);
+  EXPECT_EQ(on_window({"reclaim", "ospfd"}).status, 2);
+  for (const std::string words : {"-1s", "5", "99999999999999999999s", "5 parsecs"}) {
+    EXPECT_EQ(on_window({"reclaim", "--dead", "--older-than=" + words}).status, 2) << words;
+  }
+  EXPECT_EQ(on_window({"reclaim"}).status, 2);
+  EXPECT_EQ(on_window({"clients", "--json"}).closing().at("shown"), 0);
+  EXPECT_EQ(on_window({"check"}).status, 0);
+}
+
+}  // namespace
+}  // namespace encapctl_test
