@@ -1,7 +1,10 @@
 // Clients in the command: who holds what, listings entered as a client, and what dead clients held given back.
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
+#include <map>
+#include <regex>
 
 #include "encap_client.h"
 #include "encapctl_fixture.h"
@@ -14,15 +17,7 @@ class EncapctlClientsTest : public EncapctlTest {
   // A process that is a client of this name, with one reference on 16001 and two on 16002.
   Child daemon(const char *name) const {
     return fork_child([this, name](const Ready &) {
-      encap_client_config_t config{};
-      config.database.directory = directory().c_str();
-      config.database.name = name_.c_str();
-      config.database.shm_id = 1;
-      config.database.nh_start = kNhStart, config.database.nh_size = kNhSize;
-      config.database.tun_start = kTunStart, config.database.tun_size = kTunSize;
-      config.name = name;
-      encap_client_t *client = nullptr;
-      ASSERT_EQ(encap_client_open(&config, &client, nullptr), 0);
+      encap_client_t *const client = open_client(name);
       for (const std::uint32_t label : {16001U, 16002U, 16002U}) {
         ASSERT_EQ(encap_client_enter(client, key_of(0x1000000, label, 200, 0), nullptr, nullptr), 0);
       }
@@ -70,6 +65,93 @@ TEST_F(EncapctlClientsTest, AnNhTellsWhoHoldsIt) {
   EXPECT_EQ(client("bgpd").at("state"), "dead");
   EXPECT_TRUE(has(on_window({"clients"}).out, "bgpd"));
   EXPECT_EQ(on_window({"check"}).status, 0);
+}
+
+TEST_F(EncapctlClientsTest, OnlyALiveDaemonIsTold) {
+  make_database();
+  int told[2];
+  ASSERT_EQ(pipe(told), 0);
+  static int tell;
+  tell = told[1];
+  Child child = fork_child([this](const Ready &) {
+    std::signal(SIGUSR1, [](int) { static_cast<void>(!write(tell, "x", 1)); });
+    open_client("fpm");
+  });
+  close(told[1]);
+  EXPECT_EQ(on_window({"settle", "fpm", "--json"}).object().at("pid").dump(), child.pid());
+  char byte = 0;
+  EXPECT_EQ(read(told[0], &byte, 1), 1);
+  child.kill();
+  close(told[0]);
+  EXPECT_TRUE(has(on_window({"settle", "fpm"}).err, "no process that is alive"));
+  EXPECT_EQ(on_window({"settle", "bgpd"}).status, 2);
+  const Child plain = daemon("bgpd");
+  EXPECT_TRUE(has(on_window({"settle", "bgpd"}).err, "does not expect SIGUSR1"));
+  EXPECT_EQ(client("bgpd").at("state"), "alive");
+}
+
+// The file lies where others may write: it counts only when it is a plain file that names the client's process.
+TEST_F(EncapctlClientsTest, ADaemonsOwnStatusIsShown) {
+  make_database();
+  const Child child = daemon("fpm");
+  const std::string file = path() + ".fpm.status";
+  const auto write_status = [&](const std::string &at, const std::string &pid) {
+    std::ofstream(at) << R"({"schema":"encapd/1","kind":"status","pid":)" << pid
+                      << R"(,"connected":true,"settled":false,"routes":5000,"messages":10002,"lag_us":310,)"
+                      << R"("refusals":{"too_deep":3,"no_room":0},"refused_now":{"too_deep":1}})";
+  };
+  EXPECT_TRUE(client("fpm").at("daemon").is_null());
+  write_status(file, child.pid());
+  EXPECT_EQ(client("fpm").at("daemon").at("routes"), 5000);
+  EXPECT_TRUE(
+      has(on_window({"clients"}).out,
+          "fpm: a router is connected, not settled; 5000 routes, 10002 messages, lag 310 us; refused: too_deep 3"));
+  const std::string metrics = on_window({"metrics"}).out;
+  EXPECT_TRUE(has(metrics, "encapd_messages_total{client=\"fpm\"} 10002\n"));
+  EXPECT_TRUE(has(metrics, "encapd_refusals_total{client=\"fpm\",reason=\"too_deep\"} 3\n"));
+  EXPECT_TRUE(has(metrics, "encapd_refused_paths{client=\"fpm\",reason=\"too_deep\"} 1\n"));
+  write_status(file, "1");
+  EXPECT_TRUE(client("fpm").at("daemon").is_null());
+  std::ofstream(file) << "{";
+  EXPECT_TRUE(client("fpm").at("daemon").is_null());
+  unlink(file.c_str());
+  write_status(file + ".elsewhere", child.pid());
+  ASSERT_EQ(symlink((file + ".elsewhere").c_str(), file.c_str()), 0);
+  EXPECT_TRUE(client("fpm").at("daemon").is_null());
+  unlink(file.c_str());
+  unlink((file + ".elsewhere").c_str());
+}
+
+// Each sample belongs to the family that was announced last, and the text ends as it must.
+TEST_F(EncapctlClientsTest, MetricsAreOpenMetricsText) {
+  make_database();
+  const Child child = daemon("bgpd");
+  const Outcome run = on_window({"metrics"});
+  ASSERT_EQ(run.status, 0);
+  std::istringstream lines(run.out);
+  std::map<std::string, std::string> samples;
+  std::string family, type, line;
+  while (std::getline(lines, line) && line != "# EOF") {
+    const std::regex announced("# (TYPE|HELP) ([a-z_]+) (.+)");
+    const std::regex sample(R"re(([a-z_]+)(\{[a-z]+="[^"]*"(,[a-z]+="[^"]*")*\})? ([0-9.e+-]+))re");
+    std::smatch match;
+    if (std::regex_match(line, match, announced)) {
+      type = match[1] == "TYPE" ? match[3].str() : type;
+      EXPECT_TRUE(match[1] == "TYPE" || family == match[2]) << line;
+      family = match[2];
+    } else {
+      ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
+      EXPECT_EQ(match[1], family + (type == "counter" ? "_total" : ""));
+      EXPECT_TRUE(samples.emplace(match[1].str() + match[2].str(), match[4]).second) << line;
+    }
+  }
+  EXPECT_EQ(line, "# EOF");
+  EXPECT_FALSE(std::getline(lines, line));
+  EXPECT_EQ(samples["encap_nhs"], "6");
+  EXPECT_EQ(samples["encap_references"], "18");
+  EXPECT_EQ(samples["encap_client_up{client=\"bgpd\"}"], "1");
+  EXPECT_EQ(samples["encap_client_references{client=\"bgpd\"}"], "3");
+  EXPECT_EQ(samples["encap_client_calls_total{client=\"bgpd\",call=\"entered\"}"], "3");
 }
 
 TEST_F(EncapctlClientsTest, AListingIsEnteredAnewAndTakenBack) {

@@ -164,15 +164,30 @@ void EncapctlTest::TearDown() {
   encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
 }
 
-void EncapctlTest::open_database() const {
+encap_db_config_t EncapctlTest::config() const {
   encap_db_config_t config{};
   config.directory = directory().c_str();
   config.name = name_.c_str();
   config.shm_id = 1;
   config.nh_start = kNhStart, config.nh_size = kNhSize;
   config.tun_start = kTunStart, config.tun_size = kTunSize;
+  return config;
+}
+
+void EncapctlTest::open_database() const {
+  const encap_db_config_t config = this->config();
   shmwin_error_t error{};
   ASSERT_EQ(encap_db_open(&config, nullptr, &error), 0) << error.text;
+}
+
+encap_client_t *EncapctlTest::open_client(const char *name) const {
+  encap_client_config_t config{};
+  config.database = this->config();
+  config.name = name;
+  encap_client_t *client = nullptr;
+  shmwin_error_t error{};
+  EXPECT_EQ(encap_client_open(&config, &client, &error), 0) << error.text;
+  return client;
 }
 
 void EncapctlTest::close_database() const {

@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "encap_client.h"
+#include "encap_db_owner.h"
 #include "mpls_egress_encap_db.h"
 
 namespace encapctl_test {
@@ -81,6 +83,11 @@ class EncapctlTest : public testing::Test {
   // Opens the test's database in this process, or attaches it.
   void open_database() const;
   void close_database() const;
+
+  encap_db_config_t config() const;
+
+  // Opens the test's database as a client.
+  encap_client_t *open_client(const char *name) const;
 
   // Enters an encapsulation with so many references. `tunnel` 0: on the null tunnel.
   static void enter(std::uint32_t nh, std::uint32_t tunnel, egress_encap_key_t key, std::uint32_t references);

@@ -1,4 +1,5 @@
 // docs/json.md against what the verbs print: every key is documented with its type, and every documented key is printed.
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <set>
@@ -60,7 +61,7 @@ class Page {
     }
     if (value.is_object() && kinds_.contains(name)) {
       walk(name, "", value);
-    } else if (value.is_object()) {
+    } else if (value.is_object() && name != "object") {
       for (const auto &[inner, content] : value.items()) {
         if (!key.empty() || (inner != "schema" && inner != "kind")) {
           walk(kind, key + (key.empty() ? "" : ".") + inner, content);
@@ -99,9 +100,18 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
   make_database();
   run({"load", listing, "--client", "lab"});
   run({"load", listing, "--client", "left"});
-  run({"clients"});
   run({"find", "label1=16001"});
   run({"reclaim", "left"});
+  {
+    const Child daemon = fork_child([&](const Ready &) {
+      std::signal(SIGUSR1, SIG_IGN);
+      open_client("daemon");
+    });
+    std::ofstream(path() + ".daemon.status") << R"({"schema":"encapd/1","pid":)" << daemon.pid() << "}";
+    run({"clients"});
+    run({"settle", "daemon"});
+  }
+  run({"unload", "--client", "daemon"});
   {
     const Child holder = fork_child([&](const Ready &) {
       open_database();
@@ -136,6 +146,7 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
   EXPECT_EQ(page.unseen(), std::set<std::string>{});
   unlink(listing.c_str());
   unlink((path() + ".snap").c_str());
+  unlink((path() + ".daemon.status").c_str());
 }
 
 }  // namespace

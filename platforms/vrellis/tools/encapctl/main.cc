@@ -29,9 +29,10 @@ constexpr char kFooter[] =
     "`encapctl help VERB` describes a verb, with an example.";
 
 constexpr void (*kVerbs[])(CLI::App &, int &) = {
-    encapctl::add_list,    encapctl::add_status, encapctl::add_show,    encapctl::add_summary,  encapctl::add_find,
-    encapctl::add_clients, encapctl::add_check,  encapctl::add_trace,   encapctl::add_debug,    encapctl::add_repair,
-    encapctl::add_load,    encapctl::add_unload, encapctl::add_reclaim, encapctl::add_snapshot, encapctl::add_destroy,
+    encapctl::add_list,     encapctl::add_status,  encapctl::add_show,    encapctl::add_summary, encapctl::add_find,
+    encapctl::add_clients,  encapctl::add_check,   encapctl::add_metrics, encapctl::add_trace,   encapctl::add_debug,
+    encapctl::add_repair,   encapctl::add_load,    encapctl::add_unload,  encapctl::add_reclaim, encapctl::add_settle,
+    encapctl::add_snapshot, encapctl::add_destroy,
 };
 
 // How many of the first words are options that may stand before the verb, with their values.

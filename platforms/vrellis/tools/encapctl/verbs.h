@@ -14,6 +14,8 @@ void add_show(CLI::App &app, int &status);
 void add_summary(CLI::App &app, int &status);
 void add_find(CLI::App &app, int &status);
 void add_clients(CLI::App &app, int &status);
+void add_metrics(CLI::App &app, int &status);
+void add_settle(CLI::App &app, int &status);
 void add_check(CLI::App &app, int &status);
 void add_repair(CLI::App &app, int &status);
 void add_trace(CLI::App &app, int &status);

@@ -3,6 +3,7 @@
 
 #include "holders.h"
 #include "verbs.h"
+#include "window/daemon.h"
 
 namespace encapctl {
 namespace {
@@ -72,13 +73,36 @@ void print_table(const Output &out, const std::vector<ClientEntry> &clients) {
   table.print(out);
 }
 
+std::uint64_t number(const Json &status, const char *key) {
+  const Json value = status.value(key, Json());
+  return value.is_number_unsigned() ? value.get<std::uint64_t>() : 0;
+}
+
+// "fpm: a router is connected, settled; 5000 routes, 10002 messages, lag 310 us; refused: deep 3".
+void print_daemon(const Output &out, const std::string &client, const Json &status) {
+  std::string refused;
+  const Json refusals = status.value("refusals", Json::object());
+  for (const auto &[reason, count] : refusals.items()) {
+    if (count.is_number_unsigned() && count != 0 && reason != "plain") {
+      refused +=
+          fmt::format("{}{} {}", refused.empty() ? "; refused: " : ", ", printable(reason), count.get<std::uint64_t>());
+    }
+  }
+  out.line("{}: {}, {}; {} routes, {} messages, lag {}{}", client,
+           status.value("connected", Json()) == true ? "a router is connected" : "no router is connected",
+           status.value("settled", Json()) == true ? "settled" : "not settled", number(status, "routes"),
+           number(status, "messages"), duration_text(number(status, "lag_us") * 1000), refused);
+}
+
 int run(ClientsOptions &options) {
   const std::unique_ptr<Window> window = read_database(options.window);
   const std::vector<ClientEntry> &clients = window->clients;
   const Output out(options.output);
   if (out.json()) {
     for (const ClientEntry &client : clients) {
-      out.object("client", client_json(client));
+      Json fields = client_json(client);
+      fields["daemon"] = daemon_status(options.window, client);
+      out.object("client", fields);
     }
     out.object("clients",
                {{"path", window->view.path()}, {"stillness", stillness_name(*window)}, {"shown", clients.size()}});
@@ -86,6 +110,11 @@ int run(ClientsOptions &options) {
     out.line("no client holds anything");
   } else {
     print_table(out, clients);
+    for (const ClientEntry &client : clients) {
+      if (const Json status = daemon_status(options.window, client); !status.is_null()) {
+        print_daemon(out, client.name, status);
+      }
+    }
   }
   return kDone;
 }
