@@ -184,31 +184,26 @@ constexpr Verb kOnIndexes[] = {Verb::kShare,     Verb::kSet,    Verb::kDetach, V
 using OperationsTest = DbTest;
 
 TEST_F(OperationsTest, MainScenarios) {
-  unsigned roads = 0;
   for (const Scenario &scenario : kMain) {
-    roads += walk(*this, scenario);
+    walk(*this, scenario);
   }
-  EXPECT_EQ(roads, 408u);
+  EXPECT_EQ(failures_not_walked(), "");
 }
 
 TEST_F(OperationsTest, InsertsAndAttaches) {
-  unsigned roads = 0;
   for (const Scenario &scenario : kInserts) {
-    roads += walk(*this, scenario);
+    walk(*this, scenario);
   }
-  EXPECT_EQ(roads, 493u);
 }
 
 TEST_F(OperationsTest, AllOthersInEveryState) {
-  unsigned roads = 0;
   for (const auto &[name, given] : kStates) {
-    roads += walk(*this, {name, given, look(Verb::kFind)});
-    roads += walk(*this, {name, given, look(Verb::kFindShare)});
+    walk(*this, {name, given, look(Verb::kFind)});
+    walk(*this, {name, given, look(Verb::kFindShare)});
     for (const Verb verb : kOnIndexes) {
-      roads += walk(*this, {name, given, on(verb)});
+      walk(*this, {name, given, on(verb)});
     }
   }
-  EXPECT_EQ(roads, 2208u);
 }
 
 TEST_F(OperationsTest, NhIndexesOutOfRange) {

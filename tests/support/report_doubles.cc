@@ -2,12 +2,13 @@
 #include <algorithm>
 #include <cstdarg>
 
+#include "diag/catalogue.h"
 #include "ed.h"
 #include "ltrace.h"
 #include "oxa_errmsg.h"
 #include "ptd.h"
-#include "support/expected_points.h"
 #include "support/journal.h"
+#include "support/story.h"
 
 namespace encap_test {
 namespace {
@@ -50,7 +51,7 @@ void message(const char *call, ed_site_t *site, ed_component_t *component, const
   }
   const bool known = at != all.end() && id != kNeverEmitted;
   entry += known && at->line == line ? "" : "!line" + std::to_string(line);
-  entry += known && expected_points()[id].message == join_pieces(format) ? "" : std::string("!format") + format;
+  entry += known && std::string_view(format) == encap_catalogue.row[id].format ? "" : std::string("!format") + format;
   entry += zeros == 0 ? "" : "!zeros";
   entry += registration().component == nullptr || registration().component == component ? "" : "!component";
   journal().add(entry);
@@ -127,7 +128,8 @@ int oxa_errmsg(const oxa_msg_rec_t *record, int severity, ...) {
   std::va_list arguments;
   va_start(arguments, severity);
   std::string entry = std::string(record->name) + "(" + va_arg(arguments, const char *);
-  for (std::size_t i = 1; i < conversions(record->format); ++i) {
+  const std::string_view format = record->format;
+  for (auto values = std::count(format.begin(), format.end(), '%'); values > 1; --values) {
     entry += "," + std::to_string(va_arg(arguments, std::uint32_t));
   }
   va_end(arguments);

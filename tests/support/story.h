@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "support/journal.h"
 #include "support/model_steps.h"
@@ -14,6 +15,10 @@
 namespace encap_test {
 
 using Values = std::map<std::string, std::uint32_t>;
+
+// The names of the values that a point reports, in their order.
+const std::vector<std::string> &values_of_point(std::uint32_t id);
+inline constexpr std::uint32_t kNeverEmitted = 88;  // a point that only keeps its place
 
 class Story : public Listener {
  public:
