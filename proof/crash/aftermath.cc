@@ -82,7 +82,7 @@ std::string find_others(const Expectation &expected) {
 
 // Goes on: the interrupted operation's own NH again, a new tunnel, the null tunnel; all of it withdrawn at last.
 std::string go_on(const Expectation &expected) {
-  encap_test::Model model = model_of(*egress_encap_db);
+  encap_test::Model model = encap_test::model_of(*egress_encap_db, encap_test::walk_avl);
   std::string wrong;
   const auto both = [&](const Operation &operation) {
     const Answer is = on_database(operation);

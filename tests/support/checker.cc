@@ -248,39 +248,41 @@ std::string differences(const egress_encap_db_t &header, const Model &model, Wal
   return out.str() + wrong;
 }
 
-std::string inconsistency(const egress_encap_db_t &header, Walk walk) {
-  std::string wrong;
-  const auto tunnels = trees(header, walk, wrong);
-  std::map<std::uint32_t, std::uint32_t> users;  // NHs that ride on each tunnel index
-  std::uint32_t nodes = 0;
-  for (const auto &[tunnel_key, tunnel] : tunnels) {
+Model model_of(const egress_encap_db_t &header, Walk walk) {
+  Model model(header.nh_start, header.nh_end - header.nh_start, header.tun_start, header.tun_end - header.tun_start);
+  std::string ignored;
+  for (const auto &[tunnel_key, tunnel] : trees(header, walk, ignored)) {
+    egress_encap_key_t key{};
+    auto *const bytes = reinterpret_cast<std::uint8_t *>(&key);
+    std::copy(tunnel_key.begin(), tunnel_key.end(), bytes + sizeof(NhKey));
+    model.add_tunnel(tunnel.index, key);
     for (const auto &[nh_key, index] : tunnel.nhs) {
-      const auto &slot = header.nh_info_array[index - header.nh_start];
-      std::uint32_t ifh;
-      std::memcpy(&ifh, tunnel_key.data() + 8, 4);
-      const bool same = std::memcmp(bytes_of(slot).data() + 4, nh_key.data(), nh_key.size()) == 0;
-      if (!slot.valid || slot.egr_tun != tunnel.index || slot.ifh != ifh || !same) {
-        wrong += "slot of NH " + std::to_string(index) + " does not match its node\n";
-      }
-      ++users[tunnel.index];
-      ++nodes;
+      std::copy(nh_key.begin(), nh_key.end(), bytes);
+      const egr_nh_info_t &slot = header.nh_info_array[index - header.nh_start];
+      egress_encap_info_t info{};
+      info.egr_nh = index;
+      info.egr_tun = tunnel.index;
+      info.seed_nh = slot.seed_nh;
+      info.failover_nh = slot.failover_nh;
+      info.failover_id = slot.failover_id;
+      info.is_protected_te_nh = slot.is_protected_te_nh;
+      model.add_nh(info, key);
+      model.nh(index).count = slot.ref_count;
+      ++model.tunnel(tunnel.index).count;
     }
   }
-  for (std::uint32_t i = header.nh_start; i != header.nh_end; ++i) {
-    nodes -= header.nh_info_array[i - header.nh_start].valid;
-  }
-  wrong += nodes == 0 ? "" : "a valid NH slot has no node\n";
-  for (std::uint32_t i = header.tun_start; i != header.tun_end + 1; ++i) {
-    const auto &slot = header.tun_info_array[i - header.tun_start];
-    const std::uint32_t index = i == header.tun_end ? 0 : i;
-    if (index == 0 && i != header.tun_end) {
-      continue;  // a range that begins at 0: index 0 is the null tunnel all the same
-    }
-    const bool known = index == 0 || users.contains(index) == (slot.valid != 0);
-    if (slot.ref_count != users[index] || !known) {
-      wrong += "tunnel " + std::to_string(index) + " counts " + std::to_string(slot.ref_count) + " of " +
-               std::to_string(users[index]) + " NHs\n";
-    }
+  // The null tunnel's slot is never cleared, and has the labels that were entered last.
+  const egr_tun_info_t &null_slot = header.tun_info_array[model.tunnel_slot(0)];
+  TunnelSlot &null_tunnel = model.tunnel(0);
+  null_tunnel = {null_tunnel.count, null_slot.out_label2, null_slot.out_label3, null_slot.valid};
+  return model;
+}
+
+std::string inconsistency(const egress_encap_db_t &header, Walk walk) {
+  const Model model = model_of(header, walk);
+  std::string wrong = differences(header, model, walk);
+  for (const auto &[key, tunnel] : model.tunnels) {
+    wrong += tunnel.nhs.empty() ? "tunnel " + std::to_string(tunnel.index) + " has no NH\n" : "";
   }
   return wrong;
 }

@@ -108,8 +108,11 @@ class Model : public Steps {
 using Walk = std::vector<void *> (*)(void *root);  // the nodes of a tree in its order
 std::string differences(const egress_encap_db_t &header, const Model &model, Walk walk);
 
+// What the trees of the database at `header` say that its slots and counts are; users and auxiliary data as the slots
+// have them.
+Model model_of(const egress_encap_db_t &header, Walk walk);
 // Checks trees, slots and counts of a database against each other (invariants I2 to I4 of the header). Returns "" or
-// the first thing that does not hold.
+// what does not hold.
 std::string inconsistency(const egress_encap_db_t &header, Walk walk);
 
 std::vector<void *> walk_list(void *root);  // the tree double's lists

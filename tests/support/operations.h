@@ -65,9 +65,6 @@ Operation entering(const encap_test::Model &model, const egress_encap_key_t &key
                    std::uint32_t tunnel);
 Operation on_nh(Verb verb, std::uint32_t nh, std::uint32_t count = 0);
 
-// The model of what the database at `header` holds; requires that trees and slots agree.
-encap_test::Model model_of(const egress_encap_db_t &header);
-
 }  // namespace crash
 
 #endif
