@@ -3,6 +3,8 @@
 import collections
 import ipaddress
 
+OTHER_TABLE = 77
+TABLES = ("ip route", f"ip route table {OTHER_TABLE}", "ipv6 route", "mpls table")
 IMPLICIT_NULL = 3  # as the outgoing label of an LSP: the label is taken off, and none is put on
 MOST_LABELS = 3
 # 0 and 2 (explicit null) may stand at the bottom; the other labels below 16 have meanings of their own.
@@ -15,12 +17,12 @@ Expected = collections.namedtuple("Expected", "references too_deep routes")
 
 def expected_of(router):
     """Returns None while a daemon of the router does not answer."""
-    tables = [router.show("ip route"), router.show("ipv6 route"), router.show("mpls table")]
-    if None in tables:
+    *tables, lsps = (router.show(what) for what in TABLES)
+    if lsps is None or None in tables:
         return None
-    paths = [list(paths_of_route(route)) for table in tables[:2] for routes in table.values() for route in routes]
-    networks = list(connected_networks(tables[:2]))
-    paths += [list(paths_of_lsp(lsp, networks)) for lsp in tables[2].values()]
+    paths = [list(paths_of_route(route)) for table in tables for routes in table.values() for route in routes]
+    networks = list(connected_networks(tables))
+    paths += [list(paths_of_lsp(lsp, networks)) for lsp in lsps.values()]
     expected = Expected(collections.Counter(), 0, sum(1 for each in paths if each))
     too_deep = 0
     for interface, labels in (path for each in paths for path in each):

@@ -11,6 +11,7 @@ from daemon import Daemon
 from expected import expected_of
 from peer import Peer
 from router import Router
+from tee import Tee
 
 FPM_PORT = 2620
 INDEXES_A_PAGE = 1022  # that were given back and wait to be given out again
@@ -19,10 +20,16 @@ INDEXES_A_PAGE = 1022  # that were given back and wait to be given out again
 class Lab:
     def __init__(self, options):
         self.router = Router(FPM_PORT)
-        self.daemon = Daemon(options.binaries, FPM_PORT)
+        self.tee = Tee(FPM_PORT, FPM_PORT + 1, options.record) if options.record else None
+        self.daemon = Daemon(options.binaries, FPM_PORT + 1 if self.tee else FPM_PORT)
         self.peer = Peer()
+        self.routes, self.labels = options.routes, options.routes // 10
         self.scenario = ""
         self.began = time.monotonic()
+
+    def label(self, number):
+        """Of a route of BGP."""
+        return 300000 + number % self.labels
 
     @staticmethod
     def ip(*words):
@@ -30,6 +37,8 @@ class Lab:
 
     def run(self, scenario):
         self.scenario = scenario.__name__
+        if self.tee:
+            self.tee.scenario = self.scenario
         self.began = time.monotonic()
         scenario(self)
         self.agree("all routes go", paths=0)
@@ -154,7 +163,9 @@ def read_options():
     parser.add_argument("binaries", help=argparse.SUPPRESS)
     parser.add_argument("scenario", nargs="*", help="run these alone")
     parser.add_argument("--list", action="store_true", help="print the scenarios")
-    return parser.parse_args()
+    parser.add_argument("--record", metavar="DIR", help="write what zebra sends to files there, one for each connection")
+    parser.add_argument("--routes", metavar="N", type=int, default=5000, help="routes of BGP, ten a label (default: 5000)")
+    return parser.parse_intermixed_args()
 
 
 def main():

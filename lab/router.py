@@ -7,7 +7,10 @@ import subprocess
 from common import DIRECTORY, Difference, children, spawn, wait_until
 
 CONFIGURATION = {
-    "zebra": "hostname router\nfpm address 127.0.0.1 port {port}\n",
+    "zebra": """hostname router
+fpm address 127.0.0.1 port {port}
+zebra nexthop-group keep 2
+""",  # seconds, instead of three minutes, that a nexthop object stays without a route
     "staticd": "",
     "bgpd": """router bgp 65001
  no bgp ebgp-requires-policy

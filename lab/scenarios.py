@@ -5,14 +5,9 @@ what the router says, and prints a line. `moves` says how many NHs may enter or 
 """
 
 from common import wait_until
+from expected import OTHER_TABLE
 
-ROUTES = 5000
-LABELS = 500
-ETH1 = 2  # the index of the interface: the loopback has 1
-
-
-def label(number, shift=0):
-    return 300000 + (number + shift) % LABELS
+ETH1, ETH2 = 2, 3  # the indexes of the interfaces: the loopback has 1
 
 
 def static(lab):
@@ -58,6 +53,21 @@ def lsp(lab):
     lab.router.configure("no mpls lsp 1000 10.0.1.2 2009", *("no " + line for line in lines[1:]))
 
 
+def rare(lab):
+    """another table, two distances, explicit null, an LSP over IPv6, a neighbour by link-local address"""
+    lines = [f"ip route 10.9.1.0/24 10.0.1.2 label 101 table {OTHER_TABLE}", "ip route 10.9.1.0/24 10.0.1.2 label 101",
+             "ip route 10.9.2.0/24 10.0.1.2 label 102 10", "ip route 10.9.2.0/24 10.0.2.2 label 102 20",
+             "ip route 10.9.3.0/24 10.0.1.2 eth1 label 103 onlink", "mpls lsp 1005 10.0.1.2 explicit-null",
+             "mpls lsp 1006 2001:db8:1::2 2006", "ipv6 route 2001:db8:f::/48 fe80::1 eth1 label 104"]
+    lab.router.configure(*lines)
+    lab.agree("all of them; the worse distance waits", paths=7, moves=6, when=lambda has: has[ETH1, (102,)])
+    lab.router.configure("no " + lines[2])
+    lab.agree("the better distance goes, the worse one comes", paths=7, moves=2, when=lambda has: has[ETH2, (102,)])
+    lab.router.configure("no " + lines[0])
+    lab.agree("one of two tables loses the prefix", paths=6, moves=0)
+    lab.router.configure(*("no " + line for line in lines[1:2] + lines[3:]))
+
+
 def inline(lab):
     """the same routes with nexthop objects, then with inline paths, then with objects again"""
     lines = [f"ip route 10.20.{n}.0/24 10.0.{1 + n % 2}.2 label {400 + n % 40}/{500 + n % 50}" for n in range(200)]
@@ -74,114 +84,115 @@ def inline(lab):
 
 
 def link(lab):
-    """an interface goes down and comes back"""
+    """an interface goes down and comes back, under routes with one path and with two"""
     lines = [f"ip route 10.20.{n}.0/24 10.0.{1 + n % 2}.2 label {400 + n}" for n in range(100)]
+    lines += [f"ip route 10.21.{n}.0/24 10.0.{way}.2 label {600 + n}/{700 + n}" for n in range(20) for way in (1, 2)]
     lab.router.configure(*lines)
-    lab.agree("100 routes by two interfaces", paths=100, moves=100)
+    lab.agree("100 routes with one path, 20 with two", paths=140, moves=140)
     lab.ip("link", "set", "eth2", "down")
-    lab.agree("one interface goes down", paths=50, moves=50)
+    lab.agree("one of two interfaces goes down", paths=70, moves=70)
     lab.ip("link", "set", "eth2", "up")
-    lab.agree("it comes back", paths=100, moves=50)
+    lab.agree("it comes back", paths=140, moves=70)
     lab.router.configure(*("no " + line for line in lines))
 
 
 def bgp(lab):
-    """BGP labelled unicast: 5,000 routes announced, half withdrawn, labels moved, the session lost"""
+    """BGP labelled unicast: routes announced, half of them withdrawn, labels moved, the session lost"""
     flood(lab)
-    lab.agree("announced", paths=2 * ROUTES, moves=LABELS)
-    lab.peer.withdraw(range(0, ROUTES, 2), label)
-    lab.agree("half of them withdrawn", paths=ROUTES, moves=LABELS // 2)
-    odd = range(1, ROUTES, 2)
-    for n in odd:  # ExaBGP does not announce a route again when only its label differs
-        lab.peer.withdraw([n], label)
-        lab.peer.announce([n], lambda n: label(n, 7))
-    lab.agree("labels moved", paths=ROUTES, moves=LABELS, when=lambda has: all(labels[0] % 2 == 0 for _, labels in has))
+    lab.agree("announced, each with an LSP", paths=2 * lab.routes, moves=lab.labels)
+    lab.peer.withdraw(range(0, lab.routes, 2), lab.label)
+    lab.agree("half of them withdrawn", paths=lab.routes, moves=lab.labels // 2)
+    for number in range(1, lab.routes, 2):  # ExaBGP does not announce a route again when only its label differs
+        lab.peer.withdraw([number], lab.label)
+        lab.peer.announce([number], lambda number: lab.label(number + 7))
+    lab.agree("labels moved", paths=lab.routes, moves=lab.labels,
+              when=lambda has: all(labels[0] % 2 == 0 for _, labels in has))
     lab.peer.kill()
-    lab.agree("session lost", paths=0, moves=LABELS // 2)
+    lab.agree("session lost", paths=0, moves=lab.labels // 2)
 
 
 def zebra(lab):
     """zebra is killed and started again; its neighbours come back seconds after it"""
-    some_of_each(lab)
+    paths = some_of_each(lab)
     connections = lab.daemon.status()["connections"]
     lab.router.kill("zebra", "bgpd")
     wait_until(lambda: not lab.daemon.status()["connected"], "encapd knows that the connection is lost")
     lab.unchanged("zebra killed: everything is kept")
     lab.router.start("zebra", "bgpd")
-    lab.refreshed(connections, 2 * ROUTES + SOME)
-    lab.agree("zebra is back with all routes", paths=2 * ROUTES + SOME, moves=0)
+    lab.refreshed(connections, paths)
+    lab.agree("zebra is back with all routes", paths, moves=0)
     none_of_each(lab)
 
 
 def encapd(lab):
     """encapd is killed in the middle of a flood, again in the middle of its refresh, and started again"""
     flood(lab)
-    wait_until(lambda: lab.daemon.ledger()["held"] > ROUTES // 4, "the flood has begun")
+    wait_until(lambda: lab.daemon.ledger()["held"] > lab.routes // 4, "the flood has begun")
     lab.restart_encapd()
     wait_until(lambda: lab.daemon.ledger()["stale"] < lab.daemon.ledger()["held"], "the refresh has begun", pause=0)
     lab.restart_encapd()
-    lab.refreshed(0, 2 * ROUTES)
-    lab.agree("killed in a flood, and in the refresh", paths=2 * ROUTES)
+    lab.refreshed(0, 2 * lab.routes)
+    lab.agree("killed in a flood, and in the refresh", paths=2 * lab.routes)
     lab.daemon.end()
     lab.daemon.start(settle="1")
-    lab.agree("ended, and settled 1 s after the last message", paths=2 * ROUTES, moves=0)
+    lab.agree("ended, and settled 1 s after the last message", paths=2 * lab.routes, moves=0)
     lab.peer.kill()
 
 
 def both(lab):
     """zebra and encapd are killed at once, and started again"""
-    some_of_each(lab)
+    paths = some_of_each(lab)
     lab.daemon.kill()
     lab.router.kill("zebra", "bgpd")
     lab.daemon.start()
     lab.unchanged("both killed: everything is kept")
     lab.router.start("zebra", "bgpd")
-    lab.refreshed(0, 2 * ROUTES + SOME)
-    lab.agree("both are back", paths=2 * ROUTES + SOME, moves=0)
+    lab.refreshed(0, paths)
+    lab.agree("both are back", paths, moves=0)
     none_of_each(lab)
 
 
 def room(lab):
     """ranges too small for the routes, and then room"""
     lab.daemon.end()
-    lab.daemon.start("--nh-size", "100", "--tun-size", "20", name="small")
-    two_labels = [f"ip route 10.20.{n}.0/24 10.0.1.2 label {400 + n}/{500 + n}" for n in range(50)]
-    lab.router.configure(*two_labels)
-    lab.full("50 tunnels where there is room for 20", paths=50, nhs=20)
+    lab.daemon.start("--nh-size", str(lab.labels // 5), "--tun-size", "20", name="small")
+    lines = two_label_lines(50)
+    lab.router.configure(*lines)
+    lab.full("tunnels for 20 of 50 routes", paths=50, nhs=20)
     flood(lab)
-    lab.full("550 NHs where there is room for 100", paths=2 * ROUTES + 50, nhs=100)
-    lab.router.configure(*("no " + line for line in two_labels[:40]))
-    lab.peer.withdraw((n for n in range(ROUTES) if n % LABELS >= 90), label)
-    lab.agree("room: 90 labels and 10 tunnels are left", paths=2 * 10 * 90 + 10)
-    lab.router.configure(*("no " + line for line in two_labels[40:]))
+    lab.full("NHs for a fifth of the labels", paths=2 * lab.routes + 50, nhs=lab.labels // 5)
+    kept = lab.labels // 5 - 10
+    lab.router.configure(*("no " + line for line in lines[:40]))
+    lab.peer.withdraw((number for number in range(lab.routes) if number % lab.labels >= kept), lab.label)
+    lab.agree("room: as many labels and tunnels as indexes", paths=2 * 10 * kept + 10)
+    lab.router.configure(*("no " + line for line in lines[40:]))
     lab.peer.kill()
-    lab.agree("the others go, too", paths=0, moves=100)
+    lab.agree("the others go, too", paths=0, moves=lab.labels // 5)
     lab.daemon.end()
     lab.daemon.start(settle="1")
     wait_until(lambda: lab.daemon.status().get("settled"), "the first database is in use again")
 
 
-SOME = 100
-
-
-def some_lines():
-    return [f"ip route 10.20.{n}.0/24 10.0.{1 + n % 2}.2 label {400 + n}/{500 + n}" for n in range(SOME)]
+def two_label_lines(count):
+    return [f"ip route 10.20.{n}.0/24 10.0.{1 + n % 2}.2 label {400 + n}/{500 + n}" for n in range(count)]
 
 
 def some_of_each(lab):
-    lab.router.configure(*some_lines())
+    """Returns: how many paths these are."""
+    lab.router.configure(*two_label_lines(100))
     flood(lab)
-    lab.agree("static routes and routes of BGP", paths=2 * ROUTES + SOME, moves=SOME + LABELS)
+    lab.agree("static routes and routes of BGP", paths=2 * lab.routes + 100, moves=100 + lab.labels)
+    return 2 * lab.routes + 100
 
 
 def none_of_each(lab):
     lab.peer.kill()
-    lab.router.configure(*("no " + line for line in some_lines()))
+    lab.router.configure(*("no " + line for line in two_label_lines(100)))
 
 
 def flood(lab):
     lab.peer.start()
-    lab.peer.announce(range(ROUTES), label)
+    lab.peer.announce(range(lab.routes), lab.label)
 
 
-SCENARIOS = [static, ipv6, lsp, inline, link, bgp, zebra, encapd, both, room]
+SCENARIOS = [static, ipv6, lsp, rare, inline, link, bgp, zebra, encapd, both, room]
