@@ -81,17 +81,20 @@ class FeedTest : public test_support::ClientTest {
     EXPECT_TRUE(encap_inspect::check(*view).sound());
   }
 
-  std::uint64_t stale() {
+  encap_client_info_t info_of(const char *name) {
     encap_client_info_t info[4]{};
     std::uint32_t count = 0;
     EXPECT_EQ(encap_client_list(client_, info, 4, &count), 0);
     for (const encap_client_info_t &each : info) {
-      if (std::string_view(each.name) == "fpm") {
-        return each.stale;
+      if (std::string_view(each.name) == name) {
+        return each;
       }
     }
-    return UINT64_MAX;
+    ADD_FAILURE() << name << " is no client";
+    return {};
   }
+
+  std::uint64_t stale() { return info_of("fpm").stale; }
 
   encap_client_t *client_ = nullptr;
   encapd::Events events_{-1};

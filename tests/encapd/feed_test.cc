@@ -239,6 +239,28 @@ TEST_F(FeedTest, WhatFindsNoRoomIsEnteredWhenThereIsRoom) {
   expect_sound();
 }
 
+TEST_F(FeedTest, ThoseThatWaitTakeTurnsAndNoTickTriesAll) {
+  constexpr std::uint32_t kWaiting = 5000;
+  constexpr std::uint32_t kTriesAtTick = 4096;
+  config_.nh_size = 1;
+  start();
+  encap_client_t *const other = client("other");
+  const std::uint32_t only = enter(other, test_support::key(999)).nh;
+  feed_->connected();
+  for (std::uint32_t i = 0; i < kWaiting; ++i) {
+    send(frame({route("10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24", {{{1000 + i}}})}));
+  }
+  EXPECT_EQ(info_of("fpm").refused, kWaiting);
+  feed_->tick(now_);
+  EXPECT_EQ(info_of("fpm").refused, kWaiting + kTriesAtTick);
+  EXPECT_EQ(feed_->counters().no_room, kWaiting);
+  release(other, only);
+  feed_->tick(now_);
+  EXPECT_EQ(references(), (References{{{1000 + kTriesAtTick, 0, 0, 6}, 1}})) << "the first one that had no turn";
+  EXPECT_EQ(feed_->holder().wanted() - feed_->holder().held(), kWaiting - 1U);
+  expect_sound();
+}
+
 TEST_F(FeedTest, WhatFindsNoMemoryIsEnteredWhenThereIsSome) {
   config_.nh_size = 2000;
   config_.tun_size = 2000;
