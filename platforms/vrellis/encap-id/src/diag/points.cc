@@ -1,8 +1,6 @@
 // The descriptors of the debug points, their chain, and the full test of a point.
 #include "points.h"
 
-#include <algorithm>
-
 #include "mpls_egress_encap_db.h"
 
 namespace encap {
@@ -31,7 +29,7 @@ constexpr ed_site_t stored_site(std::size_t id, ed_site_t *next) {
 
 }  // namespace
 
-// One descriptor a point, written by the debug facility after registration.
+// The descriptors, one for each point. The debug facility writes them after the registration.
 constinit ed_site_t sites[kPointCount] = {
 #define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) \
   stored_site(id, (id) == 0 ? nullptr : &sites[(id) - ((id) == 0 ? 0 : 1)]),
@@ -46,7 +44,7 @@ struct Decision {
   bool print;
 };
 
-// What the descriptor says of a message that it decides itself (ED_SITE_ON).
+// Decides about the message of a point whose descriptor says enough for that (ED_SITE_ON).
 Decision decide(const ed_site_t &site, std::uint32_t flags, std::uint32_t own_line) {
   const std::uint32_t line_word = __atomic_load_n(&site.line, __ATOMIC_RELAXED);
   const bool filters_lines = (flags & ED_SITE_LINE_FILTER) != 0;
@@ -58,31 +56,12 @@ Decision decide(const ed_site_t &site, std::uint32_t flags, std::uint32_t own_li
   return {enabled ? 1 : 0, enabled && (flags & (ED_SITE_QUIET | ED_SITE_TRACE_IF_ON)) == 0};
 }
 
-void write_record_of(std::uint64_t handle, std::uint64_t header, const std::uint64_t *v, std::size_t count) {
-  switch (count) {
-    case 1:
-      return _ltrace_1(handle, header, v[0]);
-    case 2:
-      return _ltrace_2(handle, header, v[0], v[1]);
-    case 3:
-      return _ltrace_3(handle, header, v[0], v[1], v[2]);
-    case 4:
-      return _ltrace_4(handle, header, v[0], v[1], v[2], v[3]);
-    case 5:
-      return _ltrace_5(handle, header, v[0], v[1], v[2], v[3], v[4]);
-    case 6:
-      return _ltrace_6(handle, header, v[0], v[1], v[2], v[3], v[4], v[5]);
-    default:
-      return _ltrace_7(handle, header, v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
-  }
-}
-
-void write_all_records(std::uint32_t word, std::uint32_t id, const std::uint64_t *values) {
-  const std::size_t total = std::max<std::size_t>(kPoints[id].num_values, 1);
-  for (std::size_t from = 0; from < total; from += kGroup) {
-    write_record_of(trace_handle(word), trace_header(id, from / kGroup), values + from, std::min(kGroup, total - from));
-  }
-}
+// The writers of the points' records, by the number of values. A point without values records a single 0.
+using Writer = void(std::uint64_t handle, std::uint32_t id, const std::uint64_t *values);
+constexpr Writer *kWriters[kMaxValues + 1] = {
+    write_records<1>,  write_records<1>,  write_records<2>,  write_records<3>, write_records<4>,  write_records<5>,
+    write_records<6>,  write_records<7>,  write_records<8>,  write_records<9>, write_records<10>, write_records<11>,
+    write_records<12>, write_records<13>, write_records<14>, write_records<15>};
 
 }  // namespace
 
@@ -102,7 +81,7 @@ void pass(Point point, const std::uint64_t *values) {
     ed_slow_debugs(&site, &component, &enabled, values, 0, own.line, 0, own.text, 0);
   }
   if (own.traced && ((word & ED_SITE_TRACE_IF_ON) == 0 || enabled != 0)) {
-    write_all_records(word, id, values);
+    kWriters[own.num_values](trace_handle(word), id, values);
   }
 }
 

@@ -1,4 +1,4 @@
-// Queries and updates of one NH by its index; the trees are not touched.
+// Queries and updates of one NH by its index. None of them searches or changes a tree.
 #include <cerrno>
 
 #include "../diag/error_messages.h"
@@ -8,7 +8,8 @@
 
 using namespace encap;
 
-// Takes no lock: a caller that acts on the answer holds it around both.
+// This operation takes no lock: a caller that acts on the answer holds the lock around the call and the action.
+TAKES_NO_DATABASE_LOCK
 int vrl_can_delete_egr_nh_data_from_encap_db(uint32_t nh_index) {
   if (!nh_in_range(nh_index)) {
     emit<Point::can_delete_out_of_range>(nh_index);
@@ -27,7 +28,9 @@ int vrl_can_delete_egr_nh_data_from_encap_db(uint32_t nh_index) {
   return 1;
 }
 
-// Takes no lock: four separate field writes, which a caller that has concurrent writers holds the lock around.
+// This operation takes no lock: it writes four fields one after the other. A caller with concurrent writers or readers
+// holds the lock around the call.
+TAKES_NO_DATABASE_LOCK
 int vrl_update_egr_nh_data_in_encap_db(uint32_t nh_index, egr_nh_data_t data) {
   if (!nh_in_range(nh_index)) {
     emit<Point::update_out_of_range>(nh_index);
@@ -52,20 +55,14 @@ int vrl_get_encap_key_and_aux_data_from_nh(uint32_t nh_index, egress_encap_aux_d
     emit<Point::read_out_of_range>(nh_index);
     return EINVAL;
   }
-  const int locked = vrl_egress_encap_db_lock(database_mutex());
+  const int locked = take_lock<Point::read_lock_failed>();
   if (locked != 0) {
-    emit<Point::read_lock_failed>(locked);
     return locked;
   }
   if (vrl_mem_get_key_from_egr_nh(nh_index, aux, key) != 0) {
     emit<Point::read_not_valid>(nh_index);
-    vrl_egress_encap_db_unlock(database_mutex());  // the refusal is the result, whatever the unlock says
+    release_lock();  // the refusal is the result; the status of the unlock is not
     return EINVAL;
   }
-  const int unlocked = vrl_egress_encap_db_unlock(database_mutex());
-  if (unlocked != 0) {
-    emit<Point::read_unlock_failed>(unlocked);
-    return unlocked;
-  }
-  return 0;
+  return release_lock<Point::read_unlock_failed>();
 }

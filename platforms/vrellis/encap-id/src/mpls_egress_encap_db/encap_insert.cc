@@ -1,7 +1,7 @@
-// Entering encapsulations, and setting an NH's count outright.
+// The inserts, and setting the count of an NH.
 //
-// The insert creates exactly what the caller's found flags say is missing, and searches for nothing else. Nothing is
-// undone: each failure leaves what was done before it, releases the lock once and is reported.
+// The insert creates exactly what the caller's found flags say is missing and searches for nothing else. No failure
+// undoes the steps before it; each failure path releases the lock once and is reported.
 #include <cerrno>
 
 #include "../diag/error_messages.h"
@@ -31,41 +31,60 @@ bool refuses_nh_index(const egress_encap_info_t &info, const egress_encap_key_t 
   return true;
 }
 
+// Gives the lock back after a failure. All failures that happen while the lock is held are answered 22.
 template <Point Failed>
-int take_lock() ACQUIRES_DATABASE_LOCK_WHEN_0 {
-  const int locked = vrl_egress_encap_db_lock(database_mutex());
-  if (locked != 0) {
-    emit<Failed>(locked);
-  }
-  return locked;
-}
-
-// Gives the lock back on a failure path. Every failure after the lock was taken is answered 22.
-template <Point Failed>
-int release_and_refuse() RELEASES_DATABASE_LOCK {
-  const int unlocked = vrl_egress_encap_db_unlock(database_mutex());
-  if (unlocked != 0) {
-    emit<Failed>(unlocked);
-  }
+inline int release_and_refuse() RELEASES_DATABASE_LOCK {
+  release_lock<Failed>();
   return EINVAL;
 }
 
-int release_and_return() RELEASES_DATABASE_LOCK {
-  const int unlocked = vrl_egress_encap_db_unlock(database_mutex());
-  if (unlocked != 0) {
-    emit<Point::insert_unlock_failed>(unlocked);
+// What differs between the two cases once the tunnel's node is there: the points of a failing unlock, and whether the
+// NH's insert is reported here. (The insert of the node itself is always reported by the key index.)
+struct KnownTunnel {
+  static constexpr bool reports_nh = true;
+  static constexpr Point unlock_after_nh_insert = Point::insert_known_unlock_after_nh_insert;
+  static constexpr Point unlock_after_nh_count = Point::insert_known_unlock_after_nh_count;
+  static constexpr Point unlock_after_tunnel_count = Point::insert_known_unlock_after_tunnel_count;
+};
+
+struct NewTunnel {
+  static constexpr bool reports_nh = false;
+  static constexpr Point unlock_after_nh_insert = Point::insert_new_unlock_after_nh_insert;
+  static constexpr Point unlock_after_nh_count = Point::insert_new_unlock_after_nh_count;
+  static constexpr Point unlock_after_tunnel_count = Point::insert_new_unlock_after_tunnel_count;
+};
+
+// The common end of both cases: enters the NH under its tunnel, fills its slot, counts it and its tunnel up, and gives
+// the lock back.
+template <typename Case>
+int insert_nh(mpls_tunnel_entry_t *tunnel, const egress_encap_info_t &info,
+              const egress_encap_key_t &key) RELEASES_DATABASE_LOCK {
+  mpls_nh_entry_t *nh = nullptr;
+  const int inserted = vrl_insert_mpls_nh_entry(nh_key(key), &tunnel->nh_root, &nh);
+  if (inserted != 0) {
+    if constexpr (Case::reports_nh) {
+      emit<Point::insert_known_nh_insert_failed>(nh_fields(key), inserted);
+    }
+    return release_and_refuse<Case::unlock_after_nh_insert>();
   }
+  nh->nh_index = info.egr_nh;
+  if constexpr (Case::reports_nh) {
+    emit<Point::insert_known_inserted>(info.egr_nh);
+  }
+  vrl_mem_set_egr_nh_data(info.egr_nh, info.egr_tun, nh_key(key), key.ifh, info.seed_nh, info.is_protected_te_nh,
+                          info.failover_id, info.failover_nh);
+  if (vrl_mem_increment_egr_nh_ref_count(info.egr_nh) != 0) {
+    return release_and_refuse<Case::unlock_after_nh_count>();
+  }
+  if (vrl_mem_increment_egr_tunnel_ref_count(info.egr_tun) != 0) {
+    return release_and_refuse<Case::unlock_after_tunnel_count>();
+  }
+  release_lock<Point::insert_unlock_failed>();
   emit<Point::insert_return>(0);
   return 0;
 }
 
-void fill_nh_slot(const mpls_nh_entry_t &nh, const egress_encap_info_t &info,
-                  const egress_encap_key_t &key) REQUIRES_DATABASE_LOCK {
-  vrl_mem_set_egr_nh_data(nh.nh_index, info.egr_tun, nh_key(key), key.ifh, info.seed_nh, info.is_protected_te_nh,
-                          info.failover_id, info.failover_nh);
-}
-
-// The tunnel is known: a new NH on it.
+// Enters a new NH on a tunnel that the caller has found.
 int insert_on_known_tunnel(const egress_encap_info_t &info, const egress_encap_key_t &key) {
   if (refuses_nh_index<Point::insert_known_nh_out_of_range>(info, key) || refuses_tunnel_index(info, key)) {
     return EINVAL;
@@ -81,26 +100,10 @@ int insert_on_known_tunnel(const egress_encap_info_t &info, const egress_encap_k
     emit<Point::insert_known_tunnel_missing>(key_fields(key));
     return refused;
   }
-  mpls_nh_entry_t *nh = nullptr;
-  const int inserted = vrl_insert_mpls_nh_entry(nh_key(key), &tunnel->nh_root, &nh);
-  if (inserted != 0) {
-    emit<Point::insert_known_nh_insert_failed>(nh_fields(key), inserted);
-    return release_and_refuse<Point::insert_known_unlock_after_nh_insert>();
-  }
-  nh->nh_index = info.egr_nh;
-  emit<Point::insert_known_inserted>(info.egr_nh);
-  fill_nh_slot(*nh, info, key);
-  if (vrl_mem_increment_egr_nh_ref_count(info.egr_nh) != 0) {
-    return release_and_refuse<Point::insert_known_unlock_after_nh_count>();
-  }
-  if (vrl_mem_increment_egr_tunnel_ref_count(info.egr_tun) != 0) {
-    return release_and_refuse<Point::insert_known_unlock_after_tunnel_count>();
-  }
-  return release_and_return();
+  return insert_nh<KnownTunnel>(tunnel, info, key);
 }
 
-// Nothing is known: a new tunnel and a new NH on it. A tunnel left without its NH stays and is found by the next
-// lookup.
+// Enters a new tunnel and a new NH on it. When the NH is refused, the tunnel stays, and the next lookup finds it.
 int insert_with_new_tunnel(const egress_encap_info_t &info, const egress_encap_key_t &key) {
   if (refuses_tunnel_index(info, key) || refuses_nh_index<Point::insert_new_nh_out_of_range>(info, key)) {
     return EINVAL;
@@ -117,22 +120,10 @@ int insert_with_new_tunnel(const egress_encap_info_t &info, const egress_encap_k
   tunnel->egr_tun = static_cast<std::uint16_t>(info.egr_tun);
   tunnel->nh_root = nullptr;
   vrl_mem_set_egr_tun_data(info.egr_tun, key.out_label2, key.out_label3);
-  mpls_nh_entry_t *nh = nullptr;
-  if (vrl_insert_mpls_nh_entry(nh_key(key), &tunnel->nh_root, &nh) != 0) {
-    return release_and_refuse<Point::insert_new_unlock_after_nh_insert>();
-  }
-  nh->nh_index = info.egr_nh;
-  fill_nh_slot(*nh, info, key);
-  if (vrl_mem_increment_egr_nh_ref_count(info.egr_nh) != 0) {
-    return release_and_refuse<Point::insert_new_unlock_after_nh_count>();
-  }
-  if (vrl_mem_increment_egr_tunnel_ref_count(info.egr_tun) != 0) {
-    return release_and_refuse<Point::insert_new_unlock_after_tunnel_count>();
-  }
-  return release_and_return();
+  return insert_nh<NewTunnel>(tunnel, info, key);
 }
 
-// Sets the count of a slot in use; reports either way. Returns 0 or 22.
+// Sets the count of the NH's slot and reports it. Returns: 0; 22 when the slot is not valid (reported, raised).
 int set_count(std::uint32_t nh_index, std::uint32_t ref_count) REQUIRES_DATABASE_LOCK {
   egr_nh_info_t &slot = nh_slot(nh_index);
   if (slot.valid == 0) {
@@ -154,7 +145,8 @@ int vrl_insert_egress_encap(egress_encap_info_t *info, egress_encap_key_t key) {
   if (info == nullptr) {
     return EINVAL;
   }
-  const egress_encap_info_t request = *info;  // what was checked is what is used, whatever happens to the record
+  const egress_encap_info_t request =
+      *info;  // so the insert uses the values that it checked, even when another thread changes the record
   emit<Point::insert_entry>(key_fields(key), request.tun_found, request.nh_found, request.egr_nh, request.egr_tun,
                             request.is_protected_te_nh, request.failover_id, request.failover_nh);
   if (request.tun_found == 0) {
@@ -173,12 +165,8 @@ int vrl_find_and_set_egress_nh_ref(uint32_t nh_index, uint32_t ref_count) {
     return locked;
   }
   const int rc = set_count(nh_index, ref_count);
-  const int unlocked = vrl_egress_encap_db_unlock(database_mutex());
-  if (unlocked != 0) {
-    emit<Point::set_unlock_failed>(unlocked);
-    return unlocked;
-  }
-  return rc;
+  const int unlocked = release_lock<Point::set_unlock_failed>();
+  return unlocked != 0 ? unlocked : rc;
 }
 
 int vrl_egress_encap_nh_insert_attach(egress_encap_info_t *info, uint32_t ref_count, egress_encap_key_t key) {

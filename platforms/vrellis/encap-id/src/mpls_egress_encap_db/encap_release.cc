@@ -162,8 +162,8 @@ void detach_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *tun_to_del
   remove_from_trees<Detach>(removal, egr_tun, tun_to_del_from_prm, nullptr);
 }
 
-void delete_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *nh_to_del,
-                       uint32_t *tun_to_del_from_prm) REQUIRES_DATABASE_LOCK {
+[[gnu::always_inline]] inline void delete_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *nh_to_del,
+                                                     uint32_t *tun_to_del_from_prm) REQUIRES_DATABASE_LOCK {
   if (!read_nh<Delete>(removal)) {
     return;
   }
@@ -185,14 +185,6 @@ void delete_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *nh_to_del,
   }
   release_tunnel<Delete>(removal);
   remove_from_trees<Delete>(removal, egr_tun, tun_to_del_from_prm, nh_to_del);
-}
-
-template <typename Operation>
-void release_lock() RELEASES_DATABASE_LOCK {
-  const int unlocked = vrl_egress_encap_db_unlock(database_mutex());
-  if (unlocked != 0) {
-    emit<Operation::unlock_failed>(unlocked);
-  }
 }
 
 // The operation's result: 22 when any of the three codes is set, whichever.
@@ -226,13 +218,12 @@ int vrl_egress_encap_nh_detach(uint32_t nh_index, uint32_t *egr_tun, uint32_t *t
   *egr_tun = 0;
   *tun_to_del_from_prm = 0;
   *nh_ref_count = 0;
-  const int locked = vrl_egress_encap_db_lock(database_mutex());
+  const int locked = take_lock<Detach::lock_failed>();
   if (locked != 0) {
-    emit<Detach::lock_failed>(locked);
     return locked;
   }
   detach_under_lock(removal, egr_tun, tun_to_del_from_prm, nh_ref_count);
-  release_lock<Detach>();
+  release_lock<Detach::unlock_failed>();
   return conclude<Detach>(removal);
 }
 
@@ -242,12 +233,11 @@ int vrl_delete_and_free_egress_encap_with_nh_key(uint32_t nh_index, uint32_t *eg
   if (!nh_in_range(nh_index)) {
     return refuse_range<Delete>(removal);
   }
-  const int locked = vrl_egress_encap_db_lock(database_mutex());
+  const int locked = take_lock<Delete::lock_failed>();
   if (locked != 0) {
-    emit<Delete::lock_failed>(locked);
     return locked;
   }
   delete_under_lock(removal, egr_tun, nh_to_del, tun_to_del_from_prm);
-  release_lock<Delete>();
+  release_lock<Delete::unlock_failed>();
   return conclude<Delete>(removal);
 }

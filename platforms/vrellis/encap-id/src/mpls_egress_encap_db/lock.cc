@@ -6,8 +6,8 @@
 #include "ptd.h"
 
 // libc's own end of a failed assertion: these two must stop the process in every build, so they are no assert().
-extern "C" [[noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
-                                           const char *function) noexcept;
+extern "C" [[gnu::noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
+                                                const char *function) noexcept;
 
 namespace encap {
 namespace {

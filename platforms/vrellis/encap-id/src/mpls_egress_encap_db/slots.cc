@@ -13,10 +13,6 @@ constexpr std::uint32_t kLabelMask = (1U << 21) - 1;
 constexpr std::uint32_t kTunnelIndexMask = 0xffff;
 constexpr std::uint32_t kFailoverIdMask = (1U << 12) - 1;
 
-egr_tun_info_t &tunnel_slot(std::uint32_t tunnel_if) {
-  return egress_encap_db->tun_info_array[tunnel_slot_number(tunnel_if)];
-}
-
 }  // namespace
 
 void vrl_mem_set_egr_nh_data(std::uint32_t nh_index, std::uint32_t egr_tun, mpls_nh_key_t key, std::uint32_t ifh,

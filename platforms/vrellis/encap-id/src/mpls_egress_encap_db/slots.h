@@ -5,6 +5,7 @@
 #ifndef MPLS_EGRESS_ENCAP_DB_SLOTS_H
 #define MPLS_EGRESS_ENCAP_DB_SLOTS_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "lock.h"
@@ -21,13 +22,21 @@ inline bool tunnel_in_range(std::uint32_t tunnel_if) {
   return tunnel_if == 0 || (tunnel_if >= egress_encap_db->tun_start && tunnel_if < egress_encap_db->tun_end);
 }
 
-inline egr_nh_info_t &nh_slot(std::uint32_t nh_index) {
+// Requires: the index is in range (nh_in_range(), tunnel_in_range()).
+inline egr_nh_info_t &nh_slot(std::uint32_t nh_index) REQUIRES_DATABASE_LOCK {
+  assert(nh_in_range(nh_index));
   return egress_encap_db->nh_info_array[nh_index - egress_encap_db->nh_start];
 }
 
-// Element of the tunnel array that `tunnel_if` selects: for 0 the null tunnel slot behind all others.
+// The number of the element of the tunnel array that `tunnel_if` selects. Index 0 selects the null tunnel slot, which
+// stands behind all others.
 inline std::uint32_t tunnel_slot_number(std::uint32_t tunnel_if) {
   return (tunnel_if == 0 ? egress_encap_db->tun_end : tunnel_if) - egress_encap_db->tun_start;
+}
+
+inline egr_tun_info_t &tunnel_slot(std::uint32_t tunnel_if) REQUIRES_DATABASE_LOCK {
+  assert(tunnel_in_range(tunnel_if));
+  return egress_encap_db->tun_info_array[tunnel_slot_number(tunnel_if)];
 }
 
 // Fills the slot: every field written, valid, count 0. Only the low bits that a field has are used.
