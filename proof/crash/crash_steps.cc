@@ -78,6 +78,7 @@ class Run {
       : scenario_(scenario), totals_(totals), tally_(tally), expected_(scenario, arrange(scenario)) {}
 
   void play(bool with_second) {
+    window_.forget_processes();
     const Image start = window_.image();
     const Walk walk = walk_through(window_, [this] { work_of(scenario_); });
     window_.put(start);

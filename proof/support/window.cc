@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "check.h"
+#include "shmwin/layout.h"
 
 namespace crash {
 namespace {
@@ -71,6 +72,10 @@ Window::Window(const Directory & /*outlives it*/, const encap_db_config_t &confi
   void *begin = nullptr;
   shmwin_bounds(config.shm_id, &begin, &size_);
   bytes_ = static_cast<std::uint8_t *>(begin);
+}
+
+void Window::forget_processes() const {
+  std::memset(bytes_ + offsetof(vrellis::WindowHeader, process), 0, sizeof vrellis::WindowHeader::process);
 }
 
 Window::~Window() {

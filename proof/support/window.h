@@ -50,6 +50,8 @@ class Window {
   std::size_t size() const { return size_; }
   Image image() const { return {bytes_, bytes_ + size_}; }
   void put(const Image &image) const;
+  // Takes the driver itself out of the table of processes, so that not every look at every state reads of it in /proc.
+  void forget_processes() const;
   // In a child: gives this process a copy of its own, at the same address.
   void become_copy() const;
 

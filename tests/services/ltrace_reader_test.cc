@@ -130,7 +130,7 @@ TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
   EXPECT_GE(exact, kTurns);
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(ENCAP_SANITIZED)
 constexpr bool kSanitized = true;  // address space is no measure of memory there
 #else
 constexpr bool kSanitized = false;

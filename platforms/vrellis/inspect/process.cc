@@ -30,6 +30,9 @@ std::string proc_text(pid_t id, const char *name) {
 }
 
 pid_t process_of_thread(pid_t tid) {
+  if (tid == gettid()) {
+    return getpid();
+  }
   const std::string text = proc_text(tid, "status");
   const std::size_t at = text.find("\nTgid:");
   return at != std::string::npos ? static_cast<pid_t>(std::strtol(text.c_str() + at + 6, nullptr, 10)) : 0;

@@ -174,6 +174,9 @@ Liveness liveness_of(const ProcessId &process) {
 
 Liveness liveness_of_thread(pid_t tid) {
   ProcessStat stat{};
+  if (tid == gettid()) {
+    return Liveness::kAlive;
+  }
   if (!read_process_stat(tid, &stat)) {
     return liveness_of_hidden(tid);
   }

@@ -2,7 +2,7 @@
 
 #include <sched.h>
 #include <stdlib.h>
-#if defined(__SANITIZE_THREAD__)
+#if defined(ENCAP_THREAD_SANITIZER)
 #include <sanitizer/tsan_interface.h>
 #endif
 
@@ -148,7 +148,7 @@ bool is_robust_and_recursive(const pthread_mutex_t *) {
 
 // ThreadSanitizer does not know pthread_mutex_clocklock(), so it has to be told what that took.
 void tell_sanitizer_of_lock([[maybe_unused]] pthread_mutex_t *mutex) {
-#if defined(__SANITIZE_THREAD__)
+#if defined(ENCAP_THREAD_SANITIZER)
   __tsan_mutex_pre_lock(mutex, __tsan_mutex_write_reentrant);
   __tsan_mutex_post_lock(mutex, __tsan_mutex_write_reentrant, 0);
 #endif
