@@ -120,7 +120,10 @@ TEST_F(DamageTest, EachIsNamedAndMendedAndNothingElseIsTouched) {
 TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
   const Damage damages[] = {
       {"not-a-window", [&] { window_header().magic ^= 1; }},
-      {"not-a-window", [&] { window_header().version = 9; }},
+      {"not-a-window", [&] { window_header().complete = 0; }},
+      {"layout-version", [&] { window_header().version = 9; }},
+      {"header-identity", [&] { window_header().word_bits = 32; }},
+      {"header-identity", [&] { window_header().mutex_bytes += 8; }},
       {"truncated", [&] { window_header().size += 4096; }},
       {"header-identity", [&] { window_header().heap_pages += 1; }},
       {"header-identity", [&] { window_header().address += 1; }},
@@ -137,7 +140,16 @@ TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
     EXPECT_FALSE(report.looked);
     EXPECT_EQ(repair(kId).status, EINVAL);
     EXPECT_FALSE(repair(kId).error.empty());
+    EXPECT_EQ(rehearse(View::copy_of(window_, bytes_)).status, EINVAL);
   }
+  restore();
+  window_header().version = 9;
+  EXPECT_NE(text(look()).find("is of layout version 9, this library reads version 2"), std::string::npos);
+  restore();
+  ++window_header().pid_namespace;  // the database can be looked at, and no process of this namespace can use it
+  EXPECT_EQ(kinds(check(View::over(window_, bytes_))), std::set<std::string>{"other-namespace"});
+  EXPECT_EQ(repair(kId).status, EINVAL);
+  EXPECT_TRUE(look().sound()) << "a copy of a window is of no namespace";
   restore();
   db().lock.area[16] ^= 1;  // the mutex's kind
   EXPECT_EQ(kinds(look()), std::set<std::string>{"lock-damaged"});

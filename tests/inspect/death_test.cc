@@ -2,10 +2,16 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
+#include <new>
+
 #include "avl.h"
 #include "inspect_fixture.h"
 
 namespace {
+
+// Allocations left until one throws. Negative: none does.
+int allocations_left = -1;
 
 // Calls left until this process dies: before a call, and behind it. Negative: never.
 int calls_left = -1;
@@ -17,6 +23,19 @@ void count_call() {
 }
 
 }  // namespace
+
+[[gnu::noinline]] void *operator new(std::size_t bytes) {
+  if (allocations_left >= 0 && allocations_left-- == 0) {
+    throw std::bad_alloc();
+  }
+  return std::malloc(bytes != 0 ? bytes : 1);
+}
+[[gnu::noinline]] void operator delete(void *block) noexcept {
+  std::free(block);
+}
+[[gnu::noinline]] void operator delete(void *block, std::size_t) noexcept {
+  std::free(block);
+}
 
 #pragma GCC visibility push(default)
 extern "C" {
@@ -137,6 +156,30 @@ TEST_F(DeathTest, WhileNodesAreMadeAnew) {
     }
   }
   expect_mended_after_every_death();
+}
+
+// Also of the change of a tree that was cut off, which is looked at in a copy.
+TEST_F(DeathTest, WithoutMemoryTheLockIsGivenBack) {
+  fill(2, 9);
+  for (std::uint32_t tunnel_index : {6U, 7U}) {
+    --tunnel(tunnel_index).ref_count;
+  }
+  const std::vector<std::uint8_t> damaged(window_, window_ + bytes_);
+  int refused = 0;
+  for (bool done = false; !done && refused < 2000; ++refused) {
+    std::memcpy(window_, damaged.data(), bytes_);
+    allocations_left = refused;
+    try {
+      repair(kId);
+      done = allocations_left >= 0;
+    } catch (const std::bad_alloc &) {
+    }
+    allocations_left = -1;
+    ASSERT_EQ(db().lock.mutex.__data.__lock, 0) << "allocation " << refused;
+  }
+  EXPECT_GT(refused, 10);
+  expect_mended();
+  EXPECT_THROW(View::copy_of(window_, SIZE_MAX / 4), std::bad_alloc);
 }
 
 // Callers that are killed while they work leave what a death can leave and no more; the others' entries survive it.

@@ -51,14 +51,7 @@ class InspectTest : public ::testing::Test {
     std::filesystem::remove(path());
     ranges_ = ranges;
     entered_.clear();
-    encap_db_config_t config{};
-    config.directory = directory_.c_str();
-    config.name = "window";
-    config.shm_id = kId;
-    config.nh_start = ranges.nh_start;
-    config.nh_size = ranges.nh_size;
-    config.tun_start = ranges.tun_start;
-    config.tun_size = ranges.tun_size;
+    const encap_db_config_t config = config_of("window");
     shmwin_error_t error{};
     int created = 0;
     ASSERT_EQ(encap_db_open(&config, &created, &error), 0) << error.text;
@@ -66,6 +59,18 @@ class InspectTest : public ::testing::Test {
     void *begin = nullptr;
     ASSERT_EQ(shmwin_bounds(kId, &begin, &bytes_), 0);
     window_ = static_cast<std::uint8_t *>(begin);
+  }
+
+  encap_db_config_t config_of(const char *name) const {
+    encap_db_config_t config{};
+    config.directory = directory_.c_str();
+    config.name = name;
+    config.shm_id = kId;
+    config.nh_start = ranges_.nh_start;
+    config.nh_size = ranges_.nh_size;
+    config.tun_start = ranges_.tun_start;
+    config.tun_size = ranges_.tun_size;
+    return config;
   }
 
   std::string path() const { return directory_ + "/window"; }

@@ -1,8 +1,11 @@
 #include "check.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "faults.h"
+#include "shmwin/file.h"
 
 namespace encap_inspect {
 namespace {
@@ -10,26 +13,48 @@ namespace {
 using Kind = FindingKind;
 
 void add(Faults *faults, Kind kind, std::uint64_t found = 0, std::uint64_t wanted = 0, Address address = 0) {
-  faults->all.push_back({kind, kNoIndex, kNoIndex, address, found, wanted, kNoNode});
+  faults->all.push_back({kind, kNoIndex, kNoIndex, address, found, wanted});
 }
 
-// Returns: whether the window's own header can be believed.
+constexpr std::uint64_t kIdentityBytes = offsetof(vrellis::WindowHeader, heap_pages);
+
+FindingKind kind_of_refusal(const vrellis::FileContent &content, int status) {
+  const vrellis::WindowHeader &header = content.header;
+  if (header.magic != vrellis::kWindowMagic || content.bytes < kIdentityBytes) {
+    return Kind::kNotAWindow;
+  }
+  if (header.version != vrellis::kLayoutVersion) {
+    return Kind::kLayoutVersion;
+  }
+  if (header.complete != vrellis::kWindowComplete) {
+    return Kind::kNotAWindow;
+  }
+  if (status == EXDEV) {
+    return Kind::kOtherNamespace;
+  }
+  return header.size > content.bytes ? Kind::kTruncated : Kind::kHeaderIdentity;
+}
+
+// Enters what an attach would say of the window's header. Ids mean nothing in a snapshot.
+// Returns: whether the database can be looked at.
 bool find_identity_faults(const Survey &survey, Faults *faults) {
-  const Database &db = survey.db;
   const View &view = survey.view();
-  if (!db.window.is_window) {
-    add(faults, Kind::kNotAWindow, view.size());
-    return false;
+  vrellis::FileContent content;
+  content.bytes = view.file_size();
+  std::memcpy(&content.header, view.bytes().data(), std::min<std::uint64_t>(view.size(), sizeof content.header));
+  if (!view.is_live()) {
+    content.header.pid_namespace = vrellis::own_pid_namespace();
   }
-  if (db.window.size > view.size()) {
-    add(faults, Kind::kTruncated, view.size(), db.window.size);
-    return false;
+  const std::uint32_t shm_id = content.header.shm_id;
+  const std::string name =
+      view.path().empty() ? std::to_string(shm_id) : view.path().substr(view.path().rfind('/') + 1);
+  shmwin_error_t said{};
+  const int status = vrellis::preflight(content, name.c_str(), shm_id, &said);
+  if (status != 0) {
+    faults->refusal = view.size() < kIdentityBytes ? "the file ends in a window's header" : said.text;
+    add(faults, kind_of_refusal(content, status));
   }
-  if (survey.shape.pages == 0) {
-    add(faults, Kind::kHeaderIdentity, db.window.size, 0, db.window.address);
-    return false;
-  }
-  return true;
+  return survey.shape.pages != 0 && (status == 0 || status == EXDEV);
 }
 
 bool find_header_faults(const Survey &survey, Faults *faults) {
@@ -57,10 +82,6 @@ void find_lock_faults(const LockState &lock, Faults *faults) {
   }
 }
 
-Finding finding_of(const Fault &fault) {
-  return {fault.kind, fault.nh_index, fault.tunnel, fault.address, sentence_of(fault)};
-}
-
 }  // namespace
 
 bool find_window_faults(const Survey &survey, bool log_sound, Faults *faults) {
@@ -83,12 +104,16 @@ void find_tree_faults(const Survey &survey, Faults *faults) {
   }
 }
 
-std::uint64_t Report::faults() const {
-  std::uint64_t faults = 0;
+std::uint64_t Report::of(Severity severity) const {
+  std::uint64_t found = 0;
   for (std::size_t kind = 0; kind < kFindingKinds; ++kind) {
-    faults += severity_of(static_cast<FindingKind>(kind)) == Severity::kNote ? 0 : count[kind];
+    found += severity_of(static_cast<FindingKind>(kind)) == severity ? count[kind] : 0;
   }
-  return faults;
+  return found;
+}
+
+std::uint64_t Report::faults() const {
+  return of(Severity::kPartial) + of(Severity::kDamage);
 }
 
 Report report_of(Faults &faults, bool looked) {
@@ -98,13 +123,18 @@ Report report_of(Faults &faults, bool looked) {
   report.looked = looked;
   for (const Fault &fault : faults.all) {
     if (report.count[static_cast<std::size_t>(fault.kind)]++ < Report::kKeptOfAKind) {
-      report.findings.push_back(finding_of(fault));
+      report.findings.push_back({fault.kind, fault.nh_index, fault.tunnel, fault.address, sentence_of(faults, fault)});
     }
   }
   return report;
 }
 
 Report check(const View &view) {
+  if (view.stillness() == Stillness::kMoving) {
+    Report report;
+    report.stillness = Stillness::kMoving;
+    return report;
+  }
   Faults faults;
   bool log_sound = true;
   const View settled = view.settled(&log_sound);
@@ -117,7 +147,9 @@ Report check(const View &view) {
   if (usable) {
     find_faults(looked, &faults);
   }
-  return report_of(faults, usable);
+  Report report = report_of(faults, usable);
+  report.stillness = view.stillness();
+  return report;
 }
 
 }  // namespace encap_inspect

@@ -21,52 +21,54 @@ enum class Severity {
 };
 
 // kind, name, severity, what repair does
-#define ENCAP_FINDING_KINDS(X)                                                                                     \
-  X(kNotAWindow, "not-a-window", kDamage, "nothing: the window is to be made anew")                                \
-  X(kTruncated, "truncated", kDamage, "nothing: the window is to be made anew")                                    \
-  X(kHeaderIdentity, "header-identity", kDamage, "nothing: the window is to be made anew")                         \
-  X(kNotInitialised, "not-initialised", kPartial, "nothing: the next owner that opens it makes the database")      \
-  X(kHeaderRange, "header-range", kDamage, "nothing: the window is to be made anew")                               \
-  X(kHeaderArray, "header-array", kDamage, "nothing: the window is to be made anew")                               \
-  X(kLockDeadOwner, "lock-dead-owner", kPartial, "takes the lock over, as the next operation would")               \
-  X(kLockLost, "lock-lost", kDamage, "nothing: it cannot take a lock that nobody will give back")                  \
-  X(kLockDamaged, "lock-damaged", kDamage, "nothing: it cannot work without the lock")                             \
-  X(kUndoLogInUse, "undo-log-in-use", kPartial, "rolls the change back, as the next operation would")              \
-  X(kUndoLogDamaged, "undo-log-damaged", kDamage, "empties the log")                                               \
-  X(kPointerOutside, "pointer-outside", kDamage, "rebuilds the tree from its nodes and slots")                     \
-  X(kTreeCycle, "tree-cycle", kDamage, "rebuilds the tree from its nodes and slots")                               \
-  X(kTreeDepth, "tree-depth", kDamage, "rebuilds the tree from its nodes and slots")                               \
-  X(kTreeOrder, "tree-order", kDamage, "rebuilds the tree from its nodes and slots")                               \
-  X(kTreeBalance, "tree-balance", kDamage, "rebuilds the tree from its nodes and slots")                           \
-  X(kTreeParent, "tree-parent", kDamage, "rebuilds the tree from its nodes and slots")                             \
-  X(kRootField, "root-field", kDamage, "rebuilds the tree from its nodes and slots")                               \
-  X(kTreeLost, "tree-lost", kPartial, "links the nodes of counted slots back into their tree")                     \
-  X(kNodeWithoutSlot, "node-without-slot", kPartial, "takes the node out")                                         \
-  X(kSlotHalfFilled, "slot-half-filled", kPartial, "takes the node out and clears the slot")                       \
-  X(kSlotWithoutNode, "slot-without-node", kPartial, "clears the slot")                                            \
-  X(kSlotResidue, "slot-residue", kPartial, "clears the slot")                                                     \
-  X(kSlotNodeMismatch, "slot-node-mismatch", kPartial, "writes the slot's key and tunnel as the trees have them")  \
-  X(kDuplicateIndex, "duplicate-index", kPartial, "keeps the node that agrees with the slot, takes the other out") \
-  X(kTunnelIndexMismatch, "tunnel-index-mismatch", kDamage, "gives the node the index that its NHs' slots have")   \
-  X(kTunnelWithoutSlot, "tunnel-without-slot", kPartial, "fills the slot, or takes a tunnel without NHs out")      \
-  X(kTunnelSlotWithoutNode, "tunnel-slot-without-node", kPartial, "clears the slot")                               \
-  X(kTunnelSlotResidue, "tunnel-slot-residue", kPartial, "clears the slot")                                        \
-  X(kTunnelSlotMismatch, "tunnel-slot-mismatch", kPartial, "writes the slot's labels as the tree has them")        \
-  X(kTunnelWithoutIndex, "tunnel-without-index", kPartial, "gives it a free index, or takes it out with its NHs")  \
-  X(kTunnelGivenBack, "tunnel-given-back", kPartial, "takes the tunnel out with its NH, which has no users")       \
-  X(kTunnelInDoubt, "tunnel-in-doubt", kPartial, "sets the count; the tunnel has to be put into the hardware")     \
-  X(kTunnelCount, "tunnel-count", kPartial, "sets the count to the number of NHs on the tunnel")                   \
-  X(kNullTunnelCount, "null-tunnel-count", kPartial, "sets the count to the number of NHs on null tunnels")        \
-  X(kNodeResidue, "node-residue", kDamage, "zeroes the spare bytes")                                               \
-  X(kBlockUnreachable, "block-unreachable", kPartial, "frees the block")                                           \
-  X(kBlockNotTaken, "block-not-taken", kDamage, "marks the block as in use")                                       \
-  X(kHeapPage, "heap-page", kDamage, "rewrites the page's descriptor")                                             \
-  X(kHeapHint, "heap-hint", kDamage, "enters the page in the set again")                                           \
-  X(kHeapCount, "heap-count", kPartial, "counts the pages in use anew")                                            \
-  X(kClientsDamaged, "clients-damaged", kDamage, "nothing: what the clients hold cannot be made out")              \
-  X(kLedgerCount, "ledger-count", kDamage, "nothing: the clients give back what they hold, or reclaim it")         \
-  X(kTunnelWithoutNh, "tunnel-without-nh", kNote, "takes the tunnel out, unless told to keep it")                  \
-  X(kTunnelIndexShared, "tunnel-index-shared", kNote, "nothing: the callers chose one index for two tunnels")      \
+#define ENCAP_FINDING_KINDS(X)                                                                                      \
+  X(kNotAWindow, "not-a-window", kDamage, "nothing: the window is to be made anew")                                 \
+  X(kTruncated, "truncated", kDamage, "nothing: the window is to be made anew")                                     \
+  X(kLayoutVersion, "layout-version", kDamage, "nothing: use tools and libraries of that layout version")           \
+  X(kOtherNamespace, "other-namespace", kDamage, "nothing: no process of this PID namespace can attach the window") \
+  X(kHeaderIdentity, "header-identity", kDamage, "nothing: the window is to be made anew")                          \
+  X(kNotInitialised, "not-initialised", kPartial, "nothing: the next owner that opens it makes the database")       \
+  X(kHeaderRange, "header-range", kDamage, "nothing: the window is to be made anew")                                \
+  X(kHeaderArray, "header-array", kDamage, "nothing: the window is to be made anew")                                \
+  X(kLockDeadOwner, "lock-dead-owner", kPartial, "takes the lock over, as the next operation would")                \
+  X(kLockLost, "lock-lost", kDamage, "makes the lock anew if no process has the window attached")                   \
+  X(kLockDamaged, "lock-damaged", kDamage, "makes the lock anew if no process has the window attached")             \
+  X(kUndoLogInUse, "undo-log-in-use", kPartial, "rolls the change back, as the next operation would")               \
+  X(kUndoLogDamaged, "undo-log-damaged", kDamage, "empties the log")                                                \
+  X(kPointerOutside, "pointer-outside", kDamage, "rebuilds the tree from its nodes and slots")                      \
+  X(kTreeCycle, "tree-cycle", kDamage, "rebuilds the tree from its nodes and slots")                                \
+  X(kTreeDepth, "tree-depth", kDamage, "rebuilds the tree from its nodes and slots")                                \
+  X(kTreeOrder, "tree-order", kDamage, "rebuilds the tree from its nodes and slots")                                \
+  X(kTreeBalance, "tree-balance", kDamage, "rebuilds the tree from its nodes and slots")                            \
+  X(kTreeParent, "tree-parent", kDamage, "rebuilds the tree from its nodes and slots")                              \
+  X(kRootField, "root-field", kDamage, "rebuilds the tree from its nodes and slots")                                \
+  X(kTreeLost, "tree-lost", kPartial, "links the nodes of counted slots back into their tree")                      \
+  X(kNodeWithoutSlot, "node-without-slot", kPartial, "takes the node out")                                          \
+  X(kSlotHalfFilled, "slot-half-filled", kPartial, "takes the node out and clears the slot")                        \
+  X(kSlotWithoutNode, "slot-without-node", kPartial, "clears the slot")                                             \
+  X(kSlotResidue, "slot-residue", kPartial, "clears the slot")                                                      \
+  X(kSlotNodeMismatch, "slot-node-mismatch", kPartial, "writes the slot's key and tunnel as the trees have them")   \
+  X(kDuplicateIndex, "duplicate-index", kPartial, "keeps the node that agrees with the slot, takes the other out")  \
+  X(kTunnelIndexMismatch, "tunnel-index-mismatch", kDamage, "gives the node the index that its NHs' slots have")    \
+  X(kTunnelWithoutSlot, "tunnel-without-slot", kPartial, "fills the slot, or takes a tunnel without NHs out")       \
+  X(kTunnelSlotWithoutNode, "tunnel-slot-without-node", kPartial, "clears the slot")                                \
+  X(kTunnelSlotResidue, "tunnel-slot-residue", kPartial, "clears the slot")                                         \
+  X(kTunnelSlotMismatch, "tunnel-slot-mismatch", kPartial, "writes the slot's labels as the tree has them")         \
+  X(kTunnelWithoutIndex, "tunnel-without-index", kPartial, "gives it a free index, or takes it out with its NHs")   \
+  X(kTunnelGivenBack, "tunnel-given-back", kPartial, "takes the tunnel out with its NH, which has no users")        \
+  X(kTunnelInDoubt, "tunnel-in-doubt", kPartial, "sets the count; the tunnel has to be put into the hardware")      \
+  X(kTunnelCount, "tunnel-count", kPartial, "sets the count to the number of NHs on the tunnel")                    \
+  X(kNullTunnelCount, "null-tunnel-count", kPartial, "sets the count to the number of NHs on null tunnels")         \
+  X(kNodeResidue, "node-residue", kDamage, "zeroes the spare bytes")                                                \
+  X(kBlockUnreachable, "block-unreachable", kPartial, "frees the block")                                            \
+  X(kBlockNotTaken, "block-not-taken", kDamage, "marks the block as in use")                                        \
+  X(kHeapPage, "heap-page", kDamage, "rewrites the page's descriptor")                                              \
+  X(kHeapHint, "heap-hint", kDamage, "enters the page in the set again")                                            \
+  X(kHeapCount, "heap-count", kPartial, "counts the pages in use anew")                                             \
+  X(kClientsDamaged, "clients-damaged", kDamage, "nothing: what the clients hold cannot be made out")               \
+  X(kLedgerCount, "ledger-count", kDamage, "nothing: the clients give back what they hold, or reclaim it")          \
+  X(kTunnelWithoutNh, "tunnel-without-nh", kNote, "takes the tunnel out, unless told to keep it")                   \
+  X(kTunnelIndexShared, "tunnel-index-shared", kNote, "nothing: the callers chose one index for two tunnels")       \
   X(kNhCountZero, "nh-count-zero", kNote, "nothing, unless told to take NHs without users out")
 
 enum class FindingKind : std::uint8_t {
@@ -96,16 +98,19 @@ struct Finding {
 struct Report {
   static constexpr std::size_t kKeptOfAKind = 1000;  // a damaged array can give millions
 
-  bool looked = false;            // false: the header allows no look at the database itself
+  Stillness stillness = Stillness::kStill;  // of the view; nothing is found in one of different moments
+  bool looked = false;  // false: the header allows no look at the database, or the view is of different moments
   std::vector<Finding> findings;  // faults in the order of kinds, notes last; at most kKeptOfAKind each
   std::array<std::uint64_t, kFindingKinds> count{};  // all that were found, kept or not
 
   std::uint64_t count_of(FindingKind kind) const { return count[static_cast<std::size_t>(kind)]; }
   std::uint64_t faults() const;  // findings that are no notes
+  std::uint64_t of(Severity severity) const;
   bool sound() const { return looked && faults() == 0; }
 };
 
-// Checks the database as the next process will find it: after rolling back, in a copy, what an undo log holds.
+// Checks the database as the next process will find it: after rolling back, in a copy, what an undo log holds. The
+// header is held against what shmwin_attach() asks of it.
 Report check(const View &view);
 
 }  // namespace encap_inspect

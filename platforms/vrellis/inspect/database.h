@@ -27,6 +27,7 @@ struct WindowIdentity {
   Address address = 0;
   std::uint64_t pid_namespace = 0;
   std::uint64_t created = 0;  // nanoseconds since 1970
+  std::uint64_t deaths = 0;   // processes that were taken out of the table because they had ended
 };
 
 struct AttachedProcess {

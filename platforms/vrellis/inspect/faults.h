@@ -22,6 +22,7 @@ struct Fault {
 
 struct Faults {
   std::vector<Fault> all;
+  std::string refusal;  // what an attach says of the window's header
 
   // What the database's entries come down to, for whoever rebuilds a tree.
   std::vector<bool> nh_goes;                    // by NH node: it is to leave its tree
@@ -48,8 +49,8 @@ bool find_window_faults(const Survey &survey, bool log_sound, Faults *faults);
 // Sorts the faults by kind.
 Report report_of(Faults &faults, bool looked);
 
-std::string sentence_of(const Fault &fault);  // what is wrong
-std::string mending_of(const Fault &fault);   // what repair did about it
+std::string sentence_of(const Faults &faults, const Fault &fault);  // what is wrong
+std::string mending_of(const Fault &fault);                         // what repair did about it
 
 }  // namespace encap_inspect
 

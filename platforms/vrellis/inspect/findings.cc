@@ -21,7 +21,8 @@ constexpr KindRow kRows[] = {
 };
 
 // In the texts: %n "NH 7", %t "tunnel 7" or "the null tunnel", %T the tree, %a the address, %h the thread found, %f and
-// %w the values found and wanted. A kind without a second text is nothing that repair can mend.
+// %w the values found and wanted. A kind without a first text reads as an attach refuses it; one without a second text is
+// nothing that repair can mend.
 struct Text {
   FindingKind kind;
   const char *sentence;
@@ -30,15 +31,17 @@ struct Text {
 
 using Kind = FindingKind;
 constexpr Text kTexts[] = {
-    {Kind::kNotAWindow, "the %f bytes are no complete window of this layout", ""},
-    {Kind::kTruncated, "the file ends after %f of the window's %w bytes", ""},
+    {Kind::kNotAWindow, "", ""},
+    {Kind::kTruncated, "", ""},
+    {Kind::kLayoutVersion, "", ""},
+    {Kind::kOtherNamespace, "", ""},
     {Kind::kHeaderIdentity, "the window's header contradicts itself: it records %f where %w belongs", ""},
     {Kind::kNotInitialised, "the window holds no initialised database", ""},
     {Kind::kHeaderRange, "an index range in the database's header ends before it begins", ""},
     {Kind::kHeaderArray, "the slot arrays in the database's header are no blocks of the window", ""},
     {Kind::kLockDeadOwner, "%h died holding the lock", "took the lock over from a dead thread"},
-    {Kind::kLockLost, "the lock is held by thread %f, which is gone and was not marked as dead", ""},
-    {Kind::kLockDamaged, "the lock is no robust, recursive, process-shared mutex any more", ""},
+    {Kind::kLockLost, "the lock is held by thread %f, which is gone and was not marked as dead", "made the lock anew"},
+    {Kind::kLockDamaged, "the lock is no robust, recursive, process-shared mutex any more", "made the lock anew"},
     {Kind::kUndoLogInUse, "a change of a tree was cut off: %f words are to be restored",
      "rolled a change of a tree back: %f words"},
     {Kind::kUndoLogDamaged, "the undo log, in use with %f words, names words that no tree has", "emptied the undo log"},
@@ -161,8 +164,9 @@ const char *name_of(Severity severity) {
   return severity == Severity::kNote ? "note" : severity == Severity::kPartial ? "partial" : "damage";
 }
 
-std::string sentence_of(const Fault &fault) {
-  return expand(kTexts[static_cast<std::size_t>(fault.kind)].sentence, fault);
+std::string sentence_of(const Faults &faults, const Fault &fault) {
+  const char *const text = kTexts[static_cast<std::size_t>(fault.kind)].sentence;
+  return *text != '\0' ? expand(text, fault) : faults.refusal;
 }
 
 std::string mending_of(const Fault &fault) {

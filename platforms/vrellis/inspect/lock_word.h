@@ -2,6 +2,8 @@
 #ifndef ENCAP_INSPECT_LOCK_WORD_H
 #define ENCAP_INSPECT_LOCK_WORD_H
 
+#include <sys/mman.h>
+
 #include "database.h"
 
 namespace encap_inspect {
@@ -10,6 +12,26 @@ namespace encap_inspect {
 LockState decode_lock(const View &view);
 
 bool lock_is_held_by_the_living(const View &view);
+
+// Where this process has a window's file mapped, for as long as the object lives: /proc then tells whether another
+// process has the same file mapped, or the one that it is a copy of.
+class MappedFile {
+ public:
+  explicit MappedFile(const std::string &path);
+  explicit MappedFile(const View &view);  // of a live view
+  ~MappedFile();
+  MappedFile(const MappedFile &) = delete;
+  MappedFile &operator=(const MappedFile &) = delete;
+
+  Address address() const { return address_; }  // 0: the file cannot be mapped
+
+  // Whether the process or thread has the file mapped at `address`.
+  vrellis::Mapped at(pid_t id, Address address) const;
+
+ private:
+  void *page_ = MAP_FAILED;
+  Address address_ = 0;
+};
 
 // Who is attached, and whether ids mean something here: a live window of this PID namespace.
 std::vector<AttachedProcess> decode_processes(const View &view);

@@ -65,7 +65,7 @@ void Mender::work_off(Fault fault, Mend mend) {
     fault.kind = FindingKind::kTunnelGivenBack;
     mend = &Mender::take_out_given_back;
   }
-  if (!options_.dry_run) {
+  if (deed_ == Deed::kMend) {
     (this->*mend)(fault);
     end_of_step();
   }
@@ -232,8 +232,9 @@ void Mender::free_block(const Fault &fault) {
   shmwin_free(writable<std::uint64_t>(survey_, fault.address));
 }
 
-void mend(const Survey &survey, const Faults &faults, const RepairOptions &options, std::vector<Change> *changes) {
-  Mender(survey, faults, options, changes).run();
+void mend(const Survey &survey, const Faults &faults, const RepairOptions &options, Deed deed,
+          std::vector<Change> *changes) {
+  Mender(survey, faults, options, deed, changes).run();
 }
 
 }  // namespace encap_inspect

@@ -11,9 +11,17 @@
 
 namespace encap_inspect {
 
-// Mends what it can of `faults` in the window that `survey` looks at (as it lies in this process, under the lock), or
-// tells what it would. What depends on what is mended here, the next round finds.
-void mend(const Survey &survey, const Faults &faults, const RepairOptions &options, std::vector<Change> *changes);
+// Mends what it can of `faults` in the window that `survey` looks at, as it lies in this process, under the lock; a
+// rehearsal only tells the changes. What depends on what is mended here, the next round finds.
+enum class Deed { kMend, kRehearse };
+void mend(const Survey &survey, const Faults &faults, const RepairOptions &options, Deed deed,
+          std::vector<Change> *changes);
+
+// What stands against a repair, before the lock is taken. Returns: an empty text when nothing does. Out: *kind.
+std::string obstacle(const View &window, FindingKind *kind);
+
+// Whether the finding is that no thread will ever give the lock back.
+bool is_lost_lock(FindingKind kind);
 
 // Makes the pages' bookkeeping right. For mend() alone.
 void mend_block_not_taken(const Survey &survey, const Fault &fault);
@@ -47,8 +55,9 @@ inline void end_of_step() {
 // Works through the faults of one round.
 class Mender {
  public:
-  Mender(const Survey &survey, const Faults &faults, const RepairOptions &options, std::vector<Change> *changes)
-      : survey_(survey), db_(survey.db), faults_(faults), options_(options), changes_(*changes) {}
+  Mender(const Survey &survey, const Faults &faults, const RepairOptions &options, Deed deed,
+         std::vector<Change> *changes)
+      : survey_(survey), db_(survey.db), faults_(faults), options_(options), deed_(deed), changes_(*changes) {}
 
   void run();
 
@@ -107,6 +116,7 @@ class Mender {
   const Database &db_;
   const Faults &faults_;
   const RepairOptions &options_;
+  const Deed deed_;
   std::vector<Change> &changes_;
   bool waits_ = false;  // the fault at hand cannot be mended for want of memory
 };

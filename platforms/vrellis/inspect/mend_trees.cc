@@ -24,7 +24,7 @@ void Mender::rebuild_broken_trees() {
     const Fault fault{flaw.kind, kNoIndex, tunnel, flaw.address};
     changes_.push_back({flaw.kind, kNoIndex, tunnel, flaw.address, mending_of(fault)});
   }
-  if (options_.dry_run) {
+  if (deed_ == Deed::kRehearse) {
     return;
   }
   int flag = 0;

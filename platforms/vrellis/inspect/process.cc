@@ -1,7 +1,7 @@
 // Who is attached to a window, who holds its lock, and whether they live.
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/stat.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,32 +17,24 @@ namespace {
 
 constexpr std::uint64_t kLockOffset = offsetof(vrellis::WindowHeader, user_area) + offsetof(egress_encap_db_t, lock);
 
-// Reads /proc/<id>/<name>. Returns: an empty text when there is none.
-std::string proc_text(pid_t id, const char *name) {
-  const std::string path = "/proc/" + std::to_string(id) + "/" + name;
-  char text[2048];
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  const ssize_t length = fd >= 0 ? read(fd, text, sizeof text) : 0;
-  if (fd >= 0) {
-    close(fd);
-  }
-  return {text, static_cast<std::size_t>(length > 0 ? length : 0)};
-}
-
 pid_t process_of_thread(pid_t tid) {
   if (tid == gettid()) {
     return getpid();
   }
-  const std::string text = proc_text(tid, "status");
-  const std::size_t at = text.find("\nTgid:");
-  return at != std::string::npos ? static_cast<pid_t>(std::strtol(text.c_str() + at + 6, nullptr, 10)) : 0;
+  char path[32];
+  char text[2048];
+  std::snprintf(path, sizeof path, "/proc/%d/status", tid);
+  const char *const line = vrellis::read_small_file(path, text, sizeof text) ? std::strstr(text, "\nTgid:") : nullptr;
+  return line != nullptr ? static_cast<pid_t>(std::strtol(line + 6, nullptr, 10)) : 0;
+}
+
+const vrellis::WindowHeader *identity_of(const View &view) {
+  return static_cast<const vrellis::WindowHeader *>(view.at(0, 64, 8));
 }
 
 bool ids_mean_something(const View &view) {
-  const auto *header = static_cast<const vrellis::WindowHeader *>(view.at(0, 64));
-  struct stat own {};
-  return view.is_live() && header != nullptr && stat("/proc/self/ns/pid", &own) == 0 &&
-         own.st_ino == header->pid_namespace;
+  const auto *const header = identity_of(view);
+  return view.is_live() && header != nullptr && vrellis::own_pid_namespace() == header->pid_namespace;
 }
 
 // What a mutex of a database is like, by making one.
@@ -56,18 +48,50 @@ int wanted_kind() {
 
 }  // namespace
 
+MappedFile::MappedFile(const View &view) : MappedFile(view.path()) {
+  if (view.path().empty()) {
+    address_ = reinterpret_cast<Address>(view.bytes().data());
+  }
+}
+
+MappedFile::MappedFile(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+  if (fd >= 0) {
+    page_ = mmap(nullptr, vrellis::kPageBytes, PROT_READ, MAP_SHARED, fd, 0);
+    address_ = page_ != MAP_FAILED ? reinterpret_cast<Address>(page_) : 0;
+    close(fd);
+  }
+}
+
+MappedFile::~MappedFile() {
+  if (page_ != MAP_FAILED) {
+    munmap(page_, vrellis::kPageBytes);
+  }
+}
+
+vrellis::Mapped MappedFile::at(pid_t id, Address address) const {
+  return address_ != 0 ? vrellis::maps_same_memory(id, address, address_) : vrellis::Mapped::kUnknown;
+}
+
 std::vector<AttachedProcess> decode_processes(const View &view) {
   std::vector<AttachedProcess> processes;
   const void *table = view.at(offsetof(vrellis::WindowHeader, process), 8 * vrellis::kMaxProcesses, 8);
-  const auto *const header = static_cast<const vrellis::WindowHeader *>(view.at(0, 64, 8));
+  const auto *const header = identity_of(view);
   const bool meaningful = ids_mean_something(view);
   for (std::size_t i = 0; table != nullptr && i < vrellis::kMaxProcesses; ++i) {
     std::uint64_t word = 0;
     std::memcpy(&word, static_cast<const std::uint8_t *>(table) + 8 * i, sizeof word);
-    if (word != 0) {
-      processes.push_back({vrellis::pid_of_entry(word), vrellis::start_of_entry(word),
-                           meaningful ? vrellis::liveness_of_entry(*header, word) : Liveness::kUnknown});
+    if (word == 0) {
+      continue;
     }
+    AttachedProcess process{vrellis::pid_of_entry(word), vrellis::start_of_entry(word), Liveness::kUnknown};
+    if (meaningful) {
+      process.liveness = vrellis::liveness_of_entry(*header, word);
+    }
+    if (process.liveness == Liveness::kAlive && MappedFile(view).at(process.pid, view.base()) == vrellis::Mapped::kNo) {
+      process.liveness = Liveness::kDead;  // it has the window that this one is a copy of
+    }
+    processes.push_back(process);
   }
   return processes;
 }
@@ -94,7 +118,8 @@ LockState decode_lock(const View &view) {
   if (lock.owner_died) {
     lock.owner = Liveness::kDead;
   } else if (ids_mean_something(view)) {
-    lock.owner = vrellis::liveness_of_owner(read, 0);
+    const MappedFile file(view);
+    lock.owner = vrellis::liveness_of_owner(read, view.base() + kLockOffset, file.address());
     lock.owner_pid = process_of_thread(lock.owner_tid);
     if (lock.owner == Liveness::kDead && word_now(view, kLockOffset, read.word) != read.word) {
       lock.owner = Liveness::kUnknown;  // it gave the lock back before it ended

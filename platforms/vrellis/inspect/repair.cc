@@ -1,10 +1,9 @@
 #include "repair.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "avl.h"
 #include "lock_word.h"
@@ -13,6 +12,8 @@
 
 namespace encap_inspect {
 namespace {
+
+using Kind = FindingKind;
 
 // Damage can hide damage: what is mended shows what lies behind it. No chain of it is longer than this.
 constexpr int kMostRounds = 8;
@@ -31,22 +32,8 @@ std::string misplaced(const View &window, std::uint32_t shm_id, Address begin) {
   const std::uint64_t pairs[][2] = {{header.shm_id, shm_id}, {header.address, begin}, {header.size, window.size()}};
   for (const auto &[found, wanted] : pairs) {
     if (found != wanted) {
-      return sentence_of({FindingKind::kHeaderIdentity, kNoIndex, kNoIndex, 0, found, wanted, kNoNode});
-    }
-  }
-  return "";
-}
-
-// What stands against a repair, before the lock is taken. Returns: an empty text when nothing does.
-std::string obstacle(const View &window) {
-  Faults faults;
-  if (!find_window_faults(survey_header(window), true, &faults)) {
-    return faults.all.empty() ? "the window cannot be looked at" : sentence_of(faults.all.front());
-  }
-  for (const Fault &fault : faults.all) {
-    if (fault.kind == FindingKind::kLockDamaged || fault.kind == FindingKind::kLockLost ||
-        fault.kind == FindingKind::kHeaderIdentity) {
-      return sentence_of(fault);
+      return "the window's header contradicts itself: it records " + std::to_string(found) + " where " +
+             std::to_string(wanted) + " belongs";
     }
   }
   return "";
@@ -56,47 +43,109 @@ void add_change(std::vector<Change> *changes, const Fault &fault) {
   changes->push_back({fault.kind, kNoIndex, kNoIndex, 0, mending_of(fault)});
 }
 
+// Names the process that has kept the lock for so long.
+RepairResult refuse_held(const View &window, const RepairOptions &options) {
+  const pid_t holder = decode_lock(window).owner_pid;
+  char who[vrellis::kProcessTextBytes] = "a process that cannot be told from here";
+  if (holder != 0) {
+    vrellis::describe_process(holder, who);
+  }
+  RepairResult result = refuse(
+      ETIMEDOUT, "the database's lock was held for " + std::to_string(options.patience.count()) + " ms by " + who);
+  result.holder = holder;
+  return result;
+}
+
+// The database's lock, given back at the latest when the object goes.
+class Lock {
+ public:
+  explicit Lock(pthread_mutex_t &mutex) : mutex_(mutex) {}
+  ~Lock() { release(); }
+  Lock(const Lock &) = delete;
+  Lock &operator=(const Lock &) = delete;
+
+  // Waits in slices, since the kernel may have woken a waiter that died before it took the lock.
+  // Returns: 0; 110 (ETIMEDOUT); the lock's code.
+  int take(std::chrono::milliseconds patience) {
+    constexpr long kSliceNs = 50'000'000;
+    const auto end = std::chrono::steady_clock::now() + patience;
+    int status = ETIMEDOUT;
+    do {
+      timespec until{};
+      clock_gettime(CLOCK_REALTIME, &until);
+      until.tv_nsec += kSliceNs;
+      until.tv_sec += until.tv_nsec / 1'000'000'000;
+      until.tv_nsec %= 1'000'000'000;
+      status = pthread_mutex_timedlock(&mutex_, &until);
+    } while (status == ETIMEDOUT && std::chrono::steady_clock::now() < end);
+    if (status == EOWNERDEAD) {
+      status = pthread_mutex_consistent(&mutex_);
+    }
+    held_ = status == 0;
+    return status;
+  }
+
+  int release() {
+    const bool held = held_;
+    held_ = false;
+    return held ? pthread_mutex_unlock(&mutex_) : 0;
+  }
+
+ private:
+  pthread_mutex_t &mutex_;
+  bool held_ = false;
+};
+
 class Repair {
  public:
   Repair(const View &window, const RepairOptions &options) : window_(window), options_(options) {}
 
-  // Requires the lock. `lock_and_log`: faults of the lock and the undo log, seen before it was taken.
-  RepairResult run(const Faults &lock_and_log) {
+  // Requires the lock. `owner_died`: it was taken over from a dead thread.
+  RepairResult run(bool owner_died) {
+    Faults lock_and_log;
+    if (owner_died) {
+      lock_and_log.all.push_back({Kind::kLockDeadOwner});
+    }
+    add_undo_log(&lock_and_log);
     for (const Fault &fault : lock_and_log.all) {
       add_change(&result_.changes, fault);
     }
-    if (options_.dry_run) {
-      const View settled = window_.settled(nullptr);
-      round(settled);
-    } else {
-      avl_settle(window_.bytes().data());
-      for (int number = 0; number < kMostRounds && round(window_); ++number) {
-      }
-      tell_what_is_left();
+    avl_settle(window_.bytes().data());
+    for (int number = 0; number < kMostRounds && round(lock_and_log); ++number) {
+      lock_and_log.all.clear();
+    }
+    if (!result_.after.sound()) {
+      result_.status = EIO;
+      result_.error = std::to_string(result_.after.faults()) + " faults are left that could not be mended";
     }
     return std::move(result_);
   }
 
  private:
-  // Returns: whether anything was changed, so that there may be more to see.
-  bool round(const View &view) {
-    const Survey found = survey(view);
-    Faults faults;
-    find_faults(found, &faults);
-    const std::size_t before = result_.changes.size();
-    mend(found, faults, options_, &result_.changes);
-    result_.after = report_of(faults, true);
-    if (!result_.before.looked) {
-      result_.before = result_.after;
+  void add_undo_log(Faults *faults) {
+    std::uint64_t words = 0;
+    std::memcpy(&words, window_.at(offsetof(vrellis::WindowHeader, tree_area), sizeof words), sizeof words);
+    if (words != 0) {
+      bool sound = true;
+      window_.settled(&sound);
+      faults->all.push_back({sound ? Kind::kUndoLogInUse : Kind::kUndoLogDamaged, kNoIndex, kNoIndex, 0, words});
     }
-    return result_.changes.size() != before;
   }
 
-  void tell_what_is_left() {
-    if (!result_.after.sound()) {
-      result_.status = EIO;
-      result_.error = std::to_string(result_.after.faults()) + " faults are left that could not be mended";
+  // `before`: what was found beside the database itself. Returns: whether anything was changed, so that there may be
+  // more to see.
+  bool round(const Faults &before) {
+    const Survey found = survey(window_);
+    Faults faults;
+    find_faults(found, &faults);
+    const std::size_t changes = result_.changes.size();
+    mend(found, faults, options_, Deed::kMend, &result_.changes);
+    result_.after = report_of(faults, true);
+    if (!result_.before.looked) {
+      faults.all.insert(faults.all.end(), before.all.begin(), before.all.end());
+      result_.before = report_of(faults, true);
     }
+    return result_.changes.size() != changes;
   }
 
   const View &window_;
@@ -104,27 +153,31 @@ class Repair {
   RepairResult result_;
 };
 
-// The window's id, as its file has it. Returns: 0 or an errno value.
-int read_id(const std::string &path, std::uint32_t *shm_id) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    return errno;
-  }
-  vrellis::WindowHeader header;
-  const ssize_t got = pread(fd, &header, 64, 0);
-  close(fd);
-  *shm_id = header.shm_id;
-  return got == 64 && header.magic == vrellis::kWindowMagic ? 0 : EINVAL;
-}
-
-int fail(std::string *error, int status, const std::string &text) {
-  if (error != nullptr) {
-    *error = text;
-  }
-  return status;
+// What the first report found of the lock and of an undo log, as changes.
+bool is_of_lock_or_log(Kind kind) {
+  return kind == Kind::kLockDeadOwner || kind == Kind::kUndoLogInUse || kind == Kind::kUndoLogDamaged ||
+         is_lost_lock(kind);
 }
 
 }  // namespace
+
+bool is_lost_lock(FindingKind kind) {
+  return kind == Kind::kLockLost || kind == Kind::kLockDamaged;
+}
+
+std::string obstacle(const View &window, FindingKind *kind) {
+  Faults faults;
+  const bool usable = find_window_faults(survey_header(window), true, &faults);
+  const auto stands = [&](const Fault &fault) {
+    return !usable || is_lost_lock(fault.kind) || fault.kind == Kind::kOtherNamespace;
+  };
+  const auto found = std::find_if(faults.all.begin(), faults.all.end(), stands);
+  if (found == faults.all.end()) {
+    return usable ? "" : "the window cannot be looked at";
+  }
+  *kind = found->kind;
+  return sentence_of(faults, *found);
+}
 
 RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
   void *begin = nullptr;
@@ -133,7 +186,8 @@ RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
     return refuse(ENOENT, "window " + std::to_string(shm_id) + " is not attached in this process");
   }
   const View window = View::over(begin, bytes);
-  std::string text = obstacle(window);
+  FindingKind kind{};
+  std::string text = obstacle(window, &kind);
   if (text.empty()) {
     text = misplaced(window, shm_id, reinterpret_cast<Address>(begin));
   }
@@ -141,26 +195,16 @@ RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
     return refuse(EINVAL, std::move(text));
   }
   const LockState before = decode_lock(window);
-  auto *const header = static_cast<egress_encap_db_t *>(shmwin_user_area(shm_id));
-  const int locked = vrl_egress_encap_db_lock(&header->lock.mutex);
+  Lock lock(static_cast<egress_encap_db_t *>(shmwin_user_area(shm_id))->lock.mutex);
+  const int locked = lock.take(options.patience);
+  if (locked == ETIMEDOUT) {
+    return refuse_held(window, options);
+  }
   if (locked != 0) {
     return refuse(locked, "the database's lock cannot be taken: " + std::string(std::strerror(locked)));
   }
-  Faults lock_and_log;
-  if (before.held && before.owner_died) {
-    lock_and_log.all.push_back({FindingKind::kLockDeadOwner});
-  }
-  bool sound = true;
-  window.settled(&sound);
-  std::uint64_t words = 0;
-  std::memcpy(&words, window.at(offsetof(vrellis::WindowHeader, tree_area), sizeof words), sizeof words);
-  if (words != 0) {
-    Fault log{sound ? FindingKind::kUndoLogInUse : FindingKind::kUndoLogDamaged};
-    log.found = words;
-    lock_and_log.all.push_back(log);
-  }
-  RepairResult result = Repair(window, options).run(lock_and_log);
-  const int unlocked = pthread_mutex_unlock(&header->lock.mutex);
+  RepairResult result = Repair(window, options).run(before.held && before.owner_died);
+  const int unlocked = lock.release();
   if (unlocked != 0) {
     result.status = unlocked;
     result.error = "the database's lock cannot be given back: " + std::string(std::strerror(unlocked));
@@ -168,26 +212,32 @@ RepairResult repair(std::uint32_t shm_id, const RepairOptions &options) {
   return result;
 }
 
-int attach_for_repair(const char *directory, const char *name, std::uint32_t *shm_id, std::string *error) {
-  const std::string path = std::string(directory != nullptr ? directory : "/dev/shm") + "/" + name;
-  int status = read_id(path, shm_id);
-  if (status != 0) {
-    return fail(error, status, "'" + path + "' cannot be read as a window: " + std::strerror(status));
+RepairResult rehearse(const View &view, const RepairOptions &options) {
+  if (view.stillness() == Stillness::kHeld) {
+    return refuse_held(view, options);
   }
-  shmwin_config_t config{};
-  config.directory = directory;
-  config.name = name;
-  config.shm_id = *shm_id;
-  shmwin_error_t refused{};
-  shmwin_claim_t *claim = nullptr;
-  int present = 0;
-  status = shmwin_claim(&config, &claim, &present, &refused);
-  if (status != 0) {
-    return fail(error, status, refused.text);
+  RepairResult result;
+  result.before = result.after = check(view);
+  if (view.stillness() == Stillness::kMoving) {
+    return refuse(EAGAIN, "the window would not hold still while it was read");
   }
-  status = present != 0 ? shmwin_attach(claim, *shm_id, &refused) : ENOENT;
-  shmwin_release(claim);
-  return status == 0 ? 0 : fail(error, status, present != 0 ? refused.text : "'" + path + "' holds no window");
+  if (!result.before.looked) {
+    return refuse(EINVAL, result.before.findings.empty() ? "the window cannot be looked at"
+                                                         : result.before.findings.front().text);
+  }
+  for (const Finding &finding : result.before.findings) {
+    if (is_of_lock_or_log(finding.kind)) {
+      Fault fault{finding.kind};
+      fault.found = survey_header(view).db.undo_count;
+      add_change(&result.changes, fault);
+    }
+  }
+  const View settled = view.settled(nullptr);
+  const Survey found = survey(settled);
+  Faults faults;
+  find_faults(found, &faults);
+  mend(found, faults, options, Deed::kRehearse, &result.changes);
+  return result;
 }
 
 }  // namespace encap_inspect

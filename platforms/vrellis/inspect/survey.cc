@@ -25,6 +25,7 @@ WindowIdentity decode_identity(const WindowHeader &header) {
   identity.address = header.address;
   identity.pid_namespace = header.pid_namespace;
   identity.created = header.created;
+  identity.deaths = header.deaths;
   return identity;
 }
 

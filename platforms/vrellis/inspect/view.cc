@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <vector>
 
 #include "avl/undo_log.h"
@@ -21,9 +21,22 @@ namespace {
 constexpr std::size_t kChunk = std::size_t{1} << 20;
 constexpr std::uint64_t kLogOffset = offsetof(vrellis::WindowHeader, tree_area);
 
+struct FreePages {
+  void operator()(std::uint8_t *pages) const { operator delete[](pages, std::align_val_t{vrellis::kPageBytes}); }
+};
+
+// Throws std::bad_alloc when there is no memory.
 std::shared_ptr<std::uint8_t[]> allocate(std::uint64_t bytes) {
-  const std::uint64_t whole = vrellis::round_up(std::max<std::uint64_t>(bytes, 1), vrellis::kPageBytes);
-  return {static_cast<std::uint8_t *>(std::aligned_alloc(vrellis::kPageBytes, whole)), std::free};
+  const std::uint64_t room = std::max<std::uint64_t>(bytes, 1);
+  return {new (std::align_val_t{vrellis::kPageBytes}) std::uint8_t[room], FreePages{}};
+}
+
+std::shared_ptr<std::uint8_t[]> try_to_allocate(std::uint64_t bytes) {
+  try {
+    return allocate(bytes);
+  } catch (const std::bad_alloc &) {
+    return nullptr;
+  }
 }
 
 // Reads up to `bytes`; fewer when the file ends before.
@@ -108,7 +121,7 @@ void View::set_base() {
 }
 
 std::optional<View> View::open_file(const char *path, std::string *error) {
-  std::optional<View> view = open_path(path, 1, error);
+  std::optional<View> view = open_path(path, 1, kMaxViewBytes, error);
   if (view) {
     view->live_ = false;
   }
@@ -117,10 +130,25 @@ std::optional<View> View::open_file(const char *path, std::string *error) {
 
 std::optional<View> View::open_live(const char *directory, const char *name, std::string *error, unsigned readings) {
   const std::string path = std::string(directory != nullptr ? directory : "/dev/shm") + "/" + name;
-  return open_path(path.c_str(), std::max(readings, 2U), error);
+  return open_path(path.c_str(), std::max(readings, 2U), kMaxViewBytes, error);
 }
 
-std::optional<View> View::open_path(const char *path, unsigned readings, std::string *error) {
+std::optional<View> View::open_patiently(const char *directory, const char *name, std::chrono::milliseconds patience,
+                                         std::string *error) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  std::optional<View> view = open_live(directory, name, error);
+  while (view && view->stillness() != Stillness::kStill && std::chrono::steady_clock::now() < end) {
+    pause_a_moment();
+    view = open_live(directory, name, error);
+  }
+  return view;
+}
+
+std::optional<View> View::open_head(const char *path, std::string *error) {
+  return open_path(path, 1, sizeof(vrellis::WindowHeader), error);
+}
+
+std::optional<View> View::open_path(const char *path, unsigned readings, std::uint64_t most, std::string *error) {
   struct stat status {};
   if (stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {  // opening a device may already act on it
     fail(error, "'" + std::string(path) + "' is no regular file, a window is");
@@ -136,14 +164,15 @@ std::optional<View> View::open_path(const char *path, unsigned readings, std::st
   view.path_ = path;
   view.live_ = true;
   view.file_size_ = static_cast<std::uint64_t>(status.st_size);
-  const std::uint64_t bytes = bytes_to_read(file.fd(), view.file_size_);
-  view.copy_ = bytes <= kMaxViewBytes ? allocate(bytes) : nullptr;
+  const std::uint64_t bytes = std::min(bytes_to_read(file.fd(), view.file_size_), most);
+  view.copy_ = try_to_allocate(bytes);
   if (view.copy_ == nullptr) {
     fail(error, "cannot copy the " + std::to_string(bytes) + " bytes of '" + path + "': there is no memory for them");
     return std::nullopt;
   }
   view.data_ = view.copy_.get();
   view.size_ = read_at(file.fd(), view.copy_.get(), bytes, 0);
+  view.set_base();
   view.hold_still(file.fd(), readings);
   view.set_base();
   return view;

@@ -6,6 +6,7 @@
 #ifndef ENCAP_INSPECT_VIEW_H
 #define ENCAP_INSPECT_VIEW_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -17,7 +18,7 @@ namespace encap_inspect {
 
 using Address = std::uint64_t;  // as the processes that have the window attached know it
 
-inline constexpr std::uint64_t kMaxViewBytes = std::uint64_t{16} << 30;  // nobody copies a larger window
+inline constexpr std::uint64_t kMaxViewBytes = std::uint64_t{16} << 30;  // more of a file is not copied
 
 // How far the copy of a live window can be trusted to show one moment.
 enum class Stillness {
@@ -35,10 +36,18 @@ class View {
   static std::optional<View> open_live(const char *directory, const char *name, std::string *error,
                                        unsigned readings = kReadings);
 
+  // The same, again and again until the copy is still or `patience` ends.
+  static std::optional<View> open_patiently(const char *directory, const char *name, std::chrono::milliseconds patience,
+                                            std::string *error);
+
   // Reads a snapshot: a plain copy of a window's file.
   static std::optional<View> open_file(const char *path, std::string *error);
 
+  // Reads the header of the live window at `path` alone, once.
+  static std::optional<View> open_head(const char *path, std::string *error);
+
   // Of memory that holds a window: copied; or used as it lies there for the view's life (the lock keeps it still).
+  // copy_of() and settled() throw std::bad_alloc when this process has no memory for the copy.
   static View copy_of(const void *window, std::size_t bytes);
   static View over(const void *window, std::size_t bytes);
 
@@ -72,7 +81,7 @@ class View {
   View settled(bool *log_sound) const;
 
  private:
-  static std::optional<View> open_path(const char *path, unsigned readings, std::string *error);
+  static std::optional<View> open_path(const char *path, unsigned readings, std::uint64_t most, std::string *error);
   void hold_still(int fd, unsigned readings);
   void set_base();
 

@@ -188,14 +188,14 @@ Mapped maps_shared_memory(pid_t pid, std::uint64_t address) {
   return find_shared_memory(pid, address, file);
 }
 
-Mapped maps_same_memory(pid_t id, std::uint64_t address) {
-  char own[48];
-  char other[48];
-  if (find_shared_memory(getpid(), address, own) != Mapped::kYes) {
+Mapped maps_same_memory(pid_t id, std::uint64_t address, std::uint64_t own) {
+  char own_file[48];
+  char other_file[48];
+  if (find_shared_memory(getpid(), own, own_file) != Mapped::kYes) {
     return Mapped::kUnknown;
   }
-  const Mapped mapped = find_shared_memory(id, address, other);
-  return mapped == Mapped::kYes && std::strcmp(own, other) != 0 ? Mapped::kNo : mapped;
+  const Mapped mapped = find_shared_memory(id, address, other_file);
+  return mapped == Mapped::kYes && std::strcmp(own_file, other_file) != 0 ? Mapped::kNo : mapped;
 }
 
 void describe_process(pid_t pid, char (&text)[kProcessTextBytes]) {

@@ -60,8 +60,8 @@ enum class Mapped { kUnknown, kYes, kNo };
 // program since it mapped its windows has not. Returns: unknown when the process may not be looked into.
 Mapped maps_shared_memory(pid_t pid, std::uint64_t address);
 
-// Whether that memory is the same file that this process has mapped there. `id` may be a thread's.
-Mapped maps_same_memory(pid_t id, std::uint64_t address);
+// Whether that memory is the same file that this process has mapped at `own`. `id` may be a thread's.
+Mapped maps_same_memory(pid_t id, std::uint64_t address, std::uint64_t own);
 
 // Writes "process 17 (name), which is stopped" for a message; bytes of the name that cannot be printed become '?'.
 inline constexpr std::size_t kProcessTextBytes = 128;

@@ -39,9 +39,9 @@ RobustLock read_robust_lock(const pthread_mutex_t &mutex) {
   return lock;
 }
 
-Liveness liveness_of_owner(const RobustLock &lock, std::uint64_t address) {
+Liveness liveness_of_owner(const RobustLock &lock, std::uint64_t address, std::uint64_t own) {
   const Liveness liveness = liveness_of_thread(lock.owner);
-  if (liveness == Liveness::kAlive && address != 0 && maps_same_memory(lock.owner, address) == Mapped::kNo) {
+  if (liveness == Liveness::kAlive && own != 0 && maps_same_memory(lock.owner, address, own) == Mapped::kNo) {
     return Liveness::kDead;
   }
   return liveness;
@@ -49,8 +49,8 @@ Liveness liveness_of_owner(const RobustLock &lock, std::uint64_t address) {
 
 bool is_lost(const pthread_mutex_t &mutex) {
   const RobustLock lock = read_robust_lock(mutex);
-  return lock.held && !lock.owner_died &&
-         liveness_of_owner(lock, reinterpret_cast<std::uintptr_t>(&mutex)) == Liveness::kDead &&
+  const auto address = reinterpret_cast<std::uintptr_t>(&mutex);
+  return lock.held && !lock.owner_died && liveness_of_owner(lock, address, address) == Liveness::kDead &&
          word_of(mutex) == lock.word;  // or the thread gave it back before it ended
 }
 

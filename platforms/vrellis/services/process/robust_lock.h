@@ -31,9 +31,9 @@ struct RobustLock {
 RobustLock read_robust_lock(const pthread_mutex_t &mutex);
 
 // Whether a thread of this PID namespace that can unlock the mutex lives, as far as it can be told from outside.
-// `address`: where this process and the owner's have mapped the mutex, so that a thread of a process that has other
-// memory there, or none, is known for a later one of the same id; 0: not compared.
-Liveness liveness_of_owner(const RobustLock &lock, std::uint64_t address);
+// A thread whose process has other memory, or none, where the mutex lies is a later one of the same id: it counts as
+// dead. `address`: of the mutex in the owner's process; `own`: where this process has its file mapped; 0: not compared.
+Liveness liveness_of_owner(const RobustLock &lock, std::uint64_t address, std::uint64_t own);
 
 // Whether no thread will ever unlock the mutex, nor the kernel mark it: who locks it waits for ever.
 // Requires the mutex's memory to be mapped and shared.

@@ -62,7 +62,8 @@ struct WindowHeader {
   std::uint64_t high_water;  //    80  highest pages_used, under the user's lock
   std::uint64_t bad_releases;  //    88  under the user's lock
   std::uint64_t kept_pages;    //    96  pages that groups of nodes leave unused; 0: no groups; fixed
-  std::uint8_t spare[920];     //   104  0
+  std::uint64_t deaths;        //   104  processes that were swept out of the table; raised without a lock
+  std::uint8_t spare[912];     //   112  0
 
   std::uint8_t user_area[SHMWIN_USER_AREA_BYTES];  //  1024  the user's
   std::uint64_t process[kMaxProcesses];            //  2048  who is attached; changed by compare-and-swap alone

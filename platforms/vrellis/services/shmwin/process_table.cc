@@ -59,8 +59,8 @@ void sweep_processes(WindowHeader &header) {
   const std::uint64_t own = own_entry();
   for (std::uint64_t &entry : header.process) {
     const std::uint64_t word = load_word(entry);
-    if (word != 0 && word != own && liveness_of_entry(header, word) == Liveness::kDead) {
-      swap_entry(entry, word, 0);
+    if (word != 0 && word != own && liveness_of_entry(header, word) == Liveness::kDead && swap_entry(entry, word, 0)) {
+      std::atomic_ref(header.deaths).fetch_add(1);
     }
   }
 }

@@ -28,7 +28,7 @@ Liveness liveness_of_entry(const WindowHeader &header, std::uint64_t entry);
 // Fills `error` when a process has the window attached, or may have. Returns: 0; 16 (EBUSY).
 int refuse_if_attached(const WindowHeader &header, const char *name, shmwin_error_t *error);
 
-// Takes the processes that are dead or have run another program out of the table.
+// Takes the processes that are dead or have run another program out of the table, and counts them in the header.
 // Locking: none; safe beside other processes that do the same.
 void sweep_processes(WindowHeader &header);
 

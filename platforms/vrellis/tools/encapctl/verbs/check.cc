@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "repair.h"
-#include "shmwin.h"
 #include "verbs.h"
 #include "window/window.h"
 
@@ -24,6 +23,7 @@ struct RepairVerbOptions {
   WindowOptions window;
   OutputOptions output;
   RepairOptions repair;
+  bool dry_run = false;
 };
 
 Json index_json(std::uint32_t index) {
@@ -51,11 +51,32 @@ void print_finding(const Output &out, const Finding &finding) {
            finding.text);
 }
 
-int status_of(const Window &window, const Report &report) {
-  if (!window.still()) {
+constexpr std::chrono::seconds kPatience{5};  // for a moment between two operations, as of a snapshot
+
+// What is found beside a process that may be in the middle of an operation says nothing yet.
+int status_of(const Report &report) {
+  if (report.stillness == Stillness::kMoving || (report.stillness == Stillness::kHeld && !report.sound())) {
     return kUnable;
   }
   return report.sound() ? kDone : kFindings;
+}
+
+std::string verdict(const Window &window, const Report &report) {
+  if (report.stillness == Stillness::kMoving) {
+    return fmt::format("{} was not still for {} s: nothing was checked", window.label, kPatience.count());
+  }
+  if (report.sound()) {
+    return fmt::format("{} is sound: {} NHs, {} tunnels", window.label, window.db.nhs.size(), window.db.tunnels.size());
+  }
+  const std::string found = fmt::format("{}: {}", window.label, counted(report.faults(), "finding"));
+  if (report.stillness == Stillness::kStill) {
+    return found;
+  }
+  char who[vrellis::kProcessTextBytes] = "a process that cannot be told from here";
+  if (window.db.lock.owner_pid != 0) {
+    vrellis::describe_process(window.db.lock.owner_pid, who);
+  }
+  return fmt::format("{}, seen while the lock is held by {}, perhaps in the middle of an operation", found, who);
 }
 
 void print_verdict(const Output &out, const Window &window, const Report &report) {
@@ -65,16 +86,13 @@ void print_verdict(const Output &out, const Window &window, const Report &report
                          {"looked", report.looked},
                          {"sound", report.sound()},
                          {"faults", report.faults()}});
-  } else if (report.sound()) {
-    out.line("{}", out.styled(Style::good, fmt::format("{} is sound: {} NHs, {} tunnels", window.label,
-                                                       window.db.nhs.size(), window.db.tunnels.size())));
   } else {
-    out.line("{}", out.styled(Style::bad, fmt::format("{}: {}", window.label, counted(report.faults(), "finding"))));
+    out.line("{}", out.styled(report.sound() ? Style::good : Style::bad, verdict(window, report)));
   }
 }
 
 int run_check(CheckOptions &options) {
-  const std::unique_ptr<Window> window = look_at(options.window);
+  const std::unique_ptr<Window> window = copy_window(options.window, kPatience);
   const Output out(options.output);
   const Report report = check(window->view);
   std::uint64_t shown = 0;
@@ -94,7 +112,7 @@ int run_check(CheckOptions &options) {
     out.line("... and {} more", left);
   }
   print_verdict(out, *window, report);
-  return status_of(*window, report);
+  return status_of(report);
 }
 
 void print_change(const Output &out, const Change &change) {
@@ -113,7 +131,7 @@ int print_result(const Output &out, const RepairVerbOptions &options, const Repa
   for (const Change &change : result.changes) {
     print_change(out, change);
   }
-  for (const Finding &finding : options.repair.dry_run ? std::vector<Finding>{} : result.after.findings) {
+  for (const Finding &finding : options.dry_run ? std::vector<Finding>{} : result.after.findings) {
     if (severity_of(finding.kind) != Severity::kNote) {
       print_finding(out, finding);
     }
@@ -121,14 +139,14 @@ int print_result(const Output &out, const RepairVerbOptions &options, const Repa
   const std::uint64_t left = result.after.faults();
   if (out.json()) {
     out.object("repair", {{"path", options.window.path()},
-                          {"dry_run", options.repair.dry_run},
+                          {"dry_run", options.dry_run},
                           {"changes", result.changes.size()},
                           {"faults_before", result.before.faults()},
                           {"faults_after", left},
                           {"sound", result.after.sound()}});
-  } else if (options.repair.dry_run) {
-    out.line("dry run: {} would mend {}; nothing was changed", counted(result.changes.size(), "change"),
-             counted(result.before.faults(), "finding"));
+  } else if (options.dry_run) {
+    out.line("dry run: {} would be made; {} and {} now; nothing was changed", counted(result.changes.size(), "change"),
+             counted(result.before.faults(), "finding"), counted(result.before.of(Severity::kNote), "note"));
   } else {
     out.line("{}; {} before, {} after", counted(result.changes.size(), "change"),
              counted(result.before.faults(), "finding"), left);
@@ -137,13 +155,11 @@ int print_result(const Output &out, const RepairVerbOptions &options, const Repa
 }
 
 int run_repair(RepairVerbOptions &options) {
-  std::uint32_t shm_id = 0;
-  std::string error;
-  if (attach_for_repair(options.window.directory.c_str(), options.window.name.c_str(), &shm_id, &error) != 0) {
-    throw Failure(error);
-  }
-  const RepairResult result = repair(shm_id, options.repair);
-  shmwin_detach(shm_id);
+  encap_db_config_t config{};
+  config.directory = options.window.directory.c_str();
+  config.name = options.window.name.c_str();
+  const RepairResult result =
+      options.dry_run ? rehearse_window(config, options.repair) : repair_window(config, options.repair);
   if (result.status != 0 && result.status != EIO) {
     throw Failure(fmt::format("window '{}' cannot be repaired: {}", options.window.path(), result.error));
   }
@@ -166,7 +182,7 @@ void add_repair(CLI::App &app, int &status) {
       app, status, run_repair, "repair", "Mend what check finds, under the database's lock, while others run",
       "  encapctl repair --dry-run\n  encapctl repair\n"
       "Exit status: 0 sound now; 1 findings are left (of a dry run: there are some); 2 could not.");
-  verb.add_flag("--dry-run", options.repair.dry_run, "Tell what would be changed, and change nothing");
+  verb.add_flag("--dry-run", options.dry_run, "Tell what would be changed, and change nothing");
   verb.add_flag("--keep-empty-tunnels", options.repair.keep_empty_tunnels, "Leave tunnels without NHs where they are");
   verb.add_flag("--drop-unreferenced", options.repair.drop_unreferenced, "Take NHs with a count of 0 out as well");
   verb.add_flag("--drop-given-back", options.repair.drop_given_back,

@@ -32,20 +32,18 @@ constexpr std::size_t kPage = 4096;
 
 // Reads on until the window is seen between two operations, or patience ends.
 View settle(const SnapshotOptions &options) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(options.patience);
-  while (true) {
-    std::string error;
-    std::optional<View> view = View::open_live(options.window.directory.c_str(), options.window.name.c_str(), &error);
-    if (!view) {
-      throw Failure(error);
-    }
-    if (!encap_inspect::decode(*view).window.is_window) {
-      throw Failure(fmt::format("'{}' is no window: there is nothing to make a snapshot of", options.window.path()));
-    }
-    if (view->stillness() == Stillness::kStill || std::chrono::steady_clock::now() >= deadline) {
-      return std::move(*view);
-    }
+  const auto patience =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(options.patience));
+  std::string error;
+  std::optional<View> view =
+      View::open_patiently(options.window.directory.c_str(), options.window.name.c_str(), patience, &error);
+  if (!view) {
+    throw Failure(error);
   }
+  if (!encap_inspect::decode(*view).window.is_window) {
+    throw Failure(fmt::format("'{}' is no window: there is nothing to make a snapshot of", options.window.path()));
+  }
+  return std::move(*view);
 }
 
 // A snapshot may replace an ordinary file only: not the window that it is made of, which its processes would go on

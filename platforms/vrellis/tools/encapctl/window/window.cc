@@ -11,9 +11,9 @@ namespace {
 
 using namespace encap_inspect;
 
-std::optional<View> open_view(const SourceOptions &options, std::string &error) {
+std::optional<View> open_view(const SourceOptions &options, std::chrono::milliseconds patience, std::string &error) {
   return options.file ? View::open_file(options.file->c_str(), &error)
-                      : View::open_live(options.directory.c_str(), options.name.c_str(), &error);
+                      : View::open_patiently(options.directory.c_str(), options.name.c_str(), patience, &error);
 }
 
 // The first thing that makes the database unreadable, as a sentence.
@@ -28,15 +28,20 @@ std::string fault_sentence(const Window &window, const Report &report) {
 
 }  // namespace
 
-std::unique_ptr<Window> look_at(const SourceOptions &options) {
+std::unique_ptr<Window> copy_window(const SourceOptions &options, std::chrono::milliseconds patience) {
   std::string error;
-  std::optional<View> view = open_view(options, error);
+  std::optional<View> view = open_view(options, patience, error);
   if (!view) {
     throw Failure(error);
   }
   auto window = std::make_unique<Window>(
       Window{std::move(*view), {}, fmt::format("{} '{}'", options.file ? "snapshot" : "window", options.path())});
   window->db = decode(window->view);
+  return window;
+}
+
+std::unique_ptr<Window> look_at(const SourceOptions &options) {
+  std::unique_ptr<Window> window = copy_window(options, std::chrono::milliseconds(0));
   if (!window->still()) {
     warn("the database would not hold still while it was read: what follows is of different moments");
   }

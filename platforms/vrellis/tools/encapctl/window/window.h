@@ -3,6 +3,7 @@
 #define ENCAPCTL_WINDOW_H
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,7 +45,10 @@ struct Window {
   bool still() const { return view.stillness() != encap_inspect::Stillness::kMoving; }
 };
 
-// Copies and decodes the window or snapshot. Throws Failure when there is none; warns when it would not hold still.
+// Copies and decodes the window or snapshot. Throws Failure when there is none.
+std::unique_ptr<Window> copy_window(const SourceOptions &options, std::chrono::milliseconds patience);
+
+// The same without patience; warns when it would not hold still.
 std::unique_ptr<Window> look_at(const SourceOptions &options);
 
 // As look_at(), with a change of a tree that a death cut off rolled back, as the next process will find it. Throws
