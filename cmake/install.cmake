@@ -6,19 +6,19 @@ set(encap_services_headers
   avl/avl.h ed/ed.h ed/ed_catalogue.h ltrace/ltrace.h oxa_errmsg/oxa_errmsg.h ptd/ptd.h shmwin/shmwin.h)
 list(TRANSFORM encap_services_headers PREPEND platforms/vrellis/services/)
 
-set(encap_shared_libraries mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
+set(encap_shared_libraries mpls_egress_encap_db vrellis_services encap_db_owner encap_client encap_inspect)
 install(TARGETS ${encap_shared_libraries} EXPORT mpls_egress_encap_db
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(FILES platforms/vrellis/encap-id/src/mpls_egress_encap_db.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(FILES ${encap_services_headers} platforms/vrellis/owner/encap_db_owner.h
-  platforms/vrellis/client/encap_client.h
+  platforms/vrellis/client/encap_client.h platforms/vrellis/inspect/encap_inspect.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vrellis COMPONENT dev)
 
 # pkg-config and CMake packages find the tree from where they lie in it, so that it can be moved.
 set(encap_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/mpls_egress_encap_db)
 file(RELATIVE_PATH encap_prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-foreach(module mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
+foreach(module mpls_egress_encap_db vrellis_services encap_db_owner encap_client encap_inspect)
   configure_file(cmake/${module}.pc.in ${PROJECT_BINARY_DIR}/${module}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${module}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 endforeach()
@@ -59,6 +59,7 @@ encap_manual(encap_db_open.3 dev encap_db_close encap_db_destroy)
 encap_manual(encap_client.3 dev
   encap_client_open encap_client_close encap_client_enter encap_client_release encap_client_each
   encap_client_refresh_begin encap_client_refresh_end encap_client_leave encap_client_reclaim encap_client_list)
+encap_manual(encap_inspect.3 dev encap_db_check encap_db_deaths encap_db_repair)
 if(TARGET encapctl)
   encap_manual(encapctl.1 tools)
 endif()
@@ -98,5 +99,5 @@ if(TARGET encapctl)
 endif()
 install(FILES examples/routes.txt DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/mpls-egress-encap-db/examples
   COMPONENT tools)
-install(FILES examples/daemon.c examples/daemon.cc
+install(FILES examples/daemon.c examples/daemon.cc examples/after_a_death.c
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/mpls-egress-encap-db/examples COMPONENT dev)

@@ -16,6 +16,7 @@ check_no_build_path "$build" "$source"
 check_headers_alone
 check_symbol_versions
 build_and_run_c "$source/examples/daemon.c"
+build_and_run_inspector "$source/examples/after_a_death.c"
 build_and_run_cc "$cmake" "$source/examples/daemon.cc"
 build_and_run_own_services "$source/docs/services.md"
 check_manuals

@@ -3,7 +3,7 @@
 export PKG_CONFIG_PATH=
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name encap_db_owner.pc)")
 libdir=$(dirname "$PKG_CONFIG_PATH")
-headers="mpls_egress_encap_db.h avl.h ed.h ed_catalogue.h ltrace.h oxa_errmsg.h ptd.h shmwin.h encap_db_owner.h encap_client.h"
+headers="mpls_egress_encap_db.h avl.h ed.h ed_catalogue.h ltrace.h oxa_errmsg.h ptd.h shmwin.h encap_db_owner.h encap_client.h encap_inspect.h"
 
 fail() {
   echo "FAILED: $*" >&2
@@ -51,8 +51,14 @@ check_symbol_versions() {
     grep -E '^(avl|ed|_ltrace|oxa|ptd|shmwin)_' | sort)
   [ "$(exports_of vrellis_services | grep -v -e @ -e '^VRELLIS_SERVICES_1$' | sort)" = "$called" ] ||
     fail "the unversioned names of the services are not those that the database calls"
-  ! exports_of encap_db_owner | grep -v -e '@@ENCAP_DB_OWNER_1$' -e '^ENCAP_DB_OWNER_1$' ||
-    fail "a name of the owner carries no version"
+  local library
+  for library in encap_db_owner encap_client encap_inspect; do
+    ! exports_of $library | grep -v -e "@@${library^^}_1\$" -e "^${library^^}_1\$" ||
+      fail "a name of $library carries no version"
+  done
+  [ "$(exports_of encap_inspect | grep '^encap_' | sort | xargs)" = \
+    "$(grep -o '^ENCAP_INSPECT_API int [a-z_]*' "$prefix/include/vrellis/encap_inspect.h" | awk '{ print $3 "@@ENCAP_INSPECT_1" }' | sort | xargs)" ] ||
+    fail "the inspector exports other names than its header declares"
 }
 
 # Runs a program linked against the tree, its database in a directory of its own.
@@ -72,6 +78,14 @@ build_and_run_c() {
   grep -q '^NH 1000 (new) on tunnel 1 (new)$' "$work/run/daemon_c.out" || fail "daemon.c printed something else"
 }
 
+# The example of what a daemon does after a death; it links the inspector alone.
+build_and_run_inspector() {
+  # shellcheck disable=SC2046
+  "$CC" -std=c11 -Wall -Wextra -Werror "$1" -o "$work/run/after_a_death" $("$PKG_CONFIG" --cflags --libs encap_inspect)
+  run_against_tree after_a_death
+  grep -q '^findings before: 1, now: 0$' "$work/run/after_a_death.out" || fail "after_a_death.c printed something else"
+}
+
 build_and_run_cc() {
   local cmake=$1 project=$work/run/project
   mkdir -p "$project"
@@ -81,7 +95,7 @@ cmake_minimum_required(VERSION 3.25)
 project(user CXX)
 set(CMAKE_CXX_STANDARD 20)
 find_package(mpls_egress_encap_db 1.0 REQUIRED)
-foreach(target mpls_egress_encap_db vrellis_services encap_db_owner encap_client)
+foreach(target mpls_egress_encap_db vrellis_services encap_db_owner encap_client encap_inspect)
   if(NOT TARGET mpls_egress_encap_db::${target})
     message(FATAL_ERROR "the package has no ${target}")
   endif()

@@ -1,0 +1,157 @@
+// The calls in C: what they tell of a database, of deaths and of a repair, and that nothing is thrown out of them.
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <fstream>
+
+#include "encap_inspect.h"
+#include "inspect_fixture.h"
+
+namespace inspect_tests {
+namespace {
+
+class InterfaceTest : public InspectTest {
+ protected:
+  void SetUp() override {
+    InspectTest::SetUp();
+    fill(2, 3);
+  }
+
+  int check_database(encap_check_result_t *result, const char *name = "window") {
+    const encap_db_config_t config = config_of(name);
+    const encap_check_options_t options{sizeof options, 300};
+    told_.clear();
+    *result = {};
+    result->bytes = sizeof *result;
+    return encap_db_check(
+        &config, &options,
+        [](const encap_finding_t *finding, void *arg) {
+          static_cast<InterfaceTest *>(arg)->told_ += std::string(finding->name) + ": " + finding->text + "\n";
+        },
+        this, result);
+  }
+
+  int mend(std::uint32_t flags, encap_repair_result_t *result, const char *name = "window") {
+    const encap_db_config_t config = config_of(name);
+    const encap_repair_options_t options{sizeof options, flags, 300};
+    told_.clear();
+    *result = {};
+    result->bytes = sizeof *result;
+    return encap_db_repair(
+        &config, &options,
+        [](const encap_change_t *change, void *arg) {
+          static_cast<InterfaceTest *>(arg)->told_ += std::string(change->because) + ": " + change->text + "\n";
+        },
+        this, result);
+  }
+
+  std::uint64_t deaths() {
+    const encap_db_config_t config = config_of("window");
+    std::uint64_t count = UINT64_MAX;
+    EXPECT_EQ(encap_db_deaths(&config, &count), 0);
+    return count;
+  }
+
+  // A process that takes the lock.
+  pid_t hold_lock() {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      vrl_egress_encap_db_lock(&db().lock.mutex);
+      _exit(write(ends[1], "", 1) == 1 ? pause() : 1);
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    close(ends[0]);
+    close(ends[1]);
+    return child;
+  }
+
+  std::string told_;
+};
+
+TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
+  encap_check_result_t found;
+  ASSERT_EQ(check_database(&found), 0) << found.text;
+  EXPECT_EQ(found.sound, 1U);
+  EXPECT_EQ(found.nhs, 9U);
+  EXPECT_EQ(found.attached, 1U);
+  EXPECT_EQ(found.lock, std::uint32_t{ENCAP_LOCK_FREE});
+  EXPECT_EQ(deaths(), 0U);
+
+  const pid_t child = hold_lock();
+  kill(child, SIGSTOP);
+  encap_repair_result_t result;
+  EXPECT_EQ(mend(0, &result), ETIMEDOUT);
+  EXPECT_EQ(result.holder_pid, child);
+  EXPECT_EQ(check_database(&found), 0) << "nothing is wrong yet";
+  EXPECT_EQ(found.holder_pid, child);
+  --tunnel(6).ref_count;  // as a removal leaves it, that stands still here
+  EXPECT_EQ(check_database(&found), EAGAIN) << told_;
+  EXPECT_EQ(told_, "");
+  EXPECT_NE(std::string(found.text).find("stopped"), std::string::npos) << found.text;
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+
+  EXPECT_EQ(deaths(), 1U);
+  ASSERT_EQ(check_database(&found), 0) << found.text;
+  EXPECT_EQ(found.deaths, 1U);
+  EXPECT_EQ(found.sound, 0U);
+  EXPECT_EQ(found.findings, 2U);
+  EXPECT_EQ(found.from_death, 2U);
+  EXPECT_EQ(found.lock, std::uint32_t{ENCAP_LOCK_LEFT});
+  EXPECT_EQ(mend(ENCAP_REPAIR_DRY_RUN, &result), 0) << result.text;
+  EXPECT_EQ(result.changes, 2U);
+  EXPECT_EQ(result.after, 2U);
+  ASSERT_EQ(mend(0, &result), 0) << result.text;
+  EXPECT_EQ(told_,
+            "lock-dead-owner: took the lock over from a dead thread\n"
+            "tunnel-count: set the count of tunnel 6 from 2 to 3\n");
+  EXPECT_EQ(result.before, 2U);
+  EXPECT_EQ(result.after, 0U);
+  expect_entries();
+
+  encap_db_close();  // the next process that attaches the window sweeps the table: the death stays counted
+  const encap_db_config_t config = config_of("window");
+  ASSERT_EQ(encap_db_open(&config, nullptr, nullptr), 0);
+  EXPECT_EQ(deaths(), 1U);
+}
+
+TEST_F(InterfaceTest, RecordsOfAnEarlierVersionAreNotWrittenPastTheirEnd) {
+  const encap_db_config_t config = config_of("window");
+  encap_check_result_t result;
+  std::memset(&result, 0x5a, sizeof result);
+  result.bytes = offsetof(encap_check_result_t, notes);
+  ASSERT_EQ(encap_db_check(&config, nullptr, nullptr, nullptr, &result), 0);
+  EXPECT_EQ(result.bytes, offsetof(encap_check_result_t, notes));
+  EXPECT_EQ(result.sound, 1U);
+  EXPECT_EQ(result.notes, 0x5a5a5a5a5a5a5a5aU);
+  EXPECT_EQ(encap_db_check(&config, nullptr, nullptr, nullptr, nullptr), 0);
+  encap_repair_options_t later{sizeof later + 64, 0, 0};  // of a later version: more than this library knows
+  EXPECT_EQ(encap_db_repair(&config, &later, nullptr, nullptr, nullptr), 0);
+}
+
+TEST_F(InterfaceTest, BadInputGetsAStatusAndASentence) {
+  std::ofstream(directory_ + "/text") << std::string(100, 'x');
+  encap_check_result_t found;
+  encap_repair_result_t result;
+  EXPECT_EQ(check_database(&found, "none"), ENOENT);
+  EXPECT_NE(std::string(found.text).find("No such file"), std::string::npos) << found.text;
+  EXPECT_EQ(check_database(&found, nullptr), EINVAL);
+  EXPECT_EQ(check_database(&found, "text"), 0);
+  EXPECT_EQ(found.sound, 0U);
+  EXPECT_EQ(told_.substr(0, 12), "not-a-window");
+  EXPECT_EQ(mend(0, &result, "none"), ENOENT);
+  EXPECT_EQ(mend(ENCAP_REPAIR_DRY_RUN, &result, "none"), ENOENT);
+  EXPECT_EQ(mend(0, &result, "text"), EINVAL);
+  EXPECT_EQ(mend(16, &result), EINVAL);
+  EXPECT_NE(std::string(result.text), "");
+  const encap_db_config_t text = config_of("text");
+  std::uint64_t count = 0;
+  EXPECT_EQ(encap_db_deaths(&text, &count), EINVAL);
+  EXPECT_EQ(encap_db_deaths(nullptr, &count), EINVAL);
+}
+
+}  // namespace
+}  // namespace inspect_tests
