@@ -2,23 +2,26 @@
  * The MPLS egress encapsulation database: its records and its operations.
  *
  * An encapsulation is a tunnel (interface handle and two labels) and a next hop (NH) on it (a label with a few
- * attributes). Every process of the forwarding plane finds, shares, enters and releases encapsulations in one database
- * in one shared-memory window, mapped at one address in all of them. Two levels of AVL trees map keys to indexes that
- * the callers choose; two slot arrays hold the data and the reference counts; one robust, process-shared, recursive
- * mutex in the header guards it all.
+ * attributes). Every process of the forwarding plane finds, shares, enters and releases encapsulations in one database.
+ * The database lies in one shared-memory window, which all processes map at the same address. Two levels of AVL trees
+ * map keys to indexes that the callers choose. Two slot arrays hold the data and the reference counts. One robust,
+ * process-shared, recursive mutex in the header guards the trees and the slots.
  *
  * Conventions
  *   - Indexes are global numbers: NH indexes nh_start <= i < nh_end, tunnel indexes tun_start <= i < tun_end, compared
  *     as unsigned 32-bit numbers. Tunnel index 0 is the null tunnel, for NHs on no labelled tunnel.
- *   - Every operation but one returns a status: 0, or an errno value: 22 (EINVAL) for an index out of range, a null
- *     record or a slot that is not in use and where the operation says so; 12 (ENOMEM); the codes of the lock, the
- *     unlock and the window allocator pass through unchanged where the operation says so.
- *   - Nothing is rolled back: a failure part-way is reported and leaves in place what was done before it.
+ *   - Every operation but one returns a status, which is 0 or an errno value: 22 (EINVAL), 12 (ENOMEM), or a code of
+ *     the lock, the unlock or the window allocator, which passes through unchanged. "The lock's code" means that the
+ *     lock could not be taken and nothing was done; "the unlock's code" means that everything was done.
+ *   - A slot that is in use is called valid.
+ *   - No operation undoes its steps: a failure on the way is reported, and the steps before it stay done.
+ *   - Every operation reports its steps and its failures by debug points, and no point changes a result. "Raises" names
+ *     the error messages of an operation, which are limited in their rate.
  *   - Keys are compared bit for bit, spare bits included: zero a key record before filling its fields.
  *   - mpls_egress_encap_db_init() comes first in every process; no operation may run before it.
  *   - All multi-byte fields are little-endian; bit 0 is the least significant bit of its unit; lengths are in bytes.
  *
- * This header is valid C11 and C++17 and needs libc alone.
+ * This header is valid C11 and C++17 and includes headers of the C library only.
  */
 #ifndef MPLS_EGRESS_ENCAP_DB_H
 #define MPLS_EGRESS_ENCAP_DB_H
@@ -98,7 +101,14 @@ ENCAP_DB_PIN(egress_encap_key_t, ifh, 16);
 
 /* --------------------------------------------------------------------------------------------------- caller records */
 
-/* In/out record of the lookups and the insert. 20 bytes; never stored in the window. */
+/*
+ * In/out record of the lookups and the insert. 20 bytes; it is never stored in the window.
+ *
+ *   0 | egr_nh |  4 | egr_tun |  8 | seed_nh |  12 | failover_nh |  16 | flags (u16) |  18 | padding |
+ *
+ *      15   14   13   12 11               0
+ *  16 | sp | tf | nf | p |   failover_id   |   tf tun_found, nf nh_found, p is_protected_te_nh
+ */
 typedef struct egress_encap_info {
   uint32_t egr_nh;                         /* NH index: found, or to be used for a new NH */
   uint32_t egr_tun;                        /* tunnel index: found, or to be used for a new tunnel; 0 = null tunnel */
@@ -205,7 +215,11 @@ typedef struct encap_avl_link {
   uint64_t word[3];
 } encap_avl_link_t;
 
-/* Node of an NH tree. 40 bytes, allocated in the window, freed when it leaves its tree. Guarded by the lock. */
+/*
+ * Node of an NH tree. 40 bytes, allocated in the window, freed when it leaves its tree. Guarded by the lock.
+ *
+ *   0 | avl_link (24) |  24 | key (8) |  32 | nh_index (4) |  36 | spare (4) |
+ */
 typedef struct mpls_nh_entry {
   encap_avl_link_t avl_link; /* owned by the tree service */
   mpls_nh_key_t key;         /* as the caller supplied it, spare bits included */
@@ -216,7 +230,11 @@ ENCAP_DB_STATIC_ASSERT(sizeof(mpls_nh_entry_t) == 40, "size of the NH node");
 ENCAP_DB_PIN(mpls_nh_entry_t, key, 24);
 ENCAP_DB_PIN(mpls_nh_entry_t, nh_index, 32);
 
-/* Node of the tunnel tree. 56 bytes, allocated in the window, freed when it leaves the tree. Guarded by the lock. */
+/*
+ * Node of the tunnel tree. 56 bytes, allocated in the window, freed when it leaves the tree. Guarded by the lock.
+ *
+ *   0 | avl_link (24) |  24 | key (12) |  36 | spare (4) |  40 | nh_root (8) |  48 | egr_tun (2) |  50 | zero (6) |
+ */
 typedef struct mpls_tunnel_entry {
   encap_avl_link_t avl_link; /* owned by the tree service */
   mpls_tunnel_key_t key;     /* as the caller supplied it, spare bits included */
@@ -240,9 +258,9 @@ typedef union egress_encap_lock {
 
 /*
  * Header of a database, in storage that the caller provides in the window. The library uses bytes 0 to 187.
- * "fixed": written by the first initialisation, read afterwards without the lock.
+ * "fixed": the first initialisation writes the field, and the operations read it without the lock.
  *
- * Invariants, holding whenever the lock is free and no holder died:
+ * These invariants hold while the lock is free, unless a process died while it held the lock:
  *   I1  nh_end - nh_start NH slots and tun_end - tun_start + 1 tunnel slots stand behind the two arrays.
  *   I2  a tunnel node is in the tree under tun_root for each tunnel key entered and not yet gone; its NH tree holds
  *       one node for each NH key entered under it.
@@ -250,7 +268,9 @@ typedef union egress_encap_lock {
  *       egr_tun.
  *   I4  a tunnel slot that is valid counts the NHs whose slots name it; the null tunnel slot counts for all tunnel
  *       nodes of index 0 together.
- *   I5  an NH slot's ref_count is the number of users its callers gave it.
+ *   I5  an NH slot's ref_count is the number of users that its callers gave it.
+ * This one holds at every moment, and debug builds assert it at each access to a slot:
+ *   I6  no operation accesses a slot by an index out of range.
  */
 typedef struct egress_encap_db {
   void *tun_root;                 /*   0  root of the tunnel tree; written by the tree service, under the lock */
@@ -278,21 +298,22 @@ ENCAP_DB_PIN(egress_encap_db_t, lock, 48);
 ENCAP_DB_PIN(egress_encap_db_t, is_initialized, 184);
 ENCAP_DB_STATIC_ASSERT(sizeof(egress_encap_lock_t) == ENCAP_DB_LOCK_AREA_BYTES, "size of the lock area");
 
-/* The database of this process: NULL until mpls_egress_encap_db_init(), which alone writes it. */
+/* The database of this process. Only mpls_egress_encap_db_init() writes it; it is NULL before. */
 ENCAP_DB_API extern egress_encap_db_t *egress_encap_db;
 
 /* -------------------------------------------------------------------------------------------------- initialisation */
 
 /*
- * Makes the database at `header` this process's database, and sets it up when its is_initialized is 0: ranges, an empty
- * tunnel tree, both slot arrays allocated in window `shm_id` (28 * nh_size and 16 * (tun_size + 1) bytes) and zeroed,
- * and the lock. Registers the debug points once per process.
- * Requires: the window mapped; the first initialisation of a database runs before any other process uses it; the caller
- *   sets is_initialized afterwards.
- * Returns: 0, also when the header already held a database; 22 when `header` is NULL (nothing done); 12 when the
- *   allocator reported success without a block; else the status of the allocator or of eencap_lock_init(), unchanged,
- *   with the header partly filled and nothing released.
- * Locking: none.
+ * Makes the database at `header` the database of this process. If the header's is_initialized is 0, sets the database
+ * up first: stores the ranges, begins with an empty tunnel tree, allocates both slot arrays in window `shm_id`
+ * (28 * nh_size and 16 * (tun_size + 1) bytes) and zeroes them, and makes the lock. Registers the debug points once in
+ * a process.
+ * Requires: the window is mapped. No other process uses a database before its first initialisation has returned. The
+ *   caller sets is_initialized afterwards.
+ * Returns: 0, also when the header already held a database; 22 when `header` is NULL, and nothing was done; 12 when the
+ *   allocator reported success without a block; else the status of the allocator or of eencap_lock_init(), and then the
+ *   header is filled in part and nothing is released.
+ * Locking: takes no lock.
  */
 ENCAP_DB_API int mpls_egress_encap_db_init(uint32_t shm_id, uint32_t nh_size, uint32_t tun_size, uint32_t nh_start,
                                            uint32_t tun_start, egress_encap_db_t *header);
@@ -306,11 +327,12 @@ ENCAP_DB_API int mpls_egress_encap_db_init(uint32_t shm_id, uint32_t nh_size, ui
 ENCAP_DB_API int eencap_lock_init(void *lock_area);
 
 /*
- * Takes the database lock, for a caller that holds it across several operations (it is recursive); give it back with
- * pthread_mutex_unlock(). A holder's death passes the lock on, with the database as the dead holder left it.
+ * Takes the database lock, for a caller that holds it across several operations. The lock is recursive; the caller
+ * gives it back with pthread_mutex_unlock(). When a holder died, the next caller gets the lock, and the database is as
+ * the dead process left it.
  * Returns: 0 with the lock held, else the POSIX status without it. Stops the process when the lock cannot be made
  *   consistent or is not recoverable.
- * Reports: a wait that blocks, to the thread-debug service.
+ * Reports: tells the thread-debug service of a wait that blocks.
  */
 ENCAP_DB_API int vrl_egress_encap_db_lock(pthread_mutex_t *mutex);
 
@@ -320,91 +342,101 @@ ENCAP_DB_API void eencap_mutex_monitor_server_fn(void);
 /* ----------------------------------------------------------------------------------------------------------- lookup */
 
 /*
- * Looks `key` up. Clears both found flags of `info`; for a tunnel found sets tun_found and egr_tun, for an NH found
- * under it nh_found and egr_nh; writes nothing else.
- * Requires: `info` not NULL, and not shared between concurrent calls.
- * Returns: 0 whatever was found; the lock's code (flags clear); the unlock's code (record filled).
+ * Looks `key` up.
+ * Requires: `info` is not NULL, and concurrent calls do not share it.
+ * Out: clears both found flags of `info`. Sets tun_found and egr_tun when the tunnel is found, and nh_found and egr_nh
+ *   when the NH is found under it. Leaves the other fields alone.
+ * Returns: 0, whether or not the key is found; the lock's code (both flags are clear); the unlock's code.
  * Locking: takes the lock.
  */
 ENCAP_DB_API int vrl_find_egress_encap(egress_encap_info_t *info, egress_encap_key_t key);
 
 /*
- * As vrl_find_egress_encap(), and adds one reference to the NH it finds, in the same lock hold.
- * Returns: 0, also when the unlock fails; the lock's code; 22 when the NH's slot is not valid, or the index that a dead
- *   process left in its node is out of range (no reference added).
+ * Looks `key` up as vrl_find_egress_encap() does, and adds one reference to the NH that it finds, under the same lock.
+ * Requires, Out: as for vrl_find_egress_encap().
+ * Returns: 0, also when the unlock fails; the lock's code; 22 when the slot of the NH is not valid, or when the index
+ *   in its node is out of range because a process died before it stored one. No reference is added then.
  * Locking: takes the lock.
+ * Raises: NH_NOTVALID_ERROR with that 22.
  */
 ENCAP_DB_API int vrl_find_and_share_egress_encap(egress_encap_info_t *info, egress_encap_key_t key);
 
 /*
- * Adds one reference to NH `nh_index`.
- * Returns: 0; 22 when the index is out of range or the slot not valid; the lock's code; the unlock's code (reference
- *   added).
+ * Adds one reference to NH `nh_index`. The count is not checked: at 4294967295 it goes on at 0.
+ * Returns: 0; 22 when the index is out of range or the slot is not valid; the lock's code; the unlock's code.
  * Locking: takes the lock.
+ * Raises: NH_NOTVALID_ERROR when the slot is not valid.
  */
 ENCAP_DB_API int vrl_find_and_share_egress_nh(uint32_t nh_index);
 
 /* ----------------------------------------------------------------------------------------------------------- insert */
 
 /*
- * Enters what the found flags of `info` say is missing, at the indexes in `info`, with first references:
- *   tun_found and nh_found   nothing; returns 0 at once
+ * Enters the parts of `key` that the found flags of `info` call missing, at the indexes in `info`, with first
+ *   references:
+ *   tun_found and nh_found   nothing is missing; returns 0 at once
  *   tun_found                a new NH (egr_nh) on the known tunnel (egr_tun)
  *   neither, or nh_found     a new tunnel (egr_tun, 0 = null tunnel) and a new NH (egr_nh) on it
- * `info` is only read.
- * Requires: no other NH has the index egr_nh, and no other tunnel that of a new tunnel. The library does not look; it
- *   returns 0 and leaves the database damaged. Tunnel index 0 is for keys whose out_label2 and out_label3 are 0.
- * Returns: 0, also when the last unlock fails; 22 for a NULL record, an index out of range and every failure under the
- *   lock (tunnel missing, no memory, key already there, slot not valid); the lock's code.
- * Locking: takes the lock after the range checks.
+ * Reads `info` and does not write it.
+ * Requires: no other NH has the index egr_nh, and no other tunnel has that of a new tunnel. The library does not look;
+ *   it returns 0 and leaves the database damaged. Tunnel index 0 is for keys whose out_label2 and out_label3 are 0.
+ * Returns: 0, also when the last unlock fails; 22 when `info` is NULL or an index is out of range; 22 for every failure
+ *   under the lock: the tunnel is missing, there is no memory, the key is there already, or a slot is not valid; the
+ *   lock's code.
+ * Locking: takes the lock, after it has checked the ranges.
+ * Raises: NH_NOTVALID_ERROR or TUN_NOTVALID_ERROR when a slot is not valid.
  */
 ENCAP_DB_API int vrl_insert_egress_encap(egress_encap_info_t *info, egress_encap_key_t key);
 
 /*
- * vrl_insert_egress_encap(), then sets the NH's count to `ref_count` (also that of an NH that was there already).
- * Returns: 0; 22 for a NULL record; else the insert's or the set's status, unchanged.
- * Locking: none of its own: the two steps each take the lock.
+ * Calls vrl_insert_egress_encap() and then sets the count of the NH to `ref_count`, also when the NH was there already.
+ * Requires: as for vrl_insert_egress_encap().
+ * Returns: 0; 22 when `info` is NULL; else the status of the insert, or that of vrl_find_and_set_egress_nh_ref().
+ * Locking: takes no lock of its own; each of the two steps takes and releases the lock.
  */
 ENCAP_DB_API int vrl_egress_encap_nh_insert_attach(egress_encap_info_t *info, uint32_t ref_count,
                                                    egress_encap_key_t key);
 
 /*
- * Sets the count of NH `nh_index` to `ref_count`, whatever it was.
- * Returns: 0; 22 when the index is out of range or the slot not valid; the lock's code; the unlock's code (count set).
+ * Sets the count of NH `nh_index` to `ref_count`.
+ * Returns: 0; 22 when the index is out of range or the slot is not valid; the lock's code; the unlock's code.
  * Locking: takes the lock.
+ * Raises: NH_NOTVALID_ERROR when the slot is not valid.
  */
 ENCAP_DB_API int vrl_find_and_set_egress_nh_ref(uint32_t nh_index, uint32_t ref_count);
 
 /* ---------------------------------------------------------------------------------------------------------- release */
 
 /*
- * Removes NH `nh_index` at once, whatever its count, and takes its reference from its tunnel; the tunnel goes with its
- * last NH.
- * Out, all three set to 0 first when the index is in range, untouched otherwise:
+ * Removes NH `nh_index` at once, although it may have users, and takes its reference from its tunnel. The tunnel is
+ * removed with its last NH.
+ * Requires: no pointer is NULL.
+ * Out: sets all three to 0 first, unless the index is out of range; then they stay untouched.
  *   egr_tun               the NH's tunnel index
- *   tun_to_del_from_prm   1 when the tunnel's last reference went
+ *   tun_to_del_from_prm   1 when the tunnel lost its last reference
  *   nh_ref_count          the NH's count when it was removed
- * Requires: no pointer NULL.
- * Returns: 0, also when the NH was missing from its tree (raised as an error message); 22 when the index is out of
- *   range, the slot not valid, the tunnel's count refused or the tunnel missing, or a tree refused a removal; the
- *   lock's code.
+ * Returns: 0, also when the NH was missing from its tree; 22 when the index is out of range, the slot is not valid, the
+ *   tunnel's count was refused, the tunnel is missing, or a tree refused a removal; the lock's code.
  * Locking: takes the lock.
+ * Raises: NH_NOTFOUND_ERROR, TUN_NOTFOUND_ERROR, TUN_NOTVALID_ERROR or TUN_REFCOUNT_ERROR, each for the case of its
+ *   name.
  */
 ENCAP_DB_API int vrl_egress_encap_nh_detach(uint32_t nh_index, uint32_t *egr_tun, uint32_t *tun_to_del_from_prm,
                                             uint32_t *nh_ref_count);
 
 /*
- * Takes one reference from NH `nh_index`; with the last one removes the NH and takes its reference from its tunnel;
- * the tunnel goes with its last NH.
- * Out, never preset; all three untouched while references remain:
+ * Takes one reference from NH `nh_index`. With the last one it removes the NH and takes its reference from its tunnel.
+ * The tunnel is removed with its last NH.
+ * Requires: no pointer is NULL.
+ * Out: sets none of the three in advance, and leaves all three untouched while the NH has references.
  *   nh_to_del             1 when the NH was removed, else untouched
- *   egr_tun               the NH's tunnel index, once the removal came to its end
- *   tun_to_del_from_prm   1 when the tunnel's last reference went, else 0; with egr_tun
- * Requires: no pointer NULL.
- * Returns: 0, also when only the count went down, and when the NH was missing from its tree (raised as an error
- *   message); 22 when the index is out of range, the slot not valid, the count already 0, the tunnel's count refused or
- *   the tunnel missing, or a tree refused a removal; the lock's code.
+ *   egr_tun               the NH's tunnel index, when the removal came to its end
+ *   tun_to_del_from_prm   1 when the tunnel lost its last reference, else 0; written together with egr_tun
+ * Returns: 0, also when only the count went down, and when the NH was missing from its tree; 22 when the index is out
+ *   of range, the slot is not valid, the count was 0 already, the tunnel's count was refused, the tunnel is missing, or
+ *   a tree refused a removal; the lock's code.
  * Locking: takes the lock.
+ * Raises: as vrl_egress_encap_nh_detach(), and NH_REFCOUNT_ERROR when the count was 0.
  */
 ENCAP_DB_API int vrl_delete_and_free_egress_encap_with_nh_key(uint32_t nh_index, uint32_t *egr_tun, uint32_t *nh_to_del,
                                                               uint32_t *tun_to_del_from_prm);
@@ -413,24 +445,28 @@ ENCAP_DB_API int vrl_delete_and_free_egress_encap_with_nh_key(uint32_t nh_index,
 
 /*
  * Tells whether NH `nh_index` has exactly one reference.
- * Returns: 1 when it has; 0 when not, and for an index out of range or a slot that is not valid. A truth value.
- * Locking: none; a caller that acts on the answer holds the lock.
+ * Returns: a truth value and not a status: 1 when it has; 0 when it has not, when the index is out of range, and when
+ *   the slot is not valid.
+ * Locking: takes no lock; a caller that acts on the answer holds the lock.
+ * Raises: NH_NOTVALID_ERROR when the slot is not valid.
  */
 ENCAP_DB_API int vrl_can_delete_egr_nh_data_from_encap_db(uint32_t nh_index);
 
 /*
- * Rewrites seed_nh, is_protected_te_nh, failover_id and failover_nh of NH `nh_index`, and nothing else.
- * Returns: 0; 22 when the index is out of range or the slot not valid.
- * Locking: none; a caller that has concurrent writers holds the lock.
+ * Rewrites seed_nh, is_protected_te_nh, failover_id and failover_nh of NH `nh_index`, and leaves the rest of its slot
+ * alone.
+ * Returns: 0; 22 when the index is out of range or the slot is not valid.
+ * Locking: takes no lock; a caller with concurrent writers holds the lock.
+ * Raises: NH_NOTVALID_ERROR when the slot is not valid.
  */
 ENCAP_DB_API int vrl_update_egr_nh_data_in_encap_db(uint32_t nh_index, egr_nh_data_t data);
 
 /*
- * Reads NH `nh_index` back as a full key and its auxiliary data. Writes the named fields of both records alone: zero
- * them first when the key is to be looked up again.
- * Requires: no pointer NULL.
- * Returns: 0; 22 when the index is out of range or the slot not valid (records untouched); the lock's code; the
- *   unlock's code (records filled).
+ * Reads NH `nh_index` back as a full key and its auxiliary data.
+ * Requires: no pointer is NULL.
+ * Out: the named fields of both records; spare bits stay as they are, so a caller that looks the key up again zeroes
+ *   the record first. After a failure, except that of the unlock, both records are untouched.
+ * Returns: 0; 22 when the index is out of range or the slot is not valid; the lock's code; the unlock's code.
  * Locking: takes the lock.
  */
 ENCAP_DB_API int vrl_get_encap_key_and_aux_data_from_nh(uint32_t nh_index, egress_encap_aux_data_t *aux,
