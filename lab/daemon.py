@@ -19,7 +19,7 @@ class Daemon:
         self.port = port
         self.name = "mpls-egress-encap"
         self.played = {}  # what the hardware has by the events: labels and interface of each NH
-        self.indexes_used = [0, 0]  # how many indexes of NHs and of tunnels were ever given out, by the highest one
+        self.highest = {}  # by name of the database: how many indexes of NHs and of tunnels were ever given out
         self.moves = 0    # NHs that entered or left the hardware
         self.read = 0     # bytes of the events
         self.lag = self.unread = 0
@@ -46,6 +46,12 @@ class Daemon:
         status = encapd.wait()
         if status != (-number if number == signal.SIGKILL else 0):
             raise Difference(f"encapd ended with status {status} at signal {number}")
+
+    @staticmethod
+    def messages(words):
+        """What encapd has said with these words in it."""
+        with open(f"{DIRECTORY}/encapd.log") as log:
+            return [line.strip() for line in log if words in line]
 
     def settle(self):
         self.run("settle", "fpm")
@@ -103,7 +109,7 @@ class Daemon:
                 self.read = file.tell()
                 event = json.loads(line)
                 used = (event["nh"] - 999 if event["kind"] == "nh" else 0, event["tunnel"])
-                self.indexes_used = [max(pair) for pair in zip(self.indexes_used, used)]
+                self.highest[self.name] = [max(pair) for pair in zip(self.highest.get(self.name, (0, 0)), used)]
                 if event["kind"] != "nh":
                     continue
                 self.moves += 1

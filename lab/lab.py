@@ -1,6 +1,8 @@
 """Runs scenarios with a real router: FRR's routes go over FPM into encapd, and the database is compared with FRR."""
 
 import argparse
+import glob
+import shutil
 import subprocess
 import sys
 import time
@@ -49,15 +51,15 @@ class Lab:
         daemon.end()
         daemon.start("--leave")
         daemon.end()
-        left = daemon.summary()
+        left, given_out = daemon.summary(), daemon.highest.get(daemon.name, (0, 0))
         daemon.start("--leave", name="new")
         daemon.end()
         new = daemon.summary()["heap"]["pages_used"]
-        indexes = sum(-(-count // INDEXES_A_PAGE) for count in daemon.indexes_used)
+        indexes = sum(-(-count // INDEXES_A_PAGE) for count in given_out)
         heap = left["heap"]
         if heap["pages_used"] != new + indexes or left["nhs"]["used"] or heap["nodes40"] or heap["nodes56"]:
             raise Difference(f"{heap['pages_used']} pages are in use at the end, {new} in a new database; {indexes} "
-                             f"more keep the {daemon.indexes_used} indexes of NHs and tunnels that were given back")
+                             f"more keep the {given_out} indexes of NHs and tunnels that were given back")
         print(f"the database is empty: {heap['pages'] - heap['pages_used']} pages are free, {heap['pages'] - new} in a "
               f"new one, where no pages keep indexes that were given back")
 
@@ -89,9 +91,9 @@ class Lab:
                     and held <= expected.references and (expected, database))
         expected, database = wait_until(is_full, f"FRR has {paths} paths and the database {nhs} NHs for a part of them")
         self.daemon.run("check")
-        told = [line for line in open(f"{DIRECTORY}/encapd.log") if "no index is free" in line]
-        if len(told) != 1:
-            raise Difference(f"encapd said {len(told)} times that no index is free, and once is enough")
+        told = len(self.daemon.messages("no index is free"))
+        if told != 1:
+            raise Difference(f"encapd said {told} times that no index is free, and once is enough")
         self.daemon.play_events()
         self.tell(text, expected.routes, database)
 
@@ -136,6 +138,8 @@ class Lab:
                              f"{len(database.indexes)}")
         if moves is not None and self.daemon.moves != moves:
             raise Difference(f"{self.daemon.moves} NHs entered or left the hardware, and {moves} should have")
+        for error in self.daemon.messages("encapd: error: "):
+            raise Difference(error)
         self.daemon.run("check")
         self.last = expected
         self.tell(text, expected.routes, database)
@@ -163,8 +167,8 @@ def read_options():
     parser.add_argument("binaries", help=argparse.SUPPRESS)
     parser.add_argument("scenario", nargs="*", help="run these alone")
     parser.add_argument("--list", action="store_true", help="print the scenarios")
-    parser.add_argument("--record", metavar="DIR", help="write what zebra sends to files there, one for each connection")
-    parser.add_argument("--routes", metavar="N", type=int, default=5000, help="routes of BGP, ten a label (default: 5000)")
+    parser.add_argument("--record", metavar="DIR", help="write what zebra sends to files there, and the logs")
+    parser.add_argument("--routes", metavar="N", type=int, default=5000, help="routes of BGP, ten a label (5000)")
     return parser.parse_intermixed_args()
 
 
@@ -192,6 +196,10 @@ def main():
     except Difference as difference:
         print(f"lab: {lab.scenario}: {difference}", file=sys.stderr)
         return 1
+    finally:
+        if options.record:
+            for log in glob.glob(f"{DIRECTORY}/*.log"):
+                shutil.copy(log, options.record)
     print(f"everything agrees, after {time.monotonic() - began:.0f} s")
     return 0
 
