@@ -39,8 +39,8 @@ AVL_CHANGE_API void avl_change_note(const void *words, size_t bytes);
 AVL_CHANGE_API void avl_change_count(const uint32_t *count, uint32_t next);
 
 /*
- * Notes and changes a count at once. A recovery knows whether the count has changed, whatever others have added since:
- * the same store sets bit 31 of the word behind the count. The bit is clear again when the call returns.
+ * Notes and changes a count at once. A recovery knows whether the count has changed, also when others have added to it
+ * since: the same store sets bit 31 of the word behind the count. The bit is clear again when the call returns.
  */
 AVL_CHANGE_API void avl_change_count_now(uint32_t *count, uint32_t next);
 

@@ -35,7 +35,7 @@
  *   p      message on                                               decided by s
  *   s      message decided by the slow rule, unless p is on         no message, unless p is on
  *   t      trace always; the stored state                           trace only with an enabled message, and no message
- *   q      quiet: no message, whatever p and s say                  message as p and s say; the stored state
+ *   q      quiet: no message, also with p and s                     message as p and s say; the stored state
  *
  *   +pq    the named flags on           -p   the named flags off
  *   =p     the stored state (p, s and q off, t on, no line filter), then the named flags on; =_ names none
@@ -132,8 +132,8 @@ ED_STATIC_ASSERT(sizeof(ed_component_t) == 2872, "size of a component");
  * and one trace handle a flag (tag << 8 | index + 1), tells the trace facility its name, and applies ED_DEBUG to its
  * points. A statement of ED_DEBUG with a mistake is reported by one line at the sink and left out; the others apply.
  * Registering again does nothing. A component too many is reported and keeps tag 0.
- * Locking: a process-local mutex of the facility, shared with ed_query() and ed_add_catalogue(). The child of a fork may
- * call all three: what another thread was registering at the fork is not registered there, and a query that another
+ * Locking: a process-local mutex of the facility, shared with ed_query() and ed_add_catalogue(). The child of a fork
+ * may call all three: what another thread was registering at the fork is not registered there, and a query that another
  * thread was applying may have reached only some of the points.
  */
 ED_API void ed_init(ed_component_t *component);

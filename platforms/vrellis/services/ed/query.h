@@ -1,8 +1,8 @@
 /*
  * The query language that selects debug points and changes their flags; ed.h describes it. Internal.
  *
- * It works on ed_point_t rows alone, so that the points of another process are switched in the same way: whoever has
- * the rows compiles ed/query.cc and ed/query_verdict.cc in, reads the statements, lets a Verdict see every row, and,
+ * It works on ed_point_t rows alone, so that a tool can switch the points of another process in the same way: the tool
+ * links ed/query.cc and ed/query_verdict.cc, reads the statements, lets a Verdict see every row, and,
  * when it is sound, stores changed_flags() in the rows that the statement selects.
  *
  * Takes any bytes: no recursion, no allocation, fixed buffers. A Query refers to the text that it was read from.

@@ -65,8 +65,8 @@ class Decoder {
     records_.push_back(record);
   }
 
-  // A block may repeat the last stamp, which says nothing of its records. Nor does one before it: the clock of one
-  // thread never runs backwards here, whatever the processors it ran on thought.
+  // A stamp that repeats the last one, or is older, tells nothing about the records behind it: the clocks of two
+  // processors may differ, but the times of one thread never run backwards.
   void stamp(std::uint64_t ticks) {
     if (ticks <= newest_) {
       return;

@@ -17,8 +17,8 @@
 //    |             ticks, bits 62-31          |0 |        ticks, bits 30-1        |1 |
 //
 // Writing: the words first, then RingEntry.head with release. Before the first word of a block is written, `head` is
-// published as that block's start: whoever has read a word of block b sees a head of at least b * 64 afterwards, so
-// what it copied of block b - blocks is known to be lost, and all later blocks are known to be whole.
+// published as that block's start: a reader that has read a word of block b sees a head of at least b * 64 afterwards,
+// so what it copied of block b - blocks is known to be lost, and all later blocks are known to be whole.
 #ifndef VRELLIS_LTRACE_FILE_H
 #define VRELLIS_LTRACE_FILE_H
 

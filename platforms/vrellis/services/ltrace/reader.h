@@ -1,7 +1,7 @@
 // Reads trace files, of live processes and dead ones: for tools and tests.
 //
-// Nothing in a file is trusted. Reading ends with fewer records or with a refusal in one sentence, whatever the file
-// holds, and memory and time have a bound: see kMostMergedBytes. Files are read and never mapped, so that a file that
+// Nothing in a file is trusted. A damaged file is read with fewer records or refused in one sentence, and memory and
+// time have a bound: see kMostMergedBytes. Files are read and never mapped, so that a file that
 // shrinks meanwhile does no harm. Not thread-safe: only one thread may use a TraceFile.
 #ifndef VRELLIS_LTRACE_READER_H
 #define VRELLIS_LTRACE_READER_H
@@ -79,7 +79,7 @@ class TraceFile {
 
   const std::string &path() const { return path_; }
   // The process that wrote the file, as the file says. Only its owner could write this: a file that claims to be of a
-  // process of somebody else is forged unless its owner is root, so compare uid() with the owner of that process.
+  // process of another user is forged unless its owner is root, so compare uid() with the owner of that process.
   std::uint32_t pid() const;
   std::uint64_t start_time() const;
   uid_t uid() const { return uid_; }  // the owner of the file, not what the file says
@@ -90,9 +90,9 @@ class TraceFile {
   std::uint64_t records_dropped() const;
   std::uint32_t num_rings() const;
 
-  // The records of ring `ring` (below num_rings()), oldest first, of which those in the newest `most_bytes` of the ring.
-  // Empty when the ring was never used, or when its writer overwrites it faster than it can be read. `report` tells what
-  // was found.
+  // The records of ring `ring` (below num_rings()), oldest first, of which those in the newest `most_bytes` of the
+  // ring. Empty when the ring was never used, or when its writer overwrites it faster than it can be read. `report`
+  // tells what was found.
   std::vector<TraceRecord> records(std::uint32_t ring, const TickClock &clock, RingReport &report,
                                    std::uint64_t most_bytes = ~std::uint64_t{0}) const;
   bool is_used(std::uint32_t ring) const;
@@ -127,9 +127,10 @@ struct TraceMerge {
   std::vector<RingReport> rings;    // those with anything in them; orphans count as overwritten
 };
 
-// Merges the records of all rings of all files. Files of one boot are ordered by the machine's own clock, so a change of
-// the time of day does not matter. When the used rings hold more than kMostMergedBytes together, each is read for its
-// newest part alone, and RingReport.left_unread counts the rest: an event takes up to 12 times its bytes in the file.
+// Merges the records of all rings of all files. Files of one boot are ordered by the machine's own clock, so a change
+// of the time of day does not matter. When the used rings hold more than kMostMergedBytes together, each is read for
+// its newest part alone, and RingReport.left_unread counts the rest: an event takes up to 12 times its bytes in the
+// file.
 inline constexpr std::uint64_t kMostMergedBytes = std::uint64_t{32} << 20;
 TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files);
 

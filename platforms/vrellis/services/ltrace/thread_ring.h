@@ -68,7 +68,7 @@ inline void trace_operation_begins() {
   }
 }
 
-// The next record carries a time stamp, whatever came before: for one that follows a wait.
+// The next record of the calling thread gets a time stamp. Called after a wait, which takes time between two records.
 inline void trace_stamp_next() {
   thread_trace.limit = 0;
 }

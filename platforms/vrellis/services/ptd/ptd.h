@@ -3,7 +3,7 @@
  * so that no thread sleeps for long beside a mutex that is free.
  *
  * A caller tries the mutex. When it is busy, the caller calls ptd_set_mutex_block(), pthread_mutex_lock() and
- * ptd_unset_mutex_block(), in this order and whatever the lock call returns.
+ * ptd_unset_mutex_block(), in this order, also when the lock call fails.
  *
  * Each waiting thread's entry lies in the trace file of its process (ltrace.h), so that other processes can read it,
  * also after a death. A thread that has no ring there (LTRACE=off, all rings are taken) has no entry.

@@ -40,7 +40,7 @@ int set_path(shmwin_claim_t *claim, const char *directory, const char *name, shm
 constexpr int kClaimSeconds = 5;
 constexpr timespec kClaimPause{0, 2000000};
 
-// Gives a new file the mode and the owner of the configuration, whatever the umask. Returns: 0 or an errno value.
+// Gives a new file the mode and the owner of the configuration; the umask has no effect. Returns: 0 or an errno value.
 int set_access(int fd, const shmwin_config_t &config, mode_t mode) {
   const bool user = (config.named & SHMWIN_NAMED_USER) != 0;
   const bool group = (config.named & SHMWIN_NAMED_GROUP) != 0;
@@ -97,7 +97,7 @@ int refuse_open(const shmwin_claim_t &claim, int status, shmwin_error_t *error) 
   return refuse_system(error, status, "open", claim.path);
 }
 
-// Who can write to the file can change every process that maps it.
+// Refuses a file that other users may write: such a user could change the memory of all processes that map it.
 int check_trust(const shmwin_claim_t &claim, const shmwin_config_t *config, shmwin_error_t *error) {
   struct stat status {};
   if (fstat(claim.fd, &status) != 0 || !S_ISREG(status.st_mode)) {
@@ -153,7 +153,7 @@ int lock_file(const shmwin_claim_t &claim, shmwin_error_t *error) {
   }
 }
 
-// Whether the path still leads to the open file: it was removed, or replaced, when not.
+// True if the path still leads to the open file, which means that no process has removed or replaced it.
 bool is_current(const shmwin_claim_t &claim) {
   struct stat opened;
   struct stat named;

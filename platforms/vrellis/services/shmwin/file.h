@@ -38,7 +38,7 @@ struct FileContent {
 // Returns: 0, or an errno value with `error` filled.
 int read_content(const shmwin_claim_t &claim, FileContent *content, shmwin_error_t *error);
 
-// Whether there is nothing to keep: an empty file, or what a creator that died half-way leaves.
+// True if the file holds nothing to keep: it is empty, or its creator died before it completed the window.
 bool is_absent(const FileContent &content);
 
 // Tests everything that must agree before the window may be mapped. Returns: 0, or the codes of shmwin_attach().

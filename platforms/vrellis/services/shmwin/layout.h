@@ -18,9 +18,10 @@
 //   H2  A run is in use exactly when its head's state says so. Storing that state is the one store that takes or gives
 //       it. A tail belongs to the run of the head that it names, if that run covers it; else its page is free.
 //   H3  A page is free when it is in state kFree, in a node state with no bit set, or a tail whose head does not cover
-//   it. H4  The page sets hold every page they should and perhaps more: a page enters its set before the store that
-//   makes
-//       it eligible and leaves after the store that ends that. Whoever meets a page that does not belong takes it out.
+//       it.
+//   H4  The page sets hold every page that belongs in them, and perhaps more: a page enters its set before the store
+//       that makes it eligible and leaves it after the store that ends that. A search removes each page that it finds
+//       in a set where the page does not belong.
 //   H5  A member of a page set has its bit set in every level.
 #ifndef VRELLIS_SHMWIN_LAYOUT_H
 #define VRELLIS_SHMWIN_LAYOUT_H

@@ -100,7 +100,7 @@ int check_config(const shmwin_claim_t &claim, const shmwin_config_t &config, shm
   return 0;
 }
 
-// What the file held before must be of use to nobody: who has it mapped would lose the ground under its feet.
+// Refuses to format a file that a live process has mapped: truncating the file would give that process SIGBUS.
 int check_unused(const shmwin_claim_t &claim, shmwin_error_t *error) {
   FileContent content;
   const int status = read_content(claim, &content, error);

@@ -1,7 +1,7 @@
-// Releasing encapsulations: one reference at a time, or an NH at once.
+// The two operations that release: one takes a reference of an NH, the other removes an NH at once.
 //
-// The two operations share every step from the tunnel look-up on; what differs between them is a table of points and
-// the operation's name. Nothing is undone: a failure leaves what was done before it.
+// They share all steps from the search for the tunnel on, and differ in their points and in the name that their
+// messages carry. No failure undoes the steps before it.
 #include <cerrno>
 
 #include "../diag/error_messages.h"
@@ -61,7 +61,8 @@ void raise(const oxa_msg_rec_t &message, const Removal &removal) {
   raise_key_message(message, Operation::name, removal.key, removal.nh_index, removal.aux);
 }
 
-// Takes the NH's reference from its tunnel; a refusal is raised and kept, and the NH goes all the same.
+// Takes the NH's reference from its tunnel. A refusal is raised and becomes part of the result, and the NH is removed
+// all the same.
 template <typename Operation>
 void release_tunnel(Removal &removal) REQUIRES_DATABASE_LOCK {
   removal.rc_tun = vrl_mem_decrement_egr_tunnel_ref_count(removal.aux.egr_tun, &removal.tun_to_del_from_prm);
@@ -70,8 +71,9 @@ void release_tunnel(Removal &removal) REQUIRES_DATABASE_LOCK {
   }
 }
 
-// Takes the NH out of its tunnel's tree and clears its slot. `root` is a copy of the tunnel's root, written back after
-// the removal. An NH missing from the tree is raised and nothing more. Returns false when the tree refuses.
+// Takes the NH out of its tunnel's tree and clears its slot. `root` is a copy of the tunnel's root, which is written
+// back after the removal. An NH that is missing from the tree is raised and is no failure. Returns false when the tree
+// refuses.
 template <typename Operation>
 bool remove_nh(Removal &removal, mpls_tunnel_entry_t *tunnel, void **root, uint32_t *nh_to_del) REQUIRES_DATABASE_LOCK {
   mpls_nh_entry_t *nh;
@@ -91,7 +93,8 @@ bool remove_nh(Removal &removal, mpls_tunnel_entry_t *tunnel, void **root, uint3
   if (nh_to_del != nullptr) {
     *nh_to_del = 1;
   }
-  // All tunnel entries of index 0 count in one slot, so such an entry goes with its own last NH, whatever that count.
+  // All tunnel nodes of index 0 count in one slot, so such a node leaves the tree with its own last NH, although that
+  // slot may count NHs of other nodes.
   if (*root == nullptr && removal.aux.egr_tun == 0) {
     removal.tun_to_del_from_edb = 1;
   }
@@ -139,7 +142,7 @@ void remove_from_trees(Removal &removal, uint32_t *egr_tun, uint32_t *tun_to_del
   emit<Operation::returns>(0);
 }
 
-// Reads what the NH's slot says of it. Returns false, reported, when the slot is not valid.
+// Reads the NH's key and data from its slot. Returns false when the slot is not valid, and reports it.
 template <typename Operation>
 bool read_nh(Removal &removal) REQUIRES_DATABASE_LOCK {
   removal.rc = vrl_mem_get_key_from_egr_nh(removal.nh_index, &removal.aux, &removal.key);
@@ -178,7 +181,7 @@ void detach_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *tun_to_del
   emit<Point::delete_key>(key_fields(removal.key), removal.nh_index, aux.egr_tun, last_reference, aux.seed_nh,
                           aux.is_protected_te_nh);
   if (last_reference == 0) {
-    // The tunnel was not touched: neither flag of it can be set.
+    // The NH keeps its tunnel, so neither flag of the tunnel can be set.
     emit<Point::delete_still_used>(key_fields(removal.key), removal.nh_index, aux.egr_tun, last_reference,
                                    removal.tun_to_del_from_edb, aux.seed_nh, aux.is_protected_te_nh);
     return;
@@ -187,7 +190,7 @@ void detach_under_lock(Removal &removal, uint32_t *egr_tun, uint32_t *tun_to_del
   remove_from_trees<Delete>(removal, egr_tun, tun_to_del_from_prm, nh_to_del);
 }
 
-// The operation's result: 22 when any of the three codes is set, whichever.
+// Returns the operation's result: 22 when any of the three codes is set.
 template <typename Operation>
 int conclude(const Removal &removal) {
   if (removal.rc_nh == 0 && removal.rc_tun == 0 && removal.rc == 0) {

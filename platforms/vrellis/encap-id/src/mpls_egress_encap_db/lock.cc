@@ -5,21 +5,22 @@
 
 #include "ptd.h"
 
-// libc's own end of a failed assertion: these two must stop the process in every build, so they are no assert().
+// The function of the C library that ends a failed assertion. These two checks stop the process in every build, so they
+// cannot use assert().
 extern "C" [[gnu::noreturn]] void __assert_fail(const char *expression, const char *file, unsigned line,
                                                 const char *function) noexcept;
 
 namespace encap {
 namespace {
 
-// What the thread-debug service and the assertions are told of the lock's place. Fixed, wherever the code stands.
+// The place of the lock call as the thread-debug service and the assertions report it. It does not follow the sources.
 constexpr char kFunction[] = "vrl_egress_encap_db_lock";
 constexpr char kFile[] = "platforms/vrellis/encap-id/src/mpls_egress_encap_db";
 constexpr int kWaitLine = 43;
 constexpr unsigned kConsistencyLine = 48;
 constexpr unsigned kRecoveryLine = 51;
 
-// Blocks on the mutex, with the wait reported for as long as it lasts.
+// Blocks on the mutex. The thread-debug service knows of the wait while it lasts.
 [[gnu::cold, gnu::noinline]] int wait_for(pthread_mutex_t *mutex) {
   ptd_set_mutex_block(mutex, kFunction, kWaitLine);
   const int status = pthread_mutex_lock(mutex);
@@ -27,7 +28,8 @@ constexpr unsigned kRecoveryLine = 51;
   return status;
 }
 
-// The holder died: the caller holds the lock now and goes on with the database as it was left.
+// Makes the mutex consistent after its holder died. The caller holds the lock and works on the database as the dead
+// process left it.
 [[gnu::cold, gnu::noinline]] void take_over(pthread_mutex_t *mutex) {
   if (pthread_mutex_consistent(mutex) != 0) {
     __assert_fail("rc == 0", kFile, kConsistencyLine, kFunction);
@@ -50,8 +52,8 @@ int set_shared_and_robust(pthread_mutexattr_t *attributes) {
 }  // namespace
 }  // namespace encap
 
-// The type goes through error-checking to recursive and robustness is set through both interfaces: the order that every
-// version of the platform's thread library accepts. A failure leaves the attribute object as it is, undestroyed.
+// Sets the type to error-checking and then to recursive, and robustness through both interfaces: all versions of the
+// platform's thread library accept this order. A failure leaves the attribute object undestroyed.
 int eencap_lock_init(void *lock_area) {
   auto *mutex = static_cast<pthread_mutex_t *>(lock_area);
   pthread_mutexattr_t attributes;
@@ -73,7 +75,7 @@ int eencap_lock_init(void *lock_area) {
   return status != 0 ? status : pthread_mutexattr_destroy(&attributes);
 }
 
-// Unchecked by the compiler: this is where the capability comes from.
+// The compiler does not check the body, since this is where the capability begins.
 TAKES_NO_DATABASE_LOCK
 int vrl_egress_encap_db_lock(pthread_mutex_t *mutex) {
   int status = pthread_mutex_trylock(mutex);

@@ -1,4 +1,4 @@
-// The database in its window: this process's view of it, and its first initialisation.
+// The database of this process, and the first initialisation of a database.
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -13,8 +13,8 @@ constinit egress_encap_db_t *egress_encap_db = nullptr;
 namespace encap {
 namespace {
 
-// Allocates and zeroes one slot array of the database. The allocator writes the header's own field.
-// A block that was promised and not given counts as no memory.
+// Allocates and zeroes one slot array of the database. The allocator writes the address to the field of the header.
+// Returns: the allocator's status; 12 when it reports success without a block.
 template <typename Slot>
 int allocate_array(std::uint32_t shm_id, std::size_t slots, Slot **array) {
   const std::size_t bytes = sizeof(Slot) * slots;
@@ -38,7 +38,7 @@ int mpls_egress_encap_init_nh_array(std::uint32_t nh_size) {
   return status;
 }
 
-// One slot more than tunnels: the null tunnel's, at the end.
+// The array has one slot more than tunnels; the last one is the null tunnel slot.
 int mpls_egress_encap_init_tunnel_array(std::uint32_t tun_size) {
   emit<Point::tunnel_array_entry>(tun_size + 1);
   const int status =
@@ -47,7 +47,7 @@ int mpls_egress_encap_init_tunnel_array(std::uint32_t tun_size) {
   return status;
 }
 
-// Sets a fresh database up. A failure leaves what was done before it.
+// Sets a new database up. No failure undoes the steps before it.
 int initialise(std::uint32_t shm_id, std::uint32_t nh_size, std::uint32_t tun_size, std::uint32_t nh_start,
                std::uint32_t tun_start) {
   egress_encap_db_t &db = *egress_encap_db;
