@@ -24,17 +24,20 @@ struct Faults {
   std::vector<Fault> all;
   std::string refusal;  // what an attach says of the window's header
 
-  // What the database's entries come down to, for whoever rebuilds a tree.
+  // What the entries come down to. A rebuild of a tree goes by it.
   std::vector<bool> nh_goes;                    // by NH node: it is to leave its tree
   std::vector<bool> tunnel_empty;               // by tunnel node: no NH stays or comes back
   std::vector<std::uint32_t> users;             // by tunnel slot: NHs that it should count
   std::vector<std::uint32_t> tunnels_with_nhs;  // by tunnel slot
+  std::vector<std::uint32_t> stays;             // by tunnel node: NHs that stay or come back
+  std::vector<bool> is_stale;                   // by tunnel slot: a removal of one of its NHs left the NH's slot behind
 };
 
 // `survey` is of a settled view.
 void find_heap_faults(const Survey &survey, Faults *faults);
 void find_tree_faults(const Survey &survey, Faults *faults);
 void find_entry_faults(const Survey &survey, Faults *faults);
+void find_tunnel_faults(const Survey &survey, Faults *faults);  // requires what find_entry_faults() fills
 void find_client_faults(const Survey &survey, Faults *faults);
 inline void find_faults(const Survey &survey, Faults *faults) {
   find_tree_faults(survey, faults);

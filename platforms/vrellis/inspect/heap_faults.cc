@@ -1,5 +1,6 @@
 // The window's bookkeeping: page descriptors, blocks that nothing reaches, nodes in blocks that are free, hints.
 #include <algorithm>
+#include <iterator>
 
 #include "faults.h"
 
@@ -90,33 +91,14 @@ class HeapFaults {
     }
   }
 
-  // Whether the allocator finds the page: its bit on every level of the set, which lie behind each other.
-  bool is_listed(int set, std::uint32_t page) const {
-    const std::uint64_t offset =
-        sizeof(vrellis::WindowHeader) + static_cast<std::uint64_t>(set) * survey_.shape.set_bytes;
-    const auto *words = static_cast<const std::uint64_t *>(survey_.view().at(offset, survey_.shape.set_bytes, 8));
-    std::uint64_t count = survey_.shape.pages;
-    for (std::uint64_t index = page;; index /= 64) {
-      if ((words[index / 64] & std::uint64_t{1} << index % 64) == 0) {
-        return false;
-      }
-      count = vrellis::words_above(count);
-      if (count == 1) {
-        return true;
-      }
-      words += count;
-    }
-  }
-
   void judge_hints(std::uint32_t page) {
     const PageDescriptor &descriptor = heap_.page[page];
-    for (int cls = 0; cls < 2; ++cls) {
-      if (vrellis::has_room(descriptor, cls) && !is_listed(cls, page)) {
-        add(FindingKind::kHeapHint, page_address(page), static_cast<std::uint64_t>(cls));
+    const bool belongs[] = {vrellis::has_room(descriptor, 0), vrellis::has_room(descriptor, 1),
+                            vrellis::is_free(heap_, page)};
+    for (std::uint32_t set = 0; set < std::size(belongs); ++set) {
+      if (belongs[set] && !survey_.page_set(set).is_found(page)) {
+        add(FindingKind::kHeapHint, page_address(page), set);
       }
-    }
-    if (vrellis::is_free(heap_, page) && !is_listed(2, page)) {
-      add(FindingKind::kHeapHint, page_address(page), 2);
     }
   }
 

@@ -37,24 +37,9 @@ void mend_page(const Survey &survey, const Fault &fault) {
   store_word(descriptor.state, vrellis::page_state(cls >= 0 ? kind : vrellis::kFree));
 }
 
-// From the top, as the allocator does it.
 void mend_hint(const Survey &survey, const Fault &fault) {
-  const std::uint64_t offset = sizeof(vrellis::WindowHeader) + fault.found * survey.shape.set_bytes;
-  auto *const words = const_cast<std::uint64_t *>(
-      static_cast<const std::uint64_t *>(survey.view().at(offset, survey.shape.set_bytes, 8)));
-  std::uint64_t *level[vrellis::kMaxLevels] = {};
-  int depth = 0;
-  std::uint64_t count = survey.shape.pages;
-  for (std::uint64_t *next = words; depth == 0 || count > 1; next += count) {
-    count = vrellis::words_above(count);
-    level[depth++] = next;
-  }
-  for (int i = depth - 1; i >= 0; --i) {
-    const std::uint64_t index = std::uint64_t{page_of(survey, fault)} >> 6 * i;
-    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): the sets lie in the window, whose shape they come from
-    std::uint64_t &word = level[i][index / 64];
-    store_word(word, load_word(word) | std::uint64_t{1} << index % 64);
-  }
+  vrellis::PageSet set = survey.page_set(static_cast<std::uint32_t>(fault.found));
+  set.restore(page_of(survey, fault));
 }
 
 void mend_page_count(const Survey &survey, const Fault & /*fault*/) {

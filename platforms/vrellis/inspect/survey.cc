@@ -36,23 +36,6 @@ bool has_shape(const View &view, const WindowHeader &header) {
          header.address < std::uint64_t{1} << 47 && header.heap_pages == vrellis::shape_of_size(header.size).pages;
 }
 
-// The heap as the allocator would see it. The const goes for its sake: nothing is written.
-vrellis::Heap heap_in(const View &view, const vrellis::WindowShape &shape) {
-  auto *const data = const_cast<std::uint8_t *>(view.bytes().data());
-  const auto set = [&](std::uint64_t number) {
-    return vrellis::PageSet(reinterpret_cast<std::uint64_t *>(data + sizeof(WindowHeader) + number * shape.set_bytes),
-                            shape.pages);
-  };
-  vrellis::Heap heap;
-  heap.header = reinterpret_cast<WindowHeader *>(data);
-  heap.page = reinterpret_cast<vrellis::PageDescriptor *>(data + shape.descriptors);
-  heap.pages = static_cast<std::uint32_t>(shape.pages);
-  heap.room[0] = set(0);
-  heap.room[1] = set(1);
-  heap.free = set(2);
-  return heap;
-}
-
 // The pages of an array of `bytes` that begins at `address`: whole pages of the heap, from a page's start. Empty: none.
 PageRange pages_of_array(const Survey &survey, Address address, std::uint64_t bytes) {
   const std::uint64_t offset = address - survey.address_of(0, 0);
@@ -249,10 +232,6 @@ void survey_heap(Survey &survey) {
 
 }  // namespace
 
-bool Survey::any_tree_broken() const {
-  return !flaws.empty();
-}
-
 Survey survey_header(const View &view) {
   Survey survey;
   Database &db = survey.db;
@@ -267,7 +246,7 @@ Survey survey_header(const View &view) {
   std::memcpy(&db.undo_count, header->tree_area, sizeof db.undo_count);
   if (db.window.is_window && has_shape(view, *header)) {
     survey.shape = vrellis::shape_of_size(header->size);
-    survey.heap = heap_in(view, survey.shape);
+    survey.heap = vrellis::heap_at(const_cast<WindowHeader *>(header), survey.shape);  // nothing is written through it
     decode_header(survey, *header);
   }
   return survey;

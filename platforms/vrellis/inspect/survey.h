@@ -3,6 +3,7 @@
 #ifndef ENCAP_INSPECT_SURVEY_H
 #define ENCAP_INSPECT_SURVEY_H
 
+#include <algorithm>
 #include <vector>
 
 #include "check.h"
@@ -55,7 +56,8 @@ struct Survey {
   Address address_of(std::uint32_t page, std::uint64_t offset) const {
     return db.window.address + shape.heap + page * vrellis::kPageBytes + offset;
   }
-  bool any_tree_broken() const;
+  const vrellis::PageSet &page_set(std::uint32_t number) const { return number < 2 ? heap.room[number] : heap.free; }
+  bool any_tree_broken() const { return !flaws.empty(); }
 };
 
 // Decodes and tests the header; survey() also the rest, when the header is sound.
@@ -67,6 +69,15 @@ inline bool same_key(const mpls_nh_key_t &key, const egr_nh_info_t &slot) {
   return key.out_label1 == slot.out_label1 && key.te_local_label == slot.te_local_label &&
          key.is_failover_nh == slot.is_failover_nh && key.protocol == slot.protocol &&
          key.is_l2vpn_pref_path == slot.is_l2vpn_pref_path;
+}
+
+inline bool has_labels(const TunnelNode &tunnel, const egr_tun_info_t &slot) {
+  return tunnel.key.out_label2 == slot.out_label2 && tunnel.key.out_label3 == slot.out_label3;
+}
+
+inline bool all_zero(const void *record, std::size_t bytes) {
+  const auto *byte = static_cast<const std::uint8_t *>(record);
+  return std::all_of(byte, byte + bytes, [](std::uint8_t value) { return value == 0; });
 }
 
 // The block of a node of the class that begins at `address`, whatever the page is used for. Returns: false: none does.

@@ -35,7 +35,22 @@ struct Heap {
 extern Heap heaps[SHMWIN_MAX_WINDOWS];
 
 // The heap of the window mapped at `header`, of the shape that its size gives. Nothing in the window is read.
-Heap heap_at(WindowHeader *header, const WindowShape &shape);
+inline Heap heap_at(WindowHeader *header, const WindowShape &shape) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(header);
+  const auto set = [&](std::uint64_t number) {
+    return PageSet(reinterpret_cast<std::uint64_t *>(begin + sizeof(WindowHeader) + number * shape.set_bytes),
+                   shape.pages);
+  };
+  Heap heap;
+  heap.header = header;
+  heap.page = reinterpret_cast<PageDescriptor *>(begin + shape.descriptors);
+  heap.first = begin + shape.heap;
+  heap.pages = static_cast<std::uint32_t>(shape.pages);
+  heap.room[0] = set(0);
+  heap.room[1] = set(1);
+  heap.free = set(2);
+  return heap;
+}
 
 // Makes the heap of a zeroed window an empty one.
 void heap_format(Heap &heap);

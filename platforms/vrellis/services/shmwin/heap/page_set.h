@@ -51,6 +51,23 @@ class PageSet {
     store_word(level_[0][page / 64], word | bit(page));
   }
 
+  // Whether the page is found from the top: its bit is set in every level, as H5 wants it.
+  bool is_found(std::uint32_t page) const {
+    for (int i = 0; i < depth_; ++i) {
+      const std::uint32_t index = page >> 6 * i;
+      if ((load_word(level_[i][index / 64]) & bit(index)) == 0) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Inserts a page of which some levels, but not all, may have the bit.
+  void restore(std::uint32_t page) {
+    insert_above(page);
+    insert(page);
+  }
+
   // From the bottom, for the same reason.
   void erase(std::uint32_t page) { erase_from(0, page); }
 
