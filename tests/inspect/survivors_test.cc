@@ -1,0 +1,165 @@
+// What others make of a death before any repair: named, and mended.
+#include "states_fixture.h"
+
+namespace inspect_tests {
+namespace {
+
+// By calls that are all answered 0.
+class SurvivorsTest : public StatesTest {
+ protected:
+  // Enters a key as a caller does that believes what it finds; `tunnel_index` is for a tunnel that is not there.
+  void enter_as_found(const egress_encap_key_t &full, std::uint32_t nh_index, std::uint32_t tunnel_index) {
+    egress_encap_info_t info{};
+    EXPECT_EQ(vrl_find_egress_encap(&info, full), 0);
+    info.egr_nh = nh_index;
+    info.egr_tun = info.tun_found != 0 ? info.egr_tun : tunnel_index;
+    info.seed_nh = nh_index + 7;
+    EXPECT_EQ(vrl_insert_egress_encap(&info, full), 0);
+    entered_[nh_index] = {full, info.egr_tun, 1};
+  }
+
+  void give_back(std::uint32_t index, std::uint32_t tunnel_goes) {
+    std::uint32_t tunnel_index = 0, goes = 0, count = 0;
+    EXPECT_EQ(vrl_egress_encap_nh_detach(index, &tunnel_index, &goes, &count), 0) << "NH " << index;
+    EXPECT_EQ(goes, tunnel_goes) << "NH " << index;
+    entered_.erase(index);
+  }
+
+  // A state of deaths alone: none of its findings says that something else wrote into the window.
+  RepairResult expect_named(const std::string &name, const RepairOptions &options = {}) {
+    const Report report = look();
+    EXPECT_TRUE(kinds(report).contains(name)) << text(report);
+    EXPECT_FALSE(report.sound());
+    for (const Finding &finding : report.findings) {
+      EXPECT_NE(severity_of(finding.kind), Severity::kDamage) << finding.text;
+    }
+    return repair(kId, options);
+  }
+
+  // After a repair that moved tunnels: each NH is read back as it was entered, on the tunnel that a look-up finds.
+  void expect_readable() {
+    EXPECT_EQ(text(look()), "");
+    for (auto &[index, entry] : entered_) {
+      egress_encap_info_t info{};
+      vrl_find_egress_encap(&info, entry.key);
+      entry.tunnel = info.egr_tun;
+      egress_encap_aux_data_t aux{};
+      egress_encap_key_t read{};
+      EXPECT_EQ(vrl_get_encap_key_and_aux_data_from_nh(index, &aux, &read), 0);
+      EXPECT_EQ(std::memcmp(&read, &entry.key, sizeof read), 0) << "NH " << index;
+      EXPECT_EQ(aux.egr_tun, entry.tunnel);
+    }
+    expect_entries();
+    while (!entered_.empty()) {
+      std::uint32_t tunnel_index = 0, goes = 0, count = 0;
+      EXPECT_EQ(vrl_egress_encap_nh_detach(entered_.begin()->first, &tunnel_index, &goes, &count), 0);
+      entered_.erase(entered_.begin());
+    }
+    EXPECT_EQ(text(look()), "");
+  }
+};
+
+TEST_F(SurvivorsTest, FileNhsOnATunnelWithoutAnIndex) {
+  link_tunnel(key(9, 16));  // the dead process had not stored the index yet
+  enter_as_found(key(9, 16), kNew, 9);
+  enter_as_found(key(9, 17), kNew + 1, 9);
+  EXPECT_EQ(expect_named("tunnel-without-index").status, 0);
+  EXPECT_NE(tunnel_node(key(9, 16))->egr_tun, 0);
+  expect_readable();
+
+  open({100, 64, 6, 1});  // the one index is in use
+  fill(0, 1);
+  ASSERT_EQ(enter(110, 6, 16), 0);
+  link_tunnel(key(9, 16));
+  enter_as_found(key(9, 16), kNew, 9);
+  entered_.erase(kNew);
+  EXPECT_EQ(expect_named("tunnel-without-index").status, 0);
+  EXPECT_EQ(tunnel_node(key(9, 16)), nullptr);
+  expect_readable();
+}
+
+TEST_F(SurvivorsTest, EnterTwoTunnelsAtOneIndex) {
+  link_tunnel(key(9, 16))->egr_tun = 9;  // its slot was not filled yet, so that index 9 seems free
+  enter_as_found(key(10, 16), kNew, 9);
+  enter_as_found(key(9, 16), kNew + 1, 9);
+  EXPECT_EQ(expect_named("tunnel-without-index").status, 0);
+  expect_readable();
+
+  start();  // labelled tunnels on index 0, as no caller should enter them
+  enter_as_found(key(9, 16), kNew, 0);
+  enter_as_found(key(10, 16), kNew + 1, 0);
+  EXPECT_EQ(expect_named("tunnel-without-index").status, 0);
+  expect_readable();
+}
+
+TEST_F(SurvivorsTest, EnterAnotherLabelAtTheIndexOfANodeWithoutASlot) {
+  for (const std::uint32_t other : {6U, 8U}) {
+    start();
+    link_nh(key(6, kNewLabel))->nh_index = kNew;
+    enter_as_found(key(other, kNewLabel + 1), kNew, other);
+    EXPECT_EQ(expect_named("duplicate-index").status, 0);
+    EXPECT_EQ(nh_node(key(6, kNewLabel)), nullptr);
+    expect_readable();
+  }
+}
+
+TEST_F(SurvivorsTest, UseAnNhWhoseSlotIsFilledInPart) {
+  link_nh(key(6, kNewLabel))->nh_index = kNew;
+  nh(kNew).valid = 1;
+  egress_encap_info_t info{};
+  EXPECT_EQ(vrl_find_and_share_egress_encap(&info, key(6, kNewLabel)), 0);
+  stay(kNew, 6, 1);
+  EXPECT_EQ(expect_named("slot-node-mismatch").status, 0);
+  nh(kNew).seed_nh = kNew + 7;
+  expect_readable();
+}
+
+// A removal was cut off after it had counted its tunnel down. The others give their NHs back, and the last of them is
+// told to take the tunnel out of the hardware.
+TEST_F(SurvivorsTest, GiveATunnelBackBesideACutOffRemoval) {
+  const auto give_others_back = [&] {
+    start();
+    --tunnel(6).ref_count;
+    const std::uint32_t left = first_on(6);
+    for (std::uint32_t index = left + 1; index < left + 4; ++index) {
+      give_back(index, index == left + 3 ? 1 : 0);
+    }
+    return left;
+  };
+  std::uint32_t left = give_others_back();
+  nh(left).ref_count = 0;  // it was given back, too
+  entered_.erase(left);
+  EXPECT_EQ(expect_named("tunnel-given-back").status, 0);
+  EXPECT_EQ(tunnel_node(key(6, 16)), nullptr);
+  EXPECT_EQ(tunnel(6).valid, 0);
+  expect_readable();
+
+  left = give_others_back();
+  const RepairResult kept = expect_named("tunnel-in-doubt");  // its users may live
+  ASSERT_EQ(kept.changes.size(), 1U);
+  EXPECT_NE(kept.changes[0].text.find("hardware"), std::string::npos);
+  expect_readable();
+
+  left = give_others_back();
+  entered_.erase(left);
+  expect_named("tunnel-in-doubt", {.drop_given_back = true});
+  EXPECT_EQ(tunnel_node(key(6, 16)), nullptr);
+  expect_readable();
+
+  start();  // cut off a step later: the node had left its tree, with its links not yet cleared
+  left = first_on(6);
+  --tunnel(6).ref_count;
+  std::uint64_t links[3];
+  std::memcpy(links, nh_node(entered_.at(left).key), sizeof links);
+  std::memcpy(unlink_nh(left), links, sizeof links);
+  for (std::uint32_t index = left + 1; index < left + 4; ++index) {
+    give_back(index, index == left + 3 ? 1 : 0);
+  }
+  entered_.erase(left);
+  EXPECT_EQ(expect_named("slot-without-node").status, 0);
+  EXPECT_EQ(tunnel_node(key(6, 16)), nullptr);
+  expect_readable();
+}
+
+}  // namespace
+}  // namespace inspect_tests
