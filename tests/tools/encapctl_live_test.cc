@@ -201,5 +201,28 @@ TEST_F(EncapctlTest, DestroyFromAnotherPidNamespaceIsRefused) {
   EXPECT_TRUE(has(text, "namespace"));
 }
 
+// A window of 16 MiB asks for huge pages. How many it gets is the system's matter, and on hugetlbfs it has no others.
+TEST_F(EncapctlTest, HugePagesAreAskedForAndShown) {
+  if (access("/sys/kernel/mm/transparent_hugepage", F_OK) != 0) {
+    GTEST_SKIP() << "the kernel has no transparent huge pages";
+  }
+  const Child holder = fork_child([this](const Ready &) {
+    encap_db_config_t wanted = config();
+    wanted.size = 16 << 20;
+    ASSERT_EQ(encap_db_open(&wanted, nullptr, nullptr), 0);
+  });
+  const Json window = on_window({"status", "--json"}).object().at("window");
+  EXPECT_TRUE(window.at("huge_bytes").is_number());
+  std::ifstream lines("/proc/" + holder.pid() + "/smaps");
+  std::ostringstream begin;
+  begin << std::hex << window.at("address").get<std::uint64_t>() << '-';
+  std::string line;
+  while (std::getline(lines, line) && !line.starts_with(begin.str())) {
+  }
+  while (std::getline(lines, line) && !line.starts_with("VmFlags:")) {
+  }
+  EXPECT_TRUE(has(line, " hg ")) << line;
+}
+
 }  // namespace
 }  // namespace encapctl_test

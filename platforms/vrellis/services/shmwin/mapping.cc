@@ -1,7 +1,9 @@
 // A window's place in a process: one address in all of them, and never over something that lies there.
 #include "shmwin/mapping.h"
 
+#include <linux/magic.h>
 #include <sys/mman.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -9,6 +11,7 @@
 #include <cstring>
 
 #include "shmwin/file.h"
+#include "shmwin/layout.h"
 
 namespace vrellis {
 namespace {
@@ -17,6 +20,7 @@ namespace {
 constexpr std::uint64_t kFirstAddress = 0x551000000000;
 constexpr std::uint64_t kAddressStep = std::uint64_t{32} << 30;
 constexpr std::uint32_t kAddresses = 8;
+constexpr std::uint64_t kHugeWindowBytes = 16 << 20;
 static_assert(kFirstAddress + kAddresses * kAddressStep <= 0x555500000000);
 
 // What lies first in an address range of this process, as the system lists it: its name, or what it is.
@@ -43,6 +47,12 @@ void name_mapping(std::uint64_t begin, std::uint64_t end, char (&name)[160]) {
 
 }  // namespace
 
+std::uint64_t page_bytes_of(int fd) {
+  struct statfs system;
+  return fstatfs(fd, &system) == 0 && system.f_type == HUGETLBFS_MAGIC ? static_cast<std::uint64_t>(system.f_bsize)
+                                                                       : kPageBytes;
+}
+
 int map_file(int fd, std::uint64_t address, std::uint64_t size) {
   void *const wanted = reinterpret_cast<void *>(address);
   void *const mapped = mmap(wanted, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED_NOREPLACE, fd, 0);
@@ -52,6 +62,9 @@ int map_file(int fd, std::uint64_t address, std::uint64_t size) {
   if (mapped != wanted) {  // a kernel that takes the address for advice
     munmap(mapped, size);
     return EEXIST;
+  }
+  if (size >= kHugeWindowBytes) {
+    madvise(mapped, size, MADV_HUGEPAGE);  // a system without huge pages refuses, and nothing depends on them
   }
   return 0;
 }

@@ -86,7 +86,8 @@ void publish(WindowMap *slot, std::uint64_t address, std::uint64_t size, std::ui
 // ---------------------------------------------------------------------------------------------------------- creation
 
 int check_config(const shmwin_claim_t &claim, const shmwin_config_t &config, shmwin_error_t *error) {
-  if (config.size < kMinWindowBytes || config.size > kMaxWindowBytes) {
+  if (config.size < kMinWindowBytes || config.size > kMaxWindowBytes ||
+      round_up(config.size, page_bytes_of(claim.fd)) > kMaxWindowBytes) {
     return refuse(error, EINVAL, "window '%s' cannot have %" PRIu64 " bytes, it takes %" PRIu64 " to %" PRIu64,
                   claim.name, config.size, kMinWindowBytes, kMaxWindowBytes);
   }
@@ -154,7 +155,7 @@ void write_header(WindowHeader &header, std::uint64_t address, std::uint64_t siz
 }
 
 int make_window(const shmwin_claim_t &claim, const shmwin_config_t &config, WindowMap *slot, shmwin_error_t *error) {
-  const std::uint64_t size = round_up(config.size, kPageBytes);
+  const std::uint64_t size = round_up(config.size, page_bytes_of(claim.fd));
   int status = reserve(claim, config, size, error);
   if (status != 0) {
     return status;

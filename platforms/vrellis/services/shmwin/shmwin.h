@@ -38,7 +38,7 @@ typedef struct shmwin_config {
   const char *name;      /* file name within it, no '/' */
   uint32_t shm_id;       /* the window's id, which shmwin_malloc() is given */
   uint32_t mode;         /* file mode; 0: 0600 */
-  uint64_t size;         /* bytes, rounded up to whole pages of 4096 */
+  uint64_t size;         /* bytes, rounded up to whole pages of 4096, on hugetlbfs to whole huge pages */
   uint64_t address;      /* where every process maps it; 0: a default for the id that is free here */
   uint64_t kept;         /* bytes for other blocks, which groups of nodes leave unused; 0: no groups (heap/heap.h) */
   uint32_t named;        /* SHMWIN_NAMED_USER, SHMWIN_NAMED_GROUP or both: the next two fields say something */

@@ -3,7 +3,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <fstream>
+#include <optional>
 
+#include "shmwin/layout.h"
 #include "trace/window_traces.h"
 #include "verbs.h"
 
@@ -20,6 +25,7 @@ struct StatusOptions {
 
 struct Status {
   ProcessNames names;
+  std::optional<std::uint64_t> huge_bytes;
   std::vector<LockWait> waits;
   Report report;
 };
@@ -54,6 +60,36 @@ std::string lock_text(const Database &db, const ProcessNames &names) {
     return fmt::format("left locked by {}, which is dead: the next to lock it takes it over", owner);
   }
   return fmt::format("held by {}, {}, locked {} deep", owner, name_of(lock.owner), lock.depth);
+}
+
+// How much of the window a process has mapped by huge pages. Empty when the process may not be looked into.
+std::optional<std::uint64_t> huge_bytes_in(pid_t pid, std::uint64_t address) {
+  std::ifstream lines(fmt::format("/proc/{}/smaps", pid));
+  const std::string begin = fmt::format("{:x}-", address);
+  std::string line;
+  while (std::getline(lines, line) && !line.starts_with(begin)) {
+  }
+  std::uint64_t size = 0, page = 0, huge = 0, kib = 0;
+  char name[32];
+  while (std::getline(lines, line) && std::sscanf(line.c_str(), "%31[A-Za-z]: %" SCNu64 " kB", name, &kib) == 2) {
+    const std::string_view field = name;
+    size = field == "Size" ? kib : size;
+    page = field == "KernelPageSize" ? kib : page;
+    huge += field == "ShmemPmdMapped" || field == "FilePmdMapped" ? kib : 0;
+  }
+  constexpr std::uint64_t kSmallPageKib = vrellis::kPageBytes / 1024;
+  return size == 0 ? std::nullopt : std::optional((page > kSmallPageKib ? size : huge) * 1024);
+}
+
+std::optional<std::uint64_t> huge_bytes_of(const Window &window) {
+  for (const AttachedProcess &process : window.db.processes) {
+    if (process.liveness == Liveness::kAlive) {
+      if (const auto bytes = huge_bytes_in(process.pid, window.db.window.address)) {
+        return bytes;
+      }
+    }
+  }
+  return std::nullopt;
 }
 
 Json processes_json(const Database &db, const ProcessNames &names) {
@@ -94,6 +130,7 @@ void print_json(const Output &out, const Window &window, const Status &status) {
          {"size", db.window.size},
          {"file_size", window.view.file_size()},
          {"address", db.window.address},
+         {"huge_bytes", status.huge_bytes ? Json(*status.huge_bytes) : Json()},
          {"created_ns", db.window.created}}},
        {"database",
         {{"initialised", db.initialised},
@@ -119,7 +156,7 @@ void print_json(const Output &out, const Window &window, const Status &status) {
        {"sound", status.report.sound()}});
 }
 
-void print_window(const Output &out, const Window &window) {
+void print_window(const Output &out, const Window &window, std::optional<std::uint64_t> huge_bytes) {
   const Database &db = window.db;
   out.fact(window.view.is_live() ? "window" : "snapshot", window.view.path());
   if (!db.window.is_window) {
@@ -127,6 +164,9 @@ void print_window(const Output &out, const Window &window) {
   }
   out.fact("", fmt::format("id {}, {} at {:#x}, layout version {}", db.window.shm_id, bytes_text(db.window.size),
                            db.window.address, db.window.version));
+  if (huge_bytes.value_or(0) != 0) {
+    out.fact("", fmt::format("{} of it mapped by huge pages", bytes_text(*huge_bytes)));
+  }
   out.fact("created", time_text(static_cast<std::int64_t>(db.window.created)));
   const std::uint64_t used = db.heap.pages - db.heap.free_pages;
   out.fact("use", fmt::format("{} of {} pages ({}), at most {} so far", used, db.heap.pages,
@@ -167,7 +207,7 @@ void print_processes(const Output &out, const Database &db, const ProcessNames &
 }
 
 void print_text(const Output &out, const Window &window, const Status &status) {
-  print_window(out, window);
+  print_window(out, window, status.huge_bytes);
   if (window.db.window.is_window) {
     print_lock(out, window, status);
     print_processes(out, window.db, status.names);
@@ -184,7 +224,8 @@ int run(StatusOptions &options) {
   const std::unique_ptr<Window> window = look_at(options.window);
   const Attached attached = attached_to(*window);
   const TraceFiles files = traces_of(attached, options.traces);
-  const Status status = {names_of(attached, files), lock_waits(*window, files), check(window->view)};
+  const Status status = {names_of(attached, files), huge_bytes_of(*window), lock_waits(*window, files),
+                         check(window->view)};
   const Output out(options.output);
   if (out.json()) {
     print_json(out, *window, status);
