@@ -1,9 +1,9 @@
 // A client beside the operations that it is made of, on one database: every encapsulation of the workload is entered
 // through the operations, and the client holds a reference on each.
-#include <ctime>
 #include <iostream>
 
-#include "contestants/contestant.h"
+#include "clock.h"
+#include "contestants/db.h"
 #include "encap_client.h"
 #include "report/results.h"
 #include "workload.h"
@@ -25,12 +25,6 @@ void require(int status, const char *what) {
   }
 }
 
-double processor_ns() {
-  timespec now;
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
-}
-
 // Returns: the processor time of one call of `step`, in nanoseconds. `step` takes a position, which goes on from where
 // the round before ended, and is the same for both contestants.
 template <typename Step>
@@ -46,29 +40,6 @@ double time_of(int round, std::size_t positions, Step step) {
   const double before = processor_ns();
   run(kPairs);
   return (processor_ns() - before) / kPairs;
-}
-
-void release_raw(std::uint32_t nh) {
-  std::uint32_t tunnel = 0;
-  std::uint32_t nh_goes = 0;
-  std::uint32_t tunnel_goes = 0;
-  require(vrl_delete_and_free_egress_encap_with_nh_key(nh, &tunnel, &nh_goes, &tunnel_goes), "a release");
-}
-
-void insert_raw(const Encap &encap, bool with_tunnel) {
-  egress_encap_info_t info{};
-  info.egr_nh = encap.nh;
-  info.egr_tun = encap.tun;
-  info.tun_found = with_tunnel ? 0 : 1;
-  require(vrl_insert_egress_encap(&info, encap.key), "an insert");
-}
-
-std::uint64_t bytes_in_use() {
-  shmwin_stat_t stat{};
-  vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-  shmwin_stat(egress_encap_db->shm_id, &stat);
-  pthread_mutex_unlock(&egress_encap_db->lock.mutex);
-  return stat.size - stat.free_pages * 4096;
 }
 
 class Bench {
@@ -125,11 +96,11 @@ class Bench {
   void measure_memory() {
     std::vector<bool> has_tunnel(workload_.tunnel_room + kFirstIndex);
     for (const Encap &encap : workload_.entered) {
-      insert_raw(encap, !has_tunnel[encap.tun]);
+      require(!EncapDb::insert(encap, !has_tunnel[encap.tun]), "an insert");
       has_tunnel[encap.tun] = true;
     }
-    const double without = static_cast<double>(bytes_in_use());
-    const auto more = [&] { return static_cast<double>(bytes_in_use()) - without; };
+    const double without = static_cast<double>(EncapDb::bytes());
+    const auto more = [&] { return static_cast<double>(EncapDb::bytes()) - without; };
     client_ = opened();
     for (std::uint32_t i = 0; i < kFew; ++i) {
       enter(workload_.entered[i].key);
@@ -158,9 +129,8 @@ class Bench {
     constexpr char kWhat[] = "present key entered, released";
     const auto &used = workload_.used;
     const auto raw = [&](std::size_t i) {
-      egress_encap_info_t info;
-      require(vrl_find_and_share_egress_encap(&info, used[i].key), "a share");
-      release_raw(info.egr_nh);
+      const Found found = EncapDb::share(used[i].key);
+      require(!found.nh_found || !EncapDb::release({used[i].key, found.nh, found.tun}), "a share and its release");
     };
     const auto client = [&](std::size_t i) {
       require(encap_client_release(client_, enter(used[i].key), nullptr), "a release");
@@ -175,14 +145,12 @@ class Bench {
     const auto &keys = workload_.missing_nh;
     std::vector<std::uint32_t> tunnels;
     for (const Key &key : keys) {
-      egress_encap_info_t info;
-      require(vrl_find_egress_encap(&info, key), "a find");
-      tunnels.push_back(info.egr_tun);
+      tunnels.push_back(EncapDb::find(key).tun);
     }
     const std::uint32_t last = kFirstIndex + workload_.nh_room() - 1;
     const auto raw = [&](std::size_t i) {
-      insert_raw({keys[i], last, tunnels[i]}, false);
-      release_raw(last);
+      const Encap encap{keys[i], last, tunnels[i]};
+      require(!EncapDb::insert(encap, false) || !EncapDb::release(encap), "an insert and its release");
     };
     const auto client = [&](std::size_t i) {
       require(encap_client_release(client_, enter(keys[i]), nullptr), "a release");

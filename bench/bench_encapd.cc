@@ -14,6 +14,7 @@
 #include <iostream>
 
 #include "../tests/encapd/router.h"
+#include "clock.h"
 #include "feed.h"
 #include "report/results.h"
 
@@ -102,15 +103,9 @@ double anonymous_bytes() {
   fail("/proc/self/status has no RssAnon");
 }
 
-double processor_seconds() {
-  timespec time{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 struct Taken {
   double seconds;
-  double processor;  // seconds of this process on a processor, the reading of the socket included
+  double processor;  // nanoseconds of this process on a processor, the reading of the socket included
 };
 
 // Feeds one stream.
@@ -127,7 +122,7 @@ Taken feed_stream(encapd::Feed &feed, std::uint32_t routes, bool objects) {
   }
   feed.connected();
   const Clock::time_point begin = Clock::now();
-  const double processor = processor_seconds();
+  const double processor = encap_bench::processor_ns();
   if (write(fd, "!", 1) != 1) {
     fail("the child has ended");
   }
@@ -138,7 +133,8 @@ Taken feed_stream(encapd::Feed &feed, std::uint32_t routes, bool objects) {
       fail("the stream makes no sense");
     }
   }
-  const Taken taken{std::chrono::duration<double>(Clock::now() - begin).count(), processor_seconds() - processor};
+  const Taken taken{std::chrono::duration<double>(Clock::now() - begin).count(),
+                    encap_bench::processor_ns() - processor};
   waitpid(child, nullptr, 0);
   close(fd);
   if (feed.holder().held() != routes) {
@@ -179,7 +175,7 @@ void measure(const std::string &size, int round, const std::string &results, con
       std::fprintf(
           stderr,
           "encapd, %s: %.0f messages/s (%.0f ns of a processor each), refreshed %.0f messages/s, %.1f bytes a route\n",
-          who.c_str(), messages / first.seconds, first.processor * 1e9 / messages, messages / again.seconds, bytes);
+          who.c_str(), messages / first.seconds, first.processor / messages, messages / again.seconds, bytes);
       feed.leave();
     }
     shmwin_error_t ignored{};

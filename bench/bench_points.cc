@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
+#include "clock.h"
 #include "diag/component.h"
 #include "diag/points.h"
 #include "ed.h"
@@ -29,12 +29,6 @@ constexpr double kPointsOfFindHit = 5;
 
 [[gnu::noinline]] void pass_nothing(std::uint32_t value) {
   benchmark::DoNotOptimize(value);
-}
-
-double processor_ns() {
-  timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
 double time_of(void (*body)(std::uint32_t)) {

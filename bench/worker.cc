@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <new>
 
 namespace encap_bench {
@@ -52,12 +51,6 @@ pid_t fork_worker() {
 
 void let_workers_go() {
   std::signal(SIGCHLD, SIG_DFL);
-}
-
-double now_ns() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
 
 std::vector<std::uint32_t> own_positions(const Workload &workload, std::uint32_t number, std::uint32_t processes) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "clock.h"
 #include "operations.h"
 
 namespace encap_bench {
@@ -40,8 +41,6 @@ Board &shared_board();
 // until let_workers_go(). Returns: as fork().
 pid_t fork_worker();
 void let_workers_go();
-
-double now_ns();
 
 // The positions that belong to one of several processes: no two of them change the same NH.
 std::vector<std::uint32_t> own_positions(const Workload &workload, std::uint32_t number, std::uint32_t processes);

@@ -6,6 +6,7 @@
 #include "contestants/lock.h"
 #include "ed.h"
 #include "encap_db_owner.h"
+#include "shmwin/layout.h"
 
 namespace encap_bench {
 namespace {
@@ -39,6 +40,11 @@ EncapDb::EncapDb(const Place &place, const Workload &workload, Role role, std::u
     std::fprintf(stderr, "%s\n", error.text);
     std::exit(1);
   }
+  void *window = nullptr;
+  std::size_t bytes = 0;
+  if (!kGroups && shmwin_bounds(kWindowId, &window, &bytes) == 0) {
+    static_cast<vrellis::WindowHeader *>(window)->kept_pages = 0;
+  }
 }
 
 EncapDb::~EncapDb() {
@@ -48,14 +54,14 @@ EncapDb::~EncapDb() {
   }
 }
 
-shmwin_stat_t EncapDb::usage() const {
+shmwin_stat_t EncapDb::usage() {
   const Guard guard(&egress_encap_db->lock.mutex);
   shmwin_stat_t stat{};
-  shmwin_stat(kWindowId, &stat);
+  shmwin_stat(egress_encap_db->shm_id, &stat);
   return stat;
 }
 
-std::uint64_t EncapDb::bytes() const {
+std::uint64_t EncapDb::bytes() {
   const shmwin_stat_t stat = usage();
   return stat.size - stat.free_pages * 4096;
 }

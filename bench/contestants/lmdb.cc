@@ -127,21 +127,23 @@ Lmdb::~Lmdb() {
   }
 }
 
-Found Lmdb::find(const Key &key) {
+template <typename Body>
+auto Lmdb::read(const Key &key, Body body) {
   const Guard guard(mutex_);
   mdb_txn_renew(reader_);
   StoredKey wanted = stored(key);
   MDB_val name = as_value(wanted);
   MDB_val value;
-  Found found;
-  if (mdb_get(reader_, table_, &name, &value) == 0) {
-    const Record record = record_in(value);
-    found = {true, true, record.nh, record.tun};
-  } else {
-    found = miss(key);
-  }
+  const bool there = mdb_get(reader_, table_, &name, &value) == 0;
+  const auto result = body(there, there ? record_in(value) : Record{});
   mdb_txn_reset(reader_);
-  return found;
+  return result;
+}
+
+Found Lmdb::find(const Key &key) {
+  return read(key, [&](bool there, const Record &record) {
+    return there ? Found{true, true, record.nh, record.tun} : miss(key);
+  });
 }
 
 // Whether the tunnel is there without the NH.
@@ -196,18 +198,10 @@ bool Lmdb::detach(const Encap &encap) {
 }
 
 bool Lmdb::read_back(const Encap &encap, Data &data) {
-  const Guard guard(mutex_);
-  mdb_txn_renew(reader_);
-  StoredKey wanted = stored(encap.key);
-  MDB_val name = as_value(wanted);
-  MDB_val value;
-  const bool there = mdb_get(reader_, table_, &name, &value) == 0;
-  if (there) {
-    const Record record = record_in(value);
+  return read(encap.key, [&](bool there, const Record &record) {
     data = {record.seed_nh, record.failover_nh, record.tun};
-  }
-  mdb_txn_reset(reader_);
-  return there;
+    return there;
+  });
 }
 
 std::uint64_t Lmdb::bytes() const {

@@ -32,6 +32,9 @@ class Lmdb {
   std::uint64_t bytes() const;
 
  private:
+  // One read transaction: calls body(found, record) and returns its result.
+  template <typename Body>
+  auto read(const Key &key, Body body);
   Found miss(const Key &key);
 
   std::string file_;

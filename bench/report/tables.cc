@@ -182,7 +182,8 @@ std::string growth_text(const Results &results) {
             number(ours, 0) + " | " + number(ours / levels, 1) + " | " +
             number(results.median({"ns", size, kFind, kBound}), 0) + " |\n";
   }
-  return text + "\n";
+  return text + "\nWhere the NH nodes of a new tunnel get no room to lie together, S / M / L: " +
+         medians_of(results, kFind, "encap_db, no groups") + " ns.\n\n";
 }
 
 std::string instructions_text(const Results &results) {
