@@ -112,7 +112,7 @@ def bgp(lab):
 
 
 def zebra(lab):
-    """zebra is killed and started again; its neighbours come back seconds after it"""
+    """zebra is killed and started again; staticd and bgpd come back seconds after it"""
     paths = some_of_each(lab)
     connections = lab.daemon.status()["connections"]
     lab.router.kill("zebra", "bgpd")
@@ -140,15 +140,16 @@ def encapd(lab):
 
 
 def both(lab):
-    """zebra and encapd are killed at once, and started again"""
+    """the whole router and encapd are killed at once, and started again"""
     paths = some_of_each(lab)
     lab.daemon.kill()
-    lab.router.kill("zebra", "bgpd")
+    lab.router.kill("zebra", "bgpd", "staticd")
     lab.daemon.start()
-    lab.unchanged("both killed: everything is kept")
-    lab.router.start("zebra", "bgpd")
+    lab.unchanged("all killed: everything is kept")
+    lab.router.start("zebra", "bgpd", "staticd")
+    lab.router.configure(*two_label_lines(100))
     lab.refreshed(0, paths)
-    lab.agree("both are back", paths, moves=0)
+    lab.agree("all are back", paths, moves=0)
     none_of_each(lab)
 
 
