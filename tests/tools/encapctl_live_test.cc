@@ -224,5 +224,40 @@ TEST_F(EncapctlTest, HugePagesAreAskedForAndShown) {
   EXPECT_TRUE(has(line, " hg ")) << line;
 }
 
+// Root does not trust a window that another user could have prepared, unless it is told to.
+TEST_F(EncapctlTest, TheWindowOfAnotherUserIsTrustedWhenNamed) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "a window of another user takes root";
+  }
+  make_database();
+  ASSERT_EQ(chown(path().c_str(), 65534, 65534), 0);
+  const std::vector<std::vector<std::string>> verbs = {{"repair"}, {"reclaim", "--dead"}};
+  for (const std::vector<std::string> &verb : verbs) {
+    EXPECT_TRUE(has(on_window(verb).err, "belongs to user 65534")) << verb[0];
+  }
+  EXPECT_EQ(on_window({"repair", "--user", "65534"}).status, 0);
+  EXPECT_EQ(on_window({"reclaim", "--dead", "--user", "nobody"}).status, 1) << "there is none";
+  EXPECT_TRUE(has(on_window({"repair", "--user", "no one"}).err, "there is no user 'no one'"));
+}
+
+TEST_F(EncapctlTest, AGroupSharesADatabase) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "a file of another group takes root";
+  }
+  const std::string listing = path() + ".routes";
+  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n";
+  ASSERT_EQ(on_window({"load", listing, "--client", "lab", "--group", "65534"}).status, 0);
+  for (const std::string &file : {path(), path() + ".interfaces"}) {
+    struct stat status {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, 65534u) << file;
+    EXPECT_EQ(status.st_mode & 0777, 0660u) << file;
+  }
+  EXPECT_EQ(on_window({"load", listing, "--client", "lab", "--group", "65534"}).status, 0);
+  EXPECT_TRUE(has(on_window({"load", listing, "--client", "lab"}).err, "may write to it"));
+  unlink(listing.c_str());
+  unlink((path() + ".interfaces").c_str());
+}
+
 }  // namespace
 }  // namespace encapctl_test

@@ -9,7 +9,8 @@ namespace {
 
 int run(const encapd::Options &options) {
   encap_client_config_t config{};
-  config.database = encap_inspect::config_of(options.directory.c_str(), options.name.c_str(), options.ranges);
+  config.database =
+      encap_inspect::config_of(options.directory.c_str(), options.name.c_str(), options.ranges, options.owner);
   config.name = options.client.c_str();
   encap_client_t *client = nullptr;
   shmwin_error_t error{};

@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <cstring>
 
+#include "database_options.h"
+
 namespace encapd {
 namespace {
 
@@ -75,11 +77,8 @@ void add_window_options(CLI::App &app, Options &options) {
       ->type_name("NAME")
       ->envname("ENCAPCTL_NAME")
       ->capture_default_str();
-  app.add_option("--shm-id", options.ranges.shm_id, "Id of the window (default: 1)")->type_name("ID");
-  app.add_option("--nh-start", options.ranges.nh_start, "First NH index (default: 1000)")->type_name("N");
-  app.add_option("--nh-size", options.ranges.nh_size, "NH indexes (default: 65536)")->type_name("N");
-  app.add_option("--tun-start", options.ranges.tun_start, "First tunnel index (default: 1)")->type_name("N");
-  app.add_option("--tun-size", options.ranges.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
+  vrellis_tools::add_range_options(app, options.ranges);
+  vrellis_tools::add_owner_options(app, options.owner);
 }
 
 }  // namespace

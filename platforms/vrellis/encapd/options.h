@@ -25,6 +25,7 @@ struct Options {
   bool events = false;
   bool leave = false;
   encap_inspect::Ranges ranges;
+  encap_inspect::Owner owner;
 
   sockaddr_storage address{};  // of `fpm`
   socklen_t address_bytes = 0;

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "database_options.h"
+
 namespace encapctl {
 namespace {
 
@@ -30,6 +32,11 @@ void add_options(CLI::App &verb, WindowOptions &options) {
   add_name(verb, "--name", options.name, "File name of the window", "NAME")
       ->envname("ENCAPCTL_NAME")
       ->capture_default_str();
+}
+
+void add_options(CLI::App &verb, OwnedWindowOptions &options) {
+  add_options(verb, static_cast<WindowOptions &>(options));
+  vrellis_tools::add_owner_options(verb, options.owner);
 }
 
 void add_options(CLI::App &verb, SourceOptions &options) {

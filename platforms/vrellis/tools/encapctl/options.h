@@ -20,12 +20,13 @@ inline constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::ma
 CLI::App &add_command(CLI::App &parent, const std::string &name, const std::string &description,
                       const std::string &examples);
 
-void add_options(CLI::App &verb, DirectoryOptions &options);  // --dir
-void add_options(CLI::App &verb, WindowOptions &options);     // and --name
-void add_options(CLI::App &verb, SourceOptions &options);     // and --file
-void add_options(CLI::App &verb, TraceDirectory &options);    // --trace-dir
-void add_options(CLI::App &verb, TraceOptions &options);      // and --all-traces
-void add_options(CLI::App &verb, OutputOptions &options);     // --json, --no-color
+void add_options(CLI::App &verb, DirectoryOptions &options);    // --dir
+void add_options(CLI::App &verb, WindowOptions &options);       // and --name
+void add_options(CLI::App &verb, OwnedWindowOptions &options);  // and --user, --group
+void add_options(CLI::App &verb, SourceOptions &options);       // of WindowOptions, and --file
+void add_options(CLI::App &verb, TraceDirectory &options);      // --trace-dir
+void add_options(CLI::App &verb, TraceOptions &options);        // and --all-traces
+void add_options(CLI::App &verb, OutputOptions &options);       // --json, --no-color
 CLI::Option *add_time_option(CLI::App &verb, const std::string &name, double &seconds, const std::string &what);
 void add_limit_option(CLI::App &verb, std::uint64_t &limit, const std::string &what);
 

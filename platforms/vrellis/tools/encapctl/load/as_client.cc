@@ -15,9 +15,9 @@ void Swept::add(const encap_left_t *left, void *swept) {
   all.tunnels += left->tunnel_left;
 }
 
-AsClient::AsClient(const WindowOptions &window, const encap_inspect::Ranges &ranges, const std::string &name) {
+AsClient::AsClient(const OwnedWindowOptions &window, const encap_inspect::Ranges &ranges, const std::string &name) {
   encap_client_config_t config{};
-  config.database = encap_inspect::config_of(window.directory.c_str(), window.name.c_str(), ranges);
+  config.database = encap_inspect::config_of(window.directory.c_str(), window.name.c_str(), ranges, window.owner);
   config.name = name.c_str();
   shmwin_error_t error{};
   if (encap_client_open(&config, &client_, &error) != 0) {

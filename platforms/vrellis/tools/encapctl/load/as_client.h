@@ -22,7 +22,7 @@ struct Swept {
 class AsClient {
  public:
   // Opens the database and the name. Throws Failure.
-  AsClient(const WindowOptions &window, const encap_inspect::Ranges &ranges, const std::string &name);
+  AsClient(const OwnedWindowOptions &window, const encap_inspect::Ranges &ranges, const std::string &name);
   ~AsClient();
   AsClient(const AsClient &) = delete;
   AsClient &operator=(const AsClient &) = delete;

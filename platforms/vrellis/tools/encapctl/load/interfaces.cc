@@ -33,11 +33,11 @@ bool parse(std::string_view text, std::uint32_t &number) {
 
 }  // namespace
 
-Interfaces::Interfaces(const std::string &window_path)
+Interfaces::Interfaces(const std::string &window_path, const encap_inspect::Owner &owner)
     : path_(path_of(window_path)),
       fd_(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)) {
   try {
-    check_file();
+    check_file(owner);
     read();
   } catch (...) {
     close(fd_);
@@ -53,7 +53,7 @@ void Interfaces::fail(const std::string &reason) const {
   throw Failure(fmt::format("the interface numbers in '{}' cannot be used: {}", path_, reason));
 }
 
-void Interfaces::check_file() {
+void Interfaces::check_file(const encap_inspect::Owner &owner) {
   struct stat status {};
   if (fd_ < 0 || fstat(fd_, &status) != 0) {
     fail(std::strerror(errno));
@@ -61,7 +61,16 @@ void Interfaces::check_file() {
   if (!S_ISREG(status.st_mode)) {
     fail("it is no regular file");
   }
-  if ((status.st_uid != 0 && status.st_uid != geteuid()) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+  // A new file belongs to the group that shares the window.
+  if (status.st_size == 0 && status.st_uid == geteuid() && owner.group && fchown(fd_, -1U, *owner.group) == 0 &&
+      fchmod(fd_, 0660) == 0) {
+    fstat(fd_, &status);
+  }
+  const bool is_trusted =
+      status.st_uid == 0 || status.st_uid == geteuid() || owner.user == status.st_uid || owner.group == status.st_gid;
+  const bool others_write =
+      (status.st_mode & S_IWOTH) != 0 || ((status.st_mode & S_IWGRP) != 0 && owner.group != status.st_gid);
+  if (!is_trusted || others_write) {
     fail("another user may write to it");
   }
   for (int tries = 0; flock(fd_, LOCK_EX | LOCK_NB) != 0; ++tries) {

@@ -15,7 +15,7 @@ class Interfaces {
  public:
   // Throws Failure when the file cannot be used: it is no regular file, another user may write to it, another process
   // holds it for longer than a few seconds, or a line of it makes no sense.
-  explicit Interfaces(const std::string &window_path);
+  Interfaces(const std::string &window_path, const encap_inspect::Owner &owner);
   ~Interfaces();
   Interfaces(const Interfaces &) = delete;
   Interfaces &operator=(const Interfaces &) = delete;
@@ -32,7 +32,7 @@ class Interfaces {
   static std::string path_of(const std::string &window_path) { return window_path + ".interfaces"; }
 
  private:
-  void check_file();
+  void check_file(const encap_inspect::Owner &owner);
   void read();
   void add(const std::string &name, std::uint32_t number);
   [[noreturn]] void fail(const std::string &reason) const;

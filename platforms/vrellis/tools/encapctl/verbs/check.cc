@@ -20,7 +20,7 @@ struct CheckOptions {
 };
 
 struct RepairVerbOptions {
-  WindowOptions window;
+  OwnedWindowOptions window;
   OutputOptions output;
   RepairOptions repair;
   bool dry_run = false;
@@ -158,6 +158,7 @@ int run_repair(RepairVerbOptions &options) {
   encap_db_config_t config{};
   config.directory = options.window.directory.c_str();
   config.name = options.window.name.c_str();
+  trust(options.window.owner, &config);
   const RepairResult result =
       options.dry_run ? rehearse_window(config, options.repair) : repair_window(config, options.repair);
   if (result.status != 0 && result.status != EIO) {

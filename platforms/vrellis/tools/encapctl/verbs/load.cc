@@ -9,12 +9,12 @@
 #include <cstring>
 #include <sstream>
 
+#include "database_options.h"
 #include "encap_db_owner.h"
 #include "load/as_client.h"
 #include "load/interfaces.h"
 #include "load/loader.h"
 #include "output/progress.h"
-#include "ranges.h"
 #include "verbs.h"
 
 namespace encapctl {
@@ -24,7 +24,7 @@ constexpr std::size_t kMaxListing = std::size_t{1} << 28;
 constexpr std::size_t kFaultsTold = 20;
 
 struct LoadOptions {
-  WindowOptions window;
+  OwnedWindowOptions window;
   OutputOptions output;
   std::string routes;
   std::vector<std::string> interfaces;
@@ -74,7 +74,7 @@ route_file::RouteFile read_routes(const std::string &path) {
 
 // Gives each hop the number that its interface has in every listing.
 void number_interfaces(const LoadOptions &options, route_file::RouteFile &routes) {
-  Interfaces interfaces(options.window.path());
+  Interfaces interfaces(options.window.path(), options.window.owner);
   for (const std::string &pair : options.interfaces) {
     interfaces.set(pair);
   }
@@ -121,8 +121,8 @@ void print(const LoadOptions &options, bool created, const route_file::RouteFile
 }
 
 Loaded enter_all(const LoadOptions &options, const std::vector<route_file::Hop> &hops, int *created) {
-  const encap_db_config_t config =
-      encap_inspect::config_of(options.window.directory.c_str(), options.window.name.c_str(), options.ranges);
+  const encap_db_config_t config = encap_inspect::config_of(
+      options.window.directory.c_str(), options.window.name.c_str(), options.ranges, options.window.owner);
   shmwin_error_t error{};
   if (encap_db_open(&config, created, &error) != 0) {
     throw Failure(error.text);
@@ -172,11 +172,7 @@ void add_load(CLI::App &app, int &status) {
           "--client", options.client,
           "Enter it as this client: what it held before is renewed, what the listing does not name is given back")
       ->type_name("NAME");
-  verb.add_option("--shm-id", options.ranges.shm_id, "Id of the window (default: 1)")->type_name("ID");
-  verb.add_option("--nh-start", options.ranges.nh_start, "First NH index (default: 1000)")->type_name("N");
-  verb.add_option("--nh-size", options.ranges.nh_size, "NH indexes (default: 65536)")->type_name("N");
-  verb.add_option("--tun-start", options.ranges.tun_start, "First tunnel index (default: 1)")->type_name("N");
-  verb.add_option("--tun-size", options.ranges.tun_size, "Tunnel indexes (default: 16384)")->type_name("N");
+  vrellis_tools::add_range_options(verb, options.ranges);
 }
 
 }  // namespace encapctl

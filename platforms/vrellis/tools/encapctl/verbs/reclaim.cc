@@ -14,7 +14,7 @@ namespace encapctl {
 namespace {
 
 struct ReclaimOptions {
-  WindowOptions window;
+  OwnedWindowOptions window;
   OutputOptions output;
   std::string name;
   bool dead = false;
@@ -22,7 +22,7 @@ struct ReclaimOptions {
 };
 
 struct UnloadOptions {
-  WindowOptions window;
+  OwnedWindowOptions window;
   OutputOptions output;
   std::string client;
 };

@@ -13,6 +13,7 @@
 #include "database.h"
 #include "holders.h"
 #include "output/output.h"
+#include "ranges.h"
 #include "view.h"
 
 namespace encapctl {
@@ -26,6 +27,11 @@ struct WindowOptions : DirectoryOptions {
   std::string name = "mpls-egress-encap";
 
   std::string path() const { return directory + "/" + name; }
+};
+
+// Which window, for a verb that changes it, and whose window is trusted.
+struct OwnedWindowOptions : WindowOptions {
+  encap_inspect::Owner owner;
 };
 
 // Which window, or which snapshot in its place.
