@@ -1,7 +1,5 @@
 // The calls: each checks its arguments, takes the lock for each of its steps, and gives it back before a callback.
 #include <cerrno>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -11,20 +9,13 @@
 #include "names.h"
 #include "references.h"
 #include "session.h"
+#include "shmwin/refuse.h"
 #include "window.h"
 
 namespace clients {
 namespace {
 
-__attribute__((format(printf, 3, 4))) int refuse(shmwin_error_t *error, int status, const char *format, ...) {
-  if (error != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(error->text, sizeof error->text, format, arguments);
-    va_end(arguments);
-  }
-  return status;
-}
+using vrellis::refuse;
 
 int refuse_name(shmwin_error_t *error, int status, const char *name, const ClientRecord *record) {
   switch (status) {

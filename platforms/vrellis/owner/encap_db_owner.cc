@@ -7,13 +7,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdarg>
-#include <cstdio>
 
 #include "diag/catalogue.h"
 #include "process/robust_lock.h"
+#include "shmwin/refuse.h"
 
 namespace {
+
+using vrellis::refuse;
 
 // Room beyond one node an index: tunnel nodes of the null tunnel, one an interface that carries single labels; and
 // nodes in the hands of processes that died with them, until a repair.
@@ -30,16 +31,6 @@ struct OpenDatabase {
   std::uint32_t shm_id;
 };
 constinit OpenDatabase database{};
-
-__attribute__((format(printf, 3, 4))) int refuse(shmwin_error_t *error, int status, const char *format, ...) {
-  if (error != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(error->text, sizeof error->text, format, arguments);
-    va_end(arguments);
-  }
-  return status;
-}
 
 std::uint64_t array_bytes(std::uint64_t nh_size, std::uint64_t tun_size) {
   return sizeof(egr_nh_info_t) * nh_size + sizeof(egr_tun_info_t) * (tun_size + 1);

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "shmwin/layout.h"
+#include "shmwin/refuse.h"
 
 // A window's file, open and locked.
 struct shmwin_claimed_file {
@@ -22,9 +23,6 @@ namespace vrellis {
 inline mode_t mode_of(const shmwin_config_t &config) {
   return config.mode != 0 ? config.mode : 0600;
 }
-
-// Fills `error` (unless nullptr) with a sentence. Returns `status`.
-__attribute__((format(printf, 3, 4))) int refuse(shmwin_error_t *error, int status, const char *format, ...);
 
 // Refuses what the system refused: "cannot <action> '<subject>': <text of status>".
 int refuse_system(shmwin_error_t *error, int status, const char *action, const char *subject);

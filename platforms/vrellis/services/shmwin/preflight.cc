@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "process/process.h"
@@ -40,16 +38,6 @@ bool is_mappable(std::uint64_t address, std::uint64_t size) {
 }
 
 }  // namespace
-
-int refuse(shmwin_error_t *error, int status, const char *format, ...) {
-  if (error != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(error->text, sizeof error->text, format, arguments);
-    va_end(arguments);
-  }
-  return status;
-}
 
 int refuse_system(shmwin_error_t *error, int status, const char *action, const char *subject) {
   return refuse(error, status, "cannot %s '%s': %s", action, subject, std::strerror(status));
