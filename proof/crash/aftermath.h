@@ -5,8 +5,8 @@
 #include <array>
 #include <set>
 
-#include "check.h"
-#include "repair.h"
+#include "check/check.h"
+#include "repair/repair.h"
 #include "scenarios.h"
 #include "support/window.h"
 #include "support/write_watch.h"

@@ -14,7 +14,7 @@
 #include <fstream>
 #include <optional>
 
-#include "check.h"
+#include "check/check.h"
 #include "shmwin/layout.h"
 #include "support/driver.h"
 #include "support/operations.h"

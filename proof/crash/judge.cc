@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "repair.h"
+#include "repair/repair.h"
 
 namespace crash {
 namespace {

@@ -12,10 +12,10 @@
 #include <fstream>
 #include <functional>
 
-#include "check.h"
+#include "check/check.h"
 #include "ltrace/file.h"
 #include "ltrace/reader.h"
-#include "repair.h"
+#include "repair/repair.h"
 #include "support/operations.h"
 #include "support/window.h"
 

@@ -4,9 +4,9 @@
 // window, small numbers). Its first byte may cut the window off as well; a cut one is looked at and checked alone.
 #include <unistd.h>
 
-#include "check.h"
+#include "check/check.h"
 #include "fuzz_input.h"
-#include "repair.h"
+#include "repair/repair.h"
 #include "shmwin/layout.h"
 #include "support/operations.h"
 #include "support/window.h"

@@ -10,7 +10,7 @@
 #include <random>
 #include <thread>
 
-#include "repair.h"
+#include "repair/repair.h"
 #include "storm.h"
 #include "support/driver.h"
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "check.h"
+#include "check/check.h"
 #include "shmwin/layout.h"
 
 namespace crash {

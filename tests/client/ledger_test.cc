@@ -1,7 +1,7 @@
 // Ledgers that grow and shrink: what a client holds, beside a map, and what its pages cost.
 #include <random>
 
-#include "check.h"
+#include "check/check.h"
 #include "client_fixture.h"
 
 namespace test_support {

@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "../client/client_fixture.h"
-#include "check.h"
+#include "check/check.h"
 #include "feed.h"
 #include "router.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "encap_db_owner.h"
-#include "repair.h"
+#include "repair/repair.h"
 #include "shmwin/layout.h"
 
 namespace inspect_tests {

@@ -7,7 +7,7 @@
 
 #include "avl.h"
 #include "inspect_fixture.h"
-#include "mend.h"
+#include "repair/mend.h"
 
 namespace inspect_tests {
 

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <new>
 
-#include "lock_word.h"
-#include "repair.h"
-#include "survey.h"
+#include "reading/lock_word.h"
+#include "reading/survey.h"
+#include "repair/repair.h"
 
 namespace encap_inspect {
 namespace {

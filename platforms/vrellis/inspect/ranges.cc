@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "database.h"
+#include "reading/database.h"
 
 namespace encap_inspect {
 

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "repair.h"
+#include "repair/repair.h"
 #include "verbs.h"
 #include "window/window.h"
 

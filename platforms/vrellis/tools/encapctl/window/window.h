@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
-#include "database.h"
-#include "holders.h"
+#include "check/check.h"
 #include "output/output.h"
 #include "ranges.h"
-#include "view.h"
+#include "reading/database.h"
+#include "reading/holders.h"
+#include "reading/view.h"
 
 namespace encapctl {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "check.h"
+#include "check/check.h"
 #include "encap_db_owner.h"
 
 namespace encap_inspect {

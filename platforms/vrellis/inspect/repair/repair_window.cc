@@ -6,8 +6,8 @@
 #include <cstring>
 #include <memory>
 
-#include "lock_word.h"
 #include "mend.h"
+#include "reading/lock_word.h"
 #include "shmwin.h"
 
 namespace encap_inspect {

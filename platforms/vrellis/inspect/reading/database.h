@@ -72,7 +72,8 @@ struct TunnelNode {
   std::uint32_t nh_count;
 };
 
-inline constexpr std::uint32_t kNoNode = UINT32_MAX;
+inline constexpr std::uint32_t kNoNode = UINT32_MAX;   // in place of the number of a node
+inline constexpr std::uint32_t kNoIndex = UINT32_MAX;  // in place of a global index
 
 struct Database {
   WindowIdentity window;

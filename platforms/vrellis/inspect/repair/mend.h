@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "avl.h"
-#include "faults.h"
+#include "check/faults.h"
 #include "repair.h"
 
 namespace encap_inspect {

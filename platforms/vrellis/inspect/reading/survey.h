@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "check.h"
 #include "database.h"
+#include "finding_kind.h"
 #include "shmwin/heap/node_class.h"
 
 namespace encap_inspect {

@@ -1,8 +1,8 @@
 // The clients of a database: the blocks that they keep in the window, and their ledgers beside the counts.
 #include <cstring>
 
-#include "faults.h"
 #include "layout.h"
+#include "survey.h"
 
 namespace encap_inspect {
 namespace {
@@ -149,21 +149,6 @@ class ClientWalk {
 
 void survey_clients(Survey &survey) {
   ClientWalk(survey).run();
-}
-
-void find_client_faults(const Survey &survey, Faults *faults) {
-  if (survey.clients_damaged) {
-    faults->all.push_back({FindingKind::kClientsDamaged, kNoIndex, kNoIndex, 0, 0, 0, kNoNode});
-    return;
-  }
-  const Database &db = survey.db;
-  for (std::uint32_t i = 0; i < survey.client_references.size(); ++i) {
-    const egr_nh_info_t *const slot = db.nh_slot(db.nh_start + i);
-    const std::uint64_t held = survey.client_references[i];
-    if (held > (slot->valid != 0 ? slot->ref_count : 0)) {
-      faults->all.push_back({FindingKind::kLedgerCount, db.nh_start + i, kNoIndex, 0, slot->ref_count, held, kNoNode});
-    }
-  }
 }
 
 }  // namespace encap_inspect

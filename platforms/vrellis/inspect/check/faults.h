@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "survey.h"
+#include "check.h"
+#include "reading/survey.h"
 
 namespace encap_inspect {
 
