@@ -53,10 +53,14 @@ TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
   EXPECT_GT(waits[0].at("waited_ns"), 0);
   EXPECT_TRUE(has(on_window({"status"}).out, "waits        " + waiter.pid()));
   waiter.kill();
+  const std::vector<char> copy = bytes();
   holder.kill();
   EXPECT_EQ(on_window({"status", "--json"}).object().at("lock").at("state"), "held by the dead");
   EXPECT_TRUE(
       has(on_window({"status"}).out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
+  put_bytes(copy);
+  EXPECT_EQ(on_window({"status", "--json"}).object().at("lock").at("state"), "lost");
+  EXPECT_TRUE(has(on_window({"status"}).out, "encapctl repair makes it anew"));
 }
 
 TEST_F(EncapctlTest, ReadingNeedsNoLockAndASnapshotWantsTheMomentAfterIt) {

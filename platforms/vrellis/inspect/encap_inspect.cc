@@ -66,7 +66,7 @@ std::uint32_t lock_of(const LockState &lock) {
   if (!lock.held) {
     return ENCAP_LOCK_FREE;
   }
-  return lock.owner_died ? ENCAP_LOCK_LEFT : lock.owner == Liveness::kDead ? ENCAP_LOCK_LOST : ENCAP_LOCK_HELD;
+  return lock.owner_died ? ENCAP_LOCK_LEFT : lock.lost() ? ENCAP_LOCK_LOST : ENCAP_LOCK_HELD;
 }
 
 std::uint64_t deaths_in(const Database &db) {

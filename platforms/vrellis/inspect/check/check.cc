@@ -77,7 +77,7 @@ void find_lock_faults(const LockState &lock, Faults *faults) {
     add(faults, Kind::kLockDamaged);
   } else if (lock.held && lock.owner_died) {
     add(faults, Kind::kLockDeadOwner, owner);
-  } else if (lock.held && lock.owner == Liveness::kDead) {
+  } else if (lock.lost()) {
     add(faults, Kind::kLockLost, owner);
   }
 }

@@ -41,11 +41,14 @@ struct LockState {
   bool recognised = false;  // it is a robust, recursive, process-shared mutex: the rest means something
   bool held = false;        // locked, or left locked by a thread that died
   bool owner_died = false;  // the kernel has marked it so: the next to lock it takes it over
-  bool waiters = false;     // somebody waits, or did
+  bool waiters = false;     // a thread waits, or did
   pid_t owner_tid = 0;      // 0 in a held one: a thread that died while it took the lock over
   pid_t owner_pid = 0;      // 0: not known
   std::uint32_t depth = 0;  // how often its holder has locked it
   Liveness owner = Liveness::kUnknown;
+
+  // Its holder ended without the kernel's mark: no thread ever gets it. So is that of a window copied while locked.
+  bool lost() const { return held && !owner_died && owner == Liveness::kDead; }
 };
 
 // Of the window's heap, counted page by page.

@@ -56,7 +56,10 @@ std::string lock_text(const Database &db, const ProcessNames &names) {
   const pid_t pid = lock_owner(db);
   const std::string owner = pid != 0 ? fmt::format("{}/{} ({})", pid, lock.owner_tid, name_in(names, pid))
                                      : fmt::format("thread {}", lock.owner_tid);
-  if (lock.owner_died || lock.owner == Liveness::kDead) {
+  if (lock.lost()) {
+    return fmt::format("lost: {}, which is gone, can never give it back: encapctl repair makes it anew", owner);
+  }
+  if (lock.owner_died) {
     return fmt::format("left locked by {}, which is dead: the next to lock it takes it over", owner);
   }
   return fmt::format("held by {}, {}, locked {} deep", owner, name_of(lock.owner), lock.depth);

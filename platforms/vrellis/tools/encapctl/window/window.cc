@@ -75,7 +75,7 @@ std::string_view lock_word(const LockState &lock) {
   if (!lock.recognised) {
     return "damaged";
   }
-  return !lock.held ? "free" : lock.owner_died || lock.owner == Liveness::kDead ? "held by the dead" : "held";
+  return !lock.held ? "free" : lock.lost() ? "lost" : lock.owner_died ? "held by the dead" : "held";
 }
 
 NhView nh_at(const Database &db, std::uint32_t index) {
