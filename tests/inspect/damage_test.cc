@@ -146,6 +146,9 @@ TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
   window_header().version = 9;
   EXPECT_NE(text(look()).find("is of layout version 9, this library reads version 2"), std::string::npos);
   restore();
+  window_header().word_bits = 32;
+  EXPECT_NE(text(look()).find("a word size in bits of 32, this process has 64"), std::string::npos) << text(look());
+  restore();
   ++window_header().pid_namespace;  // the database can be looked at, and no process of this namespace can use it
   EXPECT_EQ(kinds(check(View::over(window_, bytes_))), std::set<std::string>{"other-namespace"});
   EXPECT_EQ(repair(kId).status, EINVAL);

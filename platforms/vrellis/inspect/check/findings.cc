@@ -1,4 +1,4 @@
-// What findings are called, and how they read.
+// How findings and what repair does about them read.
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -8,21 +8,9 @@
 namespace encap_inspect {
 namespace {
 
-struct KindRow {
-  const char *name;
-  Severity severity;
-  const char *repair;
-};
-
-constexpr KindRow kRows[] = {
-#define ENCAP_FINDING_ROW(kind, name, severity, repair) {name, Severity::severity, repair},
-    ENCAP_FINDING_KINDS(ENCAP_FINDING_ROW)
-#undef ENCAP_FINDING_ROW
-};
-
 // In the texts: %n "NH 7", %t "tunnel 7" or "the null tunnel", %T the tree, %a the address, %h the thread found, %f and
-// %w the values found and wanted. A kind without a first text reads as an attach refuses it; one without a second text is
-// nothing that repair can mend.
+// %w the values found and wanted. A kind without a first text reads as an attach refuses it, and so does a fault of the
+// header that names no values. What has no second text cannot be mended.
 struct Text {
   FindingKind kind;
   const char *sentence;
@@ -35,7 +23,7 @@ constexpr Text kTexts[] = {
     {Kind::kTruncated, "", ""},
     {Kind::kLayoutVersion, "", ""},
     {Kind::kOtherNamespace, "", ""},
-    {Kind::kHeaderIdentity, "the window's header contradicts itself: it records %f where %w belongs", ""},
+    {Kind::kHeaderIdentity, "the database's header records window id %f, the window's header %w", ""},
     {Kind::kNotInitialised, "the window holds no initialised database", ""},
     {Kind::kHeaderRange, "an index range in the database's header ends before it begins", ""},
     {Kind::kHeaderArray, "the slot arrays in the database's header are no blocks of the window", ""},
@@ -103,7 +91,7 @@ constexpr bool texts_in_order() {
   }
   return true;
 }
-static_assert(std::size(kRows) == kFindingKinds && std::size(kTexts) == kFindingKinds && texts_in_order());
+static_assert(std::size(kTexts) == kFindingKinds && texts_in_order());
 
 std::string tunnel_text(std::uint32_t index) {
   return index == kNoIndex ? "no tunnel" : index == 0 ? "the null tunnel" : "tunnel " + std::to_string(index);
@@ -142,31 +130,12 @@ std::string expand(const char *text, const Fault &fault) {
   return out;
 }
 
-const KindRow &row_of(FindingKind kind) {
-  return kRows[static_cast<std::size_t>(kind)];
-}
-
 }  // namespace
-
-const char *name_of(FindingKind kind) {
-  return row_of(kind).name;
-}
-
-Severity severity_of(FindingKind kind) {
-  return row_of(kind).severity;
-}
-
-const char *repair_of(FindingKind kind) {
-  return row_of(kind).repair;
-}
-
-const char *name_of(Severity severity) {
-  return severity == Severity::kNote ? "note" : severity == Severity::kPartial ? "partial" : "damage";
-}
 
 std::string sentence_of(const Faults &faults, const Fault &fault) {
   const char *const text = kTexts[static_cast<std::size_t>(fault.kind)].sentence;
-  return *text != '\0' ? expand(text, fault) : faults.refusal;
+  const bool refused = *text == '\0' || (fault.kind == Kind::kHeaderIdentity && fault.found == fault.wanted);
+  return refused ? faults.refusal : expand(text, fault);
 }
 
 std::string mending_of(const Fault &fault) {

@@ -57,7 +57,8 @@ std::ptrdiff_t early_words(const Words &words) {
   }
   ed_query_error_t error{};
   near.tell(error);
-  throw Failure(fmt::format("there is no verb '{}'{}; `encapctl help` lists the verbs", word, error.text));
+  throw Failure(fmt::format("there is no verb '{}'{}{} `encapctl help` lists the verbs", word, error.text,
+                            error.text[0] != '\0' ? "" : ";"));
 }
 
 // Brings the words into the order that the verbs read: the verb and its own verb, then options. "help show nhs" becomes
