@@ -27,8 +27,9 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/deb/triggers ${PROJECT_BINARY_DIR}/deb/shlibs)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "MPLS egress encapsulation database: shared libraries
 The database of tunnels and next hops that the processes of a router's
-forwarding plane keep in one shared-memory window, the services below it, and
-the owner that creates or attaches it.")
+forwarding plane keep in one shared-memory window, the services below it, the
+owner that creates or attaches it, the client library of daemons, and the
+inspector that checks and repairs it.")
 file(WRITE ${PROJECT_BINARY_DIR}/deb/triggers "activate-noawait ldconfig\n")
 set(shlibs)
 foreach(target ${encap_shared_libraries})
