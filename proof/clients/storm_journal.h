@@ -1,6 +1,6 @@
 // The storm of clients' common ground: what each thread has completed, in memory that survives it.
-#ifndef ENCAP_PROOF_STORM_JOURNAL_H
-#define ENCAP_PROOF_STORM_JOURNAL_H
+#ifndef ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
+#define ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
 
 #include <random>
 

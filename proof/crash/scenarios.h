@@ -1,6 +1,6 @@
 // The scenarios of a death: what was done before, and what the process that dies is doing.
-#ifndef ENCAP_TESTS_CRASH_SCENARIOS_H
-#define ENCAP_TESTS_CRASH_SCENARIOS_H
+#ifndef ENCAP_PROOF_CRASH_SCENARIOS_H
+#define ENCAP_PROOF_CRASH_SCENARIOS_H
 
 #include <functional>
 #include <string>

@@ -1,6 +1,6 @@
 // Takes values off a fuzzer's input; gives zeros when it has run out.
-#ifndef ENCAP_TESTS_FUZZ_INPUT_H
-#define ENCAP_TESTS_FUZZ_INPUT_H
+#ifndef ENCAP_PROOF_FUZZ_INPUT_H
+#define ENCAP_PROOF_FUZZ_INPUT_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // Runs work in a child process one instruction at a time, and keeps each state in which its death would leave a window.
-#ifndef ENCAP_TESTS_CRASH_STEPPER_H
-#define ENCAP_TESTS_CRASH_STEPPER_H
+#ifndef ENCAP_PROOF_STEPPER_H
+#define ENCAP_PROOF_STEPPER_H
 
 #include <functional>
 #include <unordered_set>

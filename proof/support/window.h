@@ -1,6 +1,6 @@
 // A small database in a window of the test's own, as bytes that can be kept, put back and looked at.
-#ifndef ENCAP_TESTS_CRASH_WINDOW_H
-#define ENCAP_TESTS_CRASH_WINDOW_H
+#ifndef ENCAP_PROOF_WINDOW_H
+#define ENCAP_PROOF_WINDOW_H
 
 #include <sys/types.h>
 

@@ -1,6 +1,6 @@
 // Sees every store of this process to a window: each one faults, is let through alone, and is written down.
-#ifndef ENCAP_TESTS_CRASH_WRITE_WATCH_H
-#define ENCAP_TESTS_CRASH_WRITE_WATCH_H
+#ifndef ENCAP_PROOF_WRITE_WATCH_H
+#define ENCAP_PROOF_WRITE_WATCH_H
 
 #include <cstddef>
 #include <cstdint>

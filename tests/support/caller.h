@@ -1,6 +1,6 @@
 // A caller of the database that chooses its next operation at random, from few keys and indexes so that they meet.
-#ifndef ENCAP_TESTS_CRASH_CALLER_H
-#define ENCAP_TESTS_CRASH_CALLER_H
+#ifndef ENCAP_TESTS_CALLER_H
+#define ENCAP_TESTS_CALLER_H
 
 #include <functional>
 #include <string>

@@ -1,6 +1,6 @@
 // One call of the database as data: made on the library and on the model, with answers that compare.
-#ifndef ENCAP_TESTS_CRASH_OPERATIONS_H
-#define ENCAP_TESTS_CRASH_OPERATIONS_H
+#ifndef ENCAP_TESTS_OPERATIONS_H
+#define ENCAP_TESTS_OPERATIONS_H
 
 #include <cstdint>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Which NH and which tunnel a trace record is about, as the table of points tells.
-#ifndef ENCAPCTL_POINT_ROLES_H
-#define ENCAPCTL_POINT_ROLES_H
+#ifndef ENCAPCTL_SUBJECTS_H
+#define ENCAPCTL_SUBJECTS_H
 
 #include <cstdint>
 #include <optional>
