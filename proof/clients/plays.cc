@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "lookup.h"
-#include "support/operations.h"
+#include "model/operations.h"
 #include "support/write_watch.h"
 
 namespace client_proof {

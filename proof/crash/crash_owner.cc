@@ -15,9 +15,9 @@
 #include <optional>
 
 #include "check/check.h"
+#include "model/operations.h"
 #include "shmwin/layout.h"
 #include "support/driver.h"
-#include "support/operations.h"
 #include "support/stepper.h"
 
 namespace crash {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "support/operations.h"
+#include "model/operations.h"
 
 namespace crash {
 

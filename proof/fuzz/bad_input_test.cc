@@ -15,8 +15,8 @@
 #include "check/check.h"
 #include "ltrace/file.h"
 #include "ltrace/reader.h"
+#include "model/operations.h"
 #include "repair/repair.h"
-#include "support/operations.h"
 #include "support/window.h"
 
 namespace crash {

@@ -1,6 +1,6 @@
 // Sequences of calls on a real window beside the model; the first byte chooses whether the caller keeps the rules.
 #include "fuzz_input.h"
-#include "support/caller.h"
+#include "model/caller.h"
 #include "support/window.h"
 
 namespace {

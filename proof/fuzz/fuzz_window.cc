@@ -6,9 +6,9 @@
 
 #include "check/check.h"
 #include "fuzz_input.h"
+#include "model/operations.h"
 #include "repair/repair.h"
 #include "shmwin/layout.h"
-#include "support/operations.h"
 #include "support/window.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <random>
 
-#include "support/caller.h"
+#include "model/caller.h"
 #include "support/driver.h"
 
 namespace crash {

@@ -2,8 +2,8 @@
 #ifndef ENCAP_PROOF_STORM_H
 #define ENCAP_PROOF_STORM_H
 
+#include "model/operations.h"
 #include "storm/herd.h"
-#include "support/operations.h"
 
 namespace crash {
 

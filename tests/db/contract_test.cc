@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "support/fixture.h"
+#include "doubles/fixture.h"
 
 namespace encap_test {
 namespace {

@@ -1,6 +1,6 @@
 // The storage format: golden bytes of each record, as C11 and as C++ see it, and of slots that operations fill.
+#include "doubles/fixture.h"
 #include "layout_records.h"
-#include "support/fixture.h"
 
 extern "C" const layout_records_t *layout_records_of_c(void);
 

@@ -1,6 +1,6 @@
 // The six error messages, byte for byte.
+#include "doubles/fixture.h"
 #include "oxa_errmsg.h"
-#include "support/fixture.h"
 
 namespace encap_test {
 namespace {

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <string>
 
-#include "../services/processes.h"
+#include "child.h"
 #include "encap_db_owner.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <sstream>
 
 #include "diag/catalogue.h"
-#include "support/fixture.h"
+#include "doubles/fixture.h"
 
 namespace encap_test {
 namespace {
@@ -134,32 +134,6 @@ TEST_F(PointsTest, WholeTableOfDecisions) {
           << "flags " << flags << " filter_set " << filter_set << " off " << off;
     }
   }
-}
-
-// 15 values: three records, the same values with the message; 32-bit patterns, never sign-extended.
-TEST_F(PointsTest, RecordsOfFifteenValues) {
-  only(50, kStored | 0x60);
-  egress_encap_info_t info = record(kNh, kTunnel, true, true);
-  EXPECT_EQ(vrl_insert_egress_encap(&info, full_key()), 0);
-  EXPECT_EQ(journal().take(), expand("50(tunf=1,nhf=1)", values));
-  only(50, 0x80);
-  slow_answers(0);
-  EXPECT_EQ(vrl_insert_egress_encap(&info, full_key()), 0);
-  std::string text = expand("50(tunf=1,nhf=1)", values);
-  EXPECT_EQ(journal().take(), text.replace(0, 5, "slow"));
-}
-
-// A change by the facility counts from the next pass on, and a line filter names the point's own line.
-TEST_F(PointsTest, LineFilterAddressesOnePoint) {
-  enter(full_key(), kNh, kTunnel);
-  for (const Site &point : sites()) {
-    point.site->flags = 0x40 | 0x200 | 0x04;
-    point.site->line = sites()[48].line;
-  }
-  sites()[48].site->flags = 0x40 | 0x200;
-  faults().order("unlock1=1");
-  EXPECT_EQ(vrl_find_and_share_egress_nh(kNh), 1);
-  EXPECT_EQ(journal().take(), expand("trylock=0 unlock=1 48(rc=1)", values));
 }
 
 }  // namespace

@@ -3,24 +3,13 @@
 #include <iostream>
 #include <random>
 
-#include "support/caller.h"
-#include "support/fixture.h"
+#include "doubles/fixture.h"
+#include "model/caller.h"
 
 namespace encap_test {
 namespace {
 
 using SequenceTest = DbTest;
-
-TEST_F(SequenceTest, SpareBitsMakeAnotherKey) {
-  enter(full_key(), kNh, kTunnel);
-  for (std::size_t word = 0; word < 4; ++word) {
-    const Answer found = make(entry(Verb::kFindShare, record(0, 0), full_key().raw(word, 1u << 31)));
-    EXPECT_TRUE(found.info.nh_found == 0 && found.info.tun_found == (word < 2));
-  }
-  EXPECT_EQ(enter(full_key().raw(0, 1u << 21).raw(1, 1u << 25), 106, 0), 0);
-  EXPECT_EQ(enter(full_key().out_of(0x40), 107, 8), 0);  // the same NH key on another tunnel: another NH
-  EXPECT_EQ(tunnel_slot(kTunnel).ref_count, 2u);
-}
 
 TEST_F(SequenceTest, TunnelLeftByAFailureIsFoundAndUsed) {
   order("malloc2=12");
@@ -55,30 +44,6 @@ TEST_F(SequenceTest, AnIndexOutOfRangeInANodeIsAnsweredLikeASlotThatIsNotValid) 
     EXPECT_NE(told.find("vrl_mem_increment_egr_nh_ref_count"), std::string::npos) << told;
   }
   nh.nh_index = kNh;
-}
-
-// A removal moves the root of the tunnel's tree: the tunnel's own root field must follow.
-TEST_F(SequenceTest, RootOfTheNhTreeIsWrittenBack) {
-  for (const std::uint32_t first : {100u, 105u}) {  // each time the first node of the double's list, or the last
-    for (std::uint32_t nh = 100; nh < 106; ++nh) {
-      enter(label(nh).over(1, 2).out_of(3), nh, kTunnel);
-    }
-    for (std::uint32_t i = 0; i < 6; ++i) {
-      const Answer answer = make(crash::on_nh(Verb::kDetach, first == 100 ? first + i : first - i));
-      EXPECT_TRUE(answer.status == 0 && (answer.outs == Outs{7, i == 5, 1}));
-    }
-    EXPECT_EQ(db().tun_root, nullptr);
-  }
-}
-
-TEST_F(SequenceTest, TheNullTunnelSlotIsSharedAndNeverCleared) {
-  enter(label(17).over(300, 400).out_of(0x40), 106, kNull);
-  enter(label(18).over(500, 600).out_of(0x41), 107, kNull);  // the shared slot now holds these labels
-  EXPECT_EQ(make(crash::on_nh(Verb::kRead, 106)).key.out_label2, 500u);
-  EXPECT_TRUE((make(crash::on_nh(Verb::kDetach, 107)).outs == Outs{0, 0, 1}));
-  set_count(106, 0);
-  EXPECT_TRUE((make(crash::on_nh(Verb::kDetach, 106)).outs == Outs{0, 0, 0})) << "its tunnel has the other labels";
-  EXPECT_EQ(hex(bytes_of(tunnel_slot(kNull))), "00000000 f4010000 58020000 01000000");
 }
 
 // ------------------------------------------------------------------------------------------------------------- random

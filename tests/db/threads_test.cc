@@ -11,9 +11,9 @@
 
 #include "ed.h"
 #include "encap_db_owner.h"
+#include "model/operations.h"
 #include "oxa_errmsg.h"
 #include "ptd.h"
-#include "support/operations.h"
 
 namespace encap_test {
 namespace {

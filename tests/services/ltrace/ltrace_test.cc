@@ -1,0 +1,185 @@
+// The rings of a trace: what writers leave there, and what readers find, also of the dead and of those who still write.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <latch>
+#include <set>
+#include <thread>
+
+#include "avl.h"
+#include "ltrace/file.h"
+#include "ltrace_fixture.h"
+
+namespace vrellis {
+namespace {
+
+constexpr std::uint64_t kStray = 0xffff'fff8'0000'0000;  // bits that a header word is to have 0
+
+std::int64_t now_ns() {
+  return std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+// All that were written but for those reported as overwritten. Returns: how many were written.
+std::uint64_t expect_counted(const std::vector<TraceRecord> &records, const RingReport &report) {
+  EXPECT_EQ(report.damaged_blocks, 0U);
+  std::uint64_t count = report.overwritten_records;
+  for (const TraceRecord &record : records) {
+    const bool whole = record.num_values < 5 || (record.value[1] == ~count && record.value[4] == count + 5);
+    EXPECT_TRUE(record.value[0] == count && record.num_values == values_of(count) && record.id == 7 && whole) << count;
+    ++count;
+  }
+  return count;
+}
+
+TEST_F(TraceTest, EachArityComesBackWithItsHeaderItsHandleAndItsTime) {
+  const std::int64_t before = now_ns();
+  expect_in_child([] {
+    ltrace_name_component(9, "component nine");
+    const std::uint64_t h = trace_header(0x7fffff, 9) | kStray;
+    errno = 77;
+    _ltrace_1(0xfff'ffff'ffff, h, 1);
+    EXPECT_EQ(errno, 77);
+    _ltrace_2(2, h, 1, 2);
+    _ltrace_3(3, h, 1, 2, 3);
+    _ltrace_4(4, h, 1, 2, 3, 4);
+    _ltrace_5(5, h, 1, 2, 3, 4, 5);
+    _ltrace_6(6, h, 1, 2, 3, 4, 5, 6);
+    _ltrace_7(7, h, 1, 2, 3, 4, 5, 6, ~0ULL);
+  });
+  const std::int64_t after = now_ns();
+  const auto file = open_one();
+  RingReport report;
+  const auto records = ring(*file, 0, report);
+  ASSERT_EQ(records.size(), 7U);
+  EXPECT_TRUE(records[0].exact);
+  EXPECT_EQ(file->component(9), "component nine");
+  EXPECT_EQ(report.tid, file->pid());
+  EXPECT_EQ(file->header().ring_words, 64U * 1024 / sizeof(std::uint64_t));
+  const std::vector<std::uint64_t> all = {1, 2, 3, 4, 5, 6, ~0ULL};
+  for (unsigned i = 0; i < records.size(); ++i) {
+    const TraceRecord &record = records[i];
+    EXPECT_EQ(record.num_values, i + 1);
+    EXPECT_TRUE(std::equal(all.begin(), all.begin() + i + 1, record.value.begin())) << i;
+    EXPECT_EQ((std::array{record.id, record.tag, record.handle}),
+              (std::array{0x7fffffU, 9U, i == 0 ? 0x3ffffffU : i + 1}));
+    EXPECT_GE(record.time_ns, before - 1'000'000);
+    EXPECT_LE(record.time_ns, after + 1'000'000);
+  }
+}
+
+// As a find hit of the database does it. Its first record's value is the time at which it began.
+void operate() {
+  std::array<std::uint64_t, 4> node{};
+  const auto search = [&node] { avl_search(node.data(), node.data(), [](const void *, const void *) { return 1; }); };
+  const auto began = static_cast<std::uint64_t>(now_ns());
+  search();
+  _ltrace_4(0, trace_header(7), began, 2, 3, 4);
+  _ltrace_1(0, trace_header(8), 1);
+  search();
+  _ltrace_6(0, trace_header(8), 1, 2, 3, 4, 5, 6);
+  _ltrace_1(0, trace_header(8), 1);
+  _ltrace_5(0, trace_header(8), 1, 2, 3, 4, 5);
+}
+
+TEST_F(TraceTest, EachOperationThatSearchesHasATimeOfItsOwnWhereverABlockEnds) {
+  static constexpr int kOperations = 100;
+  static constexpr std::int64_t kPauseNs = 300'000;
+  expect_in_child([] {
+    for (int i = 0; i < kOperations; ++i) {
+      operate();
+      std::this_thread::sleep_for(std::chrono::nanoseconds(kPauseNs));
+    }
+  });
+  RingReport report;
+  int seen = 0;
+  for (const TraceRecord &record : ring(*open_one(), 0, report)) {
+    if (record.id == 7) {
+      ++seen;
+      EXPECT_GT(record.time_ns, static_cast<std::int64_t>(record.value[0]) - kPauseNs / 2) << "operation " << seen;
+    }
+  }
+  EXPECT_EQ(seen, kOperations);
+}
+
+TEST_F(TraceTest, AWrappedRingKeepsTheNewestAndCountsTheOthersExactly) {
+  setenv("LTRACE_RING_KIB", "8", 1);
+  for (const std::uint64_t total : {100U, 170U, 5'000U, 40'001U}) {
+    const pid_t writer = start([total] { write_counted(0, total); });
+    const auto file = open_one();
+    EXPECT_TRUE(file->alive());
+    kill_hard(writer);
+    EXPECT_FALSE(file->alive());
+    EXPECT_FALSE(list_traces(directory_)[0].alive);
+    RingReport report;
+    const auto records = ring(*file, 0, report);
+    EXPECT_EQ(expect_counted(records, report), total);
+    EXPECT_TRUE(report.owned);
+    EXPECT_EQ(report.overwritten_words % 64, 0U);
+    EXPECT_GE(records.size(), std::min<std::uint64_t>(total, 150));
+    EXPECT_TRUE(std::is_sorted(records.begin(), records.end(), [](auto &a, auto &b) { return a.ticks < b.ticks; }));
+    std::filesystem::remove(file->path());
+  }
+}
+
+TEST_F(TraceTest, ThreadsHaveRingsThatOutliveThemAndAreReused) {
+  constexpr std::uint64_t kThreads = 150;
+  expect_in_child([] {
+    for (std::uint64_t i = 0; i < kThreads; ++i) {
+      std::thread([i] { write_counted(i); }).join();
+    }
+  });
+  const auto file = open_one();
+  std::set<std::uint64_t> seen;
+  for (std::uint32_t i = 0; i < file->num_rings(); ++i) {
+    RingReport report;
+    for (const TraceRecord &record : ring(*file, i, report)) {
+      seen.insert(record.value[0]);
+    }
+    EXPECT_FALSE(report.owned);
+  }
+  EXPECT_EQ(file->rings_refused(), 0U);
+  ASSERT_EQ(seen.size(), 64U);
+  EXPECT_EQ(*seen.begin(), kThreads - 64U) << "a ring was reused before older ones";
+}
+
+TEST_F(TraceTest, MoreThreadsThanRingsLoseRecordsAndCountThem) {
+  expect_in_child([] {
+    std::latch all_wrote(70);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 70; ++i) {
+      threads.emplace_back([&all_wrote] {
+        write_counted(0, 10);
+        all_wrote.arrive_and_wait();
+      });
+    }
+  });
+  const auto files = open_all();
+  ASSERT_EQ(files.size(), 1U);
+  EXPECT_EQ(files[0]->rings_refused(), 6U);
+  EXPECT_EQ(files[0]->records_dropped(), 6U * 10);
+  EXPECT_EQ(merge_traces(files).events.size(), 64U * 10);
+}
+
+TEST_F(TraceTest, ALiveWriterAtFullSpeedIsReadWithoutATornRecord) {
+  const pid_t pid = spawn([] { return write_counted(0, UINT64_MAX), 0; });
+  while (list_traces(directory_).empty()) {
+    std::this_thread::yield();
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  const auto file = open_one();
+  std::uint64_t seen = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (std::chrono::steady_clock::now() < end && !HasFailure()) {
+    RingReport report;
+    const auto records = ring(*file, 0, report);
+    expect_counted(records, report);
+    seen += records.size();
+  }
+  kill_hard(pid);
+  EXPECT_GT(seen, 1000U);
+}
+
+}  // namespace
+}  // namespace vrellis

@@ -1,0 +1,215 @@
+// Windows between processes: made once, mapped at one address, kept apart and let go, whichever process dies.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+#include "avl.h"
+#include "process/process.h"
+#include "shmwin_fixture.h"
+
+namespace window_tests {
+namespace {
+
+TEST_F(WindowTest, AnotherProcessReadsAddressesAsTheyWereWritten) {
+  ASSERT_EQ(open(config()), 0) << error_.text;
+  EXPECT_TRUE(created_);
+  auto **const area = static_cast<char **>(shmwin_user_area(kId));
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(area) % 64, 0u);
+  void *block = nullptr;
+  ASSERT_EQ(shmwin_malloc(kId, 40, &block), 0);
+  std::strcpy(*area = static_cast<char *>(block), "across");
+  expect_in_child([&] {
+    ASSERT_EQ(reopen(config()), 0);
+    ASSERT_TRUE(!created_ && shmwin_user_area(kId) == area);
+    EXPECT_STREQ(*area, "across");
+    shmwin_free(*area);
+  });
+  EXPECT_EQ(stat_of(kId).size, kBytes);
+  EXPECT_EQ(stat_of(kId).nodes40, 0u);
+  EXPECT_EQ(std::filesystem::file_size(path()), kBytes);
+  EXPECT_EQ(shmwin_detach(kId), 0);
+  EXPECT_EQ(shmwin_detach(kId), 2);
+  EXPECT_EQ(shmwin_user_area(kId), nullptr);
+}
+
+TEST_F(WindowTest, ACreatorThatDiesHalfWayLeavesNothingInTheWay) {
+  const shmwin_config_t made = config();
+  const std::function<void(shmwin_claim_t *)> last_steps[] = {
+      [](shmwin_claim_t *) {}, [this](shmwin_claim_t *) { std::filesystem::resize_file(path(), kBytes); },
+      [&](shmwin_claim_t *claim) {
+        EXPECT_EQ(shmwin_format(claim, &made, &error_), 0);
+        header_of(kId).complete = 0;
+      }};
+  for (const auto &step : last_steps) {
+    EXPECT_EQ(in_child([&] {
+                shmwin_claim_t *claim = nullptr;
+                int present = 0;
+                if (shmwin_claim(&made, &claim, &present, &error_) == 0 && present == 0) {
+                  step(claim);
+                  raise(SIGKILL);
+                }
+                return 1;
+              }),
+              -SIGKILL);
+  }
+  ASSERT_EQ(open(made), 0) << error_.text;
+  EXPECT_TRUE(created_);
+  EXPECT_EQ(attached(header_of(kId)), 1u);
+}
+
+TEST_F(WindowTest, TheModeIsTheCreatorsWhateverTheUmask) {
+  const mode_t before = umask(0077);
+  shmwin_config_t made = config();
+  made.mode = 0664;
+  ASSERT_EQ(open(made), 0);
+  ASSERT_EQ(open(config(4, "private")), 0);
+  umask(before);
+  using std::filesystem::perms;
+  EXPECT_EQ(std::filesystem::status(path()).permissions(), perms{0664});
+  EXPECT_EQ(std::filesystem::status(path("private")).permissions(), perms{0600});
+}
+
+TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
+  void *block[SHMWIN_MAX_WINDOWS];
+  for (std::uint32_t id = 0; id < SHMWIN_MAX_WINDOWS; ++id) {
+    ASSERT_EQ(open(config(id, std::to_string(id).c_str())), 0) << error_.text;
+    ASSERT_EQ(shmwin_malloc(id, 56, &block[id]), 0);
+  }
+  expect_refusal(open(config(8, "8")), EMFILE, {"8 windows"});
+  ASSERT_EQ(shmwin_detach(5), 0);
+  expect_refusal(open(config(4, "another")), 17, {"id 4 is taken"});
+  const std::uint64_t bad_before = stat_of(6).bad_releases;
+  shmwin_free(block[6]);
+  shmwin_free(block[5]);
+  EXPECT_EQ(stat_of(6).nodes56, 0u);
+  EXPECT_EQ(stat_of(6).bad_releases, bad_before + 1) << "the block of the window that is gone";
+  EXPECT_EQ(stat_of(7).nodes56, 1u);
+  shmwin_stat_t stat;
+  EXPECT_EQ(shmwin_stat(5, &stat), 2);
+  EXPECT_EQ(shmwin_malloc(5, 56, &block[5]), 22);
+}
+
+// The window service and the tree service agree on the place of the log.
+TEST_F(WindowTest, AChangeLeftOpenInTheLogOfTheTreesIsTakenBack) {
+  struct Node {
+    std::uint64_t link[3], key;
+  };
+  const auto compare = [](const void *a, const void *b) {
+    const std::uint64_t left = static_cast<const Node *>(a)->key, right = static_cast<const Node *>(b)->key;
+    return left < right ? 0 : left == right ? 1 : 2;
+  };
+  ASSERT_EQ(open(config()), 0) << error_.text;
+  auto **const field = static_cast<void **>(shmwin_user_area(kId));
+  void *node[2];
+  int flag = 0;
+  for (const std::uint64_t key : {0U, 1U}) {
+    ASSERT_EQ(shmwin_malloc(kId, 40, &node[key]), 0);
+    new (node[key]) Node{{}, key};
+    ASSERT_EQ(avl_insert(field, node[key], &flag, compare), node[key]);
+  }
+  auto *const log = reinterpret_cast<std::uint64_t *>(header_of(kId).tree_area);
+  EXPECT_EQ(log[0], 0U);
+  ASSERT_EQ(log[1], reinterpret_cast<std::uint64_t>(field));
+  log[0] = 1;  // the first of the words that the second insertion changed
+  const Node first{{}, 0}, second{{}, 1};
+  EXPECT_EQ(avl_search(*field, &second, compare), nullptr);
+  EXPECT_EQ(avl_search(*field, &first, compare), node[0]);
+  EXPECT_EQ(log[0], 0U);
+}
+
+TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
+  ASSERT_EQ(open(config()), 0);
+  const WindowHeader &header = header_of(kId);
+  EXPECT_EQ(attached(header), 1u);
+  EXPECT_EQ(in_child([&] { return static_cast<int>(attached(header)); }), 2) << "a child of a fork enters itself";
+  EXPECT_EQ(attached(header), 2u) << "a process that exits without a word stays until the next one attaches";
+  EXPECT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(attached(header), 2u);
+}
+
+TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
+  ASSERT_EQ(open(config()), 0);
+  const pid_t child = test_support::spawn(pause);
+  const pid_t zombie = test_support::spawn([] { return 0; });
+  const pid_t helper = test_support::spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
+  vrellis::ProcessStat stat{};
+  while (vrellis::read_process_stat(helper, &stat) && std::strcmp(stat.comm, "sleep") != 0) {
+    usleep(1000);
+  }
+  EXPECT_EQ(attached(header_of(kId)), 4u);
+  EXPECT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(attached(header_of(kId)), 3u) << "the next process takes out those that have it no more";
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  expect_refusal(unlink(0), 16, {"attached by process", std::to_string(child).c_str()});
+  test_support::kill_hard(child);
+  EXPECT_EQ(unlink(0), 0) << error_.text;
+  test_support::kill_hard(helper);
+  test_support::end_of(zombie);
+}
+
+TEST_F(WindowTest, AWindowOfAnotherPidNamespaceIsRemovedByForceAlone) {
+  ASSERT_EQ(open(config()), 0);
+  header_of(kId).pid_namespace = 42;
+  expect_refusal(unlink(0), 16, {"may be attached", std::to_string(getpid()).c_str(), "PID namespace 42"});
+  EXPECT_EQ(unlink(1), 0) << error_.text;
+}
+
+TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
+  const shmwin_config_t made = config();
+  test_support::Signal claimed;
+  const pid_t holder = test_support::spawn([&] {
+    shmwin_claim_t *claim = nullptr;
+    int present = 0;
+    shmwin_claim(&made, &claim, &present, &error_);
+    const pid_t child = test_support::spawn([&] { return claimed.give(), pause(); });  // has the open file, too
+    return child > 0 ? pause() : 1;
+  });
+  ASSERT_TRUE(claimed.await());
+  const auto begin = std::chrono::steady_clock::now();
+  const pid_t killer = test_support::spawn([holder] { return usleep(50000), kill(holder, SIGKILL); });
+  EXPECT_EQ(open(made), 0) << error_.text;
+  EXPECT_TRUE(created_);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)) << "the claim was not waited for";
+  EXPECT_EQ(test_support::end_of(holder), -SIGKILL);
+  EXPECT_EQ(test_support::end_of(killer), 0);
+}
+
+TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
+  ASSERT_EQ(open(config()), 0);
+  ASSERT_EQ(shmwin_detach(kId), 0);
+  test_support::Signal locked;
+  const pid_t reader = test_support::spawn([&] {  // the right to read is enough for a lock
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    fcntl(::open(path().c_str(), O_RDONLY), F_SETLK, &lock);
+    locked.give();
+    return raise(SIGSTOP);
+  });
+  ASSERT_TRUE(locked.await());
+  expect_refusal(open(config()), ETIMEDOUT,
+                 {"window 'window'", std::to_string(reader).c_str(), "(shmwin_test)", "stopped"});
+  test_support::kill_hard(reader);
+  EXPECT_EQ(open(config()), 0) << error_.text;
+}
+
+TEST_F(WindowTest, AWindowInUseIsRemovedByForceAlone) {
+  ASSERT_EQ(open(config()), 0);
+  expect_refusal(unlink(0), 16, {std::to_string(getpid()).c_str()});
+  EXPECT_EQ(open_anew(config(), true), 16);
+  ASSERT_EQ(unlink(1), 0);
+  void *block = nullptr;
+  EXPECT_EQ(shmwin_malloc(kId, 40, &block), 0) << "who has it keeps it";
+  EXPECT_EQ(shmwin_detach(kId), 0);
+
+  ASSERT_EQ(open_anew(config()), 0);
+  EXPECT_EQ(unlink(0), 0) << error_.text;
+  EXPECT_FALSE(exists());
+}
+
+}  // namespace
+}  // namespace window_tests
