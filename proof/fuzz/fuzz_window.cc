@@ -1,19 +1,21 @@
-// A damaged window: looked at, checked, repaired. Nothing may fault or loop; what a repair calls mended, is.
+// A damaged window: looked at, then checked and repaired by the calls of a daemon. Nothing may fault or loop, and what a
+// repair calls mended, is.
 //
 // The input is a list of changes: where (in one of the window's parts), what (raw words, addresses that lie in the
-// window, small numbers). Its first byte may cut the window off as well; a cut one is looked at and checked alone.
+// window, small numbers). Its first byte may cut the window off as well; a cut one is looked at alone.
 #include <unistd.h>
 
 #include "check/check.h"
+#include "encap_inspect.h"
 #include "fuzz_input.h"
 #include "model/operations.h"
-#include "repair/repair.h"
 #include "shmwin/layout.h"
 #include "support/window.h"
 
 namespace {
 
 crash::Window *window;
+encap_db_config_t config;
 crash::Image sound_window;
 
 // Several tunnels and NHs, shared ones, and NHs on the null tunnel.
@@ -111,31 +113,53 @@ void clear_spare_bits() {
   }
 }
 
+struct Found {
+  std::string faults;         // a line each
+  bool shared_index = false;  // two tunnels of the same labels, on different interfaces, have one index
+};
+
+void add(const encap_finding_t *finding, void *arg) {
+  auto &found = *static_cast<Found *>(arg);
+  if (finding->severity != ENCAP_FINDING_NOTE) {
+    found.faults += std::string(finding->name) + ": " + finding->text + '\n';
+  }
+  found.shared_index = found.shared_index || std::strcmp(finding->name, "tunnel-index-shared") == 0;
+}
+
+// Checks the database, without waiting for a lock that damage calls held.
+Found check_database() {
+  const encap_check_options_t hasty{.bytes = 0, .patience_ms = 1};
+  Found found;
+  encap_check_result_t result{};
+  const int status = encap_db_check(&config, &hasty, add, &found, &result);
+  const bool agrees = status == EAGAIN || (status == 0 && (result.sound != 0) == found.faults.empty());
+  if (!agrees || result.text[0] == '\0') {
+    fuzz::found("a check returned " + std::to_string(status) + ": " + result.text);
+  }
+  return found;
+}
+
 void mend(crash::Image &image) {
+  window->put(image);
+  check_database();
   keep_lock(image);
   window->put(image);
-  const encap_inspect::RepairResult result = encap_inspect::repair(crash::kWindowId);
-  if (result.status != 0) {
+  const std::string before = check_database().faults;
+  if (encap_db_repair(&config, nullptr, nullptr, nullptr, nullptr) != 0) {
     return;
   }
-  std::string wrong = result.after.sound() ? "" : "not sound after a repair\n";
-  for (const encap_inspect::Finding &finding : result.after.findings) {
-    const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
-    wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
-  }
+  const Found after = check_database();
+  std::string wrong = after.faults;
   // With other ranges than it was made with it is another database, and some slots have no index any more.
   const egress_encap_db_t &db = *egress_encap_db;
-  if (wrong.empty() && db.nh_start == crash::kNhStart && db.tun_start == crash::kTunStart) {
+  if (wrong.empty() && !after.shared_index && db.nh_start == crash::kNhStart && db.tun_start == crash::kTunStart) {
     // The trees are all there is to know: slots and counts follow from them.
     clear_spare_bits();
     const encap_test::Model model = encap_test::model_of(*egress_encap_db, encap_test::walk_avl);
     wrong = encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
   }
   if (!wrong.empty()) {
-    for (const encap_inspect::Finding &finding : result.before.findings) {
-      wrong += std::string("before: ") + encap_inspect::name_of(finding.kind) + ": " + finding.text + '\n';
-    }
-    fuzz::found(wrong);
+    fuzz::found(wrong + "before:\n" + before);
   }
 }
 
@@ -143,11 +167,11 @@ void mend(crash::Image &image) {
 
 extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
   static const crash::Directory directory;
-  static crash::Window opened(directory, crash::config_in(directory));
+  config = crash::config_in(directory);
+  static crash::Window opened(directory, config);
   window = &opened;
   enter_some();
   sound_window = opened.image();
-  directory.remove();  // the mapping stays; a fuzzer may end without a word
   return 0;
 }
 

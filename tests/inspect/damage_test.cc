@@ -127,6 +127,7 @@ TEST_F(DamageTest, AHeaderThatCannotBeBelievedStopsEverything) {
       {"truncated", [&] { window_header().size += 4096; }},
       {"header-identity", [&] { window_header().heap_pages += 1; }},
       {"header-identity", [&] { window_header().address += 1; }},
+      {"header-identity", [&] { db().shm_id += 1; }},
       {"not-initialised", [&] { db().is_initialized = 0; }},
       {"header-range", [&] { db().nh_end = db().nh_start - 1; }},
       {"header-array", [&] { db().nh_info_array = nullptr; }},

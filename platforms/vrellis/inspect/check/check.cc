@@ -67,6 +67,7 @@ bool find_header_faults(const Survey &survey, Faults *faults) {
     add(faults, Kind::kHeaderArray, db.nh_array, db.tun_array);
   } else if (db.shm_id != db.window.shm_id) {
     add(faults, Kind::kHeaderIdentity, db.shm_id, db.window.shm_id);
+    return false;  // no owner opens it
   }
   return db.usable;
 }
