@@ -15,7 +15,7 @@
 
 #include "../tests/encapd/router.h"
 #include "clock.h"
-#include "feed.h"
+#include "feed/feed.h"
 #include "report/results.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <optional>
 
-#include "feed.h"
+#include "feed/feed.h"
 #include "fuzz_input.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "../client/client_fixture.h"
 #include "check/check.h"
-#include "feed.h"
+#include "feed/feed.h"
 #include "router.h"
 
 namespace encapd_tests {

@@ -8,8 +8,8 @@
 #include <optional>
 #include <string>
 
+#include "feed/report.h"
 #include "ranges.h"
-#include "report.h"
 
 namespace encapd {
 

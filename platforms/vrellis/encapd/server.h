@@ -2,8 +2,8 @@
 #ifndef VRELLIS_ENCAPD_SERVER_H
 #define VRELLIS_ENCAPD_SERVER_H
 
+#include "feed/status.h"
 #include "options.h"
-#include "status.h"
 
 namespace encapd {
 

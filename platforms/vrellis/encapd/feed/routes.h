@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "fpm/netlink.h"
 #include "holder.h"
-#include "netlink.h"
 #include "pool.h"
 #include "report.h"
 

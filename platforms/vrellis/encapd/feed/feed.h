@@ -5,7 +5,7 @@
 #include <chrono>
 #include <optional>
 
-#include "frames.h"
+#include "fpm/frames.h"
 #include "holder.h"
 #include "routes.h"
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "encap_client.h"
-#include "netlink.h"
+#include "fpm/netlink.h"
 #include "pool.h"
 #include "report.h"
 

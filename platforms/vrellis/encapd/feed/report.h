@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string>
 
+#include "fpm/netlink.h"
 #include "mpls_egress_encap_db.h"
-#include "netlink.h"
 
 namespace encapd {
 
