@@ -73,6 +73,22 @@ Scenario Story::dies_in(std::function<void()> work) {
 }
 
 // Each among others: two tunnels and the null tunnel with NHs that must not be touched.
+template <typename Add>
+void add_removals(const Add &add, Verb verb, const std::array<const char *, 5> &names) {
+  add(names[0], [verb](Story &s) {
+    s.given(on_nh(Verb::kShare, s.nh_of(41, 210)));
+    return s.dies_in(on_nh(verb, s.nh_of(41, 210)));
+  });
+  add(names[1], [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(41, 210))); });
+  add(names[2], [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(40, 220, 2))); });
+  for (const std::uint32_t ifh : {3u, 4u}) {  // with a neighbour on its null tunnel node, and without
+    add(names[ifh], [verb, ifh](Story &s) {
+      s.enter(50, 0, ifh);
+      return s.dies_in(on_nh(verb, s.nh_of(50, 0, ifh)));
+    });
+  }
+}
+
 std::vector<Scenario> database_scenarios() {
   std::vector<Scenario> all;
   const auto add = [&all](const char *name, auto &&tell) {
@@ -113,27 +129,12 @@ std::vector<Scenario> database_scenarios() {
   add("set", [](Story &s) { return s.dies_in(on_nh(Verb::kSet, s.nh_of(41, 210), 7)); });
   add("update", [](Story &s) { return s.dies_in(on_nh(Verb::kUpdate, s.nh_of(41, 210))); });
   add("read", [](Story &s) { return s.dies_in(on_nh(Verb::kRead, s.nh_of(41, 210))); });
-  const auto removals = [&add](Verb verb, const char *stays, const char *goes, const char *tunnel, const char *null,
-                               const char *null_node) {
-    add(stays, [verb](Story &s) {
-      s.given(on_nh(Verb::kShare, s.nh_of(41, 210)));
-      return s.dies_in(on_nh(verb, s.nh_of(41, 210)));
-    });
-    add(goes, [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(41, 210))); });
-    add(tunnel, [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(40, 220, 2))); });
-    add(null, [verb](Story &s) {
-      s.enter(50, 0, 3);
-      return s.dies_in(on_nh(verb, s.nh_of(50, 0, 3)));
-    });
-    add(null_node, [verb](Story &s) {
-      s.enter(50, 0, 4);
-      return s.dies_in(on_nh(verb, s.nh_of(50, 0, 4)));
-    });
-  };
-  removals(Verb::kRelease, "release: the NH stays", "release: the NH goes", "release: the tunnel goes",
-           "release: the NH on the null tunnel goes", "release: a null tunnel node goes, others stay");
-  removals(Verb::kDetach, "detach: of several users", "detach: the NH goes", "detach: the tunnel goes",
-           "detach: the NH on the null tunnel goes", "detach: a null tunnel node goes, others stay");
+  add_removals(add, Verb::kRelease,
+               {"release: the NH stays", "release: the NH goes", "release: the tunnel goes",
+                "release: the NH on the null tunnel goes", "release: a null tunnel node goes, others stay"});
+  add_removals(add, Verb::kDetach,
+               {"detach: of several users", "detach: the NH goes", "detach: the tunnel goes",
+                "detach: the NH on the null tunnel goes", "detach: a null tunnel node goes, others stay"});
   return all;
 }
 

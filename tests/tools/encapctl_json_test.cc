@@ -81,28 +81,20 @@ class Page {
   std::set<std::string> seen_;
 };
 
-TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
-  Page page;
-  const auto run = [&](std::vector<std::string> words, bool window = true) {
+class EncapctlJsonTest : public EncapctlTest {
+ protected:
+  Outcome run(std::vector<std::string> words, bool window = true) {
     words.push_back("--json");
     const Outcome outcome = window ? on_window(words) : encapctl(words);
     std::istringstream lines(outcome.out);
     for (std::string line; std::getline(lines, line);) {
       const Json object = Json::parse(line);
-      page.compare(object.at("kind"), object);
+      page_.compare(object.at("kind"), object);
     }
     return outcome;
-  };
-  const std::string listing = path() + ".routes";
-  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n";
-  run({"load", listing, "--nh-start", "1000", "--nh-size", "1"});
-  encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
-  make_database();
-  run({"load", listing, "--client", "lab"});
-  run({"load", listing, "--client", "left"});
-  run({"find", "label1=16001"});
-  run({"reclaim", "left"});
-  {
+  }
+
+  void run_beside_a_daemon() {
     const Child daemon = fork_child([&](const Ready &) {
       std::signal(SIGUSR1, SIG_IGN);
       open_client("daemon");
@@ -111,8 +103,8 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
     run({"clients"});
     run({"settle", "daemon"});
   }
-  run({"unload", "--client", "daemon"});
-  {
+
+  void run_while_a_process_waits_for_the_lock() {
     const Child holder = fork_child([&](const Ready &) {
       open_database();
       vrl_find_and_share_egress_nh(1001);
@@ -130,6 +122,23 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
     run({"debug", holder.pid(), "id 46 +p"}, false);
     run({"find", "nh=1001"});
   }
+
+  Page page_;
+};
+
+TEST_F(EncapctlJsonTest, ThePageDocumentsEachKeyThatIsPrinted) {
+  const std::string listing = path() + ".routes";
+  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n";
+  run({"load", listing, "--nh-start", "1000", "--nh-size", "1"});
+  encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
+  make_database();
+  run({"load", listing, "--client", "lab"});
+  run({"load", listing, "--client", "left"});
+  run({"find", "label1=16001"});
+  run({"reclaim", "left"});
+  run_beside_a_daemon();
+  run({"unload", "--client", "daemon"});
+  run_while_a_process_waits_for_the_lock();
   open_database();
   egress_encap_db->tun_info_array[101 - kTunStart].ref_count = 9;
   close_database();
@@ -143,7 +152,7 @@ TEST_F(EncapctlTest, TheJsonPageDocumentsEachKeyThatIsPrinted) {
     std::istringstream split(words);
     run({std::istream_iterator<std::string>(split), {}}, !std::string(words).starts_with("debug"));
   }
-  EXPECT_EQ(page.unseen(), std::set<std::string>{});
+  EXPECT_EQ(page_.unseen(), std::set<std::string>{});
   unlink(listing.c_str());
   unlink((path() + ".snap").c_str());
   unlink((path() + ".daemon.status").c_str());

@@ -1,124 +1,10 @@
 #include "ledger.h"
 
-#include "window.h"
-
 namespace clients {
 namespace {
 
-// A resize that would move more holdings than this is left undone. A bucket about to be split holds 28 on average, so
-// that only a hash of very ill luck comes so far, and then the table stays correct with longer chains.
-constexpr std::uint32_t kMostMoved = 64;
-
-// A large ledger is in no cache, so all lines of a bucket are asked for at once.
-void fetch(const Bucket &bucket) {
-  constexpr std::size_t kLine = 64;
-  for (std::size_t line = 0; line < sizeof bucket; line += kLine) {
-    __builtin_prefetch(reinterpret_cast<const char *>(&bucket) + line);
-  }
-}
-
-Holding *find_in(Bucket &bucket, std::uint32_t nh) {
-  __builtin_prefetch(at<Spill>(bucket.spill));  // in case that the bucket has it not
-  for (std::uint32_t i = 0; i < std::min(bucket.used, kBucketHoldings); ++i) {
-    if (bucket.holding[i].nh == nh) {
-      return &bucket.holding[i];
-    }
-  }
-  auto *spill = at<Spill>(bucket.spill);
-  for (std::uint32_t i = 0; spill != nullptr && i < kMostSpills; ++i, spill = at<Spill>(spill->next)) {
-    for (Holding &holding : spill->holding) {
-      if (holding.nh == nh && holding.held != 0) {
-        return &holding;
-      }
-    }
-  }
-  return nullptr;
-}
-
-void store(Holding &place, const Holding &holding) {
-  put(place.nh, holding.nh);
-  put(place.held, holding.held);
-  put(place.marks, holding.marks);
-}
-
-// How many places of a bucket's first spill are in use: they are so without a gap.
-std::uint32_t used_of(const Spill &spill) {
-  std::uint32_t used = 0;
-  while (used < kSpillHoldings && spill.holding[used].held != 0) {
-    ++used;
-  }
-  return used;
-}
-
-// Returns: false when the window has no memory.
-bool append(Bucket &bucket, const Holding &holding) {
-  if (bucket.used < kBucketHoldings) {
-    store(bucket.holding[bucket.used], holding);
-    put(bucket.used, bucket.used + 1);
-    return true;
-  }
-  auto *spill = at<Spill>(bucket.spill);
-  std::uint32_t used = spill != nullptr ? used_of(*spill) : kSpillHoldings;
-  if (used == kSpillHoldings) {
-    auto *const more = take<Spill>();
-    if (more == nullptr) {
-      return false;
-    }
-    more->next = bucket.spill;
-    put(bucket.spill, address_of(more));
-    spill = more;
-    used = 0;
-  }
-  store(spill->holding[used], holding);
-  return true;
-}
-
-// Takes a holding out; the bucket's last one fills the gap.
-void remove(Bucket &bucket, Holding *holding) {
-  auto *const spill = at<Spill>(bucket.spill);
-  if (spill == nullptr) {
-    Holding &last = bucket.holding[bucket.used - 1];
-    if (holding != &last) {
-      store(*holding, last);
-    }
-    put(bucket.used, bucket.used - 1);
-    return;
-  }
-  const std::uint32_t used = used_of(*spill);
-  Holding &last = spill->holding[used - 1];
-  if (holding != &last) {
-    store(*holding, last);
-  }
-  if (used > 1) {
-    put(last.held, 0U);
-  } else {
-    put(bucket.spill, spill->next);
-    shmwin_free(spill);
-  }
-}
-
-// Moves the holdings that belong to bucket `number` among `buckets` from another bucket there.
-bool move(Bucket &from, Bucket &to, std::uint32_t number, std::uint32_t buckets) {
-  Holding moved[kMostMoved];
-  std::uint32_t count = 0;
-  each_in(from, [&](const Holding &holding) {
-    if (bucket_number(hash_of(holding.nh), buckets) == number) {
-      if (count < kMostMoved) {
-        moved[count] = holding;
-      }
-      ++count;
-    }
-  });
-  if (count > kMostMoved) {
-    return false;
-  }
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (!append(to, moved[i])) {
-      return false;
-    }
-    remove(from, find_in(from, moved[i].nh));
-  }
-  return true;
+Bucket &bucket_of(Ledger &ledger, std::uint32_t nh) {
+  return bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets));
 }
 
 // The word that holds the address of the segment of bucket `number`, which is no inline one; nullptr when its
@@ -231,17 +117,17 @@ bool is_sound(Ledger &ledger, std::uint32_t nh) {
 }
 
 void fetch_holding(Ledger &ledger, std::uint32_t nh) {
-  fetch(bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)));
+  fetch(bucket_of(ledger, nh));
 }
 
 Holding *find_holding(Ledger &ledger, std::uint32_t nh) {
-  return is_sound_size(ledger) ? find_in(bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)), nh) : nullptr;
+  return is_sound_size(ledger) ? find_in(bucket_of(ledger, nh), nh) : nullptr;
 }
 
 std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh) {
   std::uint32_t held = 1;
   if (holding == nullptr) {
-    Bucket &bucket = bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets));
+    Bucket &bucket = bucket_of(ledger, nh);
     if (!append(bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
       return 0;
     }
@@ -266,7 +152,7 @@ std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first) {
   put(ledger.held, ledger.held - 1);
   if (held == 0) {
     put(ledger.nhs, ledger.nhs - 1);
-    remove(bucket_at(ledger, bucket_number(hash_of(holding->nh), ledger.buckets)), holding);
+    remove(bucket_of(ledger, holding->nh), holding);
     return 0;
   }
   put(holding->held, held);

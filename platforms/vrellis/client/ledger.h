@@ -5,8 +5,7 @@
 
 #include <algorithm>
 
-#include "layout.h"
-#include "window.h"
+#include "buckets.h"
 
 namespace clients {
 
@@ -52,25 +51,6 @@ Bucket &bucket_at(Ledger &ledger, std::uint32_t number);
 
 inline std::uint32_t buckets_of(const Ledger &ledger) {
   return std::min(ledger.buckets, kMostBuckets);
-}
-
-// More are in no bucket, but in a damaged one, where they may form a ring.
-inline constexpr std::uint32_t kMostSpills = 1U << 20;
-
-// Calls visit(holding) for each holding of a bucket.
-template <typename Visit>
-void each_in(Bucket &bucket, Visit visit) {
-  for (std::uint32_t i = 0; i < std::min(bucket.used, kBucketHoldings); ++i) {
-    visit(bucket.holding[i]);
-  }
-  auto *spill = at<Spill>(bucket.spill);
-  for (std::uint32_t i = 0; spill != nullptr && i < kMostSpills; ++i, spill = at<Spill>(spill->next)) {
-    for (Holding &holding : spill->holding) {
-      if (holding.held != 0) {
-        visit(holding);
-      }
-    }
-  }
 }
 
 }  // namespace clients
