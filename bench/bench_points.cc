@@ -1,6 +1,7 @@
 // Times the points by themselves, compiled as in the library: the five that a find hit passes, whose records carry one
 // to six values; with their records written (the default), and with message and trace off. Two searches stand before
-// them, as in a find, since the trace takes its time stamp with an operation's first search; their own time is taken off.
+// them, as in a find, since the trace takes its time stamp with an operation's first search; their own time is taken
+// off.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -8,7 +8,7 @@
 //   bool insert(const Encap &encap, bool with_tunnel);   with its first user; with_tunnel: its tunnel is new
 //   bool release(const Encap &encap);                    one user less; goes with its last, a tunnel with its last NH
 //   bool attach(const Encap &encap, std::uint32_t users);
-//   bool detach(const Encap &encap);                     goes whatever its users
+//   bool detach(const Encap &encap);                     goes although it may have users
 //   bool read_back(const Encap &encap, Data &data);
 //   std::uint64_t bytes();                               of shared memory in use
 //

@@ -1,8 +1,8 @@
-// Kill storm of clients: four processes of three threads each enter, release, refresh, close, leave and reclaim at random
-// in one database, under a name for each process. Processes are killed every few milliseconds, alone, in quick
+// Kill storm of clients: four processes of three threads each enter, release, refresh, close, leave and reclaim at
+// random in one database, under a name for each process. Processes are killed every few milliseconds, alone, in quick
 // succession or all at once, and come back under their names. After each kill all others pause, and this process looks
-// at everything: each client holds what it completed, the ledgers add up to the counts, no index is both free and in use,
-// every block is referred to, and the inspector finds nothing.
+// at everything: each client holds what it completed, the ledgers add up to the counts, no index is both free and in
+// use, every block is referred to, and the inspector finds nothing.
 //
 //   client_storm [--kills N] [--seed S] [--beside]
 //
@@ -153,7 +153,7 @@ class Storm {
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
       Journal::Name &name = journal_.name[process];
       if (herd_.is_alive(process)) {
-        name.lost = false;  // nobody reclaims it now, and it has the name or waits for it
+        name.lost = false;  // no process reclaims it now, and it has the name or waits for it
         continue;
       }
       for (std::uint32_t owner = process * crash::kThreads; owner < (process + 1) * crash::kThreads; ++owner) {

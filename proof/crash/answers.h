@@ -1,5 +1,6 @@
 // What operations answer between a death and its repair, where that differs from the answers before and after the
-// interrupted operation. This is the one table: crash_steps accepts no other answer, and docs/crash-promise.md shows it.
+// interrupted operation. This is the one table: crash_steps accepts no other answer, and docs/crash-promise.md shows
+// it.
 #ifndef ENCAP_PROOF_CRASH_ANSWERS_H
 #define ENCAP_PROOF_CRASH_ANSWERS_H
 

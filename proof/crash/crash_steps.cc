@@ -1,6 +1,6 @@
-// Every instruction: single-steps each changing operation, and plays in every state of the window in which a death would
-// leave it the next process, which repairs, and survivors, which go on before any repair; then again for a second death
-// at every change that the recovery and the repair make.
+// Every instruction: single-steps each changing operation, and plays in every state of the window in which a death
+// would leave it the next process, which repairs, and survivors, which go on before any repair; then again for a second
+// death at every change that the recovery and the repair make.
 //
 //   crash_steps [--only TEXT] [--jobs N] [--no-second] [--page FILE]
 //

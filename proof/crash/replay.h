@@ -19,8 +19,8 @@ Verdicts play(const Window &window, const Expectation &expected, const std::vect
               bool watched, Kinds &kinds);
 
 /*
- * Plays every trial of a survivor in each state; with `recovered_alike_once`, in the first of those states alone that are
- * the same bytes once the services have recovered. A trial that faults or hangs is a failure in `tally`.
+ * Plays every trial of a survivor in each state; with `recovered_alike_once`, in the first of those states alone that
+ * are the same bytes once the services have recovered. A trial that faults or hangs is a failure in `tally`.
  */
 void play_survivors(const Window &window, const Expectation &expected, const std::vector<Image> &states,
                     bool recovered_alike_once, Tally &tally);

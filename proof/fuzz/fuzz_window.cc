@@ -1,5 +1,5 @@
-// A damaged window: looked at, then checked and repaired by the calls of a daemon. Nothing may fault or loop, and what a
-// repair calls mended, is.
+// A damaged window: looked at, then checked and repaired by the calls of a daemon. Nothing may fault or loop, and what
+// a repair calls mended, is.
 //
 // The input is a list of changes: where (in one of the window's parts), what (raw words, addresses that lie in the
 // window, small numbers). Its first byte may cut the window off as well; a cut one is looked at alone.

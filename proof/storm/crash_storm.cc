@@ -1,6 +1,6 @@
 // Kill storm: four processes of three threads each work at random on one window. One process is killed every few
-// milliseconds, whether it holds the lock, waits for it or neither, and started again at once. This process verifies from
-// outside, and repairs now and then while they work.
+// milliseconds, whether it holds the lock, waits for it or neither, and started again at once. This process verifies
+// from outside, and repairs now and then while they work.
 //
 //   crash_storm [--kills N] [--seed S] [--repair-every N]
 #include <unistd.h>
@@ -157,7 +157,8 @@ class Storm {
     }
   }
 
-  // Repairs while the others work, then again when all are dead, and takes over what the repair made of the NHs in doubt.
+  // Repairs while the others work, then again when all are dead, and takes over what the repair made of the NHs in
+  // doubt.
   void repair_and_settle() {
     repair();
     for (std::uint32_t process = 0; process < kProcesses; ++process) {

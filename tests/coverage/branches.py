@@ -2,7 +2,7 @@
 
 usage: branches.py SOURCES EXEMPT
 
-A template counts once, whatever its instances: a branch is taken when any of them took it. EXEMPT has a line for each
+A template counts once: a branch is taken when any of its instances took it. EXEMPT has a line for each
 branch that cannot be taken: "FILE: SOURCE LINE" (as it stands, blanks at its ends aside), and above it its reason.
 """
 

@@ -74,7 +74,7 @@ void tunnel_under_spare_bits(DbTest &db) {
   EXPECT_EQ(db.enter(full_key().raw(2, 1u << 31), kNh, kTunnel), 0);
 }
 
-// Somebody else takes the valid bit away in the middle of the operation: when that point is passed.
+// Another process takes the valid bit away in the middle of the operation: when that point is passed.
 template <std::uint32_t Point>
 void loses_its_slot(DbTest &db) {
   at_point()[Point] = [&db] { db.nh_slot(kNh).valid = 0; };

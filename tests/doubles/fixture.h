@@ -84,8 +84,8 @@ struct Scenario {
   const char *stream = nullptr;
 };
 
-// Walks every road through the scenario, whatever the points write: each call that may fail fails, alone and together
-// with each choice of those that follow it, and so also from then on; each road on a fresh database.
+// Walks every road through the scenario, with each kind of reports of the points: each call that may fail fails, alone
+// and together with each choice of those that follow it, and so also from then on; each road on a fresh database.
 void walk(DbTest &db, const Scenario &scenario);
 // The ways in which a call may fail that no walk of this process has come to.
 std::string failures_not_walked();

@@ -1,8 +1,8 @@
 // What the doubles of the services and of the POSIX calls share: one ordered journal of calls, the faults that a test
 // orders, and the memory that the allocator double gives out.
 //
-// A journal entry is one word: the call, its arguments that matter, its result; "!..." at its end names whatever was
-// wrong with the rest of the arguments, so that a stream that compares equal was right in all of them.
+// A journal entry is one word: the call, its arguments that matter, its result; "!..." at its end names what was wrong
+// with the rest of the arguments, so that a stream that compares equal was right in all of them.
 #ifndef ENCAP_TESTS_JOURNAL_H
 #define ENCAP_TESTS_JOURNAL_H
 
@@ -66,7 +66,7 @@ class Arena {
   void *take(std::size_t bytes);
   bool give(void *block);  // false: no such block
   const std::map<std::uint8_t *, std::size_t> &blocks() const { return blocks_; }
-  bool gaps_intact() const;           // nobody wrote outside a block
+  bool gaps_intact() const;           // false when a byte outside the blocks was written
   egress_encap_db_t *header() const;  // at the start of the window
   bool covers(const void *address) const;
 
@@ -101,7 +101,7 @@ const std::vector<Site> &sites();
 enum class Reports { records, messages, none };
 void set_reports(Reports reports);  // of every point, else in its stored state
 
-// What runs when a trace record of a point is written: what "somebody else" does to the window at this moment.
+// What runs when a trace record of a point is written: what another process does to the window at this moment.
 std::map<std::uint32_t, std::function<void()>> &at_point();
 
 // What the double of ed_slow_debugs() leaves in the enable flag.

@@ -69,7 +69,7 @@ void walk_from(DbTest &db, const Scenario &scenario, const std::string &orders, 
 void walk(DbTest &db, const Scenario &scenario) {
   for (const Reports reports : {Reports::records, Reports::messages, Reports::none}) {
     if (reports == Reports::none && !at_point().empty()) {
-      continue;  // somebody else's turn comes with a record
+      continue;  // the other process acts when a record is written
     }
     db.reports = reports;
     walk_from(db, scenario, "", 0);

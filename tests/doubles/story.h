@@ -34,7 +34,7 @@ class Story : public Listener {
   Reports reports = Reports::messages;  // without messages, points take a shorter road to the same records
   Values values;                        // of the names in points and messages
   Faults orders;                        // those that the doubles have got
-  std::map<std::uint32_t, std::function<void()>> at_point;  // what somebody else does at that moment
+  std::map<std::uint32_t, std::function<void()>> at_point;  // what another process does at that moment
 
  private:
   std::string value_of(const std::string &name) const;

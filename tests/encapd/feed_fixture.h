@@ -57,7 +57,8 @@ class FeedTest : public test_support::ClientTest {
     feed_->tick(now_);
   }
 
-  // What the ledger has, stale references included. It must agree with the holder's count, and the database must be sound.
+  // What the ledger has, stale references included. It must agree with the holder's count, and the database must be
+  // sound.
   References references() {
     References result;
     std::uint64_t fresh = 0;

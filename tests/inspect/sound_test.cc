@@ -1,4 +1,4 @@
-// Sound databases: whatever callers do that is allowed, check finds nothing and repair changes nothing.
+// Sound databases: after all that callers may do, check finds nothing and repair changes nothing.
 #include "inspect_fixture.h"
 
 namespace inspect_tests {

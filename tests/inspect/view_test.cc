@@ -103,7 +103,7 @@ TEST_F(ViewTest, WhoHoldsTheLockIsTold) {
   EXPECT_EQ(result.changes[0].because, FindingKind::kLockDeadOwner);
 }
 
-// A lock word of a thread that is not there and was never marked: nobody would ever get the lock.
+// A lock word of a thread that is not there and was never marked: no thread would ever get the lock.
 TEST_F(ViewTest, ALostLockIsNotWaitedFor) {
   const pid_t child = start([] { _exit(0); });
   waitpid(child, nullptr, 0);

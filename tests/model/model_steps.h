@@ -1,5 +1,5 @@
-// The single steps of the model's operations, as somebody hears them who listens: calls of the lock and of the
-// services, which the listener may fail, and reports.
+// The single steps of the model's operations, as a listener hears of them: calls of the lock and of the services, which
+// the listener may fail, and reports.
 #ifndef ENCAP_TESTS_MODEL_STEPS_H
 #define ENCAP_TESTS_MODEL_STEPS_H
 
@@ -44,7 +44,7 @@ class Steps {
   void listen(Listener *listener) { listener_ = listener; }
 
  protected:
-  static constexpr std::uint32_t kSilent = 0;  // an unlock whose failure nobody reports
+  static constexpr std::uint32_t kSilent = 0;  // an unlock whose failure is not reported
 
   void know(Named values) { listener_->know(values); }
   // Both return 22, what most reports of an error come to.

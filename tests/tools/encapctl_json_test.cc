@@ -1,4 +1,5 @@
-// docs/json.md against what the verbs print: every key is documented with its type, and every documented key is printed.
+// docs/json.md against what the verbs print: every key is documented with its type, and every documented key is
+// printed.
 #include <csignal>
 #include <fstream>
 #include <map>

@@ -13,11 +13,11 @@ namespace {
 
 TEST_F(EncapctlTest, StatusTellsWhoIsAttached) {
   make_database();
-  const Json nobody = on_window({"status", "--json"}).object();
-  EXPECT_EQ(nobody.at("processes"), Json::array());
-  EXPECT_EQ(nobody.at("lock").at("state"), "free");
-  EXPECT_EQ(nobody.at("sound"), true);
-  EXPECT_EQ(nobody.at("database").at("nh_end"), kNhStart + kNhSize);
+  const Json unused = on_window({"status", "--json"}).object();
+  EXPECT_EQ(unused.at("processes"), Json::array());
+  EXPECT_EQ(unused.at("lock").at("state"), "free");
+  EXPECT_EQ(unused.at("sound"), true);
+  EXPECT_EQ(unused.at("database").at("nh_end"), kNhStart + kNhSize);
   Child child = fork_child([&](const Ready &) { open_database(); });
   const Json alive = on_window({"status", "--json"}).object();
   ASSERT_EQ(alive.at("processes").size(), 1u);

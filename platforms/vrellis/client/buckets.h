@@ -1,5 +1,5 @@
-// A bucket of a client's ledger: some holdings in its own record, more in a chain of spills. Everything here requires the
-// database lock; what changes a bucket requires an open change, too.
+// A bucket of a client's ledger: some holdings in its own record, more in a chain of spills. Everything here requires
+// the database lock; what changes a bucket requires an open change, too.
 #ifndef VRELLIS_CLIENT_BUCKETS_H
 #define VRELLIS_CLIENT_BUCKETS_H
 

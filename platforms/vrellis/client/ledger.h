@@ -9,7 +9,8 @@
 
 namespace clients {
 
-// False when the words that lead to the bucket of an NH are damaged. What changes references requires that they are not.
+// False when the words that lead to the bucket of an NH are damaged. What changes references requires that they are
+// not.
 bool is_sound(Ledger &ledger, std::uint32_t nh);
 
 // Starts to fetch what find_holding() will read.

@@ -49,7 +49,7 @@ Record *take() {
   if (shmwin_malloc(egress_encap_db->shm_id, sizeof(Record), &block) != 0) {
     return nullptr;
   }
-  __builtin_memset(block, 0, sizeof(Record));  // in use for nobody before the change is committed
+  __builtin_memset(block, 0, sizeof(Record));  // not in use before the change is committed
   return static_cast<Record *>(block);
 }
 

@@ -1,6 +1,6 @@
-// The owner: one road for every process, whoever comes first. Everything between the claim on the window and its
-// release happens in one process at a time; a database counts from the moment its is_initialized is set, which is the
-// last store of its making.
+// The owner: every process opens a database in the same way, whether it exists or not. One process at a time is between
+// the claim on the window and its release. A database exists from the store of is_initialized on, which is the last one
+// of its making.
 #include "encap_db_owner.h"
 
 #include <algorithm>
@@ -144,8 +144,8 @@ int check_database(const egress_encap_db_t &header, const encap_db_config_t &con
   return 0;
 }
 
-// Attaches the window, or makes it afresh: also when its creator died before it was a database, since who attaches a
-// window does so under the claim and nobody stays attached to one without a database.
+// Attaches the window, or makes it anew. A window without a database is made anew, too: its creator died. No process
+// can have it attached, since a process attaches under the claim and detaches at once when it finds no database.
 int attach_or_format(shmwin_claim_t *claim, int present, const encap_db_config_t &config, shmwin_error_t *error) {
   if (present != 0) {
     const int status = shmwin_attach(claim, config.shm_id, error);

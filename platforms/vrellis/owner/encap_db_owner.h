@@ -1,8 +1,8 @@
 /*
  * Owner of encapsulation databases: creates or attaches a window, places the header, initialises the database.
  *
- * The start of every process that uses a database. Safe against two processes that do it at the same moment and
- * against a creator that dies half-way: whoever comes next finds no database and makes it.
+ * Every process that uses a database begins here. Two processes may open it at the same moment. If a creator dies
+ * before it is done, the next process finds no database and makes it.
  */
 #ifndef VRELLIS_ENCAP_DB_OWNER_H
 #define VRELLIS_ENCAP_DB_OWNER_H
@@ -38,8 +38,9 @@ typedef struct encap_db_config {
  * Out: *created (may be NULL), 1 when this call set the database up.
  * Returns: 0; 22 for a configuration that can never work (a tunnel index past 65535, a range past 32 bits, a window too
  *   small for the arrays) and for a database whose ranges differ from the configured ones; 17 when this process has a
- *   database open; 131 (ENOTRECOVERABLE) when the database's lock is held by no thread that lives, and was not marked
- *   by the system as left by a dead one (a window that was copied, or kept over a reboot): `encapctl repair` mends it; the codes of shmwin.h; the status of mpls_egress_encap_db_init(); `error` filled with one sentence.
+ *   database open; 131 (ENOTRECOVERABLE) when the thread that holds the database's lock no longer lives and the system
+ *   did not mark it as dead (the window was copied, or kept over a reboot): `encapctl repair` mends it; the codes of
+ *   shmwin.h; the status of mpls_egress_encap_db_init(). `error` is filled with one sentence.
  *   A failure leaves nothing attached, and `egress_encap_db` NULL unless a database was open before.
  * Locking: one thread of a process at a time opens or closes.
  */

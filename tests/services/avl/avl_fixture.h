@@ -1,5 +1,5 @@
-// The tree service compiled into a test, with a store() of the test, on trees in a window in plain memory; and a checker
-// of all invariants of a tree. For one source of a test program.
+// The tree service compiled into a test, with a store() of the test, on trees in a window in plain memory; and a
+// checker of all invariants of a tree. For one source of a test program.
 #ifndef TESTS_SERVICES_AVL_FIXTURE_H
 #define TESTS_SERVICES_AVL_FIXTURE_H
 

@@ -65,7 +65,7 @@ class Entries {
         refuse(FindingKind::kNodeWithoutSlot, n);
       }
     } else if (db_.node_of_slot[i] != kNoNode || settled_[i]) {
-      // A node of which the index is not yet filled in says 0: somebody else's.
+      // The index of a node is 0 until the insert fills it in. Slot 0 then belongs to another node.
       refuse(nh.nh_index == 0 ? FindingKind::kNodeWithoutSlot : FindingKind::kDuplicateIndex, n);
     } else {
       settled_[i] = true;
@@ -73,7 +73,7 @@ class Entries {
     }
   }
 
-  // The slot is this node's and nobody else's, and they disagree. Nobody holds a reference while an insert fills it.
+  // The slot belongs to this node alone, and they disagree. An NH has no references while an insert fills its slot.
   void judge_disagreement(std::uint32_t n, const egr_nh_info_t &slot) {
     if (slot.valid == 0 || slot.ref_count == 0) {
       refuse(FindingKind::kSlotHalfFilled, n);

@@ -135,7 +135,7 @@ class Tunnels {
     const bool named = db_.tunnel_of_slot[i] != kNoNode || out_.users[i] != 0;
     Fault fault{FindingKind::kTunnelCount, kNoIndex, index, 0, slot->ref_count, out_.users[i], kNoNode};
     if (index == 0 && !null_slot) {
-      return;  // ranges from 0 on: the slot in front is nobody's
+      return;  // the range begins at 0, and index 0 has the null tunnel's slot: no tunnel uses this one
     }
     if (slot->valid == 0) {
       if ((!named || null_slot) && out_.users[i] == 0 && !all_zero(slot, sizeof *slot)) {

@@ -80,7 +80,8 @@ inline bool all_zero(const void *record, std::size_t bytes) {
   return std::all_of(byte, byte + bytes, [](std::uint8_t value) { return value == 0; });
 }
 
-// The block of a node of the class that begins at `address`, whatever the page is used for. Returns: false: none does.
+// The place of a node of the class that begins at `address`; the use of the page is not looked at. Returns: false when
+// none can begin there.
 bool place_in_heap(const Survey &survey, Address address, int cls, vrellis::Place *place);
 
 // Where a node of the class could begin: its page and its slot in it. Returns: false when none can begin there.

@@ -51,7 +51,7 @@ class View {
   static View copy_of(const void *window, std::size_t bytes);
   static View over(const void *window, std::size_t bytes);
 
-  std::uint64_t size() const { return size_; }  // bytes there are, whatever the window records
+  std::uint64_t size() const { return size_; }  // of the bytes; the window may record another size
   Address base() const { return base_; }        // the recorded address of the window's first byte
   std::span<const std::uint8_t> bytes() const { return {data_, size_}; }
   Stillness stillness() const { return stillness_; }
@@ -85,7 +85,7 @@ class View {
   void hold_still(int fd, unsigned readings);
   void set_base();
 
-  std::shared_ptr<std::uint8_t[]> copy_;  // empty: data_ is somebody else's
+  std::shared_ptr<std::uint8_t[]> copy_;  // empty: the caller owns data_
   const std::uint8_t *data_ = nullptr;
   std::uint64_t size_ = 0;
   std::uint64_t file_size_ = 0;

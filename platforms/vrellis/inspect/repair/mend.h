@@ -47,7 +47,7 @@ int compare_keys(const void *a, const void *b) {
 inline constexpr avl_compare_fn kCompareNhs = compare_keys<sizeof(mpls_nh_key_t)>;
 inline constexpr avl_compare_fn kCompareTunnels = compare_keys<sizeof(mpls_tunnel_key_t)>;
 
-// What dies half-way leaves the first so many steps: the compiler may not move a store across.
+// Keeps the compiler from moving a store across: a repair that dies leaves exactly the steps that it had done.
 inline void end_of_step() {
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }

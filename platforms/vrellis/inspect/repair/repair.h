@@ -1,9 +1,9 @@
 // Mends what check.h finds in a live window, under the database lock, while others run.
 //
-// An NH whose node and slot agree stays as it is, whatever its count: its tunnel's count follows. An NH of which only
-// one of the two is left goes. A tunnel with NHs stays and its slot is made right; one without goes. What nothing
-// reaches is freed. Each step leaves a window that the next repair mends, should this one die after it, or throw
-// std::bad_alloc because this process has no memory: the lock is given back in any case.
+// An NH whose node and slot agree stays as it is; its count is not looked at, and its tunnel's count follows. An NH of
+// which only one of the two is left goes. A tunnel with NHs stays and its slot is made right; one without goes. What
+// nothing reaches is freed. Each step leaves a window that the next repair mends, should this one die after it, or
+// throw std::bad_alloc because this process has no memory: the lock is given back in any case.
 #ifndef ENCAP_INSPECT_REPAIR_H
 #define ENCAP_INSPECT_REPAIR_H
 
@@ -19,7 +19,7 @@ namespace encap_inspect {
 
 struct RepairOptions {
   bool keep_empty_tunnels = false;  // leave tunnels without NHs (an insert that failed leaves one) where they are
-  bool drop_unreferenced = false;   // take NHs of count 0 out as well: nobody uses them, or an attach said so
+  bool drop_unreferenced = false;   // take NHs of count 0 out as well: they have no users, or an attach said so
   bool drop_given_back = false;     // take the last NH of a tunnel that counts none out even if it has users
   std::chrono::milliseconds patience{5000};  // how long to wait for a process that holds the lock
 };
@@ -48,9 +48,9 @@ struct RepairResult {
 // Requires window `shm_id` attached in this process, read-write, at its address. Takes and releases the lock.
 RepairResult repair(std::uint32_t shm_id, const RepairOptions &options = {});
 
-// Mends the window that `config` names, whatever its id and ranges. It is attached for that time, unless this process
-// has it attached already; a file is never created. A lock that no thread will ever give back is made anew, if no other
-// process has the window attached.
+// Mends the window that `config` names; the id and the ranges of `config` are not looked at. It is attached for that
+// time, unless this process has it attached already; a file is never created. A lock that no thread will ever give back
+// is made anew, if no other process has the window attached.
 RepairResult repair_window(const encap_db_config_t &config, const RepairOptions &options = {});
 
 // Tells what repair would do, from a view: no lock is taken and nothing in the window changes.

@@ -47,8 +47,9 @@ inline constexpr std::size_t kLongestChange =
 static_assert(greatest_height(3) == 2 && greatest_height(4) == 3 && greatest_height(6) == 3 && greatest_height(7) == 4);
 static_assert(kLongestChange + kWordsOfLevel <= kUndoCapacity);
 
-// A client's longest change takes an NH and its tunnel out: tunnel indexes are 16-bit numbers, and the null tunnel has a
-// node for each interface. The rest is linkage, slots, a ledger's and a queue's words, and the allocator's bookkeeping.
+// A client's longest change takes an NH and its tunnel out: tunnel indexes are 16-bit numbers, and the null tunnel has
+// a node for each interface. The rest is linkage, slots, a ledger's and a queue's words, and the allocator's
+// bookkeeping.
 inline constexpr std::size_t kWordsBesideTrees = 100;
 static_assert(kLongestChange + kWordsOfUnlinking + kWordsOfLevel * greatest_height(1U << 17) + kWordsBesideTrees <=
               kUndoCapacity);

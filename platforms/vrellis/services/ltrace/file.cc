@@ -91,8 +91,8 @@ std::uint32_t rings_within_limit(std::uint64_t ring_bytes) {
   return static_cast<std::uint32_t>(std::min<std::uint64_t>(room / ring_bytes, kMaxRings));
 }
 
-// Opens the directory of the trace files, making it when it is missing; its absolute path goes to `path`. Every user can
-// make the default directory first, so it is used only when it belongs to this user and no other may enter it.
+// Opens the directory of the trace files, making it when it is missing; its absolute path goes to `path`. Every user
+// can make the default directory first, so it is used only when it belongs to this user and no other may enter it.
 int open_directory(char (&path)[PATH_MAX]) {
   char fallback[64];
   const char *named = secure_getenv("LTRACE_DIR");

@@ -1,9 +1,9 @@
 /*
  * Light trace facility, the writing side: an always-on flight recorder.
  *
- * Each process writes into a shared-memory file of its own, <directory>/<pid>-<start time>.ltrace, which its first record
- * makes. Each thread has a ring of its own in that file. The file stays when the process ends, however it ends, and
- * ltrace/reader.h reads it. The 16 files of dead processes that were written to last are kept.
+ * Each process writes into a shared-memory file of its own, <directory>/<pid>-<start time>.ltrace, which its first
+ * record makes. Each thread has a ring of its own in that file. The file stays when the process ends, however it ends,
+ * and ltrace/reader.h reads it. The 16 files of dead processes that were written to last are kept.
  *
  * Settings, read from the environment when the file is made; a value that is none of these is told of on stderr:
  *   LTRACE=off         no file; records go nowhere

@@ -48,7 +48,8 @@ std::uint64_t own_pid_namespace();
 // This process; `start` is 0 when /proc cannot be read.
 ProcessId own_process();
 
-// Whether the process lives. A zombie is dead. A process whose first thread has ended lives as long as another one runs.
+// Whether the process lives. A zombie is dead. A process whose first thread has ended lives as long as another one
+// runs.
 Liveness liveness_of(const ProcessId &process);
 
 // Whether the thread `tid` of this PID namespace lives. A thread id comes back sooner than a pair of id and start time.

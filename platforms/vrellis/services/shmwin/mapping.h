@@ -11,7 +11,8 @@ namespace vrellis {
 // What the sizes of files in the file's file system are multiples of: the size of a huge page on hugetlbfs.
 std::uint64_t page_bytes_of(int fd);
 
-// Maps the file at `address` and nowhere else, and asks for huge pages for a window of 16 MiB or more. Returns: 0, 17 (EEXIST) when something lies there, another errno value.
+// Maps the file at `address` and nowhere else, and asks for huge pages for a window of 16 MiB or more. Returns: 0, 17
+// (EEXIST) when something lies there, another errno value.
 int map_file(int fd, std::uint64_t address, std::uint64_t size);
 
 // Maps at the configured address, or at the first default one that is free, from the id's own on.

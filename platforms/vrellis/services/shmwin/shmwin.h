@@ -107,7 +107,8 @@ SHMWIN_API int shmwin_detach(uint32_t shm_id);
 
 /*
  * Removes the window's file; processes that have it attached keep their mapping.
- * Returns: 0; 2 when there is none; 16 (EBUSY) when a live process has it attached or may have it (the window of another
+ * Returns: 0; 2 when there is none; 16 (EBUSY) when a live process has it attached or may have it (the window of
+ * another
  *   PID namespace), 22 when the file is no window, both unless `force` is set; 110 as shmwin_claim(); another errno
  *   value; `error` filled.
  */

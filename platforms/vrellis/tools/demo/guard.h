@@ -1,4 +1,4 @@
-// Above the demo: a directory of its own for it, a limit to its time, and a clean end whatever happens inside.
+// Runs the demo in a directory of its own and with a limit to its time, and cleans up however it ends.
 #ifndef ENCAP_DEMO_GUARD_H
 #define ENCAP_DEMO_GUARD_H
 

@@ -17,8 +17,8 @@ class Reader {
   RouteFile finish();
 
  private:
-  // kFaulty: its labelled next hops were refused so far, more may follow. kNoDestination: its next hops are dropped with
-  // it, without a sentence each.
+  // kFaulty: its labelled next hops were refused so far, more may follow. kNoDestination: its next hops are dropped
+  // with it, without a sentence each.
   struct Route {
     enum State { kNone, kPlain, kLabelled, kFaulty, kNoDestination } state = kNone;
     std::string where;

@@ -43,8 +43,8 @@ constexpr const PointFacts &facts(Point point) {
   return kPoints[static_cast<std::size_t>(point)];
 }
 
-// The compiler checks the table: ids stand in order, lines rise and fit into 24 bits, and each row has as many values as
-// its text has conversions.
+// The compiler checks the table: ids stand in order, lines rise and fit into 24 bits, and each row has as many values
+// as its text has conversions.
 namespace table_check {
 constexpr std::uint32_t kIds[] = {
 #define ED_POINT(id, line, category, trace, values, about, function, symbol, ...) id,

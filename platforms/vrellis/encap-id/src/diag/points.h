@@ -1,8 +1,8 @@
 // Emitting debug points. A point is a fixed place in the code that reports a message, a trace record, or both.
 //
 // A point is a static descriptor of the debug facility, one test of its flag word at each pass, and an out-of-line path
-// for the rare cases. By default the message is off and the trace record is on. The facility may change the descriptor at
-// any time, without a lock, and the next pass of the point sees the change.
+// for the rare cases. By default the message is off and the trace record is on. The facility may change the descriptor
+// at any time, without a lock, and the next pass of the point sees the change.
 #ifndef MPLS_EGRESS_ENCAP_DB_POINTS_H
 #define MPLS_EGRESS_ENCAP_DB_POINTS_H
 

@@ -1,8 +1,8 @@
 // The database lock: one robust, process-shared, recursive mutex in the header, at egress_encap_db + 48.
 //
 // The lock serialises all threads of all processes that use the database. The library has no other lock, so no order
-// of locks has to be kept. Clang checks the use of the lock (-Wthread-safety): `database_lock` stands for the mutex, the
-// lock call acquires it when its result is 0, and each function that reads or changes trees or slots requires it.
+// of locks has to be kept. Clang checks the use of the lock (-Wthread-safety): `database_lock` stands for the mutex,
+// the lock call acquires it when its result is 0, and each function that reads or changes trees or slots requires it.
 #ifndef MPLS_EGRESS_ENCAP_DB_LOCK_H
 #define MPLS_EGRESS_ENCAP_DB_LOCK_H
 

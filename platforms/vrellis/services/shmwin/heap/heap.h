@@ -4,10 +4,11 @@
 // nearest free place, if that page has nodes of its size and room; else in the page that this process last took one
 // from; else in the lowest page with room. So a node lies near the neighbours that a search for it passes last.
 //
-// A 40-byte node taken next after a 56-byte one begins a group: its user made a parent and the first of its children, and
-// more of them follow later, between those of other parents. The node gets room around it, kGroups to a page. Pages are
-// opened for groups only while more than `kept_pages` of the header are unused, and other nodes fill the room of groups
-// when no other page has any. So groups cost no block its place, if `kept_pages` are enough for all 56-byte nodes.
+// A 40-byte node taken next after a 56-byte one begins a group: its user made a parent and the first of its children,
+// and more of them follow later, between those of other parents. The node gets room around it, kGroups to a page. Pages
+// are opened for groups only while more than `kept_pages` of the header are unused, and other nodes fill the room of
+// groups when no other page has any. So groups cost no block its place, if `kept_pages` are enough for all 56-byte
+// nodes.
 #ifndef VRELLIS_SHMWIN_HEAP_HEAP_H
 #define VRELLIS_SHMWIN_HEAP_HEAP_H
 

@@ -8,9 +8,9 @@
 
 namespace encapctl {
 
-// A listing has names, a key has a number. So that a name has the same number in every listing that is loaded, the pairs
-// are kept in a file beside the window, WINDOW.interfaces: a line "0x1000000 eth0" each, which only ever grows. The file
-// is locked for the life of this object.
+// A listing has names, a key has a number. So that a name has the same number in every listing that is loaded, the
+// pairs are kept in a file beside the window, WINDOW.interfaces: a line "0x1000000 eth0" each, which only ever grows.
+// The file is locked for the life of this object.
 class Interfaces {
  public:
   // Throws Failure when the file cannot be used: it is no regular file, another user may write to it, another process

@@ -11,7 +11,7 @@
 namespace encapctl {
 namespace {
 
-// The database lock, held over several operations: nobody enters the same key, or takes the index, in between.
+// The database lock, held over several operations: no other process enters the same key or takes the index meanwhile.
 class LockHold {
  public:
   LockHold() : status_(vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex)) {

@@ -1,5 +1,5 @@
-// The memory of another process, without its help: what the permission to trace it allows. Whatever an address leads
-// to, reading and writing through it end in a refusal at worst.
+// The memory of another process, without its help: what the permission to trace it allows. An address that leads
+// nowhere ends in a refusal.
 #ifndef ENCAPCTL_REMOTE_PROCESS_H
 #define ENCAPCTL_REMOTE_PROCESS_H
 

@@ -1,4 +1,4 @@
-// encapctl destroy: removes a window that nobody uses.
+// encapctl destroy: removes a window that no live process uses.
 #include <fmt/format.h>
 #include <unistd.h>
 

@@ -195,7 +195,7 @@ struct Found {
   std::vector<std::uint32_t> tunnels;  // numbers in Database::tunnels
 };
 
-// By an index alone: the slot's own word, whatever the trees say.
+// By an index alone: what the slot says, without a look at the trees.
 bool find_by_slot(const Database &db, const std::vector<Term> &terms, Found &found) {
   if (terms.size() != 1 || terms[0].field->name != "nh") {
     return false;

@@ -166,7 +166,7 @@ void add_trace(CLI::App &app, int &status) {
       "  encapctl trace --perfetto trace.json    for the Perfetto viewer\n"
       "Without PID: of the processes that are attached to the window, or were when they died.\n"
       "A '~' behind a time: it was put between two times that were read. Exit status 1: no such record.");
-  verb.add_option("pid", options.pid, "Of this process alone, whatever its database")->type_name("PID");
+  verb.add_option("pid", options.pid, "Of this process alone, with any database")->type_name("PID");
   verb.add_flag("--follow", options.follow, "Go on with records as they are written, until interrupted");
   verb.add_option("--index", options.filter.nh, "About this NH index")->type_name("N");
   verb.add_option("--tunnel", options.filter.tunnel, "About this tunnel index")->type_name("N");
