@@ -33,9 +33,8 @@ typedef int (*avl_compare_fn)(const void *a, const void *b);
 
 /*
  * Finds the node whose key equals the probe's.
- * Requires: `root`, the value of the tree's root field, read under the lock since the last change; NULL = an empty
- * tree.
- *   `probe` is node-shaped and the first of the two that are compared; its linkage is not read.
+ * Requires: `root` is the value of the tree's root field, read under the lock since the last change; NULL is an empty
+ *   tree. `probe` has the shape of a node and is the first of the two that are compared; its linkage is not read.
  * Returns: the node, or NULL when there is none.
  */
 __attribute__((visibility("default"))) void *avl_search(void *root, const void *probe, avl_compare_fn compare);

@@ -140,8 +140,8 @@ inline bool is_sound(const LogWindow &window, const UndoLog &log) {
 /*
  * Restores the entries behind the first `kept` ones. The last entry comes first, so that a word that changed several
  * times ends with its oldest value. The count stays until every word is restored: if this process dies too, the next
- * one restores the same words again. Returns: false when the log is damaged; it is then emptied without writing any
- * word that it names.
+ * one restores the same words again.
+ * Returns: false when the log is damaged; it is then emptied without writing any word that it names.
  */
 inline bool restore_log(UndoLog &log, const LogWindow &window, Word kept) {
   const bool sound = is_sound(window, log);

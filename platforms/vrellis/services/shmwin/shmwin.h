@@ -107,10 +107,13 @@ SHMWIN_API int shmwin_detach(uint32_t shm_id);
 
 /*
  * Removes the window's file; processes that have it attached keep their mapping.
- * Returns: 0; 2 when there is none; 16 (EBUSY) when a live process has it attached or may have it (the window of
- * another
- *   PID namespace), 22 when the file is no window, both unless `force` is set; 110 as shmwin_claim(); another errno
- *   value; `error` filled.
+ * Returns, with `error` filled unless 0:
+ *   0    the file is removed
+ *   2    there is none
+ *   16   (EBUSY) a live process has it attached, or may have it: the window is of another PID namespace; unless `force`
+ *   22   the file is no window; unless `force`
+ *   110  as shmwin_claim()
+ *   another errno value
  */
 SHMWIN_API int shmwin_unlink(const char *directory, const char *name, int force, shmwin_error_t *error);
 
