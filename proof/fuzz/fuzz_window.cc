@@ -83,7 +83,6 @@ void look(const crash::Image &image, std::size_t size) {
   const auto view = encap_inspect::View::copy_of(image.data(), size);
   const encap_inspect::Database database = encap_inspect::decode(view);
   for (const encap_inspect::NhNode &nh : database.nhs) {
-    database.full_key(nh);
     database.nh_slot(nh.nh_index);
   }
   encap_inspect::check(view);

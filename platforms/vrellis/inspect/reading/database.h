@@ -109,20 +109,10 @@ struct Database {
   }
   // Requires the index to be in range.
   std::uint32_t tunnel_slot_number(std::uint32_t index) const { return (index == 0 ? tun_end : index) - tun_start; }
-  std::uint32_t tunnel_index_of_slot(std::uint32_t number) const {
-    return number == tun_end - tun_start ? 0 : number + tun_start;
-  }
 
   // By index; nullptr when out of range.
   const egr_nh_info_t *nh_slot(std::uint32_t index) const;
   const egr_tun_info_t *tunnel_slot(std::uint32_t index) const;
-
-  // By key, bit for bit; nullptr when it is not in its tree.
-  const TunnelNode *find_tunnel(const mpls_tunnel_key_t &key) const;
-  const NhNode *find_nh(const TunnelNode &tunnel, const mpls_nh_key_t &key) const;
-
-  // The full key that finds this NH, spare bits included.
-  egress_encap_key_t full_key(const NhNode &nh) const;
 
   const View *view = nullptr;
 };
