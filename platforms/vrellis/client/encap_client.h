@@ -10,7 +10,8 @@
  *   - Zero every record before you fill it. Records may grow at their end in later versions.
  *   - Any thread of the process may use a client. A child of fork must open a client of its own: with its parent's
  *     clients, every call returns 1 (EPERM).
- *   - Every call takes the database lock and gives it back, and returns the lock's status if it cannot be taken.
+ *   - Every call but encap_client_peek() and encap_client_read() takes the database lock and gives it back, and returns
+ *     the lock's status if it cannot be taken.
  *     Callbacks are called without the lock; they may call the client again, but must not close or leave it.
  *   - A call that does not return 0 changed nothing, unless its contract says otherwise.
  *   - After the death of any process at any instruction of any of these calls, the next call of any client finds the
@@ -183,6 +184,30 @@ ENCAP_CLIENT_API int encap_client_reclaim(encap_client_t *client, const char *na
  */
 ENCAP_CLIENT_API int encap_client_list(encap_client_t *client, encap_client_info_t *out, uint32_t room,
                                        uint32_t *count);
+
+/*
+ * Looks a key up without the lock: waits for no process, changes nothing in the window and writes no trace record. Only
+ * when writers changed the same tree during each of thousands of looks, it takes the lock for one look, if it gets it
+ * within a millisecond.
+ * Out: *nh and *tunnel, the indexes; UINT32_MAX for the one, or for both, that is not there.
+ * Returns: 0; 2 (ENOENT) when the NH is not there; 22 (EINVAL) when the database is damaged; 11 (EAGAIN) when writers kept
+ *   changing the tree during every look, and the lock could not be had either.
+ * The answer was true at one moment during the call for everything that clients do. While the process of a call is
+ *   stopped, or dead, what it had begun is not seen. A process that uses the operations directly is seen step by step:
+ *   an insert after the index of the NH, and that of its tunnel, is in the node; a removal once the NH has left its tree,
+ *   and then once the tunnel has left its own.
+ */
+ENCAP_CLIENT_API int encap_client_peek(encap_client_t *client, egress_encap_key_t key, uint32_t *nh, uint32_t *tunnel);
+
+/*
+ * Reads an NH by its index in the same way.
+ * Out: *key, *aux and *ref_count (all references, of all processes), filled when 0 is returned.
+ * Returns: 0; 2 for a free index; 22 for one out of range, or when the database is damaged; 11 as above.
+ * Of a process that uses the operations directly, each word of a slot that it fills, counts or clears is a step: between
+ *   two of them the fields may belong to different moments.
+ */
+ENCAP_CLIENT_API int encap_client_read(encap_client_t *client, uint32_t nh, egress_encap_key_t *key,
+                                       egress_encap_aux_data_t *aux, uint32_t *ref_count);
 
 #ifdef __cplusplus
 }

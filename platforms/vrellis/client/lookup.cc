@@ -53,8 +53,7 @@ bool is_possible(const egress_encap_key_t &key) {
   return key.spare_word0 == 0 && key.spare_word1 == 0 && key.spare_word2 == 0 && key.spare_word3 == 0;
 }
 
-egress_encap_key_t key_of(std::uint32_t nh) {
-  const egr_nh_info_t &slot = nh_slot(nh);
+egress_encap_key_t key_in(const egr_nh_info_t &slot, const egr_tun_info_t &tunnel) {
   egress_encap_key_t key{};
   key.out_label1 = slot.out_label1;
   key.te_local_label = slot.te_local_label;
@@ -62,11 +61,16 @@ egress_encap_key_t key_of(std::uint32_t nh) {
   key.protocol = slot.protocol;
   key.is_l2vpn_pref_path = slot.is_l2vpn_pref_path;
   key.ifh = slot.ifh;
-  if (slot.egr_tun != 0 && tunnel_in_range(slot.egr_tun)) {
-    key.out_label2 = tunnel_slot(slot.egr_tun).out_label2;
-    key.out_label3 = tunnel_slot(slot.egr_tun).out_label3;
+  if (slot.egr_tun != 0) {
+    key.out_label2 = tunnel.out_label2;
+    key.out_label3 = tunnel.out_label3;
   }
   return key;
+}
+
+egress_encap_key_t key_of(std::uint32_t nh) {
+  const egr_nh_info_t &slot = nh_slot(nh);
+  return key_in(slot, tunnel_in_range(slot.egr_tun) ? tunnel_slot(slot.egr_tun) : egr_tun_info_t{});
 }
 
 }  // namespace clients

@@ -40,6 +40,9 @@ inline egr_tun_info_t &tunnel_slot(std::uint32_t tunnel) {
       ->tun_info_array[(tunnel == 0 ? egress_encap_db->tun_end : tunnel) - egress_encap_db->tun_start];
 }
 
+// The full key that the two slots of an NH hold; without upper labels on the null tunnel.
+egress_encap_key_t key_in(const egr_nh_info_t &slot, const egr_tun_info_t &tunnel);
+
 // The full key of an NH whose slot is in use. Requires the database lock.
 egress_encap_key_t key_of(std::uint32_t nh);
 

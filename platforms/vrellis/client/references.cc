@@ -36,6 +36,7 @@ int share(Ledger &ledger, Holding *holding, std::uint32_t nh, encap_entry_t *ent
     return abort_with(ENOMEM);
   }
   egr_nh_info_t &slot = nh_slot(nh);
+  avl_change_version(&slot);
   avl_change_count_now(&slot.ref_count, slot.ref_count + 1);
   avl_change_commit();
   return 0;
@@ -57,6 +58,7 @@ int choose_indexes(const Found &found, const egress_encap_key_t &key, egress_enc
 void note_slots(const egress_encap_info_t &info) {
   note_nh_slot(info.egr_nh);
   egr_nh_info_t &nh = nh_slot(info.egr_nh);
+  avl_change_version(&nh);
   avl_change_count(&nh.ref_count, 1);
   egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
   if (info.tun_found == 0) {
@@ -190,6 +192,7 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   left->tunnel = slot.egr_tun;
   begin_change();
   left->held = drop_reference(ledger, holding, first);
+  avl_change_version(&slot);
   if (slot.ref_count > 1) {
     avl_change_count_now(&slot.ref_count, slot.ref_count - 1);
   } else if (take_out(nh, left) != 0) {

@@ -63,7 +63,7 @@ int open_database(const encap_db_config_t &config, shmwin_error_t *error) {
   if (status == 0) {
     shmwin_stat_t stat{};
     shmwin_stat(config.shm_id, &stat);
-    extent = {stat.address + stat.overhead, stat.size - stat.overhead};
+    extent = {stat.address + stat.overhead, stat.size - stat.overhead, stat.address};
     ++opened.clients;
   }
   pthread_mutex_unlock(&opened.mutex);

@@ -23,8 +23,9 @@ void put(Word &word, Word value) {
 struct Extent {
   std::uint64_t begin;
   std::uint64_t bytes;
+  std::uint64_t window;  // where the window itself begins
 };
-inline constinit Extent extent{0, ~std::uint64_t{0}};
+inline constinit Extent extent{0, ~std::uint64_t{0}, 0};
 
 // The record at an address that the window holds. Every process can write there.
 // Returns: nullptr when no such record lies in the heap.

@@ -24,6 +24,15 @@ inline constexpr std::size_t kUserAreaBytes = 1024;  // SHMWIN_USER_AREA_BYTES
 // the tree service writes to it.
 inline constexpr std::size_t kTreeAreaBytes = 16384;
 
+// Its versions, likewise (avl/versions.h): bytes from the window's begin, and how many words. The first eight hold the
+// version of trees in the user area, which needs a cache line of its own.
+inline constexpr std::size_t kUserAreaOffset = 1024;
+inline constexpr std::size_t kVersionsOffset = 128;
+inline constexpr std::size_t kOwnVersionWords = 8;
+inline constexpr std::size_t kSharedVersions = 32;
+inline constexpr std::size_t kVersionWords = kOwnVersionWords + kSharedVersions;
+inline constexpr std::size_t kPlacesOfVersion = 64;  // so many neighbouring bytes share a version
+
 struct WindowHeader;
 
 // One attached window. Only attach and detach write it; no other thread of the process may use the window meanwhile.
@@ -68,6 +77,7 @@ SEARCH_ENDS_TLS extern constinit thread_local SearchEnds search_ends;
 struct OpenChange {
   const WindowMap *map = nullptr;                 // nullptr: none is open
   void (*before_commit)(bool commits) = nullptr;  // what the allocator has put off until then
+  std::uint64_t versions = 0;                     // that are odd until then, by bits (avl/versions.h)
 };
 SEARCH_ENDS_TLS extern constinit thread_local OpenChange open_change;
 

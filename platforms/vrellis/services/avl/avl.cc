@@ -64,24 +64,49 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
   }
 }
 
-// The store to the root field alone links a tree's first node, or unlinks its last one (U3).
-void link_first(Word *field, Link *node) {
+// The store to the root field alone links a tree's first node, or unlinks its last one (U3). Outside an open change a
+// reader without the lock sees the tree before or after that store. Only a reader that already holds the address of the
+// last node must learn that this node may be given back, so the version moves behind that store.
+[[gnu::always_inline]] inline void store_root(const WindowMap *map, Word *field, Word root) {
+  if (map == nullptr) {
+    store(field, root);
+    return;
+  }
+  if (open_change.map == nullptr) [[likely]] {
+    store(field, root);
+    if (root == 0) {
+      Word *const version = version_of(map->begin, address_of(field));
+      store(version, *version + 2);
+    }
+    return;
+  }
+  if (covers(*map, address_of(field))) {
+    note(address_of(field), *field);
+  }
+  Word *const version = version_of(map->begin, address_of(field));
+  keep_version(*map, version);
+  begin_version(version);
+  store(field, root);
+}
+
+void link_first(const WindowMap *map, Word *field, Link *node) {
   store(&node->child[0], 0);
   store(&node->child[1], 0);
   store(&node->up, address_of(field) | kRoot);
-  store_noted(field, address_of(node));
-}
-
-void unlink_last(Word *field) {
-  store_noted(field, 0);
+  store_root(map, field, address_of(node));
 }
 
 // Clears the links of a removed node. If the process dies here, only a node that is in no tree keeps stale links;
 // avl_delete() tolerates that (T4).
-void clear_linkage(Link *node) {
-  store_noted(&node->child[0], 0);
-  store_noted(&node->child[1], 0);
-  store_noted(&node->up, 0);
+[[gnu::always_inline]] inline void clear_linkage(Link *node) {
+  if (open_change.map != nullptr && covers(*open_change.map, address_of(node))) [[unlikely]] {
+    note_all({{address_of(&node->child[0]), node->child[0]},
+              {address_of(&node->child[1]), node->child[1]},
+              {address_of(&node->up), node->up}});
+  }
+  store(&node->child[0], 0);
+  store(&node->child[1], 0);
+  store(&node->up, 0);
 }
 
 // A tree that is about to change.
@@ -94,7 +119,7 @@ struct Tree {
 
 // Settles the window first, and brings the given field up to date. Returns: false when that field holds no root, or
 // when the field that the root node records can be no field of this tree.
-bool open_tree(Tree &tree, void **root, const void *node) {
+[[gnu::always_inline]] inline bool open_tree(Tree &tree, void **root, const void *node) {
   tree.map = window_of(node);
   tree.given = reinterpret_cast<Word *>(root);
   if (is_unsettled(tree.map)) [[unlikely]] {
@@ -110,7 +135,7 @@ bool open_tree(Tree &tree, void **root, const void *node) {
   return is_root(tree.top) && reachable;
 }
 
-void close_tree(const Tree &tree, int *flag) {
+[[gnu::always_inline]] inline void close_tree(const Tree &tree, int *flag) {
   const Word now = *tree.field;
   if (now != address_of(tree.top)) {
     *flag = 1;
@@ -153,7 +178,7 @@ void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
   }
   auto *link = static_cast<Link *>(node);
   if (tree.top == nullptr) {
-    link_first(tree.field, link);
+    link_first(tree.map, tree.field, link);
   } else {
     const Spot spot = descend(tree.top, node, compare);
     if (spot.order == kEqual) {
@@ -179,7 +204,7 @@ void *avl_delete(void **root, void *node, int *flag, avl_compare_fn /*compare*/)
     return nullptr;
   }
   if (link == tree.top && link->child[0] == 0 && link->child[1] == 0) {
-    unlink_last(tree.field);
+    store_root(tree.map, tree.field, 0);
   } else {
     Change change(tree.map, tree.field);
     unlink_one(change, link);

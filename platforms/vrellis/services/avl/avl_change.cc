@@ -17,7 +17,7 @@ int avl_change_begin(void **root) {
     roll_back(*map);
   }
   store(&undo_log_of(*map).field, address_of(root));
-  open_change = {map, nullptr};
+  open_change = {map, nullptr, 0};
   return 0;
 }
 
@@ -49,12 +49,20 @@ void avl_change_counted(enum avl_change_counted when) {
   note(kMark, when);
 }
 
+void avl_change_version(const void *record) {
+  Word *const version = version_of(open_change.map->begin, address_of(record));
+  keep_version(*open_change.map, version);
+  begin_version(version);
+}
+
 void avl_change_commit(void) {
   if (open_change.before_commit != nullptr) {
     open_change.before_commit(true);
   }
-  store(&undo_log_of(*open_change.map).count, 0);
+  const OpenChange done = open_change;
+  store(&undo_log_of(*done.map).count, 0);
   open_change = {};
+  end_versions(*done.map, done.versions);
 }
 
 void avl_change_abort(void) {

@@ -56,6 +56,13 @@ enum avl_change_counted {
  */
 AVL_CHANGE_API void avl_change_counted(enum avl_change_counted when);
 
+/*
+ * Tells readers without the lock that the record at `record`, which is no tree, changes until the change is committed:
+ * its version (avl/versions.h) is odd from here on. Requires that something has been noted, and that the record has not
+ * changed yet.
+ */
+AVL_CHANGE_API void avl_change_version(const void *record);
+
 AVL_CHANGE_API void avl_change_commit(void);
 
 /* Takes everything back at once. */

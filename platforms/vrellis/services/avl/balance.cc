@@ -17,7 +17,7 @@ void lift(Change &change, Link *low, Word low_lean, Word high_lean) {
   Link *high = parent_of(low);
   const unsigned side = side_of(low);
   Link *between = child_of(low, 1 - side);
-  change.put(holder_of(high), address_of(low));
+  change.put_holder(holder_of(high), address_of(low));
   change.put(&low->up, (high->up & kPlace) | low_lean);
   change.put(&high->up, address_of(low) | high_lean);
   change.put(&high->child[side], address_of(between));
@@ -77,9 +77,8 @@ void rebalance_shrunk(Change &change, Link *node, unsigned side) {
   put_lean(change, node, leaning(1 - side));
 }
 
-// Puts `heir` (nullptr: nothing) in the place where `node` hangs. The words of `node` itself stay as they are.
-void replace(Change &change, const Link *node, Link *heir, Word heir_lean) {
-  change.put(holder_of(node), address_of(heir));
+// Hangs `heir` (nullptr: nothing) up where `node` hangs, whose holder has it already. The words of `node` itself stay.
+void hang_up(Change &change, const Link *node, Link *heir, Word heir_lean) {
   if (heir != nullptr) {
     change.put(&heir->up, (node->up & kPlace) | heir_lean);
   }
@@ -94,7 +93,8 @@ void inherit(Change &change, const Link *node, Link *heir) {
       put_parent(change, child, heir);
     }
   }
-  replace(change, node, heir, lean_of(node));
+  change.put_holder(holder_of(node), address_of(heir));
+  hang_up(change, node, heir, lean_of(node));
 }
 
 // The node's neighbour in key order on `side`. Requires: a child on that side.
@@ -112,7 +112,7 @@ void link_below(Change &change, Link *parent, unsigned side, Link *node) {
   store(&node->child[0], 0);
   store(&node->child[1], 0);
   store(&node->up, address_of(parent));
-  change.put(&parent->child[side], address_of(node));
+  change.put_first(&parent->child[side], address_of(node));
   rebalance_grown(change, parent, side);
 }
 
@@ -124,7 +124,8 @@ void unlink_one(Change &change, Link *node) {
   Link *start = is_root(leaver) ? nullptr : parent_of(leaver);
   const unsigned start_side = start != nullptr ? side_of(leaver) : 0;
   Link *below = child_of(leaver, leaver->child[0] != 0 ? 0 : 1);
-  replace(change, leaver, below, kLevel);
+  change.put_first(holder_of(leaver), address_of(below));
+  hang_up(change, leaver, below, kLevel);
   if (both) {
     inherit(change, node, leaver);
     start = start == node ? leaver : start;

@@ -29,7 +29,9 @@ bool roll_back_to(const WindowMap &map, Word kept) {
 }
 
 bool roll_back(const WindowMap &map) {
-  return roll_back_to(map, 0);
+  const bool sound = roll_back_to(map, 0);
+  settle_versions(map);
+  return sound;
 }
 
 // The caller read `root` before its call. It may be a node that a rotation had put on top, or even the node that was

@@ -22,6 +22,7 @@
 #include <cstdint>
 
 #include "avl/undo_log.h"
+#include "avl/versions.h"
 
 namespace vrellis::avl {
 
@@ -92,14 +93,6 @@ inline void note(Word address, Word old) {
   note_all({UndoEntry{address, old}});
 }
 
-// Writes a word that needs no undoing in a change of one tree alone (U3), but does in a change of the whole window.
-inline void store_noted(Word *word, Word value) {
-  if (open_change.map != nullptr && covers(*open_change.map, address_of(word))) [[unlikely]] {
-    note(address_of(word), *word);
-  }
-  store(word, value);
-}
-
 // One open change of the tree under `field`. Its nodes all lie in `map`'s window; without a window (nullptr) nothing is
 // logged. A node that is in no tree needs no undoing: its words are written with store().
 class Change {
@@ -107,17 +100,41 @@ class Change {
   Change(const WindowMap *map, const Word *field) {
     if (map != nullptr) {
       log_ = &undo_log_of(*map);
+      version_ = version_of(map->begin, address_of(field));
       outside_ = covers(*map, address_of(field)) ? nullptr : field;
       if (open_change.map == nullptr) {
         store(&log_->field, address_of(field));
       } else {
+        keep_version(*map, version_);
         begin_ = count_ = log_->count;
       }
     }
   }
 
+  // The first word of the change, a child word or the root field: readers without the lock learn of the change between
+  // its entry and its store (V1).
+  void put_first(Word *holder, Word value) {
+    if (log_ != nullptr) {
+      if (holder != outside_) {
+        log(holder);
+      }
+      begin_version(version_);
+    }
+    store(holder, value);
+  }
+
+  // A word that may be the root field.
+  void put_holder(Word *holder, Word value) {
+    if (holder != outside_) {
+      put(holder, value);
+    } else {
+      store(holder, value);
+    }
+  }
+
+  // A word of a node.
   void put(Word *word, Word value) {
-    if (log_ != nullptr && word != outside_) {
+    if (log_ != nullptr) {
       log(word);
     }
     store(word, value);
@@ -129,14 +146,15 @@ class Change {
 
   // Returns: false when a loop gave up; every word then has its old value again.
   bool commit() {
-    if (!can_climb()) [[unlikely]] {
+    const bool is_whole = can_climb();
+    if (!is_whole) [[unlikely]] {
       roll_back_to(*window_of(log_), begin_);
-      return false;
     }
     if (log_ != nullptr && open_change.map == nullptr) {
       store(&log_->count, 0);
+      end_version(version_);
     }
-    return true;
+    return is_whole;
   }
 
  private:
@@ -148,6 +166,7 @@ class Change {
   }
 
   UndoLog *log_ = nullptr;
+  Word *version_ = nullptr;
   const Word *outside_ = nullptr;  // the root field, when it lies outside the window: no other process can read it
   std::size_t begin_ = 0;          // entries of the enclosing change
   std::size_t count_ = 0;

@@ -61,17 +61,20 @@ struct WindowHeader {
   std::uint64_t heap_pages;  //    64  fixed
   std::uint64_t pages_used;  //    72  pages in use, under the user's lock; a death may leave it too high, never too low
   std::uint64_t high_water;  //    80  highest pages_used, under the user's lock
-  std::uint64_t bad_releases;  //    88  under the user's lock
-  std::uint64_t kept_pages;    //    96  pages that groups of nodes leave unused; 0: no groups; fixed
-  std::uint64_t deaths;        //   104  processes that were swept out of the table; raised without a lock
-  std::uint8_t spare[912];     //   112  0
+  std::uint64_t bad_releases;             //    88  under the user's lock
+  std::uint64_t kept_pages;               //    96  pages that groups of nodes leave unused; 0: no groups; fixed
+  std::uint64_t deaths;                   //   104  processes swept out of the table; raised without a lock
+  std::uint64_t spare[2];                 //   112  0
+  std::uint64_t versions[kVersionWords];  //   128  the tree service's, under the user's lock; readers take no lock
+  std::uint64_t spare_words[72];          //   448  0
 
   std::uint8_t user_area[SHMWIN_USER_AREA_BYTES];  //  1024  the user's
   std::uint64_t process[kMaxProcesses];            //  2048  who is attached; changed by compare-and-swap alone
   std::uint8_t tree_area[kTreeAreaBytes];          //  4096  the tree service's
 };
 static_assert(offsetof(WindowHeader, complete) == 56);
-static_assert(offsetof(WindowHeader, user_area) == 1024);
+static_assert(offsetof(WindowHeader, versions) == kVersionsOffset);
+static_assert(offsetof(WindowHeader, user_area) == kUserAreaOffset);
 static_assert(offsetof(WindowHeader, process) == 2048);
 static_assert(offsetof(WindowHeader, tree_area) == 4096);
 static_assert(sizeof(WindowHeader) == 20480);

@@ -1,0 +1,301 @@
+// The two calls that look without the lock. Nothing here writes to the window (but look_under_lock(), the last resort).
+//
+// A look reads the versions (services/avl/versions.h) of what it is about to read, reads it, and reads the versions
+// again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its change may be
+// under way, or its process may have died or been stopped in it. Then every word is read through the undo log, as it was
+// before the change, and the log and the lock's holder must be the same at the end: the version that a dead process left
+// odd behind its commit would not tell that its change is over and another one has begun. So a look fails only if a writer
+// went on meanwhile.
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "avl/undo_view.h"
+#include "avl/versions.h"
+#include "encap_client.h"
+#include "lookup.h"
+#include "session.h"
+#include "window.h"
+
+namespace clients {
+namespace {
+
+using vrellis::avl::load_word;
+using vrellis::avl::UndoLog;
+using vrellis::avl::UndoView;
+using Word = vrellis::avl::Word;
+
+constexpr int kAgain = -1;  // a writer went on during the look
+constexpr int kLooks = 2000;
+constexpr int kRounds = 8;
+constexpr int kSpellOfLooks = 16;     // without a pause between them
+constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
+constexpr long kWaitNanoseconds = 1'000'000;
+
+// One look at the window of this process.
+class Look {
+ public:
+  Look() : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
+
+  // Before anything is read whose version this is. Returns: false when more is read than can be kept in mind.
+  void watch(Word place) {
+    Watched &watched = watched_[count_++];
+    watched.version = address_of(vrellis::avl::version_of(extent.window, place));
+    watched.value = load_word(watched.version);
+    if ((watched.value & 1) != 0) {
+      // An odd version beside an empty log is that of a change which has ended, if the log is read after the version.
+      moved_ = moved_ || !view_.holds();
+      holder_ = view_.reads_log() ? holder_ : holder();
+      view_.open();
+    }
+  }
+
+  // Returns: `answer`, if everything was read at one moment.
+  int end(int answer, bool last_time) const {
+    bool same =
+        !moved_ && view_.holds() && (!view_.reads_log() || holder() == holder_) && (!view_.unsure() || last_time);
+    for (unsigned i = 0; i < count_; ++i) {
+      same = same && load_word(watched_[i].version) == watched_[i].value;
+    }
+    return same ? answer : kAgain;
+  }
+
+  Word word(Word address) { return view_.word(address); }
+  std::uint32_t half(Word address) { return view_.half(address); }
+
+  template <typename Record>
+  Record copy(const Record *record) {
+    std::uint32_t words[sizeof(Record) / 4];
+    for (std::size_t i = 0; i < sizeof(Record) / 4; ++i) {
+      words[i] = half(address_of(record) + 4 * i);
+    }
+    Record made;
+    std::memcpy(&made, words, sizeof made);
+    return made;
+  }
+
+ private:
+  struct Watched {
+    Word version;
+    Word value;
+  };
+  static constexpr Word kLogOffset = 4096;
+
+  // The thread that has the lock; 0: none has.
+  static unsigned holder() {
+    constexpr unsigned kThreadBits = 0x3fffffff;  // the others: a thread waits, the holder has died
+    return static_cast<unsigned>(__atomic_load_n(&egress_encap_db->lock.mutex.__data.__lock, __ATOMIC_ACQUIRE)) &
+           kThreadBits;
+  }
+
+  UndoView view_;
+  Watched watched_[2];
+  unsigned count_ = 0;
+  unsigned holder_ = 0;
+  bool moved_ = false;
+};
+
+struct SearchKey {
+  std::uint64_t first;
+  std::uint32_t last;  // 0 in the key of an NH
+};
+
+template <typename Node>
+constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
+
+// Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
+template <typename Node>
+int search(Look &look, Word root, const SearchKey &key, Word *found) {
+  constexpr Word kFirst = offsetof(Node, key);
+  *found = 0;
+  Word node = look.word(root);
+  for (unsigned levels = 0; node != 0; ++levels) {
+    if (levels == kMostLevels || at<Node>(node) == nullptr) {
+      return EINVAL;
+    }
+    const std::uint64_t first = __builtin_bswap64(look.word(node + kFirst));
+    const std::uint32_t last = kIsTunnel<Node> ? __builtin_bswap32(look.half(node + kFirst + 8)) : 0;
+    if (first == key.first && last == key.last) {
+      *found = node;
+      return 0;
+    }
+    const bool after = key.first > first || (key.first == first && key.last > last);
+    node = look.word(node + (after ? 8 : 0));
+  }
+  return 0;
+}
+
+struct Seen {
+  std::uint32_t nh = UINT32_MAX;
+  std::uint32_t tunnel = UINT32_MAX;
+};
+
+SearchKey first_of(const void *bytes) {
+  std::uint64_t first;
+  std::memcpy(&first, bytes, sizeof first);
+  return {__builtin_bswap64(first), 0};
+}
+
+// A process without a client links a node before it fills its index, and unlinks the last NH before its tunnel: an
+// encapsulation without its indexes is not there yet.
+int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
+  const auto *const halves = reinterpret_cast<const char *>(&key);
+  SearchKey tunnel_key = first_of(halves + sizeof(mpls_nh_key_t));
+  tunnel_key.last = __builtin_bswap32(key.ifh);
+  const Word root = address_of(&egress_encap_db->tun_root);
+  look.watch(root);
+  Word tunnel = 0;
+  int status = search<mpls_tunnel_entry_t>(look, root, tunnel_key, &tunnel);
+  if (status != 0 || tunnel == 0) {
+    return status != 0 ? status : ENOENT;
+  }
+  const Word nhs = tunnel + offsetof(mpls_tunnel_entry_t, nh_root);
+  look.watch(nhs);
+  Word nh = 0;
+  status = search<mpls_nh_entry_t>(look, nhs, first_of(halves), &nh);
+  if (status != 0) {
+    return status;
+  }
+  const std::uint32_t tunnel_index = look.half(tunnel + offsetof(mpls_tunnel_entry_t, egr_tun)) & 0xffff;
+  if ((tunnel_index == 0) != is_on_null_tunnel(key) || !tunnel_in_range(tunnel_index)) {
+    return ENOENT;
+  }
+  seen.tunnel = tunnel_index;
+  const std::uint32_t nh_index = nh != 0 ? look.half(nh + offsetof(mpls_nh_entry_t, nh_index)) : UINT32_MAX;
+  if (nh == 0 || !nh_in_range(nh_index)) {
+    return ENOENT;
+  }
+  seen.nh = nh_index;
+  return 0;
+}
+
+struct Slots {
+  egr_nh_info_t nh;
+  egr_tun_info_t tunnel;
+};
+
+// A damaged address of an array is computed with and not followed.
+template <typename Slot>
+const Slot *slot_at(Slot *const &array, std::uint32_t number) {
+  return at<Slot>(load_word(address_of(&array)) + Word{number} * sizeof(Slot));
+}
+
+const egr_tun_info_t *tunnel_slot_at(std::uint32_t tunnel) {
+  const std::uint32_t number = (tunnel == 0 ? egress_encap_db->tun_end : tunnel) - egress_encap_db->tun_start;
+  return tunnel_in_range(tunnel) ? slot_at(egress_encap_db->tun_info_array, number) : nullptr;
+}
+
+int look_at(Look &look, std::uint32_t nh, Slots &slots) {
+  const auto *const nh_record = slot_at(egress_encap_db->nh_info_array, nh - egress_encap_db->nh_start);
+  if (nh_record == nullptr) {
+    return EINVAL;
+  }
+  look.watch(address_of(nh_record));
+  slots.nh = look.copy(nh_record);
+  if (slots.nh.valid == 0) {
+    return ENOENT;
+  }
+  const auto *const tunnel = tunnel_slot_at(slots.nh.egr_tun);
+  if (tunnel == nullptr) {
+    return EINVAL;
+  }
+  slots.tunnel = look.copy(tunnel);
+  return 0;
+}
+
+template <typename Answer, typename What>
+int look_once(What what, Answer *answer, bool last_time) {
+  Look look;
+  *answer = {};
+  return look.end(what(look, *answer), last_time);
+}
+
+// Waits for the lock for a short time. A holder that was stopped does not go on, so that a look without the lock will
+// do then. Returns: kAgain when the lock could not be had.
+template <typename Answer, typename What>
+[[gnu::cold, gnu::noinline]] int look_under_lock(What what, Answer *answer) {
+  timespec until{};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_nsec += kWaitNanoseconds;
+  if (until.tv_nsec >= 1'000'000'000) {
+    until.tv_nsec -= 1'000'000'000;
+    ++until.tv_sec;
+  }
+  pthread_mutex_t *const mutex = &egress_encap_db->lock.mutex;
+  const int status = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+  if (status == EOWNERDEAD) {
+    pthread_mutex_consistent(mutex);
+  } else if (status != 0) {
+    return kAgain;
+  }
+  const int seen = look_once(what, answer, true);
+  pthread_mutex_unlock(mutex);
+  return seen;
+}
+
+template <typename Answer, typename What>
+[[gnu::cold, gnu::noinline]] int look_again(What what, Answer *answer) {
+  for (int round = 0; round < kRounds; ++round) {
+    for (int i = 0; i < kLooks; ++i) {
+      const int status = look_once(what, answer, i == kLooks - 1);
+      if (status != kAgain) {
+        return status;
+      }
+      if (i >= kSpellOfLooks) {
+        __builtin_ia32_pause();
+      }
+    }
+    const int status = look_under_lock(what, answer);
+    if (status != kAgain) {
+      return status;
+    }
+  }
+  return EAGAIN;
+}
+
+template <typename Answer, typename What>
+int look(const encap_client_t &client, What what, Answer *answer) {
+  if (__builtin_expect(client.generation != generation(), 0)) {
+    return EPERM;
+  }
+  const int status = look_once(what, answer, false);
+  return __builtin_expect(status == kAgain, 0) ? look_again(what, answer) : status;
+}
+
+}  // namespace
+}  // namespace clients
+
+int encap_client_peek(encap_client_t *client, egress_encap_key_t key, uint32_t *nh, uint32_t *tunnel) {
+  using namespace clients;
+  Seen seen;
+  const int status = look(
+      *client, [&key](Look &look, Seen &out) { return look_for(look, key, out); }, &seen);
+  *nh = seen.nh;
+  *tunnel = seen.tunnel;
+  return status;
+}
+
+int encap_client_read(encap_client_t *client, uint32_t nh, egress_encap_key_t *key, egress_encap_aux_data_t *aux,
+                      uint32_t *ref_count) {
+  using namespace clients;
+  if (!nh_in_range(nh)) {
+    return EINVAL;
+  }
+  Slots slots;
+  const int status = look(
+      *client, [nh](Look &look, Slots &out) { return look_at(look, nh, out); }, &slots);
+  if (status != 0) {
+    return status;
+  }
+  *key = key_in(slots.nh, slots.tunnel);
+  *aux = {};
+  aux->egr_tun = slots.nh.egr_tun;
+  aux->seed_nh = slots.nh.seed_nh;
+  aux->is_protected_te_nh = slots.nh.is_protected_te_nh;
+  aux->failover_id = slots.nh.failover_id;
+  aux->failover_nh = slots.nh.failover_nh;
+  *ref_count = slots.nh.ref_count;
+  return 0;
+}
