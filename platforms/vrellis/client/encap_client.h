@@ -187,11 +187,11 @@ ENCAP_CLIENT_API int encap_client_list(encap_client_t *client, encap_client_info
 
 /*
  * Looks a key up without the lock: waits for no process, changes nothing in the window and writes no trace record. Only
- * when writers changed the same tree during each of thousands of looks, it takes the lock for one look, if it gets it
- * within a millisecond.
+ * when writers changed the same tree during each of thousands of looks, it tries the lock and, if the lock is free, looks
+ * once under it.
  * Out: *nh and *tunnel, the indexes; UINT32_MAX for the one, or for both, that is not there.
  * Returns: 0; 2 (ENOENT) when the NH is not there; 22 (EINVAL) when the database is damaged; 11 (EAGAIN) when writers kept
- *   changing the tree during every look, and the lock could not be had either.
+ *   changing the tree during every look, and the lock was never free when it was tried.
  * The answer was true at one moment during the call for everything that clients do. While the process of a call is
  *   stopped, or dead, what it had begun is not seen. A process that uses the operations directly is seen step by step:
  *   an insert after the index of the NH, and that of its tunnel, is in the node; a removal once the NH has left its tree,

@@ -1,4 +1,4 @@
-// The two calls that look without the lock. Nothing here writes to the window (but look_under_lock(), the last resort).
+// The two calls that look without the lock. Only look_under_lock(), the last resort, writes to the window: to the lock.
 //
 // A look reads the versions (services/avl/versions.h) of what it is about to read, reads it, and reads the versions
 // again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its change may be
@@ -7,7 +7,6 @@
 // odd behind its commit would not tell that its change is over and another one has begun. So a look fails only if a writer
 // went on meanwhile.
 #include <pthread.h>
-#include <time.h>
 
 #include <cerrno>
 #include <cstring>
@@ -32,14 +31,13 @@ constexpr int kLooks = 2000;
 constexpr int kRounds = 8;
 constexpr int kSpellOfLooks = 16;     // without a pause between them
 constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
-constexpr long kWaitNanoseconds = 1'000'000;
 
 // One look at the window of this process.
 class Look {
  public:
   Look() : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
 
-  // Before anything is read whose version this is. Returns: false when more is read than can be kept in mind.
+  // Before anything is read whose version this is; twice at most.
   void watch(Word place) {
     Watched &watched = watched_[count_++];
     watched.version = address_of(vrellis::avl::version_of(extent.window, place));
@@ -212,21 +210,13 @@ int look_once(What what, Answer *answer, bool last_time) {
   return look.end(what(look, *answer), last_time);
 }
 
-// Waits for the lock for a short time. A holder that was stopped does not go on, so that a look without the lock will
-// do then. Returns: kAgain when the lock could not be had.
+// Returns: kAgain when another thread holds the lock, which this function does not wait for.
 template <typename Answer, typename What>
 [[gnu::cold, gnu::noinline]] int look_under_lock(What what, Answer *answer) {
-  timespec until{};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_nsec += kWaitNanoseconds;
-  if (until.tv_nsec >= 1'000'000'000) {
-    until.tv_nsec -= 1'000'000'000;
-    ++until.tv_sec;
-  }
   pthread_mutex_t *const mutex = &egress_encap_db->lock.mutex;
-  const int status = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+  const int status = pthread_mutex_trylock(mutex);
   if (status == EOWNERDEAD) {
-    pthread_mutex_consistent(mutex);
+    pthread_mutex_consistent(mutex);  // the next call that changes anything settles what the dead process left open
   } else if (status != 0) {
     return kAgain;
   }
