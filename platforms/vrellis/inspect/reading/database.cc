@@ -5,6 +5,7 @@
 #include "survey.h"
 
 namespace encap_inspect {
+
 Database decode(const View &view) {
   return std::move(survey(view).db);
 }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "child.h"
-#include "model.h"
+#include "model/model.h"
 
 namespace demo {
 

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "plan.h"
+#include "model/plan.h"
 
 namespace demo {
 

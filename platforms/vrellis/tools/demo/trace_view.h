@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <optional>
 
+#include "model/report.h"
 #include "ptd.h"
-#include "report.h"
 
 namespace demo {
 

@@ -1,7 +1,7 @@
 // encapctl clients: who uses the database under which name, and what each holds.
 #include <fmt/format.h>
 
-#include "reading/holders.h"
+#include "holders.h"
 #include "verbs.h"
 #include "window/daemon.h"
 

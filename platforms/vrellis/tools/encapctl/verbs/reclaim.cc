@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <chrono>
 
+#include "holders.h"
 #include "load/as_client.h"
-#include "reading/holders.h"
 #include "verbs.h"
 
 namespace encapctl {

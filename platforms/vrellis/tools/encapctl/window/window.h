@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "check/check.h"
+#include "holders.h"
 #include "output/output.h"
 #include "ranges.h"
 #include "reading/database.h"
-#include "reading/holders.h"
 #include "reading/view.h"
 
 namespace encapctl {

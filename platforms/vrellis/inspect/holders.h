@@ -9,7 +9,7 @@
 
 #include "encap_client.h"
 #include "process/process.h"
-#include "view.h"
+#include "reading/view.h"
 
 namespace encap_inspect {
 
