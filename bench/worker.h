@@ -6,8 +6,11 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <bit>
 #include <cstdint>
+#include <numeric>
 #include <vector>
 
 #include "clock.h"
@@ -17,11 +20,42 @@ namespace encap_bench {
 
 inline constexpr std::uint32_t kWorkers = 4;
 
+// How long operations took: their counts by time, in steps of a sixteenth.
+class Waits {
+ public:
+  void add(double ns) { ++count_[step_of(static_cast<std::uint64_t>(ns))]; }
+  void add(const Waits &other) {
+    for (std::size_t step = 0; step < kSteps; ++step) {
+      count_[step] += other.count_[step];
+    }
+  }
+
+  // The time, in ns, that this share of the operations did not pass.
+  double below(double share) const {
+    const double wanted = share * static_cast<double>(std::accumulate(count_.begin(), count_.end(), std::uint64_t{0}));
+    std::size_t step = 0;
+    for (double seen = 0; step + 1 < kSteps && (seen += static_cast<double>(count_[step])) < wanted; ++step) {
+    }
+    return static_cast<double>(step < 16 ? step : (16 + step % 16) << (step / 16 - 1));
+  }
+
+ private:
+  static constexpr std::size_t kSteps = 16 * 40;
+
+  static std::size_t step_of(std::uint64_t ns) {
+    const auto shift = std::max<std::size_t>(std::bit_width(ns), 5) - 5;
+    return std::min(16 * shift + (ns >> shift), kSteps - 1);
+  }
+
+  std::array<std::uint64_t, kSteps> count_;
+};
+
 struct alignas(64) SliceResult {
   std::uint64_t operations;
   std::uint64_t wrong;
   double seconds;
   double longest_ns;  // of a slice that is clocked
+  Waits waits;        // likewise
 };
 
 // Shared by the lead and the workers. The lead writes the order before `begin`, the workers their results before `end`.
@@ -67,6 +101,7 @@ void work(Board &board, std::uint32_t number, Store &store, const Workload &work
     if (board.clocked) {
       const double after = now_ns();
       result.longest_ns = std::max(result.longest_ns, after - before);
+      result.waits.add(after - before);
       before = after;
     }
   }

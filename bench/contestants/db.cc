@@ -5,7 +5,6 @@
 
 #include "contestants/lock.h"
 #include "ed.h"
-#include "encap_db_owner.h"
 #include "shmwin/layout.h"
 
 namespace encap_bench {
@@ -24,19 +23,24 @@ void query(const char *text) {
 
 }  // namespace
 
-EncapDb::EncapDb(const Place &place, const Workload &workload, Role role, std::uint64_t address)
-    : directory_(place.directory), role_(role) {
+encap_db_config_t EncapDb::config(const Place &place, const Workload &workload) {
   encap_db_config_t config{};
-  config.directory = directory_.c_str();
+  config.directory = place.directory.c_str();
   config.name = kWindow;
   config.shm_id = kWindowId;
   config.nh_start = kFirstIndex;
   config.nh_size = workload.nh_room();
   config.tun_start = kFirstIndex;
   config.tun_size = workload.tunnel_room;
-  config.address = address;
+  return config;
+}
+
+EncapDb::EncapDb(const Place &place, const Workload &workload, Role role, std::uint64_t address)
+    : place_(place), role_(role) {
+  encap_db_config_t wanted = config(place_, workload);
+  wanted.address = address;
   shmwin_error_t error{};
-  if (encap_db_open(&config, nullptr, &error) != 0) {
+  if (encap_db_open(&wanted, nullptr, &error) != 0) {
     std::fprintf(stderr, "%s\n", error.text);
     std::exit(1);
   }
@@ -50,7 +54,7 @@ EncapDb::EncapDb(const Place &place, const Workload &workload, Role role, std::u
 EncapDb::~EncapDb() {
   encap_db_close();
   if (role_ == Role::creator) {
-    encap_db_destroy(directory_.c_str(), kWindow, 1, nullptr);
+    encap_db_destroy(place_.directory.c_str(), kWindow, 1, nullptr);
   }
 }
 

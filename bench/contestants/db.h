@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "contestants/contestant.h"
+#include "encap_db_owner.h"
 #include "shmwin.h"
 
 namespace encap_bench {
@@ -15,6 +16,9 @@ class EncapDb {
   // ENCAP_BENCH_NO_GROUPS: the allocator gives the NH nodes of a new tunnel no room to lie together.
   inline static const bool kGroups = std::getenv("ENCAP_BENCH_NO_GROUPS") == nullptr;
   inline static const std::string kName = kGroups ? "encap_db" : "encap_db, no groups";
+
+  // Its directory is that of `place`, which must stay.
+  static encap_db_config_t config(const Place &place, const Workload &workload);
 
   // `address`: where to map the window; 0 = the service's default.
   EncapDb(const Place &place, const Workload &workload, Role role, std::uint64_t address = 0);
@@ -83,7 +87,7 @@ class EncapDb {
     return info;
   }
 
-  std::string directory_;
+  Place place_;
   Role role_;
 };
 

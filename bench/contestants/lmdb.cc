@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <optional>
 
 namespace encap_bench {
 namespace {
@@ -63,6 +64,19 @@ pthread_mutex_t *map_mutex(const std::string &file, Role role) {
   return mutex;
 }
 
+// Holds a mutex unless it is nullptr.
+class MutexIfAny {
+ public:
+  explicit MutexIfAny(pthread_mutex_t *mutex) {
+    if (mutex != nullptr) {
+      guard_.emplace(mutex);
+    }
+  }
+
+ private:
+  std::optional<Guard> guard_;
+};
+
 // One change: a write transaction with a cursor on the one key. Aborts when the body says so.
 template <typename Body>
 bool change(MDB_env *env, MDB_dbi table, Body body) {
@@ -97,15 +111,18 @@ bool count_users(MDB_txn *txn, MDB_dbi table, const Key &key, int step, bool at_
 
 }  // namespace
 
-Lmdb::Lmdb(const Place &place, const Workload &workload, Role role)
-    : file_(place.file("lmdb")), role_(role), mutex_(map_mutex(file_ + ".mutex", role)) {
-  const Guard guard(mutex_);
+Lmdb::Lmdb(const Place &place, const Workload &workload, Role role, Locks locks)
+    : file_(place.file(locks == Locks::own ? "lmdb-own" : "lmdb")),
+      role_(role),
+      mutex_(locks == Locks::own ? nullptr : map_mutex(file_ + ".mutex", role)) {
+  const MutexIfAny guard(mutex_);
   demand(mdb_env_create(&env_), "environment");
   demand(mdb_env_set_mapsize(env_, (std::size_t{64} << 20) + std::size_t{256} * workload.nh_room()), "size");
+  const unsigned unlocked = mutex_ != nullptr ? MDB_NOLOCK : 0;
   demand(
-      mdb_env_open(
-          env_, file_.c_str(),
-          MDB_NOSUBDIR | MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC | MDB_NOLOCK | MDB_NORDAHEAD | MDB_NOMEMINIT, 0600),
+      mdb_env_open(env_, file_.c_str(),
+                   MDB_NOSUBDIR | MDB_WRITEMAP | MDB_NOSYNC | MDB_NOMETASYNC | MDB_NORDAHEAD | MDB_NOMEMINIT | unlocked,
+                   0600),
       "open");
   MDB_txn *txn;
   demand(mdb_txn_begin(env_, nullptr, 0, &txn), "begin");
@@ -120,16 +137,18 @@ Lmdb::~Lmdb() {
   mdb_cursor_close(reading_);
   mdb_txn_abort(reader_);
   mdb_env_close(env_);
-  munmap(mutex_, sizeof *mutex_);
+  if (mutex_ != nullptr) {
+    munmap(mutex_, sizeof *mutex_);
+  }
   if (role_ == Role::creator) {
     unlink(file_.c_str());
-    unlink((file_ + ".mutex").c_str());
+    unlink((file_ + (mutex_ != nullptr ? ".mutex" : "-lock")).c_str());
   }
 }
 
 template <typename Body>
 auto Lmdb::read(const Key &key, Body body) {
-  const Guard guard(mutex_);
+  const MutexIfAny guard(mutex_);
   mdb_txn_renew(reader_);
   StoredKey wanted = stored(key);
   MDB_val name = as_value(wanted);
@@ -163,7 +182,7 @@ Found Lmdb::miss(const Key &key) {
 }
 
 Found Lmdb::share(const Key &key) {
-  const Guard guard(mutex_);
+  const MutexIfAny guard(mutex_);
   Record record{};
   const bool there =
       change(env_, table_, [&](MDB_txn *txn, MDB_dbi table) { return count_users(txn, table, key, 1, false, record); });
@@ -171,7 +190,7 @@ Found Lmdb::share(const Key &key) {
 }
 
 bool Lmdb::attach(const Encap &encap, std::uint32_t users) {
-  const Guard guard(mutex_);
+  const MutexIfAny guard(mutex_);
   return change(env_, table_, [&](MDB_txn *txn, MDB_dbi table) {
     StoredKey wanted = stored(encap.key);
     Record record{encap.nh, users, seed_of(encap.nh), 0, encap.tun};
@@ -182,14 +201,14 @@ bool Lmdb::attach(const Encap &encap, std::uint32_t users) {
 }
 
 bool Lmdb::release(const Encap &encap) {
-  const Guard guard(mutex_);
+  const MutexIfAny guard(mutex_);
   Record record{};
   return change(env_, table_,
                 [&](MDB_txn *txn, MDB_dbi table) { return count_users(txn, table, encap.key, -1, false, record); });
 }
 
 bool Lmdb::detach(const Encap &encap) {
-  const Guard guard(mutex_);
+  const MutexIfAny guard(mutex_);
   return change(env_, table_, [&](MDB_txn *txn, MDB_dbi table) {
     StoredKey wanted = stored(encap.key);
     MDB_val name = as_value(wanted);

@@ -15,9 +15,11 @@ namespace encap_bench {
 
 class Lmdb {
  public:
+  enum class Locks { mutex, own };
+
   static constexpr const char *kName = "LMDB";
 
-  Lmdb(const Place &place, const Workload &workload, Role role);
+  Lmdb(const Place &place, const Workload &workload, Role role) : Lmdb(place, workload, role, Locks::mutex) {}
   ~Lmdb();
   Lmdb(const Lmdb &) = delete;
   Lmdb &operator=(const Lmdb &) = delete;
@@ -31,6 +33,9 @@ class Lmdb {
   bool read_back(const Encap &encap, Data &data);
   std::uint64_t bytes() const;
 
+ protected:
+  Lmdb(const Place &place, const Workload &workload, Role role, Locks locks);
+
  private:
   // One read transaction: calls body(found, record) and returns its result.
   template <typename Body>
@@ -43,7 +48,14 @@ class Lmdb {
   MDB_dbi table_ = 0;
   MDB_txn *reader_ = nullptr;
   MDB_cursor *reading_ = nullptr;
-  pthread_mutex_t *mutex_ = nullptr;
+  pthread_mutex_t *mutex_ = nullptr;  // nullptr: LMDB locks by itself
+};
+
+// As LMDB is meant to be used by several processes: it locks by itself, and readers take no lock.
+class LmdbOwnLocks : public Lmdb {
+ public:
+  static constexpr const char *kName = "LMDB, own locks";
+  LmdbOwnLocks(const Place &place, const Workload &workload, Role role) : Lmdb(place, workload, role, Locks::own) {}
 };
 
 }  // namespace encap_bench

@@ -42,8 +42,8 @@ void write_file(const std::string &path, const std::string &text) {
 int run(const std::string &results_file, const std::string &page, const std::string &chart) {
   const Results results(results_file);
   const std::string tables = machine_text(results) + ratios_text(results) + operations_text(results) +
-                             processes_text(results) + clients_text(results) + memory_text(results) +
-                             growth_text(results) + instructions_text(results);
+                             processes_text(results) + peek_text(results) + clients_text(results) +
+                             memory_text(results) + growth_text(results) + instructions_text(results);
   const std::string old = read_file(page);
   const std::size_t begin = old.find(kBegin);
   const std::size_t end = old.find(kEnd);

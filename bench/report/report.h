@@ -16,6 +16,8 @@ inline constexpr const char *kFixedMap = "map, pooled, fixed address";
 inline constexpr const char *kHash = "unordered_map, pooled";
 inline constexpr const char *kLmdb = "LMDB";
 inline constexpr const char *kBound = "bound";
+inline constexpr const char *kPeek = "encap_db, peek";
+inline constexpr const char *kLmdbOwn = "LMDB, own locks";
 
 // "-" for what was not measured.
 std::string number(double value, int decimals);
@@ -23,7 +25,8 @@ std::string number(double value, int decimals);
 std::string machine_text(const Results &results);
 std::string ratios_text(const Results &results);
 std::string operations_text(const Results &results);
-std::string processes_text(const Results &results);  // throughput and longest wait
+std::string processes_text(const Results &results);  // throughput and waits
+std::string peek_text(const Results &results);
 std::string clients_text(const Results &results);
 std::string memory_text(const Results &results);
 std::string growth_text(const Results &results);

@@ -4,7 +4,9 @@
 //
 //   ns        processor time of an operation, ns     round: contestants of one round ran one after the other
 //   rate      operations a second, of all processes together; what: "OPERATION/PROCESSES"
+//   first     likewise, of the first process; last: of the last one
 //   wait      longest operation, nanoseconds; what: as above
+//   p50       what half of the operations did not pass, nanoseconds; likewise p99 and p99.9
 //   bytes     shared memory in use
 //   ms        milliseconds of something that is done once
 //   count     a number that others are divided by

@@ -118,12 +118,49 @@ std::string processes_text(const Results &results) {
   return "### Several processes on one store\n\nThe number behind the operation is that of the processes. Million "
          "operations a second, of all processes together, S / M / L; in brackets the longest operation of any process, "
          "ms.\n\n" +
+         table(rows, Names{kOurs, kMap, kHash, kLmdb},
+               [&](const std::string &what, const char *who) {
+                 const auto of = [&](const char *kind) {
+                   return [&, kind](const char *size) { return results.median({kind, size, what, who}) / 1e6; };
+                 };
+                 return by_size(of("rate"), 2) + " (" + by_size(of("wait"), 1) + ")";
+               }) +
+         "How long an operation takes among the others, waiting included, at M: half of the operations / 99 % / 99.9 % "
+         "/ "
+         "all take at most so many microseconds. The reading of the clock is in it.\n\n" +
          table(rows, Names{kOurs, kMap, kHash, kLmdb}, [&](const std::string &what, const char *who) {
-           const auto of = [&](const char *kind) {
-             return [&, kind](const char *size) { return results.median({kind, size, what, who}) / 1e6; };
-           };
-           return by_size(of("rate"), 2) + " (" + by_size(of("wait"), 1) + ")";
+           std::string text;
+           for (const char *kind : {"p50", "p99", "p99.9", "wait"}) {
+             text += (text.empty() ? "" : " / ") + number(results.median({kind, "M", what, who}) / 1e3, 2);
+           }
+           return text;
          });
+}
+
+std::string peek_text(const Results &results) {
+  static constexpr char kOne[] = "find, hit/1", kTwo[] = "find, hit/2", kBeside[] = "find, hit, beside a writer";
+  struct Row {
+    const char *text, *kind, *what, *who;  // over
+    const char *other_what, *other_who;    // the rate of these
+  };
+  constexpr Row kRows[] = {
+      {"time of a peek, over that of a find, in one process", "rate", kOne, kOurs, kOne, kPeek},
+      {"two processes that peek, over one", "rate", kTwo, kPeek, kOne, kPeek},
+      {"peek beside a process that deletes and inserts NHs, over peek alone", "first", kBeside, kPeek, kOne, kPeek},
+      {"that process, over itself alone", "last", kBeside, kPeek, "NH deleted, inserted/1", kOurs},
+      {"two processes that peek, over two readers of LMDB with its own locks", "rate", kTwo, kPeek, kTwo, kLmdbOwn},
+      {"two processes that peek, over two in unordered_map under the mutex", "rate", kTwo, kPeek, kTwo, kHash},
+  };
+  std::string text =
+      "### Looking without the lock\n\nRatios of rates, medians of the rounds of one run, S / M / L.\n\n| | S / M / L "
+      "|\n|---|---:|\n";
+  for (const Row &row : kRows) {
+    const auto ratio = [&](const char *size) {
+      return results.ratio({row.kind, size, row.what, row.who}, {"rate", size, row.other_what, row.other_who});
+    };
+    text += std::string("| ") + row.text + " | " + by_size(ratio, 2) + " |\n";
+  }
+  return text + "\n";
 }
 
 std::string clients_text(const Results &results) {
