@@ -119,7 +119,7 @@ constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
 // In a big window a tree is seldom in the caches, but the nodes of an NH tree lie close together.
 [[gnu::always_inline]] inline void prefetch_around(Word top) {
   constexpr Word kBigWindow = Word{16} << 20;
-  constexpr Word kAround = 5 * 64;  // five cache lines on either side
+  constexpr Word kAround = Word{5} * 64;  // five cache lines on either side
   if (extent.bytes >= kBigWindow) {
     for (Word place = top - kAround; place <= top + kAround; place += 64) {
       __builtin_prefetch(at_any(place));
