@@ -1,7 +1,7 @@
 // Every instruction of every call of a client: single-steps the call, lets the next client in at every state in which a
 // death would leave the window, and again at every state that a death in that recovery leaves. Each time the database
 // must be as before the call or as after it, without a repair. Then the same with a process without a client that works
-// before the next client comes, and with each allocation failing.
+// before the next client comes, with looks at everything without the lock, and with each allocation failing.
 //
 //   client_steps [--shard I/N] [--only TEXT] [--no-second]
 #include <dlfcn.h>
@@ -41,7 +41,8 @@ namespace client_proof {
 namespace {
 
 struct Totals {
-  std::uint64_t scenarios = 0, instructions = 0, states = 0, seconds = 0, others = 0, allocations = 0, failures = 0;
+  std::uint64_t scenarios = 0, instructions = 0, states = 0, seconds = 0, others = 0, looks = 0, allocations = 0,
+                failures = 0;
 };
 
 // In a child of its own, since a call may close a client.
@@ -117,7 +118,8 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
     const Steps steps = steps_of(stage);
     crash::States seconds;
     const bool first = play_clients(steps, walk.states, "first", with_second ? &seconds : nullptr) &&
-                       play_others(steps, walk.states, &told->others);
+                       play_others(steps, walk.states, &told->others) &&
+                       (!scenario.cast || play_looks(steps, walk.states, &told->looks));
     told->seconds = seconds.all().size();
     return first && play_clients(steps, seconds, "second-death", nullptr);
   });
@@ -125,6 +127,7 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
   const bool refused_well = fail_allocations(stage, *told);
   totals.seconds += told->seconds;
   totals.others += told->others;
+  totals.looks += told->looks;
   totals.allocations += told->allocations;
   munmap(told, sizeof(Totals));
   return good && refused_well;
@@ -152,8 +155,9 @@ int main(int argc, char **argv) {
     }
   }
   std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", states %" PRIu64 ", of second deaths %" PRIu64
-              ", works of others %" PRIu64 ", failing allocations %" PRIu64 ", failures %" PRIu64 "\n",
-              totals.scenarios, totals.instructions, totals.states, totals.seconds, totals.others, totals.allocations,
-              totals.failures);
+              ", works of others %" PRIu64 ", looks %" PRIu64 ", failing allocations %" PRIu64 ", failures %" PRIu64
+              "\n",
+              totals.scenarios, totals.instructions, totals.states, totals.seconds, totals.others, totals.looks,
+              totals.allocations, totals.failures);
   return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;
 }

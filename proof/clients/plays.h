@@ -32,6 +32,10 @@ Steps steps_of(const Stage &stage);
 // The next client finds one of the steps. Out: *seconds, if wanted, the states that a death in its recovery leaves.
 bool play_clients(const Steps &steps, const crash::States &states, const char *which, crash::States *seconds);
 
+// A writer is stopped in each state: looks at all keys and NHs without the lock answer together as in one of the steps.
+// Requires a cast. Out: *looks, how many.
+bool play_looks(const Steps &steps, const crash::States &states, std::uint64_t *looks);
+
 // A process without a client works before the next client comes: what it completes has its whole effect, and no other.
 // Out: *works, how often.
 bool play_others(const Steps &steps, const crash::States &states, std::uint64_t *works);

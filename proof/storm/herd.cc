@@ -88,6 +88,10 @@ void Herd::end(std::uint32_t process) {
   }
 }
 
+void Herd::send(std::uint32_t process, int signal) const {
+  kill(pid_[process], signal);
+}
+
 void Herd::expect_well() const {
   for (const ThreadState &thread : state_.thread) {
     if (thread.failure[0] != '\0') {

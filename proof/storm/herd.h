@@ -52,6 +52,7 @@ class Herd {
 
   void start(std::uint32_t process, std::uint64_t seed);
   void end(std::uint32_t process);  // by SIGKILL
+  void send(std::uint32_t process, int signal) const;
   bool is_alive(std::uint32_t process) const { return pid_[process] != 0; }
 
   // Fails the run when a thread has failed or a process has ended by itself.
