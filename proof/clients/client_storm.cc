@@ -18,8 +18,8 @@
 #include <random>
 
 #include "avl.h"
-#include "lookup.h"
 #include "picture.h"
+#include "records/lookup.h"
 #include "storm_journal.h"
 #include "support/driver.h"
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "lookup.h"
 #include "plays.h"
+#include "records/lookup.h"
 
 namespace client_proof {
 namespace {

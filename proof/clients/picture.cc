@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "layout.h"
-#include "ledger.h"
-#include "lookup.h"
+#include "records/layout.h"
+#include "records/ledger.h"
+#include "records/lookup.h"
 
 namespace client_proof {
 namespace {

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "lookup.h"
 #include "model/operations.h"
+#include "records/lookup.h"
 #include "support/write_watch.h"
 
 namespace client_proof {

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "client_fixture.h"
-#include "layout.h"
+#include "records/layout.h"
 
 namespace test_support {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "client_fixture.h"
-#include "layout.h"
+#include "records/layout.h"
 
 namespace test_support {
 namespace {

@@ -4,13 +4,13 @@
 #include <cstring>
 
 #include "encap_client.h"
-#include "ledger.h"
-#include "lookup.h"
 #include "names.h"
+#include "records/ledger.h"
+#include "records/lookup.h"
+#include "records/window.h"
 #include "references.h"
 #include "session.h"
 #include "shmwin/refuse.h"
-#include "window.h"
 
 namespace clients {
 namespace {

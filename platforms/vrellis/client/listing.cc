@@ -5,11 +5,11 @@
 #include <cstring>
 
 #include "encap_client.h"
-#include "ledger.h"
-#include "lookup.h"
 #include "names.h"
+#include "records/ledger.h"
+#include "records/lookup.h"
+#include "records/window.h"
 #include "session.h"
-#include "window.h"
 
 namespace clients {
 namespace {

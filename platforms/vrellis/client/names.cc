@@ -6,8 +6,8 @@
 #include <ctime>
 
 #include "process/process.h"
+#include "records/window.h"
 #include "session.h"
-#include "window.h"
 
 namespace clients {
 namespace {

@@ -3,7 +3,7 @@
 #ifndef VRELLIS_CLIENT_NAMES_H
 #define VRELLIS_CLIENT_NAMES_H
 
-#include "layout.h"
+#include "records/layout.h"
 
 namespace clients {
 

@@ -14,9 +14,9 @@
 #include "avl/undo_view.h"
 #include "avl/versions.h"
 #include "encap_client.h"
-#include "lookup.h"
+#include "records/lookup.h"
+#include "records/window.h"
 #include "session.h"
-#include "window.h"
 
 namespace clients {
 namespace {

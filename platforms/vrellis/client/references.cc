@@ -2,10 +2,10 @@
 
 #include <cerrno>
 
-#include "indexes.h"
-#include "lookup.h"
+#include "records/indexes.h"
+#include "records/lookup.h"
+#include "records/window.h"
 #include "session.h"
-#include "window.h"
 
 namespace clients {
 namespace {

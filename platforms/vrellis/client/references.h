@@ -3,7 +3,7 @@
 #ifndef VRELLIS_CLIENT_REFERENCES_H
 #define VRELLIS_CLIENT_REFERENCES_H
 
-#include "ledger.h"
+#include "records/ledger.h"
 
 namespace clients {
 

@@ -8,7 +8,7 @@
 
 #include "avl.h"
 #include "mpls_egress_encap_db.h"
-#include "window.h"
+#include "records/window.h"
 
 namespace clients {
 namespace {

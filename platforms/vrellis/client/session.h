@@ -3,7 +3,7 @@
 #define VRELLIS_CLIENT_SESSION_H
 
 #include "avl/avl_change.h"
-#include "layout.h"
+#include "records/layout.h"
 
 // Written by open and close alone; which record is the client's may not change while it is open.
 struct encap_client {

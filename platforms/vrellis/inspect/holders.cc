@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "layout.h"
+#include "records/layout.h"
 #include "shmwin/process_table.h"
 
 namespace encap_inspect {

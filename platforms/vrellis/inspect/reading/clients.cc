@@ -1,7 +1,7 @@
 // The clients of a database: the blocks that they keep in the window, and their ledgers beside the counts.
 #include <cstring>
 
-#include "layout.h"
+#include "records/layout.h"
 #include "survey.h"
 
 namespace encap_inspect {
