@@ -4,8 +4,8 @@
 // again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its change may be
 // under way, or its process may have died or been stopped in it. Then every word is read through the undo log, as it was
 // before the change, and the log and the lock's holder must be the same at the end: the version that a dead process left
-// odd behind its commit would not tell that its change is over and another one has begun. So a look fails only if a writer
-// went on meanwhile.
+// odd behind its commit would not tell that its change is over and another one has begun. So a look fails only if a
+// writer went on meanwhile.
 #include <pthread.h>
 
 #include <cerrno>
@@ -15,6 +15,7 @@
 #include "avl/versions.h"
 #include "encap_client.h"
 #include "records/lookup.h"
+#include "records/prefetch.h"
 #include "records/window.h"
 #include "session.h"
 
@@ -95,12 +96,6 @@ class Look {
   bool moved_ = false;
 };
 
-// Any address, to be prefetched and not followed.
-inline const void *at_any(Word address) {
-  return reinterpret_cast<const void *>(
-      address);  // NOLINT(performance-no-int-to-ptr): the window holds plain addresses
-}
-
 struct SearchKey {
   std::uint64_t first;
   std::uint32_t last;  // 0 in the key of an NH
@@ -108,24 +103,6 @@ struct SearchKey {
 
 template <typename Node>
 constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
-
-// A node's key ends within 36 bytes of its beginning, and so in one or two cache lines.
-[[gnu::always_inline]] inline void prefetch_node(Word node) {
-  constexpr Word kKeyEnd = 32;
-  __builtin_prefetch(at_any(node));
-  __builtin_prefetch(at_any(node + kKeyEnd));
-}
-
-// In a big window a tree is seldom in the caches, but the nodes of an NH tree lie close together.
-[[gnu::always_inline]] inline void prefetch_around(Word top) {
-  constexpr Word kBigWindow = Word{16} << 20;
-  constexpr Word kAround = Word{5} * 64;  // five cache lines on either side
-  if (extent.bytes >= kBigWindow) {
-    for (Word place = top - kAround; place <= top + kAround; place += 64) {
-      __builtin_prefetch(at_any(place));
-    }
-  }
-}
 
 // Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
 template <typename Node>
