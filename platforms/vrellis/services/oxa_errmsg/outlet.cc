@@ -157,6 +157,8 @@ void write_to_stderr(std::string_view line) {
   }
   if (written != wanted) {
     stderr_line_is_cut.store(written > 0 || was_cut, std::memory_order_relaxed);
+  }
+  if (written < wanted - 1) {  // a line without its newline got out whole: the next one ends it
     stderr_losses.add(dropped + 1);
   }
 }
