@@ -132,9 +132,11 @@ TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
 
 TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
   ASSERT_EQ(open(config()), 0);
-  const pid_t child = test_support::spawn(pause);
+  test_support::Signal forked;  // a child enters itself in the table when it first runs
+  const pid_t child = test_support::spawn([&] { return forked.give(), pause(); });
   const pid_t zombie = test_support::spawn([] { return 0; });
   const pid_t helper = test_support::spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
+  ASSERT_TRUE(forked.await());
   siginfo_t ended{};
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
   vrellis::ProcessStat stat{};
