@@ -2,7 +2,8 @@
 // random in one database, under a name for each process. Processes are killed every few milliseconds, alone, in quick
 // succession or all at once, and come back under their names. After each kill all others pause, and this process looks
 // at everything: each client holds what it completed, the ledgers add up to the counts, no index is both free and in
-// use, every block is referred to, and the inspector finds nothing.
+// use, every block is referred to, and the inspector finds nothing. Meanwhile a thread of each process looks without
+// the lock at keys that one thread alone enters, and also while a process is stopped in the middle of a change.
 //
 //   client_storm [--kills N] [--seed S] [--beside]
 //
@@ -28,7 +29,7 @@ namespace {
 
 using crash::kProcesses;
 
-constexpr unsigned kStepSeconds = 30;  // no step of the verifier's takes longer
+constexpr unsigned kStepSeconds = 60;  // no step of the verifier's takes longer
 
 struct Options {
   std::uint64_t kills = 2000;
@@ -59,6 +60,9 @@ class Storm {
       const bool soon = random_() % 4 == 0;  // while the last ones killed open their names again
       usleep(static_cast<useconds_t>(soon ? random_() % 300 : 300 + random_() % 2000));
       herd_.expect_well();
+      if (random_() % 16 == 0) {
+        stop_for_a_while(static_cast<std::uint32_t>(random_() % kProcesses));
+      }
       kill_some();
       herd_.pause();
       look();
@@ -70,8 +74,9 @@ class Storm {
 
   void print(double seconds) const {
     std::printf("%" PRIu64 " kills, of which %" PRIu64 " held the lock to the end, %" PRIu64 " calls, %" PRIu64
-                " refused for want of an index, nothing lost, every page is free, %.1f s\n",
-                kills_, holders_, herd_.operations(), journal_.refused.load(), seconds);
+                " refused for want of an index, %" PRIu64 " stops, %" PRIu64
+                " looks that had one right answer, nothing lost, every page is free, %.1f s\n",
+                kills_, holders_, herd_.operations(), journal_.refused.load(), stops_, journal_.judged.load(), seconds);
   }
 
  private:
@@ -83,6 +88,24 @@ class Storm {
       live_beside_clients(journal_, random_());
       _exit(0);
     }
+  }
+
+  // A stopped process may hold the lock, with a change begun. The looks of the others do not wait for it.
+  void stop_for_a_while(std::uint32_t process) {
+    if (!herd_.is_alive(process)) {
+      return;
+    }
+    ++stops_;
+    herd_.send(process, SIGSTOP);
+    for (std::uint32_t other = 0; other < kProcesses; ++other) {
+      const Journal::Name &name = journal_.name[other];
+      const std::uint64_t seen = name.looks;
+      while (other != process && herd_.is_alive(other) && name.looking && name.looks < seen + 50) {
+        herd_.expect_well();
+        usleep(100);
+      }
+    }
+    herd_.send(process, SIGCONT);
   }
 
   // One process, at times another behind it, which may be about to recover what the first left, at times all.
@@ -159,12 +182,16 @@ class Storm {
       for (std::uint32_t owner = process * crash::kThreads; owner < (process + 1) * crash::kThreads; ++owner) {
         journal_.thread[owner].entering = journal_.thread[owner].releasing = 0;
       }
+      name.looking = false;
       const bool stays_away = !name.lost && random_() % 8 == 0;
       name.sweeping = stays_away || name.lost;
       if (stays_away) {
         name.lost = true;
         for (auto &wanted : name.wanted) {
           wanted = 0;
+        }
+        for (std::uint32_t i = 0; i < kPrivateEach; ++i) {
+          journal_.private_key(process, i).begin_change();
         }
       } else if (!name.lost || random_() % 2 == 0) {
         herd_.start(process, random_());
@@ -199,7 +226,7 @@ class Storm {
   std::mt19937_64 random_;
   crash::Herd herd_;
   pid_t other_ = 0;
-  std::uint64_t kills_ = 0, holders_ = 0;
+  std::uint64_t kills_ = 0, holders_ = 0, stops_ = 0;
 };
 
 int run(const Options &options) {

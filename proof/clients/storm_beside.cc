@@ -14,7 +14,8 @@ class OtherProcess : Member {
   void live() {
     crash::work_in_steps(journal_.herd, kOther, [this] {
       const std::uint32_t nh = crash::kNhStart + below(kStormNhs);
-      return held_on(nh) != 0 ? release(nh) : take(below(kKeys + kOtherKeys));
+      const std::uint32_t number = below(kSharedKeys + kOtherKeys);  // none that is a client's own
+      return held_on(nh) != 0 ? release(nh) : take(number < kSharedKeys ? number : number + kKeys - kSharedKeys);
     });
     for (std::uint32_t nh = crash::kNhStart; nh < crash::kNhStart + kStormNhs; ++nh) {
       while (held_on(nh) != 0 && release(nh)) {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <thread>
 
@@ -26,11 +27,33 @@ class ClientThread : Member {
   // As many calls as `calls`, or until the storm ends.
   void work(std::uint32_t calls) {
     crash::work_in_steps(journal_.herd, owner_, [&] {
-      const std::uint32_t number = below(kKeys);
+      const bool is_private = owner_ % kThreads == 0 && below(2) == 0;
+      const std::uint32_t number =
+          is_private ? kSharedKeys + owner_ / kThreads * kPrivateEach + below(kPrivateEach) : below(kSharedKeys);
       const std::uint32_t held = journal_.thread[owner_].held[number];
       const bool enters = held == 0 || (held < kMostOfOneKey && below(2) == 0);
-      return (enters ? enter(number) : release(number)) && --calls != 0;
+      Journal::Private *const own = is_private ? &journal_.only[number - kSharedKeys] : nullptr;
+      if (own != nullptr) {
+        own->begin_change();
+      }
+      const bool good = enters ? enter(number) : release(number);
+      if (own != nullptr) {
+        own->nh = nh_[number].load();
+        own->end_change();
+      }
+      return good && --calls != 0;
     });
+  }
+
+  // Looks at private keys of all processes without the lock, as long as the others work.
+  void look(const std::atomic<bool> &working) {
+    Journal::Name &name = journal_.name[owner_ / kThreads];
+    name.looking = true;
+    crash::work_in_steps(journal_.herd, owner_, [&] {
+      ++name.looks;
+      return look_at(kSharedKeys + below(kKeys - kSharedKeys)) && working;
+    });
+    name.looking = false;
   }
 
  private:
@@ -41,6 +64,7 @@ class ClientThread : Member {
     const int status = encap_client_enter(client_, storm_key(number), nullptr, &entry);
     if (status == 0) {
       ++own.held[number];
+      nh_[number] = entry.nh;
     }
     own.entering = 0;
     if (status == ENOSPC) {
@@ -57,8 +81,29 @@ class ClientThread : Member {
     if (read != 0 || storm_key_number(key) != number) {
       return fail("NH %u of key %u is read with %d as key %u", entry.nh, number, read, storm_key_number(key));
     }
-    nh_[number] = entry.nh;
     return true;
+  }
+
+  bool look_at(std::uint32_t number) {
+    const Journal::Private &own = journal_.only[number - kSharedKeys];
+    const std::uint64_t stamp = own.stamp;
+    const std::uint32_t held = journal_.thread[process_of(number) * kThreads].held[number];
+    const std::uint32_t should = held != 0 ? own.nh.load() : UINT32_MAX;
+    const egress_encap_key_t sought = storm_key(number);
+    std::uint32_t nh = 0, tunnel = 0, count = 0;
+    egress_encap_key_t key{};
+    egress_encap_aux_data_t aux{};
+    const int status = encap_client_peek(client_, sought, &nh, &tunnel);
+    const int read = status == 0 ? encap_client_read(client_, nh, &key, &aux, &count) : ENOENT;
+    if (stamp % 2 != 0 || own.stamp != stamp) {
+      return true;  // it has changed meanwhile, or a death left it in doubt
+    }
+    ++journal_.judged;
+    const bool whole =
+        read == 0 && std::memcmp(&key, &sought, sizeof key) == 0 && count == held && aux.egr_tun == tunnel;
+    return (nh == should && status == (held != 0 ? 0 : ENOENT) && (held == 0 || whole)) ||
+           fail("a look at key %u answered %d, NH %u, not %u; its read %d, %u references, not %u, tunnels %u and %u",
+                number, status, nh, should, read, count, held, tunnel, aux.egr_tun);
   }
 
   bool release(std::uint32_t number) {
@@ -84,10 +129,13 @@ class ClientProcess : Member {
   void live() {
     do {
       encap_client_t *const client = open();
+      begin_changes();
       if (client == nullptr || !take_up(client) || !refresh(client)) {
         break;
       }
+      end_changes();
       work(client);
+      begin_changes();
       reclaim_the_lost(client);
       // While others may still take the name for lost, it is not left to them with what it holds.
       close(client, journal_.herd.stop || own_.lost || below(4) == 0);
@@ -112,6 +160,19 @@ class ClientProcess : Member {
         return nullptr;
       }
       usleep(100);
+    }
+  }
+
+  void begin_changes() {
+    for (std::uint32_t i = 0; i < kPrivateEach; ++i) {
+      journal_.private_key(process_, i).begin_change();
+    }
+  }
+  void end_changes() {
+    for (std::uint32_t i = 0; i < kPrivateEach; ++i) {
+      Journal::Private &own = journal_.private_key(process_, i);
+      own.nh = nh_[kSharedKeys + process_ * kPrivateEach + i].load();
+      own.end_change();
     }
   }
 
@@ -167,8 +228,11 @@ class ClientProcess : Member {
 
   void work(encap_client_t *client) {
     const std::uint32_t calls = 50 + below(3000);
+    std::atomic<bool> working{true};
+    std::thread looker(
+        [&, seed = random_()] { ClientThread(journal_, client, nh_, owner_ + kThreads - 1, seed).look(working); });
     std::vector<std::thread> threads;
-    for (std::uint32_t thread = 1; thread < kThreads; ++thread) {
+    for (std::uint32_t thread = 1; thread < kThreads - 1; ++thread) {
       threads.emplace_back(
           [=, this, seed = random_()] { ClientThread(journal_, client, nh_, owner_ + thread, seed).work(calls); });
     }
@@ -176,6 +240,8 @@ class ClientProcess : Member {
     for (std::thread &thread : threads) {
       thread.join();
     }
+    working = false;
+    looker.join();
   }
 
   void reclaim_the_lost(encap_client_t *client) {

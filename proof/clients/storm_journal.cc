@@ -29,9 +29,9 @@ std::pair<std::uint32_t, std::uint32_t> Journal::bounds(std::uint32_t process, s
 }
 
 void Journal::settle(std::uint32_t process, std::uint32_t key, std::uint32_t held) {
-  for (std::uint32_t owner = process * kThreads; owner < (process + 1) * kThreads; ++owner) {
+  for (std::uint32_t owner = (process + 1) * kThreads; owner-- != process * kThreads;) {
     Thread &own = thread[owner];
-    const bool last = owner % kThreads == kThreads - 1;
+    const bool last = owner % kThreads == 0;
     own.held[key] = last ? held : std::min<std::uint32_t>(held, own.held[key]);
     held -= own.held[key];
   }

@@ -9,8 +9,10 @@
 
 namespace client_proof {
 
-inline constexpr std::uint32_t kKeys = 200;      // that all clients share
-inline constexpr std::uint32_t kOtherKeys = 16;  // that the process without a client enters, among others
+inline constexpr std::uint32_t kKeys = 200;       // that clients enter; the first ones are shared by all
+inline constexpr std::uint32_t kOtherKeys = 16;   // that the process without a client enters, among others
+inline constexpr std::uint32_t kPrivateEach = 8;  // that the first thread of one process alone enters
+inline constexpr std::uint32_t kSharedKeys = kKeys - crash::kProcesses * kPrivateEach;
 inline constexpr std::uint32_t kStormNhs = 180, kStormTunnels = 20;
 inline constexpr std::uint32_t kOther = crash::kOwners;  // thread number of the process without a client
 
@@ -23,12 +25,26 @@ struct Journal {
     std::atomic<bool> sweeping;  // references above `wanted` are about to go
     std::atomic<bool> lost;      // its process does not come back, so that others may reclaim what it holds
     std::atomic<std::uint32_t> wanted[kKeys];
+    std::atomic<bool> looking;         // a thread of it looks without the lock
+    std::atomic<std::uint64_t> looks;  // of that thread
+  };
+  // A private key. While its stamp is even and stays the same, a look has one right answer.
+  struct Private {
+    std::atomic<std::uint64_t> stamp;
+    std::atomic<std::uint32_t> nh;  // its index, if the first thread of its process holds it
+
+    void begin_change() { stamp |= 1; }
+    void end_change() { stamp += stamp % 2; }
   };
   crash::HerdState herd;
   Thread thread[crash::kOwners];
   Name name[crash::kProcesses];
   std::atomic<std::uint32_t> other_held[kStormNhs];  // references of the process without a client, by NH
   std::atomic<std::uint64_t> refused;                // entries that found no free index
+  Private only[kKeys - kSharedKeys];                 // number kSharedKeys and those that follow
+  std::atomic<std::uint64_t> judged;                 // looks that were compared with their one right answer
+
+  Private &private_key(std::uint32_t process, std::uint32_t number) { return only[process * kPrivateEach + number]; }
 
   // How many references the client `process` holds on a key: as many at least and at most.
   std::pair<std::uint32_t, std::uint32_t> bounds(std::uint32_t process, std::uint32_t key) const;
@@ -38,6 +54,10 @@ struct Journal {
 };
 
 egress_encap_key_t storm_key(std::uint32_t number);
+// The process that a private key belongs to.
+constexpr std::uint32_t process_of(std::uint32_t number) {
+  return (number - kSharedKeys) / kPrivateEach;
+}
 std::uint32_t storm_key_number(const egress_encap_key_t &key);  // kKeys + kOtherKeys for another
 std::string storm_name(std::uint32_t process);
 

@@ -172,7 +172,7 @@ std::uint64_t play(const encap_db_config_t &config, const std::string &path, con
     std::fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
-      alarm(10);
+      alarm(60);
       const std::string wrong = next_owner(config);
       std::printf("%s", wrong.empty() ? "" : ("FAILED state " + std::to_string(i) + ":\n" + wrong + '\n').c_str());
       std::fflush(stdout);

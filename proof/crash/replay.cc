@@ -11,8 +11,8 @@
 namespace crash {
 namespace {
 
-constexpr std::size_t kBatch = 128;                               // states a child process plays
-constexpr unsigned kSecondsOfABatch = 60, kSecondsOfATrial = 10;  // then it hangs
+constexpr std::size_t kBatch = 128;                                // states a child process plays
+constexpr unsigned kSecondsOfABatch = 240, kSecondsOfATrial = 60;  // then it hangs
 
 // What a child tells the driver; it survives the child.
 struct Report {

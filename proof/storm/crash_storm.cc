@@ -20,7 +20,7 @@ namespace {
 using encap_inspect::FindingKind;
 using encap_inspect::Report;
 
-constexpr unsigned kStepSeconds = 10;          // no step of the verifier's takes longer
+constexpr unsigned kStepSeconds = 60;          // no step of the verifier's takes longer
 constexpr std::uint64_t kUnreachableEach = 2;  // blocks that a death leaves at most
 
 struct Options {
