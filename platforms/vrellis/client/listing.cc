@@ -87,7 +87,7 @@ int read_holding(const encap_client_t &client, std::uint32_t nh, encap_holding_t
   if (status != 0) {
     return status;
   }
-  const Holding *const found = find_holding(*client.ledger, nh);
+  const Holding *const found = place_of(*client.ledger, nh).holding;
   *told = found != nullptr && nh_in_range(nh);
   if (*told) {
     *holding = {nh, found->held, found->held - fresh_of(*found, client.ledger->epoch), key_of(nh)};

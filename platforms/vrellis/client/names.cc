@@ -26,7 +26,7 @@ std::uint64_t own_entry() {
 }
 
 void put_name(ClientRecord &record, const char *name) {
-  avl_change_note(record.name, sizeof record.name);
+  note_record(record.name);
   std::memset(record.name, 0, sizeof record.name);
   std::memcpy(record.name, name, std::strlen(name));
 }
@@ -41,7 +41,7 @@ int make_root(ClientRoot &root) {
   if (page == nullptr) {
     return ENOMEM;
   }
-  avl_change_note(&root, sizeof root);
+  note_record(root);
   root.clients = address_of(page);
   root.nhs = queue_over(egress_encap_db->nh_start, egress_encap_db->nh_end);
   root.tunnels = queue_over(egress_encap_db->tun_start, egress_encap_db->tun_end);
@@ -168,7 +168,7 @@ int become(const char *name, ClientRecord **record) {
 void hand_back(ClientRecord &record) {
   auto *const ledger = at<Ledger>(record.ledger);
   if (ledger == nullptr || ledger->held == 0) {
-    avl_change_note(&record, sizeof record);
+    note_record(record);
     std::memset(&record, 0, sizeof record);
     shmwin_free(ledger);
   } else {

@@ -15,23 +15,21 @@ int abort_with(int status) {
   return status;
 }
 
-// What the operations of the database change beside trees and allocator: slots.
-void note_nh_slot(std::uint32_t nh) {
-  egr_nh_info_t &slot = nh_slot(nh);
-  avl_change_note(&slot.ref_count + 1, sizeof slot - sizeof slot.ref_count);
+// What the operations of the database change beside trees and allocator: slots. Their counts are noted as counts.
+template <typename Slot>
+void note_slot(const Slot &slot) {
+  avl_change_note(&slot.ref_count + 1, sizeof slot / sizeof slot.ref_count - 1);
 }
 
-void note_tunnel_slot(std::uint32_t tunnel) {
-  egr_tun_info_t &slot = tunnel_slot(tunnel);
-  avl_change_note(&slot.ref_count + 1, sizeof slot - sizeof slot.ref_count);
-}
-
-int share(Ledger &ledger, Holding *holding, std::uint32_t nh, encap_entry_t *entry) {
-  if (holding != nullptr && holding->held == kMostHeld) {
+int share(Ledger &ledger, const Place &place, std::uint32_t nh, encap_entry_t *entry) {
+  if (place.holding == nullptr && !place.is_sound()) {
+    return EINVAL;
+  }
+  if (place.holding != nullptr && place.holding->held == kMostHeld) {
     return EOVERFLOW;
   }
   begin_change();
-  entry->held = add_reference(ledger, holding, nh);
+  entry->held = add_reference(ledger, place, nh);
   if (entry->held == 0) {
     return abort_with(ENOMEM);
   }
@@ -42,27 +40,14 @@ int share(Ledger &ledger, Holding *holding, std::uint32_t nh, encap_entry_t *ent
   return 0;
 }
 
-// Chooses the indexes that `info` lacks. Requires an open change. Returns: 0; ENOSPC.
-int choose_indexes(const Found &found, const egress_encap_key_t &key, egress_encap_info_t &info) {
-  ClientRoot &root = client_root();
-  int status = choose_nh(root, &info.egr_nh);
-  if (found.tunnel != nullptr) {
-    info.tun_found = 1;
-    info.egr_tun = found.tunnel->egr_tun;
-  } else if (status == 0 && !is_on_null_tunnel(key)) {
-    status = choose_tunnel(root, &info.egr_tun);
-  }
-  return status;
-}
-
 void note_slots(const egress_encap_info_t &info) {
-  note_nh_slot(info.egr_nh);
   egr_nh_info_t &nh = nh_slot(info.egr_nh);
+  note_slot(nh);
   avl_change_version(&nh);
   avl_change_count(&nh.ref_count, 1);
   egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
   if (info.tun_found == 0) {
-    note_tunnel_slot(info.egr_tun);
+    note_slot(tunnel);
   }
   avl_change_count(&tunnel.ref_count, tunnel.ref_count + 1);
 }
@@ -74,17 +59,27 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
   info.failover_nh = attributes.failover_nh;
   info.failover_id = attributes.failover_id & 0xfffU;
   info.is_protected_te_nh = attributes.is_protected_te_nh & 1U;
-  clear_queue_fronts(client_root());
-  begin_change();
-  const int chosen = choose_indexes(found, key, info);
-  if (chosen != 0) {
-    return abort_with(chosen);
+  ClientRoot &root = client_root();
+  Choice nh{};
+  Choice tunnel{};
+  const bool needs_tunnel = found.tunnel == nullptr && !is_on_null_tunnel(key);
+  if (choose_nh(root, &nh) != 0 || (needs_tunnel && choose_tunnel(root, &tunnel) != 0)) {
+    return ENOSPC;
   }
-  if (!is_sound(ledger, info.egr_nh)) {
-    return abort_with(EINVAL);
-  }
+  info.egr_nh = nh.index;
+  info.egr_tun = found.tunnel != nullptr ? found.tunnel->egr_tun : tunnel.index;
+  info.tun_found = found.tunnel != nullptr ? 1 : 0;
   // The slot was free, so that nothing can be held on this index.
-  entry->held = add_reference(ledger, nullptr, info.egr_nh);
+  const Place place{&bucket_of(ledger, nh.index), nullptr};
+  if (!place.is_sound()) {
+    return EINVAL;
+  }
+  begin_change();
+  take_nh(root, nh);
+  if (needs_tunnel) {
+    take_tunnel(root, tunnel);
+  }
+  entry->held = add_reference(ledger, place, info.egr_nh);
   if (entry->held == 0) {
     return abort_with(ENOMEM);
   }
@@ -108,13 +103,13 @@ int take_out(std::uint32_t nh, encap_left_t *left) {
   egr_nh_info_t &slot = nh_slot(nh);
   egr_tun_info_t &tunnel_of_nh = tunnel_slot(left->tunnel);
   avl_change_count(&slot.ref_count, 0);
-  note_nh_slot(nh);
-  note_tunnel_slot(left->tunnel);
+  note_slot(slot);
   avl_change_count(&tunnel_of_nh.ref_count, tunnel_of_nh.ref_count - 1);
   give_nh_back(client_root(), nh);
   left->nh_left = 1;
   left->tunnel_left = tunnel_of_nh.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
   if (left->tunnel_left != 0) {
+    note_slot(tunnel_of_nh);
     give_tunnel_back(client_root(), left->tunnel);
   }
   // The removal counts down before it touches a tree.
@@ -146,7 +141,7 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
                    encap_entry_t *entry) {
   const Found found = look_up(key);
   if (found.nh != nullptr) {
-    fetch_holding(ledger, found.nh->nh_index);
+    fetch(bucket_of(ledger, found.nh->nh_index));
   }
   if (!is_whole(found, key)) {
     return EINVAL;
@@ -158,40 +153,37 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
   }
   entry->nh = found.nh->nh_index;
   entry->tunnel = found.tunnel->egr_tun;
-  Holding *const holding = find_holding(ledger, entry->nh);
-  if (holding == nullptr && !is_sound(ledger, entry->nh)) {
-    return EINVAL;
-  }
-  if (holding == nullptr || fresh_of(*holding, ledger.epoch) == holding->held) {
-    const int status = share(ledger, holding, entry->nh, entry);
+  const Place place = place_of(ledger, entry->nh);
+  if (place.holding == nullptr || fresh_of(*place.holding, ledger.epoch) == place.holding->held) {
+    const int status = share(ledger, place, entry->nh, entry);
     settle_size(ledger);
     return status;
   }
   begin_change();
-  renew_reference(ledger, *holding);
+  renew_reference(ledger, *place.holding);
   avl_change_commit();
-  entry->held = holding->held;
+  entry->held = place.holding->held;
   entry->renewed = 1;
   return 0;
 }
 
 int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_left_t *left) {
-  Holding *const holding = find_holding(ledger, nh);
-  if (holding == nullptr) {
-    return is_sound(ledger, nh) ? ENOENT : EINVAL;
+  const Place place = place_of(ledger, nh);
+  if (place.holding == nullptr) {
+    return place.is_sound() ? ENOENT : EINVAL;
   }
   if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || nh_slot(nh).ref_count == 0 ||
       !tunnel_in_range(nh_slot(nh).egr_tun)) {
     return EINVAL;
   }
-  if (holding->held <= 1 && !is_sound(ledger, nh)) {  // it is about to be taken out of its bucket
+  if (place.holding->held <= 1 && !place.is_sound()) {  // it is about to be taken out of its bucket
     return EINVAL;
   }
   egr_nh_info_t &slot = nh_slot(nh);
   left->nh = nh;
   left->tunnel = slot.egr_tun;
   begin_change();
-  left->held = drop_reference(ledger, holding, first);
+  left->held = drop_reference(ledger, place, first);
   avl_change_version(&slot);
   if (slot.ref_count > 1) {
     avl_change_count_now(&slot.ref_count, slot.ref_count - 1);

@@ -32,10 +32,6 @@ void close_database();
 int enter_database(const encap_client_t &client);
 void leave_database();
 
-inline void begin_change() {
-  avl_change_begin(&egress_encap_db->tun_root);
-}
-
 }  // namespace clients
 
 #endif

@@ -70,8 +70,8 @@ struct SearchEnds {
   const void *previous = nullptr;  // of the search before: a caller that searches two trees in turn inserts in either
 };
 
-#define SEARCH_ENDS_TLS __attribute__((tls_model("initial-exec"), visibility("hidden")))
-SEARCH_ENDS_TLS extern constinit thread_local SearchEnds search_ends;
+#define SERVICES_TLS __attribute__((tls_model("initial-exec"), visibility("hidden")))
+SERVICES_TLS extern constinit thread_local SearchEnds search_ends;
 
 // The change of a whole window that the calling thread has open (avl/avl_change.h).
 struct OpenChange {
@@ -79,7 +79,7 @@ struct OpenChange {
   void (*before_commit)(bool commits) = nullptr;  // what the allocator has put off until then
   std::uint64_t versions = 0;                     // that are odd until then, by bits (avl/versions.h)
 };
-SEARCH_ENDS_TLS extern constinit thread_local OpenChange open_change;
+SERVICES_TLS extern constinit thread_local OpenChange open_change;
 
 // Notes a word of the open change's window in the undo log before it changes. Requires an open change.
 void note_word(const std::uint64_t *word);

@@ -44,10 +44,9 @@ bool has_waiting(const IndexQueue &queue, const Kind &kind) {
          at<QueuePage>(queue.oldest) != nullptr;
 }
 
-// Takes the index that waited longest. Requires one that waits.
-std::uint32_t take_oldest(IndexQueue &queue) {
+// Takes the index that waited longest off the queue. Requires one that waits.
+void take_oldest(IndexQueue &queue) {
   auto *const page = at<QueuePage>(queue.oldest);
-  const std::uint32_t index = page->index[queue.take];
   put(queue.waiting, queue.waiting - 1);
   if (queue.waiting == 0) {
     put(queue.oldest, std::uint64_t{0});
@@ -61,27 +60,15 @@ std::uint32_t take_oldest(IndexQueue &queue) {
   } else {
     put(queue.take, queue.take + 1);
   }
+}
+
+// The first free index from `from` on; the end of the range when there is none.
+std::uint32_t first_free(const Kind &kind, std::uint32_t from) {
+  std::uint32_t index = std::max(from, kind.start());
+  while (index < kind.end() && !kind.is_free(index)) {
+    ++index;
+  }
   return index;
-}
-
-// The index that waited longest. Requires one that waits.
-std::uint32_t oldest(const IndexQueue &queue) {
-  return at<QueuePage>(queue.oldest)->index[queue.take];
-}
-
-// The next index that was never given out and is free. Others were taken by processes that choose indexes themselves.
-bool choose_fresh(IndexQueue &queue, const Kind &kind, std::uint32_t *index) {
-  std::uint32_t fresh = std::max(queue.fresh, kind.start());
-  while (fresh < kind.end() && !kind.is_free(fresh)) {
-    ++fresh;
-  }
-  const bool found = fresh < kind.end();
-  const std::uint32_t next = found ? fresh + 1 : fresh;
-  if (next != queue.fresh) {
-    put(queue.fresh, next);
-  }
-  *index = fresh;
-  return found;
 }
 
 std::int64_t monotonic_ns() {
@@ -90,31 +77,48 @@ std::int64_t monotonic_ns() {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-int choose(IndexQueue &queue, Kind &kind, std::uint32_t *index) {
-  if (choose_fresh(queue, kind, index)) {
-    return 0;
-  }
-  if (has_waiting(queue, kind)) {
-    *index = take_oldest(queue);
-    return kind.is_free(*index) ? 0 : ENOSPC;
-  }
+// A look at the whole range. Returns: false when no slot is free, or when the last look that found none is not long ago.
+bool look_again(Kind &kind, std::uint32_t *index) {
   if (monotonic_ns() < kind.next_look_ns) {
-    return ENOSPC;
+    return false;
   }
-  put(queue.fresh, kind.start());
-  if (choose_fresh(queue, kind, index)) {
-    return 0;
+  *index = first_free(kind, kind.start());
+  if (*index < kind.end()) {
+    return true;
   }
   kind.next_look_ns = monotonic_ns() + kNextLookNs;
-  return ENOSPC;
+  return false;
 }
 
-// Takes indexes that are in use off the front of the queue, each in a change of its own.
-void clear_front(IndexQueue &queue, const Kind &kind) {
-  while (has_waiting(queue, kind) && !kind.is_free(oldest(queue))) {
-    avl_change_begin(&egress_encap_db->tun_root);
+int choose(IndexQueue &queue, Kind &kind, Choice *choice) {
+  const std::uint32_t fresh = first_free(kind, queue.fresh);
+  if (fresh != queue.fresh) {
+    begin_change();
+    put(queue.fresh, fresh);
+    avl_change_commit();
+  }
+  *choice = {fresh, false};
+  if (fresh < kind.end()) {
+    return 0;
+  }
+  while (has_waiting(queue, kind)) {
+    *choice = {at<QueuePage>(queue.oldest)->index[queue.take], true};
+    if (kind.is_free(choice->index)) {
+      return 0;
+    }
+    begin_change();
     take_oldest(queue);
     avl_change_commit();
+  }
+  *choice = {0, false};
+  return look_again(kind, &choice->index) ? 0 : ENOSPC;
+}
+
+void take_chosen(IndexQueue &queue, const Choice &choice) {
+  if (choice.has_waited) {
+    take_oldest(queue);
+  } else {
+    put(queue.fresh, choice.index + 1);
   }
 }
 
@@ -148,17 +152,20 @@ void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
 
 }  // namespace
 
-void clear_queue_fronts(ClientRoot &root) {
-  clear_front(root.nhs, nh_indexes);
-  clear_front(root.tunnels, tunnel_indexes);
+int choose_nh(ClientRoot &root, Choice *choice) {
+  return choose(root.nhs, nh_indexes, choice);
 }
 
-int choose_nh(ClientRoot &root, std::uint32_t *index) {
-  return choose(root.nhs, nh_indexes, index);
+int choose_tunnel(ClientRoot &root, Choice *choice) {
+  return choose(root.tunnels, tunnel_indexes, choice);
 }
 
-int choose_tunnel(ClientRoot &root, std::uint32_t *index) {
-  return choose(root.tunnels, tunnel_indexes, index);
+void take_nh(ClientRoot &root, const Choice &choice) {
+  take_chosen(root.nhs, choice);
+}
+
+void take_tunnel(ClientRoot &root, const Choice &choice) {
+  take_chosen(root.tunnels, choice);
 }
 
 void give_nh_back(ClientRoot &root, std::uint32_t index) {

@@ -7,13 +7,20 @@
 
 namespace clients {
 
-// Takes indexes off the fronts of the queues that processes without a client have in use meanwhile. Requires that no
-// change is open. The next choice then needs one look at a slot.
-void clear_queue_fronts(ClientRoot &root);
+// An index whose slot is free.
+struct Choice {
+  std::uint32_t index;
+  bool has_waited;  // it is the front of its queue, and was never given out otherwise
+};
 
-// Require an open change. Out: *index, whose slot is free. Return: 0; ENOSPC when there is none.
-int choose_nh(ClientRoot &root, std::uint32_t *index);
-int choose_tunnel(ClientRoot &root, std::uint32_t *index);
+// Steps over indexes that processes without a client have in use meanwhile. Require that no change is open. Return: 0
+// with *choice filled; ENOSPC when no index is free.
+int choose_nh(ClientRoot &root, Choice *choice);
+int choose_tunnel(ClientRoot &root, Choice *choice);
+
+// Take what was chosen. Require an open change, and that nothing has changed since the choice.
+void take_nh(ClientRoot &root, const Choice &choice);
+void take_tunnel(ClientRoot &root, const Choice &choice);
 
 // Put an index whose slot is about to be freed behind all others. Require an open change.
 void give_nh_back(ClientRoot &root, std::uint32_t index);

@@ -3,10 +3,6 @@
 namespace clients {
 namespace {
 
-Bucket &bucket_of(Ledger &ledger, std::uint32_t nh) {
-  return bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets));
-}
-
 // The word that holds the address of the segment of bucket `number`, which is no inline one; nullptr when its
 // directory is not there.
 std::uint64_t *segment_word(Ledger &ledger, std::uint32_t number) {
@@ -63,8 +59,7 @@ std::uint32_t partner_of(std::uint32_t number) {
 // What a damaged ledger gives for every bucket that it leads to nowhere. Nothing is written there.
 constinit Bucket no_bucket{};
 
-bool is_sound_bucket(Ledger &ledger, std::uint32_t number) {
-  const Bucket &bucket = bucket_at(ledger, number);
+bool is_sound_bucket(const Bucket &bucket) {
   const auto *const spill = at<Spill>(bucket.spill);
   return &bucket != &no_bucket && bucket.used <= kBucketHoldings &&
          (bucket.spill == 0 || (spill != nullptr && used_of(*spill) != 0));
@@ -77,7 +72,7 @@ bool is_sound_size(const Ledger &ledger) {
 bool grow(Ledger &ledger) {
   const std::uint32_t number = ledger.buckets;
   if (number == kMostBuckets || (is_first_of_segment(number) && !add_segment(ledger, number)) ||
-      !is_sound_bucket(ledger, number) || !is_sound_bucket(ledger, partner_of(number))) {
+      !is_sound_bucket(bucket_at(ledger, number)) || !is_sound_bucket(bucket_at(ledger, partner_of(number)))) {
     return false;
   }
   put(ledger.buckets, number + 1);
@@ -86,11 +81,9 @@ bool grow(Ledger &ledger) {
 
 bool shrink(Ledger &ledger) {
   const std::uint32_t number = ledger.buckets - 1;
-  if (!is_sound_bucket(ledger, number) || !is_sound_bucket(ledger, partner_of(number))) {
-    return false;
-  }
   Bucket &last = bucket_at(ledger, number);
-  if (!move(last, bucket_at(ledger, partner_of(number)), partner_of(number), number)) {
+  Bucket &partner = bucket_at(ledger, partner_of(number));
+  if (!is_sound_bucket(last) || !is_sound_bucket(partner) || !move(last, partner, partner_of(number), number)) {
     return false;
   }
   put(ledger.buckets, number);
@@ -112,23 +105,24 @@ Bucket &bucket_at(Ledger &ledger, std::uint32_t number) {
                             : no_bucket;
 }
 
-bool is_sound(Ledger &ledger, std::uint32_t nh) {
-  return is_sound_size(ledger) && is_sound_bucket(ledger, bucket_number(hash_of(nh), ledger.buckets));
+Bucket &bucket_of(Ledger &ledger, std::uint32_t nh) {
+  return is_sound_size(ledger) ? bucket_at(ledger, bucket_number(hash_of(nh), ledger.buckets)) : no_bucket;
 }
 
-void fetch_holding(Ledger &ledger, std::uint32_t nh) {
-  fetch(bucket_of(ledger, nh));
+bool Place::is_sound() const {
+  return is_sound_bucket(*bucket);
 }
 
-Holding *find_holding(Ledger &ledger, std::uint32_t nh) {
-  return is_sound_size(ledger) ? find_in(bucket_of(ledger, nh), nh) : nullptr;
+Place place_of(Ledger &ledger, std::uint32_t nh) {
+  Bucket &bucket = bucket_of(ledger, nh);
+  return {&bucket, find_in(bucket, nh)};
 }
 
-std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh) {
+std::uint32_t add_reference(Ledger &ledger, const Place &place, std::uint32_t nh) {
+  Holding *const holding = place.holding;
   std::uint32_t held = 1;
   if (holding == nullptr) {
-    Bucket &bucket = bucket_of(ledger, nh);
-    if (!append(bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
+    if (!append(*place.bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
       return 0;
     }
     put(ledger.nhs, ledger.nhs + 1);
@@ -142,7 +136,8 @@ std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh) 
   return held;
 }
 
-std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first) {
+std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first) {
+  Holding *const holding = place.holding;
   const std::uint32_t held = holding->held - 1;
   const std::uint32_t fresh = fresh_of(*holding, ledger.epoch);
   const bool drops_fresh = fresh != 0 && (first == First::kFresh || fresh == holding->held);
@@ -152,7 +147,7 @@ std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first) {
   put(ledger.held, ledger.held - 1);
   if (held == 0) {
     put(ledger.nhs, ledger.nhs - 1);
-    remove(bucket_of(ledger, holding->nh), holding);
+    remove(*place.bucket, holding);
     return 0;
   }
   put(holding->held, held);
@@ -173,7 +168,7 @@ void settle_size(Ledger &ledger) {
   if ((!grows && !shrinks) || !is_sound_size(ledger)) {
     return;
   }
-  avl_change_begin(&egress_encap_db->tun_root);
+  begin_change();
   if (grows ? grow(ledger) : shrink(ledger)) {
     avl_change_commit();
   } else {

@@ -9,31 +9,34 @@
 
 namespace clients {
 
-// False when the words that lead to the bucket of an NH are damaged. What changes references requires that they are
-// not.
-bool is_sound(Ledger &ledger, std::uint32_t nh);
+// Where the holding on an NH is, or belongs.
+struct Place {
+  Bucket *bucket;
+  Holding *holding;  // nullptr when the client holds nothing on that NH
 
-// Starts to fetch what find_holding() will read.
-void fetch_holding(Ledger &ledger, std::uint32_t nh);
+  // False when the words that lead to the bucket are damaged. A holding comes to a sound place and goes from one alone.
+  bool is_sound() const;
+};
 
-// Returns: nullptr when the client holds nothing on that NH.
-Holding *find_holding(Ledger &ledger, std::uint32_t nh);
+Bucket &bucket_of(Ledger &ledger, std::uint32_t nh);
 
-// Adds one fresh reference. Returns: the references held now; 0 when the window has no memory, with nothing added but
-// perhaps words that abort() takes back.
-std::uint32_t add_reference(Ledger &ledger, Holding *holding, std::uint32_t nh);
+Place place_of(Ledger &ledger, std::uint32_t nh);
+
+// Adds one fresh reference on an NH. Returns: the references held now; 0 when the window has no memory, with nothing
+// added but perhaps words that abort() takes back.
+std::uint32_t add_reference(Ledger &ledger, const Place &place, std::uint32_t nh);
 
 // Which of a holding's references goes first.
 enum class First : std::uint8_t { kFresh, kStale };
 
 // Takes one reference back. Returns: the references held now.
-std::uint32_t drop_reference(Ledger &ledger, Holding *holding, First first);
+std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first);
 
 // Makes a stale reference a fresh one. Requires one.
 void renew_reference(Ledger &ledger, Holding &holding);
 
-// Whether the table is to be resized by a bucket, and doing so in a change of its own. A window without memory leaves
-// it as it is.
+// Makes the table larger or smaller by a bucket where the number of holdings asks for it, in a change of its own. A
+// window without memory leaves it as it is.
 void settle_size(Ledger &ledger);
 
 // Stores the present epoch in holdings of earlier ones, whose fresh references count for nothing: epochs come round.

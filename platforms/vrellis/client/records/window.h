@@ -11,12 +11,23 @@
 
 namespace clients {
 
-// Changes a word of the window: its old value goes to the undo log first. Requires an open change.
-template <typename Word>
-void put(Word &word, Word value) {
-  static_assert(sizeof(Word) == 4 || sizeof(Word) == 8);
-  avl_change_note(&word, sizeof word);
-  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+// Opens a change of the database's window.
+inline void begin_change() {
+  avl_change_begin(&egress_encap_db->tun_root);
+}
+
+// Change a word of the window: its old value goes to the undo log first. Require an open change.
+inline void put(std::uint32_t &word, std::uint32_t value) {
+  avl_change_put_half(&word, value);
+}
+inline void put(std::uint64_t &word, std::uint64_t value) {
+  avl_change_put(&word, value);
+}
+
+// Notes a record that changes inside the open change.
+template <typename Record>
+void note_record(const Record &record) {
+  avl_change_note(reinterpret_cast<const std::uint32_t *>(&record), sizeof record / sizeof(std::uint32_t));
 }
 
 // The heap of the database's window, from when a client of this process opened it.

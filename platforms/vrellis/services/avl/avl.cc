@@ -9,7 +9,7 @@
 
 namespace vrellis {
 
-SEARCH_ENDS_TLS constinit thread_local SearchEnds search_ends;
+SERVICES_TLS constinit thread_local SearchEnds search_ends;
 
 namespace avl {
 namespace {

@@ -21,17 +21,20 @@ int avl_change_begin(void **root) {
   return 0;
 }
 
-void avl_change_note(const void *words, size_t bytes) {
-  const Word begin = address_of(words);
-  for (Word at = begin; at < begin + bytes;) {
-    if (at % sizeof(Word) == 0 && begin + bytes - at >= sizeof(Word)) {
-      note(at | kWord, *word_at(at));
-      at += sizeof(Word);
-    } else {
-      note(at | kHalf, *half_at(at));
-      at += sizeof(std::uint32_t);
-    }
+void avl_change_note(const uint32_t *words, size_t count) {
+  for (const uint32_t *word = words; word != words + count; ++word) {
+    note(address_of(word) | kHalf, *word);
   }
+}
+
+void avl_change_put_half(uint32_t *word, uint32_t value) {
+  note(address_of(word) | kHalf, *word);
+  store_half(word, value);
+}
+
+void avl_change_put(uint64_t *word, uint64_t value) {
+  note(address_of(word) | kWord, *word);
+  store(word, value);
 }
 
 void avl_change_count(const uint32_t *count, uint32_t next) {

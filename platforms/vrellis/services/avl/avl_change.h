@@ -29,8 +29,12 @@ extern "C" {
  */
 AVL_CHANGE_API int avl_change_begin(void **root);
 
-/* Notes `bytes` bytes at `words` before the caller changes them. Both are multiples of 4. */
-AVL_CHANGE_API void avl_change_note(const void *words, size_t bytes);
+/* Notes so many words of 4 bytes before the caller changes them. */
+AVL_CHANGE_API void avl_change_note(const uint32_t *words, size_t count);
+
+/* Note a word, aligned to its size, and change it. */
+AVL_CHANGE_API void avl_change_put_half(uint32_t *word, uint32_t value);
+AVL_CHANGE_API void avl_change_put(uint64_t *word, uint64_t value);
 
 /*
  * Notes a count that is about to become `next`. When the change is taken back, the difference is taken back, and not

@@ -4,7 +4,7 @@
 
 namespace vrellis {
 
-SEARCH_ENDS_TLS constinit thread_local OpenChange open_change;
+SERVICES_TLS constinit thread_local OpenChange open_change;
 
 void note_word(const std::uint64_t * /*word*/) {}
 void roll_window_back(const WindowMap & /*map*/) {}

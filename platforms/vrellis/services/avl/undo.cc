@@ -2,7 +2,7 @@
 
 namespace vrellis {
 
-SEARCH_ENDS_TLS constinit thread_local OpenChange open_change;
+SERVICES_TLS constinit thread_local OpenChange open_change;
 
 void note_word(const std::uint64_t *word) {
   avl::note(avl::address_of(word), *word);

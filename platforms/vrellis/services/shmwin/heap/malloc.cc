@@ -74,7 +74,7 @@ struct PutOff {
   void *block[kMost];
   std::size_t count;
 };
-constinit thread_local PutOff put_off{};
+SERVICES_TLS constinit thread_local PutOff put_off{};
 
 void release(const WindowMap &map, void *block) {
   Heap &heap = heaps[&map - window_maps];
