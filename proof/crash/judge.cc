@@ -235,11 +235,11 @@ void Judge::compare_answers(const Survivor &survivor, std::size_t before_repair)
       possible = commits(call) ? agreeing : possible;
       continue;
     }
-    const AnswerRow row{survivor.facts.state, call.name, answer};
-    if (std::find(answer_rows().begin(), answer_rows().end(), row) != answer_rows().end()) {
-      tally_.add(text_of(row), true);
+    const std::string row = std::string(text_of(survivor.facts.state)) + " | " + call.name + " | " + answer;
+    if (answer_rows().contains(row)) {
+      tally_.add(row, true);
     } else {
-      fail(survivor, text_of(row));
+      fail(survivor, row);
     }
     if (call.operation.verb != Verb::kFind && call.operation.verb != Verb::kRead) {
       return;  // the caller knows that something is wrong
