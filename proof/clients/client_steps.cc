@@ -3,19 +3,12 @@
 // must be as before the call or as after it, without a repair. Then the same with a process without a client that works
 // before the next client comes, with looks at everything without the lock, and with each allocation failing.
 //
-//   client_steps [--shard I/N] [--only TEXT] [--no-second]
+//   client_steps [--jobs N] [--only TEXT] [--no-second]
 #include <dlfcn.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "plays.h"
 #include "support/driver.h"
@@ -40,28 +33,19 @@ extern "C" __attribute__((visibility("default"))) int shmwin_malloc(uint32_t shm
 namespace client_proof {
 namespace {
 
+constexpr unsigned kSeconds = 600;  // then the next process hangs
+
 struct Totals {
-  std::uint64_t scenarios = 0, instructions = 0, states = 0, seconds = 0, others = 0, looks = 0, allocations = 0,
-                failures = 0;
+  std::uint64_t scenarios, instructions, states, seconds, others, looks, allocations, failures;
 };
 
 // In a child of its own, since a call may close a client.
-template <typename Work>
-bool in_child(const Stage &stage, Work work) {
-  std::fflush(stdout);
-  const pid_t child = _Fork();
-  if (child == 0) {
-    alarm(120);
-    const bool good = work();
-    std::fflush(stdout);
-    _exit(good ? 0 : 1);
+bool in_child(const Stage &stage, const std::function<bool()> &work) {
+  const std::string ended = crash::run_in_child(kSeconds, work);
+  if (!ended.empty()) {
+    std::printf("FAILED %s: %s\n", stage.scenario.name.c_str(), ended.c_str());
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (WIFSIGNALED(status)) {
-    std::printf("FAILED %s, the next process dies of signal %d\n", stage.scenario.name.c_str(), WTERMSIG(status));
-  }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return ended.empty();
 }
 
 // Allocation `number` of the call fails: then the call says so and changes nothing. Counts it, if the call has so many.
@@ -112,25 +96,17 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
               walk.states.all().size());
   totals.instructions += walk.instructions;
   totals.states += walk.states.all().size();
-  auto *const told =
-      static_cast<Totals *>(mmap(nullptr, sizeof(Totals), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   const bool good = in_child(stage, [&] {
     const Steps steps = steps_of(stage);
     crash::States seconds;
     const bool first = play_clients(steps, walk.states, "first", with_second ? &seconds : nullptr) &&
-                       play_others(steps, walk.states, &told->others) &&
-                       (!scenario.cast || play_looks(steps, walk.states, &told->looks));
-    told->seconds = seconds.all().size();
+                       play_others(steps, walk.states, &totals.others) &&
+                       (!scenario.cast || play_looks(steps, walk.states, &totals.looks));
+    totals.seconds += seconds.all().size();
     return first && play_clients(steps, seconds, "second-death", nullptr);
   });
   stage.window.put(stage.start);
-  const bool refused_well = fail_allocations(stage, *told);
-  totals.seconds += told->seconds;
-  totals.others += told->others;
-  totals.looks += told->looks;
-  totals.allocations += told->allocations;
-  munmap(told, sizeof(Totals));
-  return good && refused_well;
+  return fail_allocations(stage, totals) && good;
 }
 
 }  // namespace
@@ -138,22 +114,16 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
 
 int main(int argc, char **argv) {
   using namespace client_proof;
-  std::string shard = "0/1";
   std::string only;
+  std::uint64_t jobs = 1;
   bool no_second = false;
-  crash::parse(argc, argv, {{"--shard", &shard}, {"--only", &only}, {"--no-second", &no_second}});
-  unsigned number = 0;
-  unsigned shards = 0;
-  if (std::sscanf(shard.c_str(), "%u/%u", &number, &shards) != 2 || shards == 0) {
-    crash::give_up("--shard takes I/N");
-  }
-  Totals totals;
-  for (std::size_t i = 0; i < scenarios().size(); ++i) {
-    if (i % shards == number && scenarios()[i].name.find(only) != std::string::npos) {
-      ++totals.scenarios;
-      totals.failures += run(scenarios()[i], !no_second, totals) ? 0U : 1U;
+  crash::parse(argc, argv, {{"--jobs", &jobs}, {"--only", &only}, {"--no-second", &no_second}});
+  const auto totals = crash::in_jobs<Totals>(jobs, scenarios().size(), [&](std::size_t number, Totals &own) {
+    if (scenarios()[number].name.find(only) != std::string::npos) {
+      ++own.scenarios;
+      own.failures += run(scenarios()[number], !no_second, own) ? 0U : 1U;
     }
-  }
+  });
   std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", states %" PRIu64 ", of second deaths %" PRIu64
               ", works of others %" PRIu64 ", looks %" PRIu64 ", failing allocations %" PRIu64 ", failures %" PRIu64
               "\n",

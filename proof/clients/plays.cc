@@ -5,11 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "model/operations.h"
 #include "records/lookup.h"
-#include "support/write_watch.h"
 
 namespace client_proof {
 namespace {
@@ -84,19 +82,6 @@ std::string play(const Stage &stage, const std::vector<Picture> &allowed, const 
            "; from after:" + difference(allowed.back(), now);
   }
   return go_on(stage);
-}
-
-// States that a death in a recovery leaves, from its changes.
-void add_seconds(const Stage &stage, const Image &state, const crash::ChangeLog &log, crash::States &seconds) {
-  Image image = state;
-  for (std::uint32_t i = 0; i < log.count; ++i) {
-    std::memcpy(image.data() + log.change[i].offset, &log.change[i].value, 8);
-    if (i + 1 == log.count || log.change[i + 1].instruction != log.change[i].instruction) {
-      Image left = image;
-      stage.window.bury(left, getpid());
-      seconds.add(std::move(left));
-    }
-  }
 }
 
 // What a process without a client does, and what it was answered.
@@ -208,7 +193,7 @@ bool play_clients(const Steps &steps, const crash::States &states, const char *w
       return false;
     }
     if (seconds != nullptr) {
-      add_seconds(stage, state, log, *seconds);
+      seconds->add_deaths(stage.window, state, log, getpid());
     }
     ++number;
   }

@@ -169,21 +169,15 @@ std::uint64_t play(const encap_db_config_t &config, const std::string &path, con
   std::uint64_t failures = 0;
   for (std::size_t i = 0; i < states.size(); ++i) {
     put_file(path, states[i]);
-    std::fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(60);
+    const std::string ended = run_in_child(60, [&] {
       const std::string wrong = next_owner(config);
-      std::printf("%s", wrong.empty() ? "" : ("FAILED state " + std::to_string(i) + ":\n" + wrong + '\n').c_str());
-      std::fflush(stdout);
-      _exit(wrong.empty() ? 0 : 1);
+      std::printf("%s", wrong.c_str());
+      return wrong.empty();
+    });
+    if (!ended.empty()) {
+      std::printf("FAILED state %zu: %s\n", i, ended.c_str());
+      ++failures;
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (WIFSIGNALED(status)) {
-      std::printf("FAILED state %zu: the next owner ends by signal %d\n", i, WTERMSIG(status));
-    }
-    failures += status == 0 ? 0 : 1;
   }
   return failures;
 }

@@ -3,10 +3,6 @@
 // death at every change that the recovery and the repair make.
 //
 //   crash_steps [--only TEXT] [--jobs N] [--no-second]
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cinttypes>
 #include <cstdio>
 
@@ -22,25 +18,9 @@ struct Options {
   bool no_second = false;
 };
 
-// All of these are numbers, which add up.
 struct Totals {
-  std::uint64_t scenarios, instructions, changes, states, kills, seconds, second_changes, failures;
+  std::uint64_t scenarios, instructions, changes, states, kills, seconds, failures;
   Kinds first_kinds, second_kinds;
-
-  void operator+=(const Totals &other) {
-    auto *to = reinterpret_cast<std::uint64_t *>(this);
-    const auto *from = reinterpret_cast<const std::uint64_t *>(&other);
-    for (std::size_t i = 0; i < sizeof *this / sizeof *to; ++i) {
-      to[i] += from[i];
-    }
-  }
-};
-
-// What the processes of this driver tell it.
-struct Shared {
-  static constexpr std::uint64_t kJobs = 16;
-  Totals totals[kJobs];
-  Tally tally;
 };
 
 void work_of(const Scenario &scenario) {
@@ -83,12 +63,12 @@ class Run {
     totals_.changes += walk.changes;
     totals_.states += walk.states.all().size();
     bool good = walk.changes == 0 || kill_for_good(walk, start);
-    Verdicts first = crash::play(window_, expected_, walk.states.all(), 1, with_second, totals_.first_kinds);
+    const Verdicts first = crash::play(window_, expected_, walk.states.all(), 1, with_second, totals_.first_kinds);
     good = tell("first", first) && good;
     if (good && !scenario_.when.empty()) {
       play_survivors(window_, expected_, walk.states.all(), false, tally_);
     }
-    good = good && (!with_second || second_deaths(first));
+    good = good && (!with_second || second_deaths(first.seconds));
     totals_.failures += good ? 0 : 1;
   }
 
@@ -115,19 +95,14 @@ class Run {
     return seen;
   }
 
-  bool second_deaths(Verdicts &first) {
-    States states;
-    totals_.second_changes += first.seconds.size();
-    for (Image &image : first.seconds) {
-      states.add(std::move(image));
-    }
-    first.seconds = {};
-    totals_.seconds += states.all().size();
-    if (!tell("second", crash::play(window_, expected_, states.all(), 2, false, totals_.second_kinds))) {
+  bool second_deaths(const States &states) {
+    const std::vector<Image> &all = states.all();
+    totals_.seconds += all.size();
+    if (!tell("second", crash::play(window_, expected_, all, 2, false, totals_.second_kinds))) {
       return false;
     }
     if (!scenario_.when.empty()) {
-      play_survivors(window_, expected_, states.all(), true, tally_);
+      play_survivors(window_, expected_, all, true, tally_);
     }
     return true;
   }
@@ -182,34 +157,18 @@ std::vector<Scenario> scenarios_named(const std::string &text) {
 
 int run(const Options &options) {
   const Stopwatch time;
-  auto &shared =
-      *static_cast<Shared *>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto &tally = shared_record<Tally>();
   const std::vector<Scenario> all = scenarios_named(options.only);
-  const std::uint64_t jobs = std::min(std::max(options.jobs, std::uint64_t{1}), Shared::kJobs);
-  for (std::uint64_t job = 0; job < jobs; ++job) {
-    if (fork() == 0) {
-      for (std::size_t i = job; i < all.size(); i += jobs) {
-        Run(all[i], shared.totals[job], shared.tally).play(!options.no_second);
-        std::fflush(stdout);
-      }
-      std::exit(0);
-    }
-  }
-  Totals totals{};
-  for (int status = 0; wait(&status) > 0;) {
-    totals.failures += status == 0 ? 0 : 1;
-  }
-  for (const Totals &each : shared.totals) {
-    totals += each;
-  }
+  auto totals = in_jobs<Totals>(options.jobs, all.size(), [&](std::size_t number, Totals &own) {
+    Run(all[number], own, tally).play(!options.no_second);
+  });
   std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", changes of the window %" PRIu64
               ", distinct states %" PRIu64 ", killed for good %" PRIu64 "\n",
               totals.scenarios, totals.instructions, totals.changes, totals.states, totals.kills);
-  std::printf("second deaths: changes of recoveries %" PRIu64 ", distinct states %" PRIu64 "\n", totals.second_changes,
-              totals.seconds);
+  std::printf("second deaths: distinct states %" PRIu64 "\n", totals.seconds);
   print_kinds("found after the first death, by name:", totals.first_kinds);
   print_kinds("found after the second, by name:", totals.second_kinds);
-  totals.failures += print_answers(shared.tally, options.only.empty() && !options.no_second);
+  totals.failures += print_answers(tally, options.only.empty() && !options.no_second);
   std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, time.seconds());
   return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;
 }

@@ -1,12 +1,11 @@
 #include "replay.h"
 
-#include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
+
+#include "support/driver.h"
 
 namespace crash {
 namespace {
@@ -25,9 +24,8 @@ struct Report {
 };
 
 Report &report() {
-  static auto *const shared = static_cast<Report *>(
-      mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
-  return *shared;
+  static auto &shared = shared_record<Report>();
+  return shared;
 }
 
 struct Batch {
@@ -40,7 +38,6 @@ struct Batch {
 };
 
 void play_in_child(const Batch &batch) {
-  alarm(kSecondsOfABatch);
   batch.window.become_copy();
   Report &shared = report();
   shared.tid = getpid();
@@ -57,57 +54,24 @@ void play_in_child(const Batch &batch) {
   }
 }
 
-// The states that a second death leaves, from the changes of a recovery.
-void add_seconds(const Batch &batch, std::size_t number, std::vector<Image> &seconds) {
-  const Report &shared = report();
-  const ChangeLog &log = shared.log[number - batch.begin];
-  Image image = batch.states[number];
-  for (std::uint32_t i = 0; i < log.count; ++i) {
-    std::memcpy(image.data() + log.change[i].offset, &log.change[i].value, 8);
-    if (i + 1 == log.count || log.change[i + 1].instruction != log.change[i].instruction) {
-      Image left = image;
-      batch.window.bury(left, shared.tid);
-      seconds.push_back(std::move(left));
-    }
-  }
-}
-
-// Without the handlers of fork(): the child does not enter itself into the window's table of processes.
-int wait_for_child(const std::function<void()> &work) {
-  const pid_t child = _Fork();
-  if (child == 0) {
-    work();
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status;
-}
-
-std::string failure_of(int status) {
-  const Report &shared = report();
-  if (WIFSIGNALED(status)) {
-    return WTERMSIG(status) == SIGALRM ? "the next process hangs\n"
-                                       : "the next process dies of signal " + std::to_string(WTERMSIG(status)) + '\n';
-  }
-  const bool overflow =
-      std::any_of(std::begin(shared.log), std::end(shared.log), [](auto &log) { return log.overflow; });
-  return overflow ? "a recovery has more changes than can be logged\n" : shared.failure;
-}
-
 void play_batch(const Batch &batch, Verdicts &verdicts, Kinds &kinds) {
   Report &shared = report();
   shared.done = 0;
   shared.kinds = {};
   shared.failure[0] = '\0';
-  const int status = wait_for_child([&batch] { play_in_child(batch); });
+  verdicts.failure = run_in_child(kSecondsOfABatch, [&batch] {
+    play_in_child(batch);
+    return true;
+  });
   for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
     kinds[kind] += shared.kinds[kind];
   }
-  verdicts.failure = failure_of(status);
+  const bool overflow =
+      std::any_of(std::begin(shared.log), std::end(shared.log), [](auto &log) { return log.overflow; });
+  verdicts.failure += overflow ? "a recovery has more changes than can be logged" : shared.failure;
   verdicts.failed_at = shared.playing;
   for (std::size_t i = 0; batch.watched && i < shared.done; ++i) {
-    add_seconds(batch, batch.begin + i, verdicts.seconds);
+    verdicts.seconds.add_deaths(batch.window, batch.states[batch.begin + i], shared.log[i], shared.tid);
   }
 }
 
@@ -139,13 +103,14 @@ void play_survivors(const Window &window, const Expectation &expected, const std
         judge.play(states[i / each], i % each);
       }
     }
+    return true;
   };
   for (std::size_t begin = 0; begin < all; begin = playing + 1) {
-    const int status = wait_for_child([&] { survive(begin); });
-    if (status == 0) {
+    const std::string ended = run_in_child(kSecondsOfATrial, [&] { return survive(begin); });
+    if (ended.empty()) {
       return;
     }
-    tally.add("a survivor's trial " + std::to_string(playing % each) + ": " + failure_of(status), false);
+    tally.add("a survivor's trial " + std::to_string(playing % each) + ": " + ended, false);
   }
 }
 

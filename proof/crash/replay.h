@@ -9,9 +9,9 @@
 namespace crash {
 
 struct Verdicts {
-  std::string failure;         // of the first state that failed; "" when none did
-  std::size_t failed_at = 0;   // its number
-  std::vector<Image> seconds;  // what a second death at each change of the recovery leaves; buried, some more than once
+  std::string failure;        // of the first state that failed; "" when none did
+  std::size_t failed_at = 0;  // its number
+  States seconds;             // what a second death at each change of the recovery leaves; buried
 };
 
 // Requires that no thread holds the window's lock. With `watched`, collects the states of second deaths.

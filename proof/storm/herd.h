@@ -3,7 +3,6 @@
 #ifndef ENCAP_PROOF_HERD_H
 #define ENCAP_PROOF_HERD_H
 
-#include <sys/mman.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -29,13 +28,6 @@ struct HerdState {
   ThreadState thread[kOwners + 1];  // one more for a process that is no member of the herd
   std::atomic<bool> stop, pause;
 };
-
-// Memory that all processes of a storm share, zeroed.
-template <typename Record>
-Record &shared_record() {
-  return *static_cast<Record *>(
-      mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-}
 
 // Parks the calling thread while the verifier wants a pause.
 void park_if_asked(HerdState &state, std::uint32_t owner);

@@ -2,8 +2,15 @@
 #ifndef ENCAP_PROOF_DRIVER_H
 #define ENCAP_PROOF_DRIVER_H
 
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -38,6 +45,41 @@ inline void parse(int argc, char **argv, const std::map<std::string, Option> &op
   }
   setenv("LTRACE", "off", 1);
   setenv("OXA_ERRMSG", "off", 1);
+}
+
+// Memory that this process shares with its children, zeroed.
+template <typename Record>
+Record &shared_record() {
+  return *static_cast<Record *>(
+      mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+}
+
+// Does work(number, totals) for each number below `count`, in as many processes as `jobs`. `Totals` are numbers of 64
+// bits, which are summed up. Returns: the sums; a process that ended badly counts as one of their failures.
+template <typename Totals, typename Work>
+Totals in_jobs(std::uint64_t jobs, std::size_t count, Work work) {
+  constexpr std::uint64_t kMostJobs = 16;
+  auto &shared = shared_record<std::array<Totals, kMostJobs>>();
+  jobs = std::min(std::max(jobs, std::uint64_t{1}), kMostJobs);
+  for (std::uint64_t job = 0; job < jobs; ++job) {
+    if (fork() == 0) {
+      for (std::size_t number = job; number < count; number += jobs) {
+        work(number, shared[job]);
+        std::fflush(stdout);
+      }
+      std::exit(0);
+    }
+  }
+  Totals sums{};
+  for (int status = 0; wait(&status) > 0;) {
+    sums.failures += status == 0 ? 0 : 1;
+  }
+  auto *const to = reinterpret_cast<std::uint64_t *>(&sums);
+  const auto *const from = reinterpret_cast<const std::uint64_t *>(&shared);
+  for (std::size_t i = 0; i < sizeof shared / sizeof *from; ++i) {
+    to[i % (sizeof sums / sizeof *to)] += from[i];
+  }
+  return sums;
 }
 
 class Stopwatch {

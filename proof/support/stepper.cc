@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 
 namespace crash {
@@ -69,6 +70,35 @@ bool States::add(Image image) {
   }
   images_.push_back(std::move(image));
   return true;
+}
+
+void States::add_deaths(const Window &window, Image image, const ChangeLog &log, pid_t tid) {
+  for (std::uint32_t i = 0; i < log.count; ++i) {
+    std::memcpy(image.data() + log.change[i].offset, &log.change[i].value, 8);
+    if (i + 1 == log.count || log.change[i + 1].instruction != log.change[i].instruction) {
+      Image left = image;
+      window.bury(left, tid);
+      add(std::move(left));
+    }
+  }
+}
+
+std::string run_in_child(unsigned seconds, const std::function<bool()> &work) {
+  std::fflush(stdout);
+  const pid_t child = _Fork();
+  if (child == 0) {
+    alarm(seconds);
+    const bool good = work();
+    std::fflush(stdout);
+    _exit(good ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFSIGNALED(status)) {
+    return WTERMSIG(status) == SIGALRM ? "the next process hangs"
+                                       : "the next process dies of signal " + std::to_string(WTERMSIG(status));
+  }
+  return status == 0 ? "" : "the next process fails";
 }
 
 Walk walk_through(const Window &window, const std::function<void()> &work) {

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "support/window.h"
+#include "support/write_watch.h"
 
 namespace crash {
 
@@ -33,12 +34,20 @@ class Stepper {
 class States {
  public:
   bool add(Image image);  // false: seen before
+  // What a death of thread `tid` leaves at each change that the log has of `image`.
+  void add_deaths(const Window &window, Image image, const ChangeLog &log, pid_t tid);
   const std::vector<Image> &all() const { return images_; }
 
  private:
   std::vector<Image> images_;
   std::unordered_set<std::uint64_t> seen_;
 };
+
+/*
+ * Does `work` in a child process, which may fault or hang, without the handlers of fork(): the child does not enter itself
+ * into the window's table of processes. Returns: "" if the work was good, or how the child ended.
+ */
+std::string run_in_child(unsigned seconds, const std::function<bool()> &work);
 
 struct Walk {
   States states;  // buried: as the next process finds them
