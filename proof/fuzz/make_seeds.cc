@@ -59,8 +59,7 @@ int main(int argc, char **argv) {
   setenv("LTRACE_RING_KIB", "8", 1);
   unsetenv("LTRACE");
   write_queries(directory / "fuzz_query");
-  fs::create_directories(directory / "fuzz_operations");  // these two find their way from nothing
-  fs::create_directories(directory / "fuzz_window");
+  fs::create_directories(directory / "fuzz_window");  // finds its way from nothing
   fs::create_directories(directory / "fuzz_fpm");  // its seeds are recorded streams
   if (!write_trace(directory / "fuzz_trace")) {
     std::cerr << "no trace file was made\n";

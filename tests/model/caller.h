@@ -2,7 +2,7 @@
 #ifndef ENCAP_TESTS_CALLER_H
 #define ENCAP_TESTS_CALLER_H
 
-#include <functional>
+#include <random>
 #include <string>
 
 #include "model/operations.h"
@@ -11,20 +11,12 @@ namespace crash {
 
 class Caller {
  public:
-  // A number below the limit, which is not 0.
-  using Below = std::function<std::uint32_t(std::uint32_t limit)>;
-
   // `stray`: breaks the rules as well: indexes in use or out of range, wrong flags, spare bits of keys.
-  Caller(encap_test::Model model, Below below, bool stray);
+  Caller(encap_test::Model model, encap_test::Walk walk, std::uint64_t seed, bool stray);
 
-  // Makes one more operation on the database and on the model, and compares all that it can have changed: the answer,
-  // the slots that it names, and what both then find for its key. Returns "" or what is wrong.
+  // Makes one more operation on the database and on the model, and compares the answers, every slot, every tree and every
+  // count. Returns "" or what is wrong.
   std::string step();
-
-  // Compares every slot, every tree and every count. Returns "" or what is wrong.
-  std::string compare_all() const;
-
-  const encap_test::Model &model() const { return model_; }
 
  private:
   Operation next();
@@ -34,10 +26,11 @@ class Caller {
   std::uint32_t any_nh();
   std::uint32_t free_nh() const;
   std::uint32_t free_tunnel() const;
-  std::string compare_slots(const Operation &operation, std::uint32_t tunnel) const;
+  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
   encap_test::Model model_;
-  Below below_;
+  encap_test::Walk walk_;
+  std::mt19937_64 random_;
   bool stray_;
 };
 
