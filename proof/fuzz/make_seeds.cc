@@ -60,7 +60,7 @@ int main(int argc, char **argv) {
   unsetenv("LTRACE");
   write_queries(directory / "fuzz_query");
   fs::create_directories(directory / "fuzz_window");  // finds its way from nothing
-  fs::create_directories(directory / "fuzz_fpm");  // its seeds are recorded streams
+  fs::create_directories(directory / "fuzz_fpm");     // its seeds are recorded streams
   if (!write_trace(directory / "fuzz_trace")) {
     std::cerr << "no trace file was made\n";
     return 1;

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "child.h"
@@ -99,25 +100,6 @@ TEST_F(OwnerTest, OfManyAtOnceOneCreatesAndAllUseIt) {
   }
 }
 
-TEST_F(OwnerTest, ACreatorThatDiesBeforeTheLastWordIsFollowedByAnother) {
-  ASSERT_EQ(in_child([this] {
-              if (open() != 0) {
-                return 1;
-              }
-              enter(1003, 12);
-              egress_encap_db->is_initialized = 0;
-              raise(SIGKILL);
-              return 2;
-            }),
-            -SIGKILL);
-  ASSERT_EQ(open(), 0) << error_.text;
-  EXPECT_EQ(created_, 1);
-  EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 0);
-  shmwin_stat_t stat;
-  ASSERT_EQ(shmwin_stat(kId, &stat), 0);
-  EXPECT_EQ(stat.nodes40 + stat.nodes56, 0u);
-}
-
 // A copy of a window whose lock is held; its name tells what is true of the holder.
 TEST_F(OwnerTest, ALockThatNoThreadCanGiveBackIsRefused) {
   ASSERT_EQ(open(), 0) << error_.text;
@@ -188,6 +170,29 @@ TEST_F(OwnerTest, AnotherDatabaseThanConfiguredIsRefused) {
   egress_encap_db->nh_info_array = reinterpret_cast<egr_nh_info_t *>(8);
   ASSERT_EQ(encap_db_close(), 0);
   refused([](auto &) {}, {"damaged"});
+}
+
+// A window whose identity or whose database's header is damaged is refused, or the damage has no effect.
+TEST_F(OwnerTest, ADamagedHeaderNeverHarmsAProcessThatOpensIt) {
+  config_.size = 64 * 1024;
+  ASSERT_EQ(open(), 0) << error_.text;
+  ASSERT_EQ(enter(1003, 12), 0);
+  ASSERT_EQ(encap_db_close(), 0);
+  std::ifstream file(directory_ + "/encaps", std::ios::binary);
+  const std::string sound{std::istreambuf_iterator<char>(file), {}};
+  for (std::size_t offset = 0; offset <= 1024 + 48; offset += offset == 88 ? 936 : 8) {
+    for (const char value : {'\x00', '\x01', '\x7f', '\xff'}) {
+      std::string damaged = sound;
+      if (offset < 1024 + 48) {  // at last it is sound again
+        std::memset(damaged.data() + offset, value, 8);
+      }
+      std::ofstream(directory_ + "/encaps", std::ios::binary) << damaged;
+      const int ended = in_child([this] { return open() == 0 ? 0 : error_.text[0] != '\0' ? 1 : 2; });
+      EXPECT_TRUE(ended == 0 || ended == 1) << "offset " << offset << " value " << int{value} << " ended " << ended;
+    }
+  }
+  ASSERT_EQ(open(), 0) << error_.text;
+  EXPECT_EQ(vrl_can_delete_egr_nh_data_from_encap_db(1003), 1);
 }
 
 // The default size has room for a node for every index.

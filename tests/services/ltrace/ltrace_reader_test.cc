@@ -198,6 +198,13 @@ TEST_F(DamagedTrace, EachFieldOfTheHeaderMayBeWrong) {
   }
 }
 
+// The reader's next block wrapped round to 0, and it never ended.
+TEST_F(DamagedTrace, ARingMayClaimToBeWrittenToTheEndOfAllNumbers) {
+  std::string bytes = good_;
+  std::memset(bytes.data() + offsetof(FileHeader, ring) + offsetof(RingEntry, head), 0xff, sizeof(std::uint64_t));
+  EXPECT_TRUE(survives(bytes));
+}
+
 TEST_F(DamagedTrace, TheFileMayEndAnywhere) {
   for (std::size_t length = 0; length < kBytes; length += length < kRingHeaderBytes ? 509 : 61) {
     EXPECT_EQ(survives(good_.substr(0, length)), length >= sizeof(FileHeader)) << length;

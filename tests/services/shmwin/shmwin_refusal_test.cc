@@ -1,6 +1,8 @@
 // Windows that are refused, each with a status and one sentence, and with nothing lost.
 #include <grp.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -27,11 +29,15 @@ class OwnedWindowTest : public WindowTest {
     chmod(directory_.c_str(), 01777);
   }
 
-  int open_as(uid_t user, gid_t group, const shmwin_config_t &made) {
+  // Returns: the status, or 254 if the sentence lacks one of the parts.
+  int open_as(uid_t user, gid_t group, const shmwin_config_t &made, std::initializer_list<const char *> parts = {}) {
     return in_child([&] {
       const bool changed =
           setgroups(0, nullptr) == 0 && setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
-      return changed ? reopen(made) : 255;
+      const int status = changed ? reopen(made) : 255;
+      const bool told = std::all_of(parts.begin(), parts.end(),
+                                    [this](const char *part) { return std::strstr(error_.text, part) != nullptr; });
+      return told ? status : 254;
     });
   }
 };
@@ -41,6 +47,7 @@ TEST_F(OwnedWindowTest, AFileOfAStrangerIsNotUsed) {
   expect_refusal(open(config()), EPERM, {"'window'", "belongs to user 65534", "own user 0"});
   EXPECT_EQ(unlink(0), 0) << error_.text;
   ASSERT_EQ(open(config()), 0) << "the caller's own";
+  EXPECT_EQ(open_as(kStranger, kStranger, config(), {"'window'", "user 0", "0600", "user 65534"}), EACCES);
   ASSERT_EQ(shmwin_detach(kId), 0);
   for (const mode_t mode : {0602u, 0620u, 0666u}) {
     ASSERT_EQ(chmod(path().c_str(), mode), 0);
@@ -80,6 +87,21 @@ TEST_F(OwnedWindowTest, NamedUsersAndGroupsShareAWindow) {
   EXPECT_FALSE(exists());
   EXPECT_EQ(open_as(kUser, kUser, made), 0);
   EXPECT_EQ(open(made), 0) << error_.text;
+}
+
+TEST_F(OwnedWindowTest, AFileSystemWithoutRoomIsRefusedAndNothingStays) {
+  const int ended = in_child([this] {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", directory_.c_str(), "tmpfs", 0, "size=48k") != 0) {
+      return 77;
+    }
+    expect_refusal(open(config()), ENOSPC, {"262144"});
+    return HasFailure() || exists() ? 1 : 0;
+  });
+  if (ended == 77) {
+    GTEST_SKIP() << "no mounting here";
+  }
+  EXPECT_EQ(ended, 0);
 }
 
 TEST_F(WindowTest, WhatDoesNotAgreeIsRefusedInOneSentence) {

@@ -35,31 +35,6 @@ TEST_F(WindowTest, AnotherProcessReadsAddressesAsTheyWereWritten) {
   EXPECT_EQ(shmwin_user_area(kId), nullptr);
 }
 
-TEST_F(WindowTest, ACreatorThatDiesHalfWayLeavesNothingInTheWay) {
-  const shmwin_config_t made = config();
-  const std::function<void(shmwin_claim_t *)> last_steps[] = {
-      [](shmwin_claim_t *) {}, [this](shmwin_claim_t *) { std::filesystem::resize_file(path(), kBytes); },
-      [&](shmwin_claim_t *claim) {
-        EXPECT_EQ(shmwin_format(claim, &made, &error_), 0);
-        header_of(kId).complete = 0;
-      }};
-  for (const auto &step : last_steps) {
-    EXPECT_EQ(in_child([&] {
-                shmwin_claim_t *claim = nullptr;
-                int present = 0;
-                if (shmwin_claim(&made, &claim, &present, &error_) == 0 && present == 0) {
-                  step(claim);
-                  raise(SIGKILL);
-                }
-                return 1;
-              }),
-              -SIGKILL);
-  }
-  ASSERT_EQ(open(made), 0) << error_.text;
-  EXPECT_TRUE(created_);
-  EXPECT_EQ(attached(header_of(kId)), 1u);
-}
-
 TEST_F(WindowTest, TheModeIsTheCreatorsWhateverTheUmask) {
   const mode_t before = umask(0077);
   shmwin_config_t made = config();
