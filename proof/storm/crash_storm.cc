@@ -208,12 +208,7 @@ class Storm {
 
 int run(const Options &options) {
   const Directory directory;
-  encap_db_config_t config = config_in(directory);
-  config.nh_start = kStormNhStart;
-  config.nh_size = kStormNhs;
-  config.tun_start = kStormTunStart;
-  config.tun_size = kStormTunnels;
-  const Window window(directory, config);
+  const Window window(directory, storm_config(directory));
   std::fprintf(stderr, "crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
   const Stopwatch time;
   Storm storm(options, window, shared_record<Ledger>());

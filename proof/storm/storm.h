@@ -4,6 +4,7 @@
 
 #include "model/operations.h"
 #include "storm/herd.h"
+#include "support/window.h"
 
 namespace crash {
 
@@ -27,6 +28,9 @@ struct Ledger {
   Owner owner[kOwners];
   HerdState herd;
 };
+
+// A window for all owners.
+encap_db_config_t storm_config(const Directory &directory);
 
 // The key of an owner's NH number `nh`: on one of its tunnels, or on a null tunnel node of its own.
 egress_encap_key_t storm_key(std::uint32_t owner, std::uint32_t nh);

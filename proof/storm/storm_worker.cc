@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <random>
@@ -101,20 +102,21 @@ class Worker {
   }
 
   void change(std::uint32_t nh, std::uint32_t kind) {
+    constexpr Verb kOnAbsent[] = {Verb::kAttach, Verb::kShare, Verb::kRead, Verb::kFindShare, Verb::kInsert};
+    constexpr Verb kOnPresent[] = {Verb::kShare,     Verb::kShare,  Verb::kFindShare, Verb::kSet,    Verb::kRead,
+                                   Verb::kCanDelete, Verb::kUpdate, Verb::kDetach,    Verb::kRelease};
     Entry &entry = own_.entry[nh];
-    const Verb verb = entry.count == 0 ? (kind == 4 ? Verb::kAttach : Verb::kInsert)
-                      : kind < 8       ? Verb::kShare
-                      : kind == 8      ? Verb::kUpdate
-                      : kind == 9      ? Verb::kDetach
-                                       : Verb::kRelease;
+    const Verb verb = entry.count == 0 ? kOnAbsent[std::min<std::size_t>(kind - 3, std::size(kOnAbsent) - 1)]
+                                       : kOnPresent[std::min<std::size_t>(kind - 3, std::size(kOnPresent) - 1)];
     const Operation operation = made(verb, number_, nh);
     const egress_encap_info_t &info = operation.info;
     if (enters(verb) && (info.nh_found != 0 || info.egr_tun != storm_tunnel(number_, nh))) {
       fail("never entered and found: " + text_of(operation));
       return;
     }
-    // An update takes no lock of its own: a caller with concurrent readers does.
-    pthread_mutex_t *const mutex = verb == Verb::kUpdate ? &egress_encap_db->lock.mutex : nullptr;
+    // These two take no lock of their own: a caller with concurrent readers does.
+    const bool locks = verb == Verb::kUpdate || verb == Verb::kCanDelete;
+    pthread_mutex_t *const mutex = locks ? &egress_encap_db->lock.mutex : nullptr;
     if (mutex != nullptr) {
       vrl_egress_encap_db_lock(mutex);
     }
@@ -131,19 +133,25 @@ class Worker {
       own_.unsure.fetch_or(1u << nh);  // all null tunnel nodes share one count, and a death has left it too low
       return;
     }
-    if (is.status != 0) {
+    const bool there = entry.count != 0;
+    const bool finds = verb == Verb::kFindShare, reads = there && verb == Verb::kRead;
+    const int should = verb == Verb::kCanDelete ? entry.count == 1 : there || enters(verb) || finds ? 0 : EINVAL;
+    const bool found = !finds || (is.info.nh_found == there && (!there || is.info.egr_nh == operation.nh));
+    const bool read = !reads || (is.aux.seed_nh == entry.seed && is.key.out_label1 == operation.key.out_label1 &&
+                                 is.key.out_label2 == operation.key.out_label2 && is.key.ifh == operation.key.ifh);
+    if (is.status != should || !found || !read) {
       fail(operation, is);
       return;
     }
     if (enters(verb) || verb == Verb::kUpdate) {
       entry.seed = operation.data.seed_nh;
     }
-    entry.count = verb == Verb::kInsert    ? 1
-                  : verb == Verb::kAttach  ? operation.count
-                  : verb == Verb::kShare   ? entry.count + 1
-                  : verb == Verb::kRelease ? entry.count - 1
-                  : verb == Verb::kDetach  ? 0
-                                           : entry.count;
+    entry.count = verb == Verb::kInsert                      ? 1
+                  : enters(verb) || verb == Verb::kSet       ? operation.count
+                  : there && (finds || verb == Verb::kShare) ? entry.count + 1
+                  : verb == Verb::kRelease                   ? entry.count - 1
+                  : verb == Verb::kDetach                    ? 0
+                                                             : entry.count;
   }
 
   void verify() {
@@ -162,6 +170,15 @@ class Worker {
 };
 
 }  // namespace
+
+encap_db_config_t storm_config(const Directory &directory) {
+  encap_db_config_t config = config_in(directory);
+  config.nh_start = kStormNhStart;
+  config.nh_size = kStormNhs;
+  config.tun_start = kStormTunStart;
+  config.tun_size = kStormTunnels;
+  return config;
+}
 
 egress_encap_key_t storm_key(std::uint32_t owner, std::uint32_t nh) {
   const std::uint32_t tunnel = nh % kTunnelsOfKeys;

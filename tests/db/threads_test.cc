@@ -2,149 +2,74 @@
 // switches points and reads who waits: what ThreadSanitizer is to look at.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <random>
+#include <memory>
 #include <thread>
 
 #include "ed.h"
-#include "encap_db_owner.h"
-#include "model/operations.h"
 #include "oxa_errmsg.h"
 #include "ptd.h"
+#include "storm/storm.h"
+#include "support/window.h"
 
-namespace encap_test {
+namespace crash {
 namespace {
 
-using crash::Answer;
-using crash::Operation;
-using crash::Verb;
+constexpr std::uint64_t kOperations = 80'000;
 
-constexpr std::uint32_t kThreads = 4, kNhsEach = 6, kNhStart = 1000, kTunStart = 10;
-constexpr unsigned kOperations = 20000;  // of each thread
+std::atomic<unsigned> messages, printed;
 
-class ThreadsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-    setenv("LTRACE_DIR", directory_.c_str(), 1);
-    encap_db_config_t config{};
-    config.directory = directory_.c_str();
-    config.name = "window";
-    config.shm_id = kWindow;
-    config.nh_start = kNhStart;
-    config.nh_size = kThreads * kNhsEach;
-    config.tun_start = kTunStart;
-    config.tun_size = kThreads * 2;
-    shmwin_error_t error{};
-    ASSERT_EQ(encap_db_open(&config, nullptr, &error), 0) << error.text;
-    oxa_set_sink([](void *, int, const char *, std::size_t) { ++messages_; }, nullptr);
-    ed_set_sink([](void *, const char *, std::size_t) { ++printed_; }, nullptr);
+// Each owner has NHs and keys of its own, on tunnels of its own and on a node of the null tunnel.
+void expect_completed(const Ledger &ledger) {
+  EXPECT_EQ(encap_test::inconsistency(*egress_encap_db, encap_test::walk_avl), "");
+  for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
+    EXPECT_STREQ(ledger.herd.thread[owner].failure, "");
+    EXPECT_EQ(ledger.owner[owner].unsure, 0U);
+    EXPECT_EQ(storm_difference(ledger, owner), "");
+    for (std::uint32_t nh = 0; nh < kNhsEach; ++nh) {
+      if (ledger.owner[owner].entry[nh].count != 0) {
+        EXPECT_EQ(on_database(on_nh(Verb::kDetach, storm_nh(owner, nh))).status, 0);
+      }
+    }
   }
-  void TearDown() override {
-    encap_db_close();
-    std::filesystem::remove_all(directory_);
-  }
-
-  static constexpr std::uint32_t kWindow = 3;
-  static inline std::atomic<unsigned> messages_, printed_;
-  std::string directory_ = "/dev/shm/encap-threads-XXXXXX";
-};
-
-// What the call answers when there are `users` of its NH, and how many there are afterwards.
-std::pair<int, std::uint32_t> outcome(const Operation &call, std::uint32_t users) {
-  const bool there = users != 0;
-  switch (call.verb) {
-    case Verb::kFind:
-      return {0, users};
-    case Verb::kFindShare:
-      return {0, there ? users + 1 : 0};
-    case Verb::kInsert:
-      return {0, there ? users : 1};
-    case Verb::kAttach:
-      return {0, call.count};
-    case Verb::kCanDelete:
-      return {users == 1 ? 1 : 0, users};
-    case Verb::kShare:
-      return there ? std::pair{0, users + 1} : std::pair{EINVAL, 0U};
-    case Verb::kSet:
-      return there ? std::pair{0, call.count} : std::pair{EINVAL, 0U};
-    case Verb::kDetach:
-      return {there ? 0 : EINVAL, 0};
-    case Verb::kRelease:
-      return there ? std::pair{0, users - 1} : std::pair{EINVAL, 0U};
-    case Verb::kUpdate:
-    case Verb::kRead:
-      return {there ? 0 : EINVAL, users};
-  }
-  return {-1, 0};
+  shmwin_stat_t usage{};
+  EXPECT_EQ(shmwin_stat(kWindowId, &usage), 0);
+  EXPECT_EQ(usage.nodes40 + usage.nodes56 + usage.bad_releases, 0U);
 }
 
-// Each thread has NHs and keys of its own, on two tunnels of its own and on a node of the null tunnel.
-void work(std::uint32_t self) {
-  std::mt19937 random(self);
-  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
-  pthread_mutex_t *const lock = &egress_encap_db->lock.mutex;
-  std::uint32_t users[kNhsEach] = {};
-  for (unsigned i = 0; i < kOperations + kNhsEach && !testing::Test::HasFailure(); ++i) {
-    const bool last = i >= kOperations;  // each NH is taken out at the end
-    const std::uint32_t nh = last ? i - kOperations : below(kNhsEach);
-    const Verb verb = last ? Verb::kDetach : static_cast<Verb>(below(crash::kVerbs));
-    Operation call = crash::on_nh(verb, kNhStart + self * kNhsEach + nh, 1 + below(3));
-    call.key = crash::key_of(16 + nh, nh % 3 == 0 ? 0 : 200 + nh % 3, 1 + self);
-    if (verb == Verb::kInsert || verb == Verb::kAttach) {
-      Operation look;
-      look.key = call.key;
-      call.info = crash::on_database(look).info;
-      call.info.egr_nh = call.nh;
-      call.info.egr_tun = nh % 3 == 0 ? 0 : kTunStart + self * 2 + nh % 3 - 1;
-    }
-    // These two take no lock of their own: a caller whose threads change the NH does.
-    const bool locks = verb == Verb::kCanDelete || verb == Verb::kUpdate;
-    EXPECT_EQ(locks ? vrl_egress_encap_db_lock(lock) : 0, 0);
-    const Answer is = crash::on_database(call);
-    EXPECT_EQ(locks ? pthread_mutex_unlock(lock) : 0, 0);
-    const bool was_there = users[nh] != 0;
-    const auto [status, now] = outcome(call, users[nh]);
-    EXPECT_EQ(is.status, status) << text_of(call);
-    if (verb == Verb::kFind || verb == Verb::kFindShare) {
-      EXPECT_TRUE(is.info.nh_found == was_there && (!was_there || is.info.egr_nh == call.nh)) << text_of(is);
-    }
-    users[nh] = now;
-  }
-}
-
-TEST_F(ThreadsTest, AllOperationsAtOnce) {
-  std::atomic<bool> done = false;
-  std::thread onlooker([&] {
-    while (!done) {
-      ptd_wait_t waits[kThreads];
-      EXPECT_LE(ptd_waits(waits, kThreads), static_cast<int>(kThreads) + 2);
-      ed_query_error_t error;
-      EXPECT_EQ(ed_query("func vrl_* +ps; func vrl_* -p; line 500-700 -s", &error), 0) << error.text;
-      ed_for_each_point([](void *, const ed_point_t *) {}, nullptr);
-      std::this_thread::yield();
-    }
-  });
+TEST(ThreadsTest, AllOperationsAtOnce) {
+  const Directory directory;
+  setenv("LTRACE_DIR", directory.path().c_str(), 1);
+  const Window window(directory, storm_config(directory));
+  oxa_set_sink([](void *, int, const char *, std::size_t) { ++messages; }, nullptr);
+  ed_set_sink([](void *, const char *, std::size_t) { ++printed; }, nullptr);
+  const auto ledger = std::make_unique<Ledger>();
   std::vector<std::thread> threads;
-  for (std::uint32_t self = 0; self < kThreads; ++self) {
-    threads.emplace_back(work, self);
+  for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
+    threads.emplace_back([&ledger, owner] { storm_work(*ledger, owner, owner); });
   }
+  const auto sum = [&] {
+    std::uint64_t operations = 0;
+    for (const ThreadState &thread : ledger->herd.thread) {
+      operations += thread.operations;
+    }
+    return operations;
+  };
+  while (sum() < kOperations) {
+    ptd_wait_t waits[kOwners];
+    EXPECT_LE(ptd_waits(waits, kOwners), static_cast<int>(kOwners) + 2);
+    ed_query_error_t error;
+    EXPECT_EQ(ed_query("func vrl_* +ps; func vrl_* -p; line 500-700 -s", &error), 0) << error.text;
+    ed_for_each_point([](void *, const ed_point_t *) {}, nullptr);
+    std::this_thread::yield();
+  }
+  ledger->herd.stop = true;
   for (std::thread &thread : threads) {
     thread.join();
   }
-  done = true;
-  onlooker.join();
-  EXPECT_EQ(inconsistency(*egress_encap_db, walk_avl), "");
-  EXPECT_EQ(egress_encap_db->tun_root, nullptr);
-  shmwin_stat_t usage{};
-  EXPECT_EQ(shmwin_stat(kWindow, &usage), 0);
-  EXPECT_EQ(usage.nodes40 + usage.nodes56 + usage.bad_releases, 0U);
-  EXPECT_GE(messages_, OXA_DEFAULT_BURST);
-  EXPECT_GE(printed_, 1U);
+  expect_completed(*ledger);
+  EXPECT_GE(messages, OXA_DEFAULT_BURST);
+  EXPECT_GE(printed, 1U);
 }
 
 }  // namespace
-}  // namespace encap_test
+}  // namespace crash
