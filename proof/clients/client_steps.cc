@@ -60,7 +60,7 @@ bool fail_allocation(const Stage &stage, int number, Totals &told) {
   }
   ++told.allocations;
   const Picture now = draw();
-  std::string wrong = contradiction(now, stage.config.shm_id, status == 0 ? Queues::kMayLose : Queues::kWhole);
+  std::string wrong = contradiction(now, stage.window, status == 0 ? Queues::kMayLose : Queues::kWhole);
   if (status != 0 && now != before) {
     wrong = "a refused call changed" + difference(before, now);
   }

@@ -133,15 +133,14 @@ class Storm {
     const int locked = vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
     avl_settle(egress_encap_db);
     Picture picture = draw();
-    std::string wrong = crash::findings_in(window_, crash::Findings::kAll);
     pthread_mutex_unlock(&egress_encap_db->lock.mutex);
-    wrong += locked == 0 ? "" : "the lock cannot be taken\n";
+    std::string wrong = locked == 0 ? "" : "the lock cannot be taken\n";
     for (std::uint32_t nh = 0; nh < kStormNhs; ++nh) {
       if (journal_.other_held[nh] != 0) {
         picture.others[crash::kNhStart + nh] = journal_.other_held[nh];
       }
     }
-    wrong += contradiction(picture, config_.shm_id, options_.beside ? Queues::kOthersChoose : Queues::kWhole);
+    wrong += contradiction(picture, window_, options_.beside ? Queues::kOthersChoose : Queues::kWhole);
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
       wrong += compare(process, picture);
     }

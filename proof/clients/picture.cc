@@ -9,14 +9,12 @@
 namespace client_proof {
 namespace {
 
-using clients::Bucket;
 using clients::ClientRecord;
 using clients::ClientRoot;
 using clients::Holding;
 using clients::IndexQueue;
 using clients::Ledger;
 using clients::QueuePage;
-using clients::Spill;
 
 const ClientRoot &root() {
   return *reinterpret_cast<const ClientRoot *>(reinterpret_cast<const char *>(egress_encap_db) + clients::kRootOffset);
@@ -65,36 +63,6 @@ std::vector<std::uint32_t> waiting_in(const IndexQueue &queue) {
     waiting.push_back(page->index[place++]);
   }
   return waiting;
-}
-
-std::uint64_t pages_of(const IndexQueue &queue) {
-  std::uint64_t pages = 0;
-  for (auto address = queue.oldest; address != 0; address = at<const QueuePage>(address)->next) {
-    ++pages;
-  }
-  return pages;
-}
-
-// Pages and 56-byte nodes that a ledger takes.
-struct Blocks {
-  std::uint64_t pages = 0;
-  std::uint64_t spills = 0;
-};
-
-Blocks blocks_of(Ledger &ledger) {
-  Blocks blocks{1, 0};
-  for (const std::uint64_t directory : ledger.directory) {
-    blocks.pages += directory != 0 ? 1U : 0U;
-    for (std::uint32_t i = 0; directory != 0 && i < clients::kDirectorySegments; ++i) {
-      blocks.pages += at<const std::uint64_t>(directory)[i] != 0 ? 1U : 0U;
-    }
-  }
-  for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
-    for (auto spill = clients::bucket_at(ledger, number).spill; spill != 0; spill = at<const Spill>(spill)->next) {
-      ++blocks.spills;
-    }
-  }
-  return blocks;
 }
 
 template <typename Visit>
@@ -181,30 +149,6 @@ std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, Queues q
   return "";
 }
 
-std::string wrong_blocks(const Picture &picture, std::uint32_t shm_id) {
-  std::uint64_t nhs = 0;
-  for (const auto &[key, indexes] : picture.trees) {
-    nhs += key.size() > sizeof(mpls_tunnel_key_t) ? 1U : 0U;
-  }
-  const std::uint64_t tunnels = picture.trees.size() - nhs;
-  Blocks blocks{root().magic == clients::kRootMagic ? 1U : 0U, 0};
-  each_client([&](const ClientRecord &, Ledger &ledger) {
-    const Blocks own = blocks_of(ledger);
-    blocks.pages += own.pages;
-    blocks.spills += own.spills;
-  });
-  blocks.pages += pages_of(root().nhs) + pages_of(root().tunnels);
-  shmwin_stat_t stat{};
-  shmwin_stat(shm_id, &stat);
-  constexpr std::uint64_t kSlotArrays = 2;
-  if (stat.nodes40 != nhs || stat.nodes56 != tunnels + blocks.spills || stat.arrays != kSlotArrays + blocks.pages) {
-    return "blocks in use: " + std::to_string(stat.nodes40) + ", " + std::to_string(stat.nodes56) + ", " +
-           std::to_string(stat.arrays) + "; referred to: " + std::to_string(nhs) + ", " +
-           std::to_string(tunnels + blocks.spills) + ", " + std::to_string(kSlotArrays + blocks.pages);
-  }
-  return "";
-}
-
 }  // namespace
 
 Picture draw() {
@@ -223,17 +167,17 @@ Picture draw() {
   return picture;
 }
 
-std::string contradiction(const Picture &picture, std::uint32_t shm_id, Queues queues) {
-  if (root().magic != clients::kRootMagic) {
-    return wrong_blocks(picture, shm_id);
+std::string contradiction(const Picture &picture, const crash::Window &window, Queues queues, crash::Findings which) {
+  const std::string found = crash::findings_in(window, which);
+  if (!found.empty() || root().magic != clients::kRootMagic) {
+    return found;
   }
   for (const std::string &wrong :
        {wrong_totals(), wrong_counts(picture),
         wrong_indexes(root().nhs, egress_encap_db->nh_start, queues,
                       [](std::uint32_t nh) { return clients::nh_slot(nh).valid == 0; }),
         wrong_indexes(root().tunnels, egress_encap_db->tun_start, queues,
-                      [](std::uint32_t tunnel) { return clients::tunnel_slot(tunnel).valid == 0; }),
-        wrong_blocks(picture, shm_id)}) {
+                      [](std::uint32_t tunnel) { return clients::tunnel_slot(tunnel).valid == 0; })}) {
     if (!wrong.empty()) {
       return wrong;
     }

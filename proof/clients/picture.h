@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "support/window.h"
+
 namespace client_proof {
 
 struct Picture {
@@ -35,9 +37,10 @@ enum class Queues : std::uint8_t {
   kOthersChoose,  // processes without a client take indexes and give them back as they like
 };
 
-// What the picture and the allocator say against each other: blocks that nothing refers to, indexes that are both free
-// and in use or neither, ledgers that do not add up to the counts. Returns: one sentence, or "".
-std::string contradiction(const Picture &picture, std::uint32_t shm_id, Queues queues = Queues::kWhole);
+// What the inspector finds in the window, and what the picture says against itself: indexes that are both
+// free and in use or neither, ledgers that do not add up to the counts. Returns: some sentences, or "".
+std::string contradiction(const Picture &picture, const crash::Window &window, Queues queues = Queues::kWhole,
+                          crash::Findings which = crash::Findings::kAll);
 
 // How two pictures differ, for a person.
 std::string difference(const Picture &a, const Picture &b);

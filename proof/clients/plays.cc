@@ -56,7 +56,7 @@ std::string go_on(const Stage &stage) {
       return "the next client entered with " + std::to_string(entered) + ", released with " + std::to_string(released);
     }
   }
-  return contradiction(draw(), stage.config.shm_id);
+  return contradiction(draw(), stage.window);
 }
 
 // Plays the next client in one state. Returns: what is wrong, or "".
@@ -73,7 +73,7 @@ std::string play(const Stage &stage, const std::vector<Picture> &allowed, const 
     return "the next call returned " + std::to_string(status);
   }
   const Picture now = drawn_for(stage);
-  const std::string wrong = contradiction(now, stage.config.shm_id);
+  const std::string wrong = contradiction(now, stage.window);
   if (!wrong.empty()) {
     return wrong;
   }
@@ -151,7 +151,7 @@ std::string contradiction_beside(const Stage &stage, Picture picture) {
       picture.others[nh] -= held.contains(nh) ? held.at(nh).first : 0;
     }
   }
-  return contradiction(picture, stage.config.shm_id, Queues::kOthersChoose);
+  return contradiction(picture, stage.window, Queues::kOthersChoose, crash::Findings::kBlocks);
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ class Window {
 std::uint64_t hash_of(const Image &image);
 
 // What the inspector finds in the window, a line each. Returns: "" when it is sound.
-enum class Findings : std::uint8_t { kAll, kBeyondNotes };
+enum class Findings : std::uint8_t { kAll, kBeyondNotes, kBlocks };  // kBlocks: out of reach, or not marked as taken
 std::string findings_in(const Window &window, Findings which = Findings::kBeyondNotes);
 
 }  // namespace crash
