@@ -76,12 +76,11 @@ egress_encap_info_t record(std::uint32_t nh, std::uint32_t tunnel, bool tunnel_f
 // Look-ups and inserts of full_key(), if not another.
 Operation entry(Verb verb, const egress_encap_info_t &info, const Key &key = full_key(), std::uint32_t count = 0);
 
-// A call of the library in a state of the database. `stream`: its journal when nothing fails.
+// A call of the library in a state of the database.
 struct Scenario {
   const char *name;
   void (*given)(DbTest &);
   Operation when;
-  const char *stream = nullptr;
 };
 
 // Walks every road through the scenario, with each kind of reports of the points: each call that may fail fails, alone

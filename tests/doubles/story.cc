@@ -4,7 +4,6 @@
 #include <sstream>
 
 #include "diag/catalogue.h"
-#include "doubles/fixture.h"
 
 namespace encap_test {
 namespace {
@@ -110,39 +109,15 @@ void Story::raise(const char *message, const char *function) {
   write(line + ")");
 }
 
-namespace {
-
-// What stands in the brackets of "50(count=3,rc=1)".
-void read_arguments(const std::string &word, Values &to) {
-  const std::size_t open = word.find('(');
-  std::istringstream arguments(open == std::string::npos ? "" : word.substr(open + 1, word.size() - open - 2));
-  for (std::string argument; std::getline(arguments, argument, ',');) {
-    const std::size_t equals = argument.find('=');
-    to[argument.substr(0, equals)] = static_cast<std::uint32_t>(std::stoull(argument.substr(equals + 1), nullptr, 0));
-  }
-}
-
-void replace(std::string &word, const char *sign, const std::string &name) {
-  if (const auto at = word.find(sign); at != std::string::npos) {
-    word.replace(at, 2, name);
-  }
-}
-
-}  // namespace
-
 std::string expand(const std::string &stream, const Values &values, Reports reports) {
   Story story;
   story.reports = reports;
+  story.values = values;
   std::istringstream words(stream);
   for (std::string word; words >> word;) {
-    const std::string head = word.substr(0, word.find('('));
-    if (head.find_first_not_of("0123456789") == std::string::npos) {
-      story.values = values;
-      read_arguments(word, story.values);
-      story.point(static_cast<std::uint32_t>(std::stoul(head)));
+    if (word.find_first_not_of("0123456789") == std::string::npos) {
+      story.point(static_cast<std::uint32_t>(std::stoul(word)));
     } else {
-      replace(word, "$T", name_of(tunnel_key(full_key())));
-      replace(word, "$N", name_of(nh_key(full_key())));
       story.write(word);
     }
   }

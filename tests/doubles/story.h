@@ -41,13 +41,8 @@ class Story : public Listener {
   std::string text_;
 };
 
-/*
- * Expands a stream into the journal it stands for. Its words:
- *   50  50(count=3)            a point with its message (when on) and trace records; values by their names
- *   $T $N                      the names of the tunnel and of the NH of full_key()
- *   anything else              itself
- * In names with a value, name=value sets it for this word alone.
- */
+// The journal that a stream stands for: each number is the point with its message (when on) and trace records, with
+// values by their names; any other word is itself.
 std::string expand(const std::string &stream, const Values &values, Reports reports = Reports::messages);
 
 }  // namespace encap_test

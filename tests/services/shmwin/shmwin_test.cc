@@ -6,7 +6,6 @@
 #include <chrono>
 #include <csignal>
 
-#include "avl.h"
 #include "process/process.h"
 #include "shmwin_fixture.h"
 
@@ -67,44 +66,6 @@ TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
   EXPECT_EQ(shmwin_malloc(5, 56, &block[5]), 22);
 }
 
-// The window service and the tree service agree on the place of the log.
-TEST_F(WindowTest, AChangeLeftOpenInTheLogOfTheTreesIsTakenBack) {
-  struct Node {
-    std::uint64_t link[3], key;
-  };
-  const auto compare = [](const void *a, const void *b) {
-    const std::uint64_t left = static_cast<const Node *>(a)->key, right = static_cast<const Node *>(b)->key;
-    return left < right ? 0 : left == right ? 1 : 2;
-  };
-  ASSERT_EQ(open(config()), 0) << error_.text;
-  auto **const field = static_cast<void **>(shmwin_user_area(kId));
-  void *node[2];
-  int flag = 0;
-  for (const std::uint64_t key : {0U, 1U}) {
-    ASSERT_EQ(shmwin_malloc(kId, 40, &node[key]), 0);
-    new (node[key]) Node{{}, key};
-    ASSERT_EQ(avl_insert(field, node[key], &flag, compare), node[key]);
-  }
-  auto *const log = reinterpret_cast<std::uint64_t *>(header_of(kId).tree_area);
-  EXPECT_EQ(log[0], 0U);
-  ASSERT_EQ(log[1], reinterpret_cast<std::uint64_t>(field));
-  log[0] = 1;  // the first of the words that the second insertion changed
-  const Node first{{}, 0}, second{{}, 1};
-  EXPECT_EQ(avl_search(*field, &second, compare), nullptr);
-  EXPECT_EQ(avl_search(*field, &first, compare), node[0]);
-  EXPECT_EQ(log[0], 0U);
-}
-
-TEST_F(WindowTest, TheTableHoldsTheLivingOnly) {
-  ASSERT_EQ(open(config()), 0);
-  const WindowHeader &header = header_of(kId);
-  EXPECT_EQ(attached(header), 1u);
-  EXPECT_EQ(in_child([&] { return static_cast<int>(attached(header)); }), 2) << "a child of a fork enters itself";
-  EXPECT_EQ(attached(header), 2u) << "a process that exits without a word stays until the next one attaches";
-  EXPECT_EQ(open_anew(config()), 0);
-  EXPECT_EQ(attached(header), 2u);
-}
-
 TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
   ASSERT_EQ(open(config()), 0);
   test_support::Signal forked;  // a child enters itself in the table when it first runs
@@ -127,13 +88,6 @@ TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) 
   EXPECT_EQ(unlink(0), 0) << error_.text;
   test_support::kill_hard(helper);
   test_support::end_of(zombie);
-}
-
-TEST_F(WindowTest, AWindowOfAnotherPidNamespaceIsRemovedByForceAlone) {
-  ASSERT_EQ(open(config()), 0);
-  header_of(kId).pid_namespace = 42;
-  expect_refusal(unlink(0), 16, {"may be attached", std::to_string(getpid()).c_str(), "PID namespace 42"});
-  EXPECT_EQ(unlink(1), 0) << error_.text;
 }
 
 TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
@@ -178,6 +132,8 @@ TEST_F(WindowTest, AWindowInUseIsRemovedByForceAlone) {
   ASSERT_EQ(open(config()), 0);
   expect_refusal(unlink(0), 16, {std::to_string(getpid()).c_str()});
   EXPECT_EQ(open_anew(config(), true), 16);
+  header_of(kId).pid_namespace = 42;
+  expect_refusal(unlink(0), 16, {"may be attached", std::to_string(getpid()).c_str(), "PID namespace 42"});
   ASSERT_EQ(unlink(1), 0);
   void *block = nullptr;
   EXPECT_EQ(shmwin_malloc(kId, 40, &block), 0) << "who has it keeps it";
