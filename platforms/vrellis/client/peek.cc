@@ -15,7 +15,7 @@
 #include "avl/versions.h"
 #include "encap_client.h"
 #include "records/lookup.h"
-#include "records/prefetch.h"
+#include "records/search.h"
 #include "records/window.h"
 #include "session.h"
 
@@ -30,57 +30,82 @@ using Word = vrellis::avl::Word;
 constexpr int kAgain = -1;  // a writer went on during the look
 constexpr int kLooks = 2000;
 constexpr int kRounds = 8;
-constexpr int kSpellOfLooks = 16;     // without a pause between them
-constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
+constexpr int kSpellOfLooks = 16;  // without a pause between them
 
-// One look at the window of this process.
-class Look {
+// The version of a record, as it was before the record was read; without a record, one that holds.
+struct Watched {
+  Word version;
+  Word value;
+
+  Watched() : version(0), value(0) {}
+  Watched(Word window, Word place)
+      : version(address_of(vrellis::avl::version_of(window, place))), value(load_word(version)) {}
+
+  bool is_odd() const { return (value & 1) != 0; }
+  bool holds() const { return version == 0 || load_word(version) == value; }
+};
+
+// A look that reads words as they are in memory. It is in vain when a version is odd.
+class PlainLook {
  public:
-  Look() : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
+  // Before anything is read whose version this is: of a first record, and then of one more. Returns: false when this look
+  // is in vain.
+  bool watch(Word place) {
+    first_ = Watched(window_.window, place);
+    return !first_.is_odd();
+  }
+  bool watch_too(Word place) {
+    second_ = Watched(window_.window, place);
+    return !second_.is_odd();
+  }
 
-  // Before anything is read whose version this is; twice at most.
-  void watch(Word place) {
-    Watched &watched = watched_[count_++];
-    watched.version = address_of(vrellis::avl::version_of(extent.window, place));
-    watched.value = load_word(watched.version);
-    if ((watched.value & 1) != 0) {
+  // Returns: `answer`, if everything was read at one moment.
+  int end(int answer, bool /*last_time*/) const {
+    const bool same = first_.holds() && second_.holds();
+    return same ? answer : kAgain;
+  }
+
+  const Extent &window() const { return window_; }
+  static Word word(Word address) { return load_word(address); }
+  static std::uint32_t half(Word address) { return vrellis::avl::load_half(address); }
+
+ private:
+  const Extent window_ = extent;
+  Watched first_;
+  Watched second_;
+};
+
+// A look that reads words through the undo log where a version is odd.
+class LogLook {
+ public:
+  LogLook() : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
+
+  // As in PlainLook.
+  bool watch(Word place) { return watch(first_, place); }
+  bool watch_too(Word place) { return watch(second_, place); }
+  int end(int answer, bool last_time) const {
+    const bool same = !moved_ && view_.holds() && (!view_.reads_log() || holder() == holder_) &&
+                      (!view_.unsure() || last_time) && first_.holds() && second_.holds();
+    return same ? answer : kAgain;
+  }
+
+  static const Extent &window() { return extent; }
+  Word word(Word address) { return view_.word(address); }
+  std::uint32_t half(Word address) { return view_.half(address); }
+
+ private:
+  static constexpr Word kLogOffset = 4096;
+
+  bool watch(Watched &watched, Word place) {
+    watched = Watched(extent.window, place);
+    if (watched.is_odd()) {
       // An odd version beside an empty log is that of a change which has ended, if the log is read after the version.
       moved_ = moved_ || !view_.holds();
       holder_ = view_.reads_log() ? holder_ : holder();
       view_.open();
     }
+    return true;
   }
-
-  // Returns: `answer`, if everything was read at one moment.
-  int end(int answer, bool last_time) const {
-    bool same =
-        !moved_ && view_.holds() && (!view_.reads_log() || holder() == holder_) && (!view_.unsure() || last_time);
-    for (unsigned i = 0; i < count_; ++i) {
-      same = same && load_word(watched_[i].version) == watched_[i].value;
-    }
-    return same ? answer : kAgain;
-  }
-
-  Word word(Word address) { return view_.word(address); }
-  std::uint32_t half(Word address) { return view_.half(address); }
-
-  template <typename Record>
-  Record copy(const Record *record) {
-    std::uint32_t words[sizeof(Record) / 4];
-    for (std::size_t i = 0; i < sizeof(Record) / 4; ++i) {
-      words[i] = half(address_of(record) + 4 * i);
-    }
-    Record made;
-    std::memcpy(&made, words, sizeof made);
-    return made;
-  }
-
- private:
-  struct Watched {
-    Word version;
-    Word value;
-  };
-  static constexpr Word kLogOffset = 4096;
 
   // The thread that has the lock; 0: none has.
   static unsigned holder() {
@@ -90,45 +115,21 @@ class Look {
   }
 
   UndoView view_;
-  Watched watched_[2];
-  unsigned count_ = 0;
+  Watched first_;
+  Watched second_;
   unsigned holder_ = 0;
   bool moved_ = false;
 };
 
-struct SearchKey {
-  std::uint64_t first;
-  std::uint32_t last;  // 0 in the key of an NH
-};
-
-template <typename Node>
-constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
-
-// Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
-template <typename Node>
-int search(Look &look, Word root, const SearchKey &key, Word *found) {
-  constexpr Word kFirst = offsetof(Node, key);
-  *found = 0;
-  Word node = look.word(root);
-  prefetch_around(node);
-  for (unsigned levels = 0; node != 0; ++levels) {
-    if (levels == kMostLevels || at<Node>(node) == nullptr) {
-      return EINVAL;
-    }
-    const Word before = look.word(node);
-    const Word behind = look.word(node + 8);
-    prefetch_node(before);
-    prefetch_node(behind);
-    const std::uint64_t first = __builtin_bswap64(look.word(node + kFirst));
-    const std::uint32_t last = kIsTunnel<Node> ? __builtin_bswap32(look.half(node + kFirst + 8)) : 0;
-    if (first == key.first && last == key.last) {
-      *found = node;
-      return 0;
-    }
-    const bool after = key.first > first || (key.first == first && key.last > last);
-    node = __builtin_expect_with_probability(after, 1, 0.5) ? behind : before;
+template <typename Look, typename Record>
+Record copy(Look &look, const Record *record) {
+  std::uint32_t words[sizeof(Record) / 4];
+  for (std::size_t i = 0; i < sizeof(Record) / 4; ++i) {
+    words[i] = look.half(address_of(record) + 4 * i);
   }
-  return 0;
+  Record made;
+  std::memcpy(&made, words, sizeof made);
+  return made;
 }
 
 struct Seen {
@@ -136,27 +137,26 @@ struct Seen {
   std::uint32_t tunnel = UINT32_MAX;
 };
 
-SearchKey first_of(const void *bytes) {
-  std::uint64_t first;
-  std::memcpy(&first, bytes, sizeof first);
-  return {__builtin_bswap64(first), 0};
-}
-
 // A process without a client links a node before it fills its index, and unlinks the last NH before its tunnel: an
 // encapsulation without its indexes is not there yet.
+template <typename Look>
 int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
   const auto *const halves = reinterpret_cast<const char *>(&key);
   SearchKey tunnel_key = first_of(halves + sizeof(mpls_nh_key_t));
   tunnel_key.last = __builtin_bswap32(key.ifh);
   const Word root = address_of(&egress_encap_db->tun_root);
-  look.watch(root);
+  if (!look.watch(root)) {
+    return kAgain;
+  }
   Word tunnel = 0;
   int status = search<mpls_tunnel_entry_t>(look, root, tunnel_key, &tunnel);
   if (status != 0 || tunnel == 0) {
     return status != 0 ? status : ENOENT;
   }
   const Word nhs = tunnel + offsetof(mpls_tunnel_entry_t, nh_root);
-  look.watch(nhs);
+  if (!look.watch_too(nhs)) {
+    return kAgain;
+  }
   Word nh = 0;
   status = search<mpls_nh_entry_t>(look, nhs, first_of(halves), &nh);
   if (status != 0) {
@@ -191,13 +191,16 @@ const egr_tun_info_t *tunnel_slot_at(std::uint32_t tunnel) {
   return tunnel_in_range(tunnel) ? slot_at(egress_encap_db->tun_info_array, number) : nullptr;
 }
 
+template <typename Look>
 int look_at(Look &look, std::uint32_t nh, Slots &slots) {
   const auto *const nh_record = slot_at(egress_encap_db->nh_info_array, nh - egress_encap_db->nh_start);
   if (nh_record == nullptr) {
     return EINVAL;
   }
-  look.watch(address_of(nh_record));
-  slots.nh = look.copy(nh_record);
+  if (!look.watch(address_of(nh_record))) {
+    return kAgain;
+  }
+  slots.nh = copy(look, nh_record);
   if (slots.nh.valid == 0) {
     return ENOENT;
   }
@@ -205,11 +208,11 @@ int look_at(Look &look, std::uint32_t nh, Slots &slots) {
   if (tunnel == nullptr) {
     return EINVAL;
   }
-  slots.tunnel = look.copy(tunnel);
+  slots.tunnel = copy(look, tunnel);
   return 0;
 }
 
-template <typename Answer, typename What>
+template <typename Look, typename Answer, typename What>
 int look_once(What what, Answer *answer, bool last_time) {
   Look look;
   *answer = {};
@@ -226,7 +229,7 @@ template <typename Answer, typename What>
   } else if (status != 0) {
     return kAgain;
   }
-  const int seen = look_once(what, answer, true);
+  const int seen = look_once<LogLook>(what, answer, true);
   pthread_mutex_unlock(mutex);
   return seen;
 }
@@ -235,7 +238,7 @@ template <typename Answer, typename What>
 [[gnu::cold, gnu::noinline]] int look_again(What what, Answer *answer) {
   for (int round = 0; round < kRounds; ++round) {
     for (int i = 0; i < kLooks; ++i) {
-      const int status = look_once(what, answer, i == kLooks - 1);
+      const int status = look_once<LogLook>(what, answer, i == kLooks - 1);
       if (status != kAgain) {
         return status;
       }
@@ -256,7 +259,7 @@ int look(const encap_client_t &client, What what, Answer *answer) {
   if (__builtin_expect(client.generation != generation(), 0)) {
     return EPERM;
   }
-  const int status = look_once(what, answer, false);
+  const int status = look_once<PlainLook>(what, answer, false);
   return __builtin_expect(status == kAgain, 0) ? look_again(what, answer) : status;
 }
 
@@ -267,7 +270,7 @@ int encap_client_peek(encap_client_t *client, egress_encap_key_t key, uint32_t *
   using namespace clients;
   Seen seen;
   const int status = look(
-      *client, [&key](Look &look, Seen &out) { return look_for(look, key, out); }, &seen);
+      *client, [&key](auto &look, Seen &out) { return look_for(look, key, out); }, &seen);
   *nh = seen.nh;
   *tunnel = seen.tunnel;
   return status;
@@ -281,7 +284,7 @@ int encap_client_read(encap_client_t *client, uint32_t nh, egress_encap_key_t *k
   }
   Slots slots;
   const int status = look(
-      *client, [nh](Look &look, Slots &out) { return look_at(look, nh, out); }, &slots);
+      *client, [nh](auto &look, Slots &out) { return look_at(look, nh, out); }, &slots);
   if (status != 0) {
     return status;
   }

@@ -2,6 +2,7 @@
 #ifndef VRELLIS_CLIENT_WINDOW_H
 #define VRELLIS_CLIENT_WINDOW_H
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -38,16 +39,19 @@ struct Extent {
 };
 inline constinit Extent extent{0, ~std::uint64_t{0}, 0};
 
-// The record at an address that the window holds. Every process can write there.
+// Whether a whole record lies at an address that the window holds. Every process can write there. The rotation makes an
+// address that is not aligned a very large one.
+template <typename Record>
+bool is_record(const Extent &heap, std::uint64_t address) {
+  constexpr int kShift = std::countr_zero(alignof(Record));
+  return address != 0 && std::rotr(address - heap.begin, kShift) <= (heap.bytes - sizeof(Record)) >> kShift;
+}
+
 // Returns: nullptr when no such record lies in the heap.
 template <typename Record>
 Record *at(std::uint64_t address) {
-  const std::uint64_t offset = address - extent.begin;
-  if (address == 0 || address % alignof(Record) != 0 || offset >= extent.bytes ||
-      extent.bytes - offset < sizeof(Record)) {
-    return nullptr;
-  }
-  return reinterpret_cast<Record *>(address);  // NOLINT(performance-no-int-to-ptr): the window holds plain addresses
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the window holds plain addresses
+  return is_record<Record>(extent, address) ? reinterpret_cast<Record *>(address) : nullptr;
 }
 
 inline std::uint64_t address_of(const void *record) {

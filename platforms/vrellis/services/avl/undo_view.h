@@ -21,6 +21,10 @@ ENCAP_READS_WHAT_CHANGES inline Word load_word(Word address) {
   return __atomic_load_n(word_at(address), __ATOMIC_ACQUIRE);
 }
 
+ENCAP_READS_WHAT_CHANGES inline std::uint32_t load_half(Word address) {
+  return __atomic_load_n(half_at(address), __ATOMIC_ACQUIRE);
+}
+
 class UndoView {
  public:
   // Until open() is called, words are as they are in memory. `window_end` bounds what is read beside a word.
