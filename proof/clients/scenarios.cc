@@ -170,14 +170,6 @@ std::vector<Scenario> sweeps_and_names() {
 
 }  // namespace
 
-egress_encap_key_t key(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) {
-  egress_encap_key_t key{};
-  key.out_label1 = label1 & 0x1fffff;
-  key.out_label2 = label2 & 0x1fffff;
-  key.ifh = ifh;
-  return key;
-}
-
 int open_as(const encap_db_config_t &config, const char *name, encap_client_t **client) {
   const encap_client_config_t wanted{config, name};
   shmwin_error_t error{};

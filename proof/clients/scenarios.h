@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "encap_client.h"
+#include "model/operations.h"
 
 namespace client_proof {
 
@@ -26,7 +27,9 @@ struct Scenario {
   bool names = true;  // whether the names taken are compared: a reclaim takes the other's meanwhile
 };
 
-egress_encap_key_t key(std::uint32_t label1, std::uint32_t label2 = 0, std::uint32_t ifh = 7);
+inline egress_encap_key_t key(std::uint32_t label1, std::uint32_t label2 = 0, std::uint32_t ifh = 7) {
+  return crash::key_of(label1, label2, ifh);
+}
 int open_as(const encap_db_config_t &config, const char *name, encap_client_t **client);
 
 // Of the window that the scenario under way plays in.

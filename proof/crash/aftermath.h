@@ -54,8 +54,8 @@ class Expectation {
  */
 std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds, ChangeLog *log);
 
-// Compares the nodes in use with what the trees hold. Returns "" or what is wrong.
-std::string leaks();
+// The allocator has refused none. Returns "" or what is wrong.
+std::string bad_releases();
 
 }  // namespace crash
 

@@ -1,7 +1,9 @@
-#include "answers.h"
-
+// The answers between a death and its repair where they differ from those before and after the interrupted operation. The
+// one table of them stands in docs/crash-promise.md: crash_steps accepts no other answer.
 #include <fstream>
 #include <sstream>
+
+#include "trials.h"
 
 namespace crash {
 namespace {

@@ -2,7 +2,7 @@
 // milliseconds, whether it holds the lock, waits for it or neither, and started again at once. This process verifies
 // from outside, and repairs now and then while they work.
 //
-//   crash_storm [--kills N] [--seed S] [--repair-every N]
+//   crash_storm [--kills N] [--seed S]
 #include <unistd.h>
 
 #include <cinttypes>
@@ -20,13 +20,13 @@ namespace {
 using encap_inspect::FindingKind;
 using encap_inspect::Report;
 
+constexpr std::uint64_t kKillsToARepair = 25;
 constexpr unsigned kStepSeconds = 60;          // no step of the verifier's takes longer
 constexpr std::uint64_t kUnreachableEach = 2;  // blocks that a death leaves at most
 
 struct Options {
   std::uint64_t kills = 2000;
   std::uint64_t seed = std::random_device{}() % 1'000'000;
-  std::uint64_t repair_every = 25;
 };
 
 std::string told(const Report &report) {
@@ -59,7 +59,7 @@ class Storm {
       if (random_() % 4 == 0) {
         look();
       }
-      if (kills % options_.repair_every == 0) {
+      if (kills % kKillsToARepair == 0) {
         repair_and_settle();
       }
     }
@@ -222,7 +222,6 @@ int run(const Options &options) {
 
 int main(int argc, char **argv) {
   crash::Options options;
-  crash::parse(argc, argv,
-               {{"--kills", &options.kills}, {"--seed", &options.seed}, {"--repair-every", &options.repair_every}});
+  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}});
   return crash::run(options);
 }
