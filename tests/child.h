@@ -75,6 +75,19 @@ class Signal {
   int end_[2];
 };
 
+// Starts `body` in a process that waits, when it is through with it, until it is killed. Returns after that.
+template <typename Body>
+pid_t spawn_waiting(Body body) {
+  Signal through;
+  const pid_t child = spawn([&] {
+    body();
+    through.give();
+    return pause();
+  });
+  EXPECT_TRUE(through.await());
+  return child;
+}
+
 // Runs body(i) in `number` processes that begin at once. Returns: how many ended with status 0, with 1, in another way.
 template <typename Body>
 std::array<unsigned, 3> at_once(unsigned number, Body body) {

@@ -103,13 +103,7 @@ TEST_F(OwnerTest, OfManyAtOnceOneCreatesAndAllUseIt) {
 // A copy of a window whose lock is held; its name tells what is true of the holder.
 TEST_F(OwnerTest, ALockThatNoThreadCanGiveBackIsRefused) {
   ASSERT_EQ(open(), 0) << error_.text;
-  test_support::Signal held;
-  const pid_t holder = test_support::spawn([&] {
-    pthread_mutex_lock(&egress_encap_db->lock.mutex);
-    held.give();
-    return pause();
-  });
-  ASSERT_TRUE(held.await());
+  const pid_t holder = test_support::spawn_waiting([] { pthread_mutex_lock(&egress_encap_db->lock.mutex); });
   const auto lost = [&](const char *name) {
     return in_child([&] {
       encap_db_close();

@@ -115,7 +115,7 @@ TEST_F(TraceTest, AThreadThatHoldsARobustMutexMakesNoFileAndTakesAReadyRing) {
 }
 
 TEST_F(TraceTest, TheSweepKeepsTheLivingAndTheDeadThatWroteLast) {
-  const pid_t living = start([] { write_counted(0); });
+  const pid_t living = spawn_waiting([] { write_counted(0); });
   const pid_t headless = spawn([] {  // its first thread ends, another goes on
     write_counted(0);
     std::thread([] { pause(); }).detach();

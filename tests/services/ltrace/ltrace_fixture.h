@@ -20,6 +20,7 @@ using test_support::expect_in_child;
 using test_support::kill_hard;
 using test_support::Signal;
 using test_support::spawn;
+using test_support::spawn_waiting;
 
 constexpr std::uint64_t trace_header(std::uint32_t id, std::uint32_t tag = 0, std::uint64_t number = 0) {
   return std::uint64_t{7} << 32 | 0x80000000U | number << 28 | tag << 23 | id;
@@ -59,19 +60,6 @@ class TraceTest : public testing::Test {
     }
   }
   void TearDown() override { std::filesystem::remove_all(directory_); }
-
-  // The process is through with `body`, and stays until it is killed.
-  template <typename Body>
-  static pid_t start(Body body) {
-    Signal done;
-    const pid_t pid = spawn([&] {
-      body();
-      done.give();
-      return pause();
-    });
-    EXPECT_TRUE(done.await());
-    return pid;
-  }
 
   std::vector<std::unique_ptr<TraceFile>> open_all() const {
     std::vector<std::unique_ptr<TraceFile>> files;

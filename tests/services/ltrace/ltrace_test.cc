@@ -106,7 +106,7 @@ TEST_F(TraceTest, EachOperationThatSearchesHasATimeOfItsOwnWhereverABlockEnds) {
 TEST_F(TraceTest, AWrappedRingKeepsTheNewestAndCountsTheOthersExactly) {
   setenv("LTRACE_RING_KIB", "8", 1);
   for (const std::uint64_t total : {100U, 170U, 5'000U, 40'001U}) {
-    const pid_t writer = start([total] { write_counted(0, total); });
+    const pid_t writer = spawn_waiting([total] { write_counted(0, total); });
     const auto file = open_one();
     EXPECT_TRUE(file->alive());
     kill_hard(writer);

@@ -32,14 +32,7 @@ bool become_stranger() {
 // A child that waits until it is killed.
 class Sleeper {
  public:
-  Sleeper() {
-    pid_ = spawn([&] {
-      ready_.give();
-      return pause();
-    });
-    EXPECT_TRUE(ready_.await());
-    read_process_stat(pid_, &stat_);
-  }
+  Sleeper() { read_process_stat(pid_, &stat_); }
   ~Sleeper() { end(); }
   void end() {
     if (pid_ != 0) {
@@ -49,8 +42,7 @@ class Sleeper {
   ProcessId id() const { return {pid_, stat_.start, own_pid_namespace()}; }
 
  private:
-  test_support::Signal ready_;
-  pid_t pid_ = 0;
+  pid_t pid_ = test_support::spawn_waiting([] {});
   ProcessStat stat_{};
 };
 

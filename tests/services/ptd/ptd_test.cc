@@ -52,7 +52,7 @@ TEST_F(PtdTest, AWaitIsToldOfWhileItLastsAndCountedAfterwards) {
 TEST_F(PtdTest, AWaiterThatDiedStillTellsWhoWaitedWhereAndSinceWhen) {
   static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   const std::uint64_t before = monotonic_ns();
-  const pid_t pid = start([] {
+  const pid_t pid = spawn_waiting([] {
     pthread_mutex_lock(&mutex);
     std::thread([] {
       ptd_set_mutex_block(&mutex, "take_the_lock", 43);

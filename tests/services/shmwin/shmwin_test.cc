@@ -68,11 +68,9 @@ TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
 
 TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
   ASSERT_EQ(open(config()), 0);
-  test_support::Signal forked;  // a child enters itself in the table when it first runs
-  const pid_t child = test_support::spawn([&] { return forked.give(), pause(); });
+  const pid_t child = test_support::spawn_waiting([] {});  // it has entered itself in the table
   const pid_t zombie = test_support::spawn([] { return 0; });
   const pid_t helper = test_support::spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
-  ASSERT_TRUE(forked.await());
   siginfo_t ended{};
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
   vrellis::ProcessStat stat{};
@@ -92,15 +90,12 @@ TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) 
 
 TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
   const shmwin_config_t made = config();
-  test_support::Signal claimed;
-  const pid_t holder = test_support::spawn([&] {
+  const pid_t holder = test_support::spawn_waiting([&] {
     shmwin_claim_t *claim = nullptr;
     int present = 0;
     shmwin_claim(&made, &claim, &present, &error_);
-    const pid_t child = test_support::spawn([&] { return claimed.give(), pause(); });  // has the open file, too
-    return child > 0 ? pause() : 1;
+    test_support::spawn_waiting([] {});  // has the open file, too
   });
-  ASSERT_TRUE(claimed.await());
   const auto begin = std::chrono::steady_clock::now();
   const pid_t killer = test_support::spawn([holder] { return usleep(50000), kill(holder, SIGKILL); });
   EXPECT_EQ(open(made), 0) << error_.text;
