@@ -1,7 +1,5 @@
 #include "picture.h"
 
-#include <cstring>
-
 #include "records/layout.h"
 #include "records/ledger.h"
 #include "records/lookup.h"
@@ -23,32 +21,6 @@ const ClientRoot &root() {
 template <typename Record>
 Record *at(std::uint64_t address) {
   return reinterpret_cast<Record *>(address);
-}
-
-template <typename Visit>
-void each_node(void *node, Visit visit) {
-  if (node != nullptr) {
-    const auto *const link = static_cast<const encap_avl_link_t *>(node);
-    each_node(at<void>(link->word[0]), visit);
-    visit(node);
-    each_node(at<void>(link->word[1]), visit);
-  }
-}
-
-template <typename Key>
-std::string bytes_of(const Key &key) {
-  return {reinterpret_cast<const char *>(&key), sizeof key};
-}
-
-void draw_trees(Picture &picture) {
-  each_node(egress_encap_db->tun_root, [&](const void *node) {
-    const auto &tunnel = *static_cast<const mpls_tunnel_entry_t *>(node);
-    picture.trees[bytes_of(tunnel.key)] = std::to_string(tunnel.egr_tun);
-    each_node(tunnel.nh_root, [&](const void *below) {
-      const auto &nh = *static_cast<const mpls_nh_entry_t *>(below);
-      picture.trees[bytes_of(tunnel.key) + bytes_of(nh.key)] = std::to_string(nh.nh_index);
-    });
-  });
 }
 
 std::vector<std::uint32_t> waiting_in(const IndexQueue &queue) {
@@ -153,7 +125,7 @@ std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, Queues q
 
 Picture draw() {
   Picture picture;
-  draw_trees(picture);
+  picture.trees = encap_test::model_of(*egress_encap_db, encap_test::walk_avl).tunnels;
   draw_clients(picture);
   const std::size_t nhs = egress_encap_db->nh_end - egress_encap_db->nh_start;
   const std::size_t tunnels = egress_encap_db->tun_end - egress_encap_db->tun_start + 1;

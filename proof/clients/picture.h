@@ -9,15 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "model/model.h"
 #include "support/window.h"
 
 namespace client_proof {
 
 struct Picture {
   std::map<std::string, std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>>>
-      held;                                  // name, NH: held, stale
-  std::map<std::string, std::string> trees;  // bytes of tunnel and NH key: indexes
-  std::string slots;                         // the bytes of both arrays
+      held;  // name, NH: held, stale
+  std::map<encap_test::TunnelKey, encap_test::Tunnel> trees;
+  std::string slots;  // the bytes of both arrays
   std::vector<std::uint32_t> waiting_nhs, waiting_tunnels;
   std::uint32_t fresh_nh = 0, fresh_tunnel = 0;
   std::set<std::string> taken;  // names that a process has
