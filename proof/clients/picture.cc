@@ -125,7 +125,7 @@ std::string wrong_indexes(const IndexQueue &queue, std::uint32_t start, Queues q
 
 Picture draw() {
   Picture picture;
-  picture.trees = encap_test::model_of(*egress_encap_db, encap_test::walk_avl).tunnels;
+  picture.trees = encap_test::model_of(*egress_encap_db).tunnels;
   draw_clients(picture);
   const std::size_t nhs = egress_encap_db->nh_end - egress_encap_db->nh_start;
   const std::size_t tunnels = egress_encap_db->tun_end - egress_encap_db->tun_start + 1;

@@ -82,7 +82,7 @@ std::string find_others(const Expectation &expected) {
 
 // Goes on: the interrupted operation's own NH again, a new tunnel, the null tunnel; all of it withdrawn at last.
 std::string go_on(const Expectation &expected) {
-  encap_test::Model model = encap_test::model_of(*egress_encap_db, encap_test::walk_avl);
+  encap_test::Model model = encap_test::model_of(*egress_encap_db);
   std::string wrong;
   const auto both = [&](const Operation &operation) {
     const Answer is = on_database(operation);
@@ -108,11 +108,11 @@ std::string go_on(const Expectation &expected) {
   enter(key_of(900, 901, 9), kNhStart + kNhSize - 1, kTunStart + kTunSize - 1);
   enter(key_of(901, 901, 9), kNhStart + kNhSize - 2, kTunStart + kTunSize - 1);
   enter(key_of(900, 0, 99), kNhStart + kNhSize - 3, 0);
-  wrong += encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  wrong += encap_test::differences(*egress_encap_db, model);
   for (const std::uint32_t nh : entered) {
     both(on_nh(Verb::kRelease, nh));
   }
-  return wrong + encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  return wrong + encap_test::differences(*egress_encap_db, model);
 }
 
 std::string recover(const Expectation &expected) {
@@ -184,7 +184,7 @@ Expectation::Expectation(const Scenario &scenario, encap_test::Model before)
 }
 
 std::string Expectation::difference(const egress_encap_db_t &header) const {
-  std::string wrong = encap_test::inconsistency(header, encap_test::walk_avl);
+  std::string wrong = encap_test::inconsistency(header);
   for (std::uint32_t nh = before_.nh_start; nh != before_.nh_end; ++nh) {
     const egr_nh_info_t &slot = header.nh_info_array[nh - before_.nh_start];
     const encap_test::Bytes is = bytes_of(slot);

@@ -146,14 +146,14 @@ std::string next_owner(const encap_db_config_t &config) {
     return wrong;
   }
   encap_test::Model model(config.nh_start, config.nh_size, config.tun_start, config.tun_size);
-  wrong = encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  wrong = encap_test::differences(*egress_encap_db, model);
   for (const std::uint32_t label2 : {0u, 200u}) {
     const Operation enter = entering(model, key_of(16, label2, 1), config.nh_start + label2 % 7, label2 == 0 ? 0 : 10);
     if (!(on_database(enter) == on_model(model, enter))) {
       wrong += "an insert is refused\n";
     }
   }
-  wrong += encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+  wrong += encap_test::differences(*egress_encap_db, model);
   void *begin = nullptr;
   std::size_t bytes = 0;
   shmwin_bounds(config.shm_id, &begin, &bytes);

@@ -217,7 +217,7 @@ bool Judge::repairs(const Survivor &survivor) const {
       wrong += "NH " + std::to_string(nh) + " of another process has changed ";
     }
   }
-  wrong += encap_test::inconsistency(*egress_encap_db, encap_test::walk_avl) + bad_releases();
+  wrong += encap_test::inconsistency(*egress_encap_db) + bad_releases();
   if (!wrong.empty()) {
     fail(survivor, std::string(text_of(survivor.facts.state)) + ": after a repair: " + wrong);
   }

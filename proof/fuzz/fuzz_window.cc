@@ -154,8 +154,8 @@ void mend(crash::Image &image) {
   if (wrong.empty() && !after.shared_index && db.nh_start == crash::kNhStart && db.tun_start == crash::kTunStart) {
     // The trees are all there is to know: slots and counts follow from them.
     clear_spare_bits();
-    const encap_test::Model model = encap_test::model_of(*egress_encap_db, encap_test::walk_avl);
-    wrong = encap_test::differences(*egress_encap_db, model, encap_test::walk_avl);
+    const encap_test::Model model = encap_test::model_of(*egress_encap_db);
+    wrong = encap_test::differences(*egress_encap_db, model);
   }
   if (!wrong.empty()) {
     fuzz::found(wrong + "before:\n" + before);

@@ -22,8 +22,7 @@ int main(int argc, char **argv) {
   config.nh_size = 24;  // few indexes: they run out now and then, and keys meet
   config.tun_size = 6;
   const Window window(directory, config);
-  Caller caller({config.nh_start, config.nh_size, config.tun_start, config.tun_size}, encap_test::walk_avl, seed,
-                stray);
+  Caller caller({config.nh_start, config.nh_size, config.tun_start, config.tun_size}, seed, stray);
   std::fprintf(stderr, "random_operations --operations %" PRIu64 " --seed %" PRIu64 "%s\n", operations, seed,
                stray ? " --stray" : "");
   const Stopwatch time;

@@ -55,7 +55,7 @@ void go(DbTest &db, bool stray) {
   std::cout << "ENCAP_SEED=" << seed << std::endl;
   for (unsigned run = 0; run < 8; ++run) {
     db.open();
-    crash::Caller caller(db.model, walk_list, seed + run, stray);
+    crash::Caller caller(db.model, seed + run, stray);
     for (unsigned i = 0; i < 500 && !DbTest::HasFailure(); ++i) {
       EXPECT_EQ(caller.step(), "") << "operation " << i;
       EXPECT_EQ(journal().take(), db.story.take()) << "operation " << i;

@@ -20,7 +20,7 @@ std::atomic<unsigned> messages, printed;
 
 // Each owner has NHs and keys of its own, on tunnels of its own and on a node of the null tunnel.
 void expect_completed(const Ledger &ledger) {
-  EXPECT_EQ(encap_test::inconsistency(*egress_encap_db, encap_test::walk_avl), "");
+  EXPECT_EQ(encap_test::inconsistency(*egress_encap_db), "");
   for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
     EXPECT_STREQ(ledger.herd.thread[owner].failure, "");
     EXPECT_EQ(ledger.owner[owner].unsure, 0U);

@@ -1,11 +1,11 @@
-// Doubles of the window allocator and of the tree service. The trees are sorted lists whose first link word leads to
-// the next node; the root field they are handed (or its copy) is the only one they change.
+// Doubles of the window allocator and of the tree service. The trees are sorted lists, each node the right child of
+// the one before; the root field they are handed (or its copy) is the only one they change.
 #include <algorithm>
 #include <cstring>
 
 #include "avl.h"
 #include "doubles/journal.h"
-#include "model/model.h"
+#include "model/model_steps.h"
 #include "shmwin.h"
 
 namespace encap_test {
@@ -13,12 +13,12 @@ namespace {
 
 constexpr std::size_t kNhNode = 40;
 constexpr std::size_t kTunnelNode = 56;
-constexpr std::uint64_t kInTree = 0x1234567890abcdef;  // second link word of a node that is in a tree
+constexpr std::uint64_t kInTree = 0x1234567890abcdef;  // third link word of a node that is in a tree
 
 struct Node {
+  std::uint64_t zero;
   Node *next;
   std::uint64_t in_tree;
-  std::uint64_t third;
   std::uint8_t key[32];
 };
 
@@ -94,14 +94,6 @@ Node **place_of(Node **at, const Node *node, Compare compare) {
 }
 
 }  // namespace
-
-std::vector<void *> walk_list(void *root) {
-  std::vector<void *> nodes;
-  for (Node *node = node_of(root); node != nullptr; node = node->next) {
-    nodes.push_back(node);
-  }
-  return nodes;
-}
 
 Compare tunnel_order() {
   return last_order[0];

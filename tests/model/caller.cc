@@ -1,8 +1,8 @@
 #include "model/caller.h"
 
 namespace crash {
-Caller::Caller(encap_test::Model model, encap_test::Walk walk, std::uint64_t seed, bool stray)
-    : model_(std::move(model)), walk_(walk), random_(seed), stray_(stray) {}
+Caller::Caller(encap_test::Model model, std::uint64_t seed, bool stray)
+    : model_(std::move(model)), random_(seed), stray_(stray) {}
 
 egress_encap_key_t Caller::any_key() {
   egress_encap_key_t key = key_of(16 + below(6), below(2) == 0 ? 0 : 200 + below(4), 1 + below(3));
@@ -92,8 +92,8 @@ std::string Caller::step() {
   if (!(is == should)) {
     wrong = "answers   " + text_of(is) + "\nshould be " + text_of(should) + '\n';
   }
-  wrong += encap_test::differences(*egress_encap_db, model_, walk_);
-  wrong += stray_ ? "" : encap_test::inconsistency(*egress_encap_db, walk_);
+  wrong += encap_test::differences(*egress_encap_db, model_);
+  wrong += stray_ ? "" : encap_test::inconsistency(*egress_encap_db);
   return wrong.empty() ? "" : text_of(operation) + '\n' + wrong;
 }
 

@@ -12,7 +12,7 @@ namespace crash {
 class Caller {
  public:
   // `stray`: breaks the rules as well: indexes in use or out of range, wrong flags, spare bits of keys.
-  Caller(encap_test::Model model, encap_test::Walk walk, std::uint64_t seed, bool stray);
+  Caller(encap_test::Model model, std::uint64_t seed, bool stray);
 
   // Makes one more operation on the database and on the model, and compares the answers, every slot, every tree and every
   // count. Returns "" or what is wrong.
@@ -29,7 +29,6 @@ class Caller {
   std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
   encap_test::Model model_;
-  encap_test::Walk walk_;
   std::mt19937_64 random_;
   bool stray_;
 };

@@ -168,9 +168,9 @@ bool zero(const std::uint8_t *bytes, std::size_t count) {
 }
 
 // The trees of a database in the model's shape; "order" and "spare" are reported through `wrong`.
-std::map<TunnelKey, Tunnel> trees(const egress_encap_db_t &header, Walk walk, std::string &wrong) {
+std::map<TunnelKey, Tunnel> trees(const egress_encap_db_t &header, std::string &wrong) {
   std::map<TunnelKey, Tunnel> all;
-  for (void *node : walk(header.tun_root)) {
+  for (void *node : walk_avl(header.tun_root)) {
     const auto &tunnel = tunnel_node(node);
     const auto key = key_at<TunnelKey>(node);
     if (!all.empty() && !(all.rbegin()->first < key)) {
@@ -181,7 +181,7 @@ std::map<TunnelKey, Tunnel> trees(const egress_encap_db_t &header, Walk walk, st
     }
     Tunnel &found = all[key];
     found.index = tunnel.egr_tun;
-    for (void *leaf : walk(tunnel.nh_root)) {
+    for (void *leaf : walk_avl(tunnel.nh_root)) {
       const auto nh = key_at<NhKey>(leaf);
       if (!found.nhs.empty() && !(found.nhs.rbegin()->first < nh)) {
         wrong += "NH tree out of order\n";
@@ -233,7 +233,7 @@ std::vector<void *> walk_avl(void *root) {
   return nodes;
 }
 
-std::string differences(const egress_encap_db_t &header, const Model &model, Walk walk) {
+std::string differences(const egress_encap_db_t &header, const Model &model) {
   std::ostringstream out;
   const std::array is{header.nh_start, header.nh_end, header.tun_start, header.tun_end};
   if (is != std::array{model.nh_start, model.nh_end, model.tun_start, model.tun_end}) {
@@ -242,16 +242,16 @@ std::string differences(const egress_encap_db_t &header, const Model &model, Wal
   compare_slots("NH", header.nh_info_array, model.nh_slots(), out);
   compare_slots("tunnel", header.tun_info_array, model.tunnel_slots(), out);
   std::string wrong;
-  if (const auto are = trees(header, walk, wrong); are != model.tunnels) {
+  if (const auto are = trees(header, wrong); are != model.tunnels) {
     out << "trees are\n" << text_of(are) << "should be\n" << text_of(model.tunnels);
   }
   return out.str() + wrong;
 }
 
-Model model_of(const egress_encap_db_t &header, Walk walk) {
+Model model_of(const egress_encap_db_t &header) {
   Model model(header.nh_start, header.nh_end - header.nh_start, header.tun_start, header.tun_end - header.tun_start);
   std::string ignored;
-  for (const auto &[tunnel_key, tunnel] : trees(header, walk, ignored)) {
+  for (const auto &[tunnel_key, tunnel] : trees(header, ignored)) {
     egress_encap_key_t key{};
     auto *const bytes = reinterpret_cast<std::uint8_t *>(&key);
     std::copy(tunnel_key.begin(), tunnel_key.end(), bytes + sizeof(NhKey));
@@ -278,9 +278,9 @@ Model model_of(const egress_encap_db_t &header, Walk walk) {
   return model;
 }
 
-std::string inconsistency(const egress_encap_db_t &header, Walk walk) {
-  const Model model = model_of(header, walk);
-  std::string wrong = differences(header, model, walk);
+std::string inconsistency(const egress_encap_db_t &header) {
+  const Model model = model_of(header);
+  std::string wrong = differences(header, model);
   for (const auto &[key, tunnel] : model.tunnels) {
     wrong += tunnel.nhs.empty() ? "tunnel " + std::to_string(tunnel.index) + " has no NH\n" : "";
   }

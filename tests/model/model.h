@@ -105,18 +105,16 @@ class Model : public Steps {
 
 // Compares every view of the database at `header` with the model and with each other: the header's fixed fields, all
 // bytes of both slot arrays, order, keys and contents of the trees. Returns what differs, or "".
-using Walk = std::vector<void *> (*)(void *root);  // the nodes of a tree in its order
-std::string differences(const egress_encap_db_t &header, const Model &model, Walk walk);
+std::string differences(const egress_encap_db_t &header, const Model &model);
 
 // What the trees of the database at `header` say that its slots and counts are; users and auxiliary data as the slots
 // have them.
-Model model_of(const egress_encap_db_t &header, Walk walk);
+Model model_of(const egress_encap_db_t &header);
 // Checks trees, slots and counts of a database against each other (invariants I2 to I4 of the header). Returns "" or
 // what does not hold.
-std::string inconsistency(const egress_encap_db_t &header, Walk walk);
+std::string inconsistency(const egress_encap_db_t &header);
 
-std::vector<void *> walk_list(void *root);  // the tree double's lists
-std::vector<void *> walk_avl(void *root);   // the tree service's trees
+std::vector<void *> walk_avl(void *root);  // the nodes of a tree in its order
 
 }  // namespace encap_test
 
