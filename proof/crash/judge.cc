@@ -118,24 +118,6 @@ std::vector<Model> agree(const std::vector<Model> &models, const Call &call, boo
   return agreeing;
 }
 
-std::uint64_t mixed(std::uint64_t hash, std::uint64_t word) {
-  hash = (hash ^ word) * 0xff51afd7ed558ccd;
-  return hash ^ hash >> 29;
-}
-
-std::uint64_t hash_of(const std::vector<Call> &calls) {
-  std::uint64_t hash = 0;
-  for (const Call &call : calls) {
-    const Answer &is = call.is;
-    hash = mixed(hash, static_cast<std::uint64_t>(is.status) << 32 | is.outs.first);
-    hash = mixed(hash, std::uint64_t{is.outs.second} << 32 | is.outs.third);
-    hash = mixed(
-        hash, std::uint64_t{is.info.egr_nh} << 32 | is.info.egr_tun << 2 | is.info.nh_found * 2u | is.info.tun_found);
-    hash = mixed(hash, std::uint64_t{is.aux.egr_tun} << 32 | is.key.out_label2);
-  }
-  return hash;
-}
-
 }  // namespace
 
 void Tally::add(const std::string &text, bool listed) {
@@ -184,9 +166,7 @@ void Judge::play(const Image &image, std::size_t trial) {
   window_.put(image);
   trials()[trial](survivor);
   const std::size_t before_repair = survivor.calls.size();
-  // The same answers and the same bytes are judged once.
-  const std::uint64_t outcome = mixed(hash_of(survivor.calls) ^ trial, crash::hash_of(window_.image()));
-  if (before_repair == 0 || !judged_.insert(outcome).second || !repairs(survivor)) {
+  if (before_repair == 0 || !repairs(survivor)) {
     return;
   }
   survivor.find("K after the repair", survivor.interrupted().key);

@@ -43,7 +43,7 @@ class Judge {
   const Window &window_;
   const Expectation &expected_;
   Tally &tally_;
-  std::unordered_set<std::uint64_t> known_, judged_;
+  std::unordered_set<std::uint64_t> known_;
 };
 
 }  // namespace crash
