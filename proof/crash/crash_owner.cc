@@ -3,16 +3,12 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cinttypes>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <optional>
 
 #include "check/check.h"
 #include "model/operations.h"
@@ -24,7 +20,8 @@ namespace crash {
 namespace {
 
 using vrellis::WindowHeader;
-using FileState = std::optional<Image>;  // nothing: there is no file
+// The bytes of a file; one byte stands for no file.
+const Image kNoFile{0};
 
 // The window's file, looked at after each instruction.
 class WatchedFile {
@@ -34,20 +31,21 @@ class WatchedFile {
   WatchedFile(const WatchedFile &) = delete;
   WatchedFile &operator=(const WatchedFile &) = delete;
 
-  // The state now, if it is another than at the last look.
-  std::optional<FileState> changed() {
+  // Whether image() is another than at the last look.
+  bool changed() {
     struct stat now {};
     if (stat(path_.c_str(), &now) != 0) {
       now = {};
     }
     if (now.st_ino != inode_ || static_cast<std::size_t>(now.st_size) != size_) {
       remap(now);
-    } else if (size_ == 0 || std::memcmp(map_, last_->data(), size_) == 0) {
-      return std::nullopt;
+    } else if (size_ == 0 || std::memcmp(map_, image_.data(), size_) == 0) {
+      return false;
     }
-    last_ = inode_ == 0 ? FileState() : Image(map_, map_ + size_);
-    return last_;
+    image_ = inode_ == 0 ? kNoFile : Image(map_, map_ + size_);
+    return true;
   }
+  const Image &image() const { return image_; }
 
  private:
   void remap(const struct stat &now) {
@@ -71,36 +69,31 @@ class WatchedFile {
   std::uint8_t *map_ = nullptr;
   std::size_t size_ = 0;
   ino_t inode_ = 0;  // 0: there is no file
-  FileState last_;
+  Image image_;
 };
 
-void put_file(const std::string &path, const FileState &state) {
+void put_file(const std::string &path, const Image &image) {
   unlink(path.c_str());
-  if (state) {
+  if (image != kNoFile) {
     std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char *>(state->data()), static_cast<std::streamsize>(state->size()));
+        .write(reinterpret_cast<const char *>(image.data()), static_cast<std::streamsize>(image.size()));
   }
 }
 
 // The stopped owner is alive still and stands in the table: after its death its entry names no living process. The
 // time of making differs from run to run.
-void bury_owner(FileState &state, pid_t pid) {
-  if (!state || state->size() < sizeof(WindowHeader)) {
-    return;
-  }
-  auto &header = *reinterpret_cast<WindowHeader *>(state->data());
-  for (std::uint64_t &entry : header.process) {
-    if (static_cast<pid_t>(entry & ((1u << 22) - 1)) == pid) {
-      entry = std::uint64_t{1} << 22 | 1;  // process 1 never started at that tick
+Image buried(Image image, pid_t pid) {
+  if (image.size() >= sizeof(WindowHeader)) {
+    auto &header = *reinterpret_cast<WindowHeader *>(image.data());
+    header.created = 0;
+    for (std::uint64_t &entry : header.process) {
+      if (static_cast<pid_t>(entry & ((1u << 22) - 1)) == pid) {
+        entry = std::uint64_t{1} << 22 | 1;  // process 1 never started at that tick
+      }
     }
   }
+  return image;
 }
-
-struct Walked {
-  std::vector<FileState> states;
-  std::uint64_t instructions = 0;
-  std::uint64_t changes = 0;
-};
 
 bool open_database(const encap_db_config_t &config, std::string &wrong) {
   shmwin_error_t error{};
@@ -109,19 +102,8 @@ bool open_database(const encap_db_config_t &config, std::string &wrong) {
   return status == 0;
 }
 
-Walked walk_owner(const encap_db_config_t &config, const std::string &path) {
-  Walked walked;
-  std::unordered_set<std::uint64_t> seen;
-  const auto add = [&](FileState state, pid_t pid) {
-    bury_owner(state, pid);
-    Image key = state.value_or(Image{1});
-    if (key.size() >= sizeof(WindowHeader)) {
-      reinterpret_cast<WindowHeader *>(key.data())->created = 0;
-    }
-    if (seen.insert(hash_of(key) + key.size()).second) {
-      walked.states.push_back(std::move(state));
-    }
-  };
+Walk walk_owner(const encap_db_config_t &config, const std::string &path) {
+  Walk walk;
   WatchedFile file(path);
   Stepper stepper([&config] {
     std::string wrong;
@@ -130,13 +112,13 @@ Walked walk_owner(const encap_db_config_t &config, const std::string &path) {
     }
   });
   while (stepper.step()) {
-    if (const std::optional<FileState> state = file.changed()) {
-      ++walked.changes;
-      add(*state, stepper.pid());
+    if (file.changed()) {
+      ++walk.changes;
+      walk.states.add(buried(file.image(), stepper.pid()));
     }
   }
-  walked.instructions = stepper.instructions();
-  return walked;
+  walk.instructions = stepper.instructions();
+  return walk;
 }
 
 // The next owner: opens the database, which is empty, and uses it.
@@ -165,7 +147,7 @@ std::string next_owner(const encap_db_config_t &config) {
 }
 
 // Returns the number of failures.
-std::uint64_t play(const encap_db_config_t &config, const std::string &path, const std::vector<FileState> &states) {
+std::uint64_t play(const encap_db_config_t &config, const std::string &path, const std::vector<Image> &states) {
   std::uint64_t failures = 0;
   for (std::size_t i = 0; i < states.size(); ++i) {
     put_file(path, states[i]);
@@ -183,17 +165,17 @@ std::uint64_t play(const encap_db_config_t &config, const std::string &path, con
 }
 
 // The first state of each kind that owners tell apart: no file, an empty one, no complete window, no database yet.
-std::vector<FileState> kinds_of(const std::vector<FileState> &states) {
-  std::vector<FileState> kinds;
+std::vector<Image> kinds_of(const std::vector<Image> &states) {
+  std::vector<Image> kinds{kNoFile};
   std::uint64_t seen = 0;
-  for (const FileState &state : states) {
-    unsigned kind = !state ? 0 : state->empty() ? 1 : 2;
-    if (kind == 2) {
-      const auto &header = *reinterpret_cast<const WindowHeader *>(state->data());
+  for (const Image &state : states) {
+    unsigned kind = 0;
+    if (state.size() > sizeof(WindowHeader)) {
+      const auto &header = *reinterpret_cast<const WindowHeader *>(state.data());
       const auto &db = *reinterpret_cast<const egress_encap_db_t *>(header.user_area);
-      kind += header.complete != 0 ? (db.is_initialized != 0 ? 3u : db.nh_info_array != nullptr ? 2u : 1u) : 0u;
+      kind = header.complete == 0 ? 1 : db.is_initialized != 0 ? 2 : db.nh_info_array != nullptr ? 3 : 4;
     }
-    if ((seen & 1u << kind) == 0) {
+    if (state != kNoFile && (seen & 1u << kind) == 0) {
       seen |= 1u << kind;
       kinds.push_back(state);
     }
@@ -207,24 +189,23 @@ int run() {
   const std::string path = directory.path() + "/window";
   encap_db_config_t config = config_in(directory);
   config.nh_size = 24;
-  const Walked first = walk_owner(config, path);
-  std::uint64_t failures = play(config, path, first.states);
-  std::vector<FileState> starts = kinds_of(first.states);
-  starts.emplace_back(std::nullopt);
+  const Walk first = walk_owner(config, path);
+  std::uint64_t failures = play(config, path, first.states.all());
+  const std::vector<Image> starts = kinds_of(first.states.all());
   std::uint64_t instructions = first.instructions, second_states = 0;
-  for (const FileState &start : starts) {
+  for (const Image &start : starts) {
     put_file(path, start);
-    const Walked second = walk_owner(config, path);
+    const Walk second = walk_owner(config, path);
     instructions += second.instructions;
-    second_states += second.states.size();
-    failures += play(config, path, second.states);
+    second_states += second.states.all().size();
+    failures += play(config, path, second.states.all());
   }
   std::printf("first making: %" PRIu64 " instructions, %" PRIu64 " changes, %zu distinct states of the file\n",
-              first.instructions, first.changes, first.states.size());
+              first.instructions, first.changes, first.states.all().size());
   std::printf("over what it left: %zu kinds of states, %" PRIu64 " instructions in all, %" PRIu64 " states\n",
               starts.size(), instructions, second_states);
   std::printf("%" PRIu64 " failures, %.1f s\n", failures, time.seconds());
-  return failures == 0 && !first.states.empty() ? 0 : 1;
+  return failures == 0 && !first.states.all().empty() ? 0 : 1;
 }
 
 }  // namespace

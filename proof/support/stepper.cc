@@ -40,11 +40,13 @@ Stepper::~Stepper() {
 }
 
 bool Stepper::step() {
-  if (ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0) {
-    give_up("process %d cannot be stepped: %s", pid_, std::strerror(errno));
-  }
   int status = 0;
-  waitpid(pid_, &status, 0);
+  do {  // on a machine that stops its processes for a while, the work does not see the two signals
+    if (ptrace(PTRACE_SINGLESTEP, pid_, nullptr, nullptr) != 0) {
+      give_up("process %d cannot be stepped: %s", pid_, std::strerror(errno));
+    }
+    waitpid(pid_, &status, 0);
+  } while (WIFSTOPPED(status) && (WSTOPSIG(status) == SIGSTOP || WSTOPSIG(status) == SIGCONT));
   if (WIFSTOPPED(status) && WSTOPSIG(status) == SIGTRAP) {
     ++instructions_;
     return true;
