@@ -15,14 +15,6 @@ using encap_inspect::Severity;
 using encap_test::bytes_of;
 using encap_test::NhSlot;
 
-std::string told(const Report &report) {
-  std::string text;
-  for (const Finding &finding : report.findings) {
-    text += std::string("  ") + encap_inspect::name_of(finding.kind) + ": " + finding.text + '\n';
-  }
-  return report.looked ? text : text + "  the database could not be looked at\n";
-}
-
 // The kind of the page that a block lies in.
 vrellis::PageKind page_of(const Window &window, std::uint64_t block) {
   const vrellis::WindowShape shape = vrellis::shape_of_size(window.size());
@@ -219,8 +211,7 @@ std::string bad_releases() {
 
 std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds,
                       ChangeLog *log) {
-  const auto view = [&window] { return encap_inspect::View::over(window.bytes(), window.size()); };
-  const Report found = encap_inspect::check(view());
+  const Report found = look_at(window);
   std::string wrong = faults_before(found, expected, kinds) + lost_blocks(window, found, deaths);
   if (!wrong.empty()) {
     return wrong;
@@ -237,15 +228,15 @@ std::string aftermath(const Window &window, const Expectation &expected, unsigne
     return wrong + "repair: status " + std::to_string(repaired.status) + ": " + repaired.error + '\n';
   }
   if (!repaired.after.sound()) {
-    return "before the repair\n" + told(repaired.before) + "after it\n" + told(repaired.after);
+    return "before the repair\n" + text_of(repaired.before) + "after it\n" + text_of(repaired.after);
   }
   wrong = expected.difference(*egress_encap_db) + bad_releases();
   if (!wrong.empty()) {
-    return "found\n" + told(found) + "repaired\n" + told(repaired.before) + wrong;
+    return "found\n" + text_of(found) + "repaired\n" + text_of(repaired.before) + wrong;
   }
   wrong = go_on(expected) + bad_releases();
-  const Report last = encap_inspect::check(view());
-  return last.sound() ? wrong : wrong + "at last\n" + told(last);
+  const Report last = look_at(window);
+  return last.sound() ? wrong : wrong + "at last\n" + text_of(last);
 }
 
 }  // namespace crash

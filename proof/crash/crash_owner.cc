@@ -139,11 +139,7 @@ std::string next_owner(const encap_db_config_t &config) {
   void *begin = nullptr;
   std::size_t bytes = 0;
   shmwin_bounds(config.shm_id, &begin, &bytes);
-  const encap_inspect::Report report = encap_inspect::check(encap_inspect::View::over(begin, bytes));
-  for (const encap_inspect::Finding &finding : report.findings) {
-    wrong += finding.text + '\n';
-  }
-  return wrong;
+  return wrong + text_of(encap_inspect::check(encap_inspect::View::over(begin, bytes)));
 }
 
 // Returns the number of failures.

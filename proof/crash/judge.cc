@@ -120,24 +120,12 @@ std::vector<Model> agree(const std::vector<Model> &models, const Call &call, boo
 
 }  // namespace
 
-void Tally::add(const std::string &text, bool listed) {
-  while (busy.test_and_set()) {
+void Tally::fail(const std::string &text) {
+  constexpr std::uint64_t kTold = 20;
+  if (++failures <= kTold) {
+    std::printf("FAILED after a death: %s\n", text.c_str());
+    std::fflush(stdout);
   }
-  for (Line &each : line) {
-    if (each.count == 0) {
-      each.listed = listed;
-      std::snprintf(each.text, sizeof each.text, "%s", text.c_str());
-    }
-    if (text.compare(0, sizeof each.text - 1, each.text) == 0) {
-      ++each.count;
-      break;
-    }
-  }
-  busy.clear();
-}
-
-bool Tally::has(const std::string &text) const {
-  return std::any_of(std::begin(line), std::end(line), [&text](const Line &each) { return text == each.text; });
 }
 
 // Lets the services take back what a change of a tree left unfinished, as the next operation would.
@@ -158,7 +146,7 @@ void Judge::fail(const Survivor &survivor, const std::string &what) const {
     calls += call.name == last ? "" : (calls.empty() ? "" : ", ") + call.name;
     last = call.name;
   }
-  tally_.add(what + "\n                   in: " + calls, false);
+  tally_.fail(what + "\n  in: " + calls);
 }
 
 void Judge::play(const Image &image, std::size_t trial) {
@@ -184,11 +172,7 @@ void Judge::play(const Image &image, std::size_t trial) {
 // What the survivor's calls left is mended as the state alone would have been.
 bool Judge::repairs(const Survivor &survivor) const {
   const encap_inspect::RepairResult repaired = encap_inspect::repair(kWindowId);
-  std::string wrong = repaired.status != 0 ? repaired.error : "";
-  for (const encap_inspect::Finding &finding : repaired.after.findings) {
-    const bool note = encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kNote;
-    wrong += note ? "" : std::string(encap_inspect::name_of(finding.kind)) + ' ';
-  }
+  std::string wrong = repaired.status != 0 ? repaired.error : text_of(repaired.after, Findings::kBeyondNotes);
   for (const auto &[key, nh] : expected_.untouched()) {
     const auto calls_it = [nh = nh](const Call &call) { return call.operation.nh == nh; };
     const egr_nh_info_t &slot = egress_encap_db->nh_info_array[nh - kNhStart];
@@ -216,8 +200,8 @@ void Judge::compare_answers(const Survivor &survivor, std::size_t before_repair)
       continue;
     }
     const std::string row = std::string(text_of(survivor.facts.state)) + " | " + call.name + " | " + answer;
-    if (answer_rows().contains(row)) {
-      tally_.add(row, true);
+    if (const auto listed = answer_rows().find(row); listed != answer_rows().end()) {
+      ++tally_.answered[std::distance(answer_rows().begin(), listed)];
     } else {
       fail(survivor, row);
     }

@@ -9,19 +9,12 @@
 
 namespace crash {
 
-// What was met, each text once with how often. Lies in memory that survives the processes that write it.
+// What all survivors were answered. Lies in memory that their processes share.
 struct Tally {
-  static constexpr std::size_t kLines = 256, kBytes = 480;
-  struct Line {
-    std::uint64_t count;
-    bool listed;  // an answer that the table has; everything else is a failure
-    char text[kBytes];
-  };
-  Line line[kLines];
-  std::atomic_flag busy;
+  std::atomic<std::uint64_t> answered[256];  // by row of the table of answers
+  std::atomic<std::uint64_t> failures;
 
-  void add(const std::string &text, bool listed);
-  bool has(const std::string &text) const;
+  void fail(const std::string &text);  // tells of the first ones
 };
 
 // All trials of one scenario, which interrupts an operation. Requires a window that is this process's own copy.

@@ -110,7 +110,7 @@ void play_survivors(const Window &window, const Expectation &expected, const std
     if (ended.empty()) {
       return;
     }
-    tally.add("a survivor's trial " + std::to_string(playing % each) + ": " + ended, false);
+    tally.fail("a survivor's trial " + std::to_string(playing % each) + ": " + ended);
   }
 }
 

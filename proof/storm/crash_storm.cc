@@ -29,14 +29,6 @@ struct Options {
   std::uint64_t seed = std::random_device{}() % 1'000'000;
 };
 
-std::string told(const Report &report) {
-  std::string text;
-  for (const encap_inspect::Finding &finding : report.findings) {
-    text += std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
-  }
-  return text;
-}
-
 class Storm {
  public:
   Storm(const Options &options, const Window &window, Ledger &ledger)
@@ -125,7 +117,7 @@ class Storm {
   // Under the lock: named states alone, no more blocks out of reach than deaths can leave, and all that was completed.
   void look() {
     vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-    const Report report = encap_inspect::check(encap_inspect::View::over(window_.bytes(), window_.size()));
+    const Report report = look_at(window_);
     std::string wrong = report.looked ? "" : "the database could not be looked at\n";
     for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
       wrong += storm_difference(ledger_, owner);
@@ -137,7 +129,7 @@ class Storm {
     }
     ++looks_;
     if (!wrong.empty()) {
-      fail(wrong + told(report));
+      fail(wrong + text_of(report));
     }
   }
 
@@ -153,7 +145,7 @@ class Storm {
     changes_ += result.changes.size();
     count(result.before);
     if (result.status != 0 || !result.after.sound()) {
-      fail("repair: " + result.error + "\nbefore\n" + told(result.before) + "after\n" + told(result.after));
+      fail("repair: " + result.error + "\nbefore\n" + text_of(result.before) + "after\n" + text_of(result.after));
     }
   }
 

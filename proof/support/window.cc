@@ -124,18 +124,25 @@ std::uint64_t hash_of(const Image &image) {
   return hash;
 }
 
-std::string findings_in(const Window &window, Findings which) {
-  const encap_inspect::Report report = encap_inspect::check(encap_inspect::View::over(window.bytes(), window.size()));
+std::string text_of(const encap_inspect::Report &report, Findings which) {
   std::string text = report.looked ? "" : "the database could not be looked at\n";
   for (const encap_inspect::Finding &finding : report.findings) {
     const bool of_blocks = finding.kind == encap_inspect::FindingKind::kBlockUnreachable ||
                            finding.kind == encap_inspect::FindingKind::kBlockNotTaken;
     const bool beyond_notes = encap_inspect::severity_of(finding.kind) != encap_inspect::Severity::kNote;
     if (which == Findings::kAll || (which == Findings::kBlocks ? of_blocks : beyond_notes)) {
-      text += std::string(encap_inspect::name_of(finding.kind)) + ": " + finding.text + '\n';
+      text += std::string("  ") + encap_inspect::name_of(finding.kind) + ": " + finding.text + '\n';
     }
   }
   return text;
+}
+
+encap_inspect::Report look_at(const Window &window) {
+  return encap_inspect::check(encap_inspect::View::over(window.bytes(), window.size()));
+}
+
+std::string findings_in(const Window &window, Findings which) {
+  return text_of(look_at(window), which);
 }
 
 }  // namespace crash

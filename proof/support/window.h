@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "check/check.h"
 #include "encap_db_owner.h"
 
 namespace crash {
@@ -73,6 +74,8 @@ std::uint64_t hash_of(const Image &image);
 
 // What the inspector finds in the window, a line each. Returns: "" when it is sound.
 enum class Findings : std::uint8_t { kAll, kBeyondNotes, kBlocks };  // kBlocks: out of reach, or not marked as taken
+std::string text_of(const encap_inspect::Report &report, Findings which = Findings::kAll);
+encap_inspect::Report look_at(const Window &window);
 std::string findings_in(const Window &window, Findings which = Findings::kBeyondNotes);
 
 }  // namespace crash
