@@ -27,7 +27,6 @@ using vrellis::avl::UndoLog;
 using vrellis::avl::UndoView;
 using Word = vrellis::avl::Word;
 
-constexpr int kAgain = -1;  // a writer went on during the look
 constexpr int kLooks = 2000;
 constexpr int kRounds = 8;
 constexpr int kSpellOfLooks = 16;  // without a pause between them
@@ -48,6 +47,8 @@ struct Watched {
 // A look that reads words as they are in memory. It is in vain when a version is odd.
 class PlainLook {
  public:
+  explicit PlainLook(KnownRoot &root) : root_(root) {}
+
   // Before anything is read whose version this is: of a first record, and then of one more. Returns: false when this look
   // is in vain.
   bool watch(Word place) {
@@ -62,7 +63,20 @@ class PlainLook {
   // Returns: `answer`, if everything was read at one moment.
   int end(int answer, bool /*last_time*/) const {
     const bool same = first_.holds() && second_.holds();
+    if (same && new_root_ != 0) {
+      root_.remember(first_.value, new_root_);
+    }
     return same ? answer : kAgain;
+  }
+
+  // Requires that their version is watched first.
+  Word root_of_tunnels() {
+    const Word known = root_.at(first_.value);
+    if (known != 0) {
+      return known;
+    }
+    new_root_ = load_word(tunnel_field());
+    return new_root_;
   }
 
   const Extent &window() const { return window_; }
@@ -71,6 +85,8 @@ class PlainLook {
 
  private:
   const Extent window_ = extent;
+  KnownRoot &root_;
+  Word new_root_ = 0;
   Watched first_;
   Watched second_;
 };
@@ -78,7 +94,8 @@ class PlainLook {
 // A look that reads words through the undo log where a version is odd.
 class LogLook {
  public:
-  LogLook() : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
+  explicit LogLook(KnownRoot & /*root*/)
+      : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
 
   // As in PlainLook.
   bool watch(Word place) { return watch(first_, place); }
@@ -89,6 +106,7 @@ class LogLook {
     return same ? answer : kAgain;
   }
 
+  Word root_of_tunnels() { return word(tunnel_field()); }
   static const Extent &window() { return extent; }
   Word word(Word address) { return view_.word(address); }
   std::uint32_t half(Word address) { return view_.half(address); }
@@ -121,107 +139,16 @@ class LogLook {
   bool moved_ = false;
 };
 
-template <typename Look, typename Record>
-Record copy(Look &look, const Record *record) {
-  std::uint32_t words[sizeof(Record) / 4];
-  for (std::size_t i = 0; i < sizeof(Record) / 4; ++i) {
-    words[i] = look.half(address_of(record) + 4 * i);
-  }
-  Record made;
-  std::memcpy(&made, words, sizeof made);
-  return made;
-}
-
-struct Seen {
-  std::uint32_t nh = UINT32_MAX;
-  std::uint32_t tunnel = UINT32_MAX;
-};
-
-// A process without a client links a node before it fills its index, and unlinks the last NH before its tunnel: an
-// encapsulation without its indexes is not there yet.
-template <typename Look>
-int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
-  const auto *const halves = reinterpret_cast<const char *>(&key);
-  SearchKey tunnel_key = first_of(halves + sizeof(mpls_nh_key_t));
-  tunnel_key.last = __builtin_bswap32(key.ifh);
-  const Word root = address_of(&egress_encap_db->tun_root);
-  if (!look.watch(root)) {
-    return kAgain;
-  }
-  Word tunnel = 0;
-  int status = search<mpls_tunnel_entry_t>(look, root, tunnel_key, &tunnel);
-  if (status != 0 || tunnel == 0) {
-    return status != 0 ? status : ENOENT;
-  }
-  const Word nhs = tunnel + offsetof(mpls_tunnel_entry_t, nh_root);
-  if (!look.watch_too(nhs)) {
-    return kAgain;
-  }
-  Word nh = 0;
-  status = search<mpls_nh_entry_t>(look, nhs, first_of(halves), &nh);
-  if (status != 0) {
-    return status;
-  }
-  const std::uint32_t tunnel_index = look.half(tunnel + offsetof(mpls_tunnel_entry_t, egr_tun)) & 0xffff;
-  if ((tunnel_index == 0) != is_on_null_tunnel(key) || !tunnel_in_range(tunnel_index)) {
-    return ENOENT;
-  }
-  seen.tunnel = tunnel_index;
-  const std::uint32_t nh_index = nh != 0 ? look.half(nh + offsetof(mpls_nh_entry_t, nh_index)) : UINT32_MAX;
-  if (nh == 0 || !nh_in_range(nh_index)) {
-    return ENOENT;
-  }
-  seen.nh = nh_index;
-  return 0;
-}
-
-struct Slots {
-  egr_nh_info_t nh;
-  egr_tun_info_t tunnel;
-};
-
-// A damaged address of an array is computed with and not followed.
-template <typename Slot>
-const Slot *slot_at(Slot *const &array, std::uint32_t number) {
-  return at<Slot>(load_word(address_of(&array)) + Word{number} * sizeof(Slot));
-}
-
-const egr_tun_info_t *tunnel_slot_at(std::uint32_t tunnel) {
-  const std::uint32_t number = (tunnel == 0 ? egress_encap_db->tun_end : tunnel) - egress_encap_db->tun_start;
-  return tunnel_in_range(tunnel) ? slot_at(egress_encap_db->tun_info_array, number) : nullptr;
-}
-
-template <typename Look>
-int look_at(Look &look, std::uint32_t nh, Slots &slots) {
-  const auto *const nh_record = slot_at(egress_encap_db->nh_info_array, nh - egress_encap_db->nh_start);
-  if (nh_record == nullptr) {
-    return EINVAL;
-  }
-  if (!look.watch(address_of(nh_record))) {
-    return kAgain;
-  }
-  slots.nh = copy(look, nh_record);
-  if (slots.nh.valid == 0) {
-    return ENOENT;
-  }
-  const auto *const tunnel = tunnel_slot_at(slots.nh.egr_tun);
-  if (tunnel == nullptr) {
-    return EINVAL;
-  }
-  slots.tunnel = copy(look, tunnel);
-  return 0;
-}
-
 template <typename Look, typename Answer, typename What>
-int look_once(What what, Answer *answer, bool last_time) {
-  Look look;
+int look_once(KnownRoot &root, What what, Answer *answer, bool last_time) {
+  Look look(root);
   *answer = {};
   return look.end(what(look, *answer), last_time);
 }
 
 // Returns: kAgain when another thread holds the lock, which this function does not wait for.
 template <typename Answer, typename What>
-[[gnu::cold, gnu::noinline]] int look_under_lock(What what, Answer *answer) {
+[[gnu::cold, gnu::noinline]] int look_under_lock(KnownRoot &root, What what, Answer *answer) {
   pthread_mutex_t *const mutex = &egress_encap_db->lock.mutex;
   const int status = pthread_mutex_trylock(mutex);
   if (status == EOWNERDEAD) {
@@ -229,16 +156,16 @@ template <typename Answer, typename What>
   } else if (status != 0) {
     return kAgain;
   }
-  const int seen = look_once<LogLook>(what, answer, true);
+  const int seen = look_once<LogLook>(root, what, answer, true);
   pthread_mutex_unlock(mutex);
   return seen;
 }
 
 template <typename Answer, typename What>
-[[gnu::cold, gnu::noinline]] int look_again(What what, Answer *answer) {
+[[gnu::cold, gnu::noinline]] int look_again(KnownRoot &root, What what, Answer *answer) {
   for (int round = 0; round < kRounds; ++round) {
     for (int i = 0; i < kLooks; ++i) {
-      const int status = look_once<LogLook>(what, answer, i == kLooks - 1);
+      const int status = look_once<LogLook>(root, what, answer, i == kLooks - 1);
       if (status != kAgain) {
         return status;
       }
@@ -246,7 +173,7 @@ template <typename Answer, typename What>
         __builtin_ia32_pause();
       }
     }
-    const int status = look_under_lock(what, answer);
+    const int status = look_under_lock(root, what, answer);
     if (status != kAgain) {
       return status;
     }
@@ -255,12 +182,12 @@ template <typename Answer, typename What>
 }
 
 template <typename Answer, typename What>
-int look(const encap_client_t &client, What what, Answer *answer) {
+int look(encap_client_t &client, What what, Answer *answer) {
   if (__builtin_expect(client.generation != generation(), 0)) {
     return EPERM;
   }
-  const int status = look_once<PlainLook>(what, answer, false);
-  return __builtin_expect(status == kAgain, 0) ? look_again(what, answer) : status;
+  const int status = look_once<PlainLook>(client.root, what, answer, false);
+  return __builtin_expect(status == kAgain, 0) ? look_again(client.root, what, answer) : status;
 }
 
 }  // namespace
@@ -279,7 +206,7 @@ int encap_client_peek(encap_client_t *client, egress_encap_key_t key, uint32_t *
 int encap_client_read(encap_client_t *client, uint32_t nh, egress_encap_key_t *key, egress_encap_aux_data_t *aux,
                       uint32_t *ref_count) {
   using namespace clients;
-  if (!nh_in_range(nh)) {
+  if (!extent.has_nh(nh)) {
     return EINVAL;
   }
   Slots slots;

@@ -63,7 +63,16 @@ int open_database(const encap_db_config_t &config, shmwin_error_t *error) {
   if (status == 0) {
     shmwin_stat_t stat{};
     shmwin_stat(config.shm_id, &stat);
-    extent = {stat.address + stat.overhead, stat.size - stat.overhead, stat.address};
+    const egress_encap_db_t &db = *egress_encap_db;
+    extent = {stat.address + stat.overhead,
+              stat.size - stat.overhead,
+              stat.address,
+              address_of(db.nh_info_array),
+              address_of(db.tun_info_array),
+              db.nh_start,
+              db.nh_end,
+              db.tun_start,
+              db.tun_end};
     ++opened.clients;
   }
   pthread_mutex_unlock(&opened.mutex);

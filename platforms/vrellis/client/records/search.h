@@ -1,13 +1,17 @@
-// How a look searches a tree of the window, whose words may change meanwhile or be damaged.
+// What a look reads: trees and slots, whose words may change meanwhile or be damaged.
 #ifndef VRELLIS_CLIENT_SEARCH_H
 #define VRELLIS_CLIENT_SEARCH_H
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
+#include "lookup.h"
 #include "window.h"
 
 namespace clients {
+
+inline constexpr int kAgain = -1;  // a writer went on during the look
 
 // Any address will do: it is prefetched and not followed.
 inline const void *at_any(std::uint64_t address) {
@@ -48,12 +52,11 @@ inline constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
 
 inline constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
 
-// Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
+// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
 template <typename Node, typename Look>
-[[gnu::always_inline]] inline int search(Look &look, std::uint64_t root, const SearchKey &key, std::uint64_t *found) {
+[[gnu::always_inline]] inline int search(Look &look, std::uint64_t node, const SearchKey &key, std::uint64_t *found) {
   constexpr std::uint64_t kFirst = offsetof(Node, key);
   *found = 0;
-  std::uint64_t node = look.word(root);
   prefetch_around(node);
   for (unsigned levels = 0; node != 0; ++levels) {
     if (levels == kMostLevels || !is_record<Node>(look.window(), node)) {
@@ -72,6 +75,100 @@ template <typename Node, typename Look>
     const bool after = key.first > first || (key.first == first && key.last > last);
     node = __builtin_expect_with_probability(after, 1, 0.5) ? behind : before;
   }
+  return 0;
+}
+
+template <typename Look, typename Record>
+Record copy(Look &look, const Record *record) {
+  std::uint32_t words[sizeof(Record) / 4];
+  for (std::size_t i = 0; i < sizeof(Record) / 4; ++i) {
+    words[i] = look.half(address_of(record) + 4 * i);
+  }
+  Record made;
+  std::memcpy(&made, words, sizeof made);
+  return made;
+}
+
+inline std::uint64_t tunnel_field() {
+  return address_of(&egress_encap_db->tun_root);
+}
+
+struct Seen {
+  std::uint32_t nh = UINT32_MAX;
+  std::uint32_t tunnel = UINT32_MAX;
+};
+
+// A process without a client links a node before it fills its index, and unlinks the last NH before its tunnel: an
+// encapsulation without its indexes is not there yet.
+template <typename Look>
+int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
+  const auto *const halves = reinterpret_cast<const char *>(&key);
+  SearchKey tunnel_key = first_of(halves + sizeof(mpls_nh_key_t));
+  tunnel_key.last = __builtin_bswap32(key.ifh);
+  if (!look.watch(tunnel_field())) {
+    return kAgain;
+  }
+  std::uint64_t tunnel = 0;
+  int status = search<mpls_tunnel_entry_t>(look, look.root_of_tunnels(), tunnel_key, &tunnel);
+  if (status != 0 || tunnel == 0) {
+    return status != 0 ? status : ENOENT;
+  }
+  const std::uint64_t nhs = tunnel + offsetof(mpls_tunnel_entry_t, nh_root);
+  if (!look.watch_too(nhs)) {
+    return kAgain;
+  }
+  std::uint64_t nh = 0;
+  status = search<mpls_nh_entry_t>(look, look.word(nhs), first_of(halves), &nh);
+  if (status != 0) {
+    return status;
+  }
+  const std::uint32_t tunnel_index = look.half(tunnel + offsetof(mpls_tunnel_entry_t, egr_tun)) & 0xffff;
+  if ((tunnel_index == 0) != is_on_null_tunnel(key) || !look.window().has_tunnel(tunnel_index)) {
+    return ENOENT;
+  }
+  seen.tunnel = tunnel_index;
+  const std::uint32_t nh_index = nh != 0 ? look.half(nh + offsetof(mpls_nh_entry_t, nh_index)) : UINT32_MAX;
+  if (nh == 0 || !look.window().has_nh(nh_index)) {
+    return ENOENT;
+  }
+  seen.nh = nh_index;
+  return 0;
+}
+
+struct Slots {
+  egr_nh_info_t nh;
+  egr_tun_info_t tunnel;
+};
+
+// A damaged address of an array is computed with and not followed.
+template <typename Slot>
+const Slot *slot_at(std::uint64_t array, std::uint32_t number) {
+  return at<Slot>(array + std::uint64_t{number} * sizeof(Slot));
+}
+
+inline const egr_tun_info_t *tunnel_slot_at(std::uint32_t tunnel) {
+  const std::uint32_t number = (tunnel == 0 ? extent.tunnel_end : tunnel) - extent.tunnel_start;
+  return extent.has_tunnel(tunnel) ? slot_at<egr_tun_info_t>(extent.tunnel_slots, number) : nullptr;
+}
+
+template <typename Look>
+int look_at(Look &look, std::uint32_t nh, Slots &slots) {
+  const auto *const nh_record = slot_at<egr_nh_info_t>(extent.nh_slots, nh - extent.nh_start);
+  if (nh_record == nullptr) {
+    return EINVAL;
+  }
+  if (!look.watch(address_of(nh_record))) {
+    return kAgain;
+  }
+  slots.nh = copy(look, nh_record);
+  if (slots.nh.valid == 0) {
+    return ENOENT;
+  }
+  const auto *const tunnel = tunnel_slot_at(slots.nh.egr_tun);
+  if (tunnel == nullptr) {
+    return EINVAL;
+  }
+  slots.tunnel = copy(look, tunnel);
   return 0;
 }
 

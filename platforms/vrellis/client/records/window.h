@@ -31,13 +31,19 @@ void note_record(const Record &record) {
   avl_change_note(reinterpret_cast<const std::uint32_t *>(&record), sizeof record / sizeof(std::uint32_t));
 }
 
-// The heap of the database's window, from when a client of this process opened it.
+// The database of this process and its window's heap, from when a client of this process opened it. None of it changes
+// while it is open. A look reads it here, since the lock shares a cache line with what the database says of it.
 struct Extent {
   std::uint64_t begin;
   std::uint64_t bytes;
   std::uint64_t window;  // where the window itself begins
+  std::uint64_t nh_slots, tunnel_slots;
+  std::uint32_t nh_start, nh_end, tunnel_start, tunnel_end;
+
+  bool has_nh(std::uint32_t nh) const { return nh >= nh_start && nh < nh_end; }
+  bool has_tunnel(std::uint32_t tunnel) const { return tunnel == 0 || (tunnel >= tunnel_start && tunnel < tunnel_end); }
 };
-inline constinit Extent extent{0, ~std::uint64_t{0}, 0};
+inline constinit Extent extent{0, ~std::uint64_t{0}, 0, 0, 0, 0, 0, 0, 0};
 
 // Whether a whole record lies at an address that the window holds. Every process can write there. The rotation makes an
 // address that is not aligned a very large one.

@@ -65,18 +65,21 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
 }
 
 // The store to the root field alone links a tree's first node, or unlinks its last one (U3). Outside an open change a
-// reader without the lock sees the tree before or after that store. Only a reader that already holds the address of the
-// last node must learn that this node may be given back, so the version moves behind that store.
+// reader without the lock sees the tree before or after that store. A reader that already holds the address of the last
+// node must learn that it has gone, so the version is odd around that store.
 [[gnu::always_inline]] inline void store_root(const WindowMap *map, Word *field, Word root) {
   if (map == nullptr) {
     store(field, root);
     return;
   }
   if (open_change.map == nullptr) [[likely]] {
-    store(field, root);
     if (root == 0) {
       Word *const version = version_of(map->begin, address_of(field));
-      store(version, *version + 2);
+      begin_version(version);
+      store(field, root);
+      end_version(version);
+    } else {
+      store(field, root);
     }
     return;
   }

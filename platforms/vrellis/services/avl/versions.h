@@ -7,7 +7,7 @@
 // Invariants:
 //   V1  A word of a tree that readers can reach changes only while the tree's version is odd, and the version becomes odd
 //       only when an entry of the undo log is in use. (The first node of a tree comes, and the last one goes, by one
-//       store; outside an open change that store has no entry.)
+//       store. Outside an open change that store has no entry, and the first node comes without a new version.)
 //   V2  The version becomes another even number only after the change is committed, and another odd number when the next
 //       change begins. So an odd version beside an empty log belongs to a change that is committed or rolled back.
 //   V3  No version ever takes an earlier value again (before 2^64 changes).
