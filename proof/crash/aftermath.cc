@@ -43,10 +43,9 @@ std::string lost_blocks(const Window &window, const Report &report, unsigned dea
 }
 
 // Before the repair: only named states, and of the interrupted operation alone.
-std::string faults_before(const Report &report, const Expectation &expected, Kinds &kinds) {
+std::string faults_before(const Report &report, const Expectation &expected) {
   for (const Finding &finding : report.findings) {
     const Severity severity = encap_inspect::severity_of(finding.kind);
-    ++kinds[static_cast<std::size_t>(finding.kind)];
     const bool others =
         (finding.nh_index != encap_inspect::kNoIndex && finding.nh_index != 0 &&
          !expected.touches_nh(finding.nh_index)) ||
@@ -209,10 +208,9 @@ std::string bad_releases() {
   return stat.bad_releases == 0 ? "" : std::to_string(stat.bad_releases) + " bad releases\n";
 }
 
-std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds,
-                      ChangeLog *log) {
+std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, ChangeLog *log) {
   const Report found = look_at(window);
-  std::string wrong = faults_before(found, expected, kinds) + lost_blocks(window, found, deaths);
+  std::string wrong = faults_before(found, expected) + lost_blocks(window, found, deaths);
   if (!wrong.empty()) {
     return wrong;
   }

@@ -2,7 +2,6 @@
 #ifndef ENCAP_PROOF_CRASH_AFTERMATH_H
 #define ENCAP_PROOF_CRASH_AFTERMATH_H
 
-#include <array>
 #include <set>
 
 #include "check/check.h"
@@ -12,9 +11,6 @@
 #include "support/write_watch.h"
 
 namespace crash {
-
-// How often each kind of finding was met before repair; lies in shared memory.
-using Kinds = std::array<std::uint64_t, encap_inspect::kFindingKinds>;
 
 // What the interrupted operation may have changed, from the models before and after it.
 class Expectation {
@@ -52,7 +48,7 @@ class Expectation {
  * `deaths`: how many processes died on the way here. `log` (may be nullptr): receives each change up to the repair's.
  * Returns: "" or what is wrong.
  */
-std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, Kinds &kinds, ChangeLog *log);
+std::string aftermath(const Window &window, const Expectation &expected, unsigned deaths, ChangeLog *log);
 
 // The allocator has refused none. Returns "" or what is wrong.
 std::string bad_releases();

@@ -20,7 +20,6 @@ struct Options {
 
 struct Totals {
   std::uint64_t scenarios, instructions, changes, states, kills, seconds, failures;
-  Kinds first_kinds, second_kinds;
 };
 
 void work_of(const Scenario &scenario) {
@@ -63,7 +62,7 @@ class Run {
     totals_.changes += walk.changes;
     totals_.states += walk.states.all().size();
     bool good = walk.changes == 0 || kill_for_good(walk, start);
-    const Verdicts first = crash::play(window_, expected_, walk.states.all(), 1, with_second, totals_.first_kinds);
+    const Verdicts first = crash::play(window_, expected_, walk.states.all(), 1, with_second);
     good = tell("first", first) && good;
     if (good && !scenario_.when.empty()) {
       play_survivors(window_, expected_, walk.states.all(), false, tally_);
@@ -98,7 +97,7 @@ class Run {
   bool second_deaths(const States &states) {
     const std::vector<Image> &all = states.all();
     totals_.seconds += all.size();
-    if (!tell("second", crash::play(window_, expected_, all, 2, false, totals_.second_kinds))) {
+    if (!tell("second", crash::play(window_, expected_, all, 2, false))) {
       return false;
     }
     if (!scenario_.when.empty()) {
@@ -114,17 +113,6 @@ class Run {
   const Window window_{directory_, config_in(directory_)};
   const Expectation expected_;
 };
-
-void print_kinds(const char *title, const Kinds &kinds) {
-  std::printf("%s\n", title);
-  for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
-    if (kinds[kind] != 0) {
-      const auto finding = static_cast<encap_inspect::FindingKind>(kind);
-      std::printf("  %-26s %-8s %10" PRIu64 "\n", encap_inspect::name_of(finding),
-                  encap_inspect::name_of(encap_inspect::severity_of(finding)), kinds[kind]);
-    }
-  }
-}
 
 // The survivors' answers: none that the table does not list, and in a whole run none listed that no survivor met.
 std::uint64_t print_answers(const Tally &tally, bool whole_run) {
@@ -162,8 +150,6 @@ int run(const Options &options) {
               ", distinct states %" PRIu64 ", killed for good %" PRIu64 "\n",
               totals.scenarios, totals.instructions, totals.changes, totals.states, totals.kills);
   std::printf("second deaths: distinct states %" PRIu64 "\n", totals.seconds);
-  print_kinds("found after the first death, by name:", totals.first_kinds);
-  print_kinds("found after the second, by name:", totals.second_kinds);
   totals.failures += print_answers(tally, options.only.empty() && !options.no_second);
   std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, time.seconds());
   return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;

@@ -18,7 +18,6 @@ struct Report {
   std::size_t playing;  // state under way
   std::size_t done;
   pid_t tid;
-  Kinds kinds;
   char failure[16384];
   ChangeLog log[kBatch];
 };
@@ -44,8 +43,8 @@ void play_in_child(const Batch &batch) {
   for (std::size_t i = batch.begin; i < batch.end; ++i) {
     shared.playing = i;
     batch.window.put(batch.states[i]);
-    const std::string wrong = aftermath(batch.window, batch.expected, batch.deaths, shared.kinds,
-                                        batch.watched ? &shared.log[i - batch.begin] : nullptr);
+    const std::string wrong =
+        aftermath(batch.window, batch.expected, batch.deaths, batch.watched ? &shared.log[i - batch.begin] : nullptr);
     if (!wrong.empty()) {
       std::snprintf(shared.failure, sizeof shared.failure, "%s", wrong.c_str());
       return;
@@ -54,18 +53,14 @@ void play_in_child(const Batch &batch) {
   }
 }
 
-void play_batch(const Batch &batch, Verdicts &verdicts, Kinds &kinds) {
+void play_batch(const Batch &batch, Verdicts &verdicts) {
   Report &shared = report();
   shared.done = 0;
-  shared.kinds = {};
   shared.failure[0] = '\0';
   verdicts.failure = run_in_child(kSecondsOfABatch, [&batch] {
     play_in_child(batch);
     return true;
   });
-  for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
-    kinds[kind] += shared.kinds[kind];
-  }
   const bool overflow =
       std::any_of(std::begin(shared.log), std::end(shared.log), [](auto &log) { return log.overflow; });
   verdicts.failure += overflow ? "a recovery has more changes than can be logged" : shared.failure;
@@ -78,11 +73,11 @@ void play_batch(const Batch &batch, Verdicts &verdicts, Kinds &kinds) {
 }  // namespace
 
 Verdicts play(const Window &window, const Expectation &expected, const std::vector<Image> &states, unsigned deaths,
-              bool watched, Kinds &kinds) {
+              bool watched) {
   Verdicts verdicts;
   for (std::size_t begin = 0; begin < states.size() && verdicts.failure.empty(); begin += kBatch) {
     const std::size_t end = std::min(begin + kBatch, states.size());
-    play_batch({window, expected, states, deaths, watched, begin, end}, verdicts, kinds);
+    play_batch({window, expected, states, deaths, watched, begin, end}, verdicts);
   }
   return verdicts;
 }

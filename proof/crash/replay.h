@@ -16,7 +16,7 @@ struct Verdicts {
 
 // Requires that no thread holds the window's lock. With `watched`, collects the states of second deaths.
 Verdicts play(const Window &window, const Expectation &expected, const std::vector<Image> &states, unsigned deaths,
-              bool watched, Kinds &kinds);
+              bool watched);
 
 /*
  * Plays every trial of a survivor in each state; with `recovered_alike_once`, in the first of those states alone that

@@ -40,15 +40,7 @@ void Story::given(const Operation &operation) {
 }
 
 Operation Story::entry(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) const {
-  std::uint32_t nh = kNhStart;
-  while (model_.nh(nh).valid != 0) {
-    ++nh;
-  }
-  std::uint32_t tunnel = label2 == 0 ? 0 : kTunStart;
-  while (tunnel != 0 && model_.tunnel(tunnel).valid != 0) {
-    ++tunnel;
-  }
-  return entering(model_, key_of(label1, label2, ifh), nh, tunnel);
+  return entering(model_, key_of(label1, label2, ifh), model_.free_nh(), label2 == 0 ? 0 : model_.free_tunnel());
 }
 
 std::uint32_t Story::enter(std::uint32_t label1, std::uint32_t label2, std::uint32_t ifh) {

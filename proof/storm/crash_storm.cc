@@ -63,11 +63,6 @@ class Storm {
     std::printf("%" PRIu64 " kills, %" PRIu64 " operations, %" PRIu64 " looks, %" PRIu64 " repairs with %" PRIu64
                 " changes, no thread slept beside a free lock, nothing lost, %.1f s\n",
                 options_.kills, herd_.operations(), looks_, repairs_, changes_, seconds);
-    for (std::size_t kind = 0; kind < kinds_.size(); ++kind) {
-      if (kinds_[kind] != 0) {
-        std::printf("  %-26s %10" PRIu64 "\n", encap_inspect::name_of(static_cast<FindingKind>(kind)), kinds_[kind]);
-      }
-    }
   }
 
  private:
@@ -123,7 +118,6 @@ class Storm {
       wrong += storm_difference(ledger_, owner);
     }
     pthread_mutex_unlock(&egress_encap_db->lock.mutex);
-    count(report);
     if (report.count_of(FindingKind::kBlockUnreachable) > kUnreachableEach * kills_since_repair_) {
       wrong += "too many blocks are out of reach\n";
     }
@@ -133,17 +127,10 @@ class Storm {
     }
   }
 
-  void count(const Report &report) {
-    for (std::size_t kind = 0; kind < kinds_.size(); ++kind) {
-      kinds_[kind] += report.count[kind];
-    }
-  }
-
   void repair() {
     const encap_inspect::RepairResult result = encap_inspect::repair(kWindowId);
     ++repairs_;
     changes_ += result.changes.size();
-    count(result.before);
     if (result.status != 0 || !result.after.sound()) {
       fail("repair: " + result.error + "\nbefore\n" + text_of(result.before) + "after\n" + text_of(result.after));
     }
@@ -195,7 +182,6 @@ class Storm {
   std::mt19937_64 random_;
   Herd herd_;
   std::uint64_t looks_ = 0, repairs_ = 0, changes_ = 0, kills_since_repair_ = 0;
-  std::array<std::uint64_t, encap_inspect::kFindingKinds> kinds_{};
 };
 
 int run(const Options &options) {

@@ -20,25 +20,9 @@ std::uint32_t Caller::any_nh() {
   return model_.nh_start - 1 + below(model_.nh_end - model_.nh_start + 2);
 }
 
-std::uint32_t Caller::free_nh() const {
-  std::uint32_t nh = model_.nh_start;
-  while (nh != model_.nh_end && model_.nh(nh).valid != 0) {
-    ++nh;
-  }
-  return nh;
-}
-
-std::uint32_t Caller::free_tunnel() const {
-  std::uint32_t tunnel = model_.tun_start;
-  while (tunnel != model_.tun_end && model_.tunnel(tunnel).valid != 0) {
-    ++tunnel;
-  }
-  return tunnel;
-}
-
 Operation Caller::entry(const egress_encap_key_t &key) {
-  const std::uint32_t nh = stray_ ? any_nh() : free_nh();
-  std::uint32_t tunnel = key.out_label2 == 0 ? 0 : free_tunnel();
+  const std::uint32_t nh = stray_ ? any_nh() : model_.free_nh();
+  std::uint32_t tunnel = key.out_label2 == 0 ? 0 : model_.free_tunnel();
   if (stray_ && below(2) == 0) {
     tunnel = model_.tun_start - 1 + below(model_.tun_end - model_.tun_start + 2);
   }

@@ -24,8 +24,6 @@ class Caller {
   Operation entry(const egress_encap_key_t &key);
   egress_encap_key_t any_key();
   std::uint32_t any_nh();
-  std::uint32_t free_nh() const;
-  std::uint32_t free_tunnel() const;
   std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
 
   encap_test::Model model_;

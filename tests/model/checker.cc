@@ -88,6 +88,17 @@ Model::Model(std::uint32_t nh_first, std::uint32_t nh_size, std::uint32_t tun_fi
       nhs_(nh_size),
       tunnel_slots_(tun_size + 1) {}
 
+std::uint32_t Model::free_nh() const {
+  const auto free = std::find_if(nhs_.begin(), nhs_.end(), [](const NhSlot &slot) { return slot.valid == 0; });
+  return nh_start + static_cast<std::uint32_t>(free - nhs_.begin());
+}
+
+std::uint32_t Model::free_tunnel() const {
+  const auto last = tunnel_slots_.end() - 1;  // the null tunnel's
+  const auto free = std::find_if(tunnel_slots_.begin(), last, [](const TunnelSlot &slot) { return slot.valid == 0; });
+  return tun_start + static_cast<std::uint32_t>(free - tunnel_slots_.begin());
+}
+
 void Model::know_key(const egress_encap_key_t &key) {
   const std::uint32_t bits = word(key, 1);
   know({{"l1", word(key, 0) & kLabel}, {"l2", word(key, 2) & kLabel}, {"l3", word(key, 3) & kLabel}});
@@ -138,21 +149,10 @@ int Model::read_back(std::uint32_t index, egress_encap_aux_data_t &aux, egress_e
 
 namespace {
 
-std::uint64_t link(const void *node, std::size_t word) {
-  std::uint64_t value;
+void *link(const void *node, std::size_t word) {
+  void *value;
   std::memcpy(&value, static_cast<const std::uint8_t *>(node) + 8 * word, 8);
   return value;
-}
-
-void *node_at(std::uint64_t address) {
-  return reinterpret_cast<void *>(address);
-}
-
-const mpls_tunnel_entry_t &tunnel_node(const void *node) {
-  return *static_cast<const mpls_tunnel_entry_t *>(node);
-}
-const mpls_nh_entry_t &nh_node(const void *node) {
-  return *static_cast<const mpls_nh_entry_t *>(node);
 }
 
 // The key in a tree's node.
@@ -171,7 +171,7 @@ bool zero(const std::uint8_t *bytes, std::size_t count) {
 std::map<TunnelKey, Tunnel> trees(const egress_encap_db_t &header, std::string &wrong) {
   std::map<TunnelKey, Tunnel> all;
   for (void *node : walk_avl(header.tun_root)) {
-    const auto &tunnel = tunnel_node(node);
+    const auto &tunnel = *static_cast<const mpls_tunnel_entry_t *>(node);
     const auto key = key_at<TunnelKey>(node);
     if (!all.empty() && !(all.rbegin()->first < key)) {
       wrong += "tunnel tree out of order\n";
@@ -186,10 +186,11 @@ std::map<TunnelKey, Tunnel> trees(const egress_encap_db_t &header, std::string &
       if (!found.nhs.empty() && !(found.nhs.rbegin()->first < nh)) {
         wrong += "NH tree out of order\n";
       }
-      if (nh_node(leaf).spare != 0) {
+      const auto &entry = *static_cast<const mpls_nh_entry_t *>(leaf);
+      if (entry.spare != 0) {
         wrong += "spare bytes of an NH node\n";
       }
-      found.nhs[nh] = nh_node(leaf).nh_index;
+      found.nhs[nh] = entry.nh_index;
     }
   }
   return all;
@@ -223,12 +224,12 @@ std::vector<void *> walk_avl(void *root) {
   std::vector<void *> nodes;
   std::vector<void *> above;
   for (void *node = root; node != nullptr || !above.empty();) {
-    for (; node != nullptr; node = node_at(link(node, 0))) {
+    for (; node != nullptr; node = link(node, 0)) {
       above.push_back(node);
     }
     nodes.push_back(above.back());
     above.pop_back();
-    node = node_at(link(nodes.back(), 1));
+    node = link(nodes.back(), 1);
   }
   return nodes;
 }

@@ -75,6 +75,8 @@ class Model : public Steps {
   std::uint32_t tunnel_slot(std::uint32_t tunnel) const { return (tunnel == 0 ? tun_end : tunnel) - tun_start; }
   TunnelSlot &tunnel(std::uint32_t index) { return tunnel_slots_.at(tunnel_slot(index)); }
   const TunnelSlot &tunnel(std::uint32_t index) const { return tunnel_slots_.at(tunnel_slot(index)); }
+  std::uint32_t free_nh() const;  // the first; nh_end: none
+  std::uint32_t free_tunnel() const;
   bool has_nh(std::uint32_t index) const { return index >= nh_start && index < nh_end; }
   bool has_tunnel(std::uint32_t index) const { return index == 0 || (index >= tun_start && index < tun_end); }
 
