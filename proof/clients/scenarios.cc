@@ -1,6 +1,7 @@
 #include "scenarios.h"
 
 #include <cstdio>
+#include <numeric>
 
 #include "support/window.h"
 
@@ -21,10 +22,35 @@ std::uint32_t enter(encap_client_t *client, const egress_encap_key_t &key) {
   return entry.nh;
 }
 
-void enter_many(encap_client_t *client, std::uint32_t count) {
+using Keys = std::vector<egress_encap_key_t>;
+
+// So many labels on one tunnel, or one label on so many tunnels.
+Keys labels(std::uint32_t count) {
+  Keys keys;
   for (std::uint32_t i = 0; i < count; ++i) {
-    enter(client, key(100 + i, 100));
+    keys.push_back(key(100 + i, 100));
   }
+  return keys;
+}
+Keys tunnels(std::uint32_t count) {
+  Keys keys;
+  for (std::uint32_t i = 0; i < count; ++i) {
+    keys.push_back(key(16, 100 + i));
+  }
+  return keys;
+}
+
+// The client has entered the keys, and released the NHs of index kNhStart + one of `released`.
+std::function<void(Cast &)> holds(encap_client_t *Cast::*who, const Keys &keys,
+                                  const std::vector<std::uint32_t> &released = {}) {
+  return [=](Cast &cast) {
+    for (const egress_encap_key_t &each : keys) {
+      enter(cast.*who, each);
+    }
+    for (const std::uint32_t number : released) {
+      encap_client_release(cast.*who, crash::kNhStart + number, nullptr);
+    }
+  };
 }
 
 // A call that enters a key, or releases the NH of index kNhStart + `number`.
@@ -45,97 +71,63 @@ int open_a(Cast &cast, Gone, void *) {
 }
 
 std::vector<Scenario> entries() {
+  const egress_encap_key_t new_key = key(16, 100);
+  const auto call = entering(new_key);
   return {
-      {"enter: another client has the NH", [](Cast &cast) { enter(cast.b, key(16, 100)); }, entering(key(16, 100))},
-      {"enter: held already", [](Cast &cast) { enter(cast.a, key(16, 100)); }, entering(key(16, 100))},
-      {"enter: new NH on a tunnel", [](Cast &cast) { enter_many(cast.b, 12); }, entering(key(16, 100))},
-      {"enter: new tunnel",
-       [](Cast &cast) {
-         for (std::uint32_t i = 0; i < 12; ++i) {
-           enter(cast.b, key(16, 100 + i));
-         }
-       },
-       entering(key(16, 99))},
-      {"enter: first of all", [](Cast &) {}, entering(key(16, 100))},
-      {"enter: first on the null tunnel", [](Cast &cast) { enter(cast.b, key(16, 100)); }, entering(key(16))},
-      {"enter: interface new on the null tunnel", [](Cast &cast) { enter(cast.b, key(16, 0, 1)); }, entering(key(16))},
-      {"enter: index that waited longest",
-       [](Cast &cast) {
-         enter_many(cast.b, crash::kNhSize);
-         encap_client_release(cast.b, crash::kNhStart + 3, nullptr);
-         encap_client_release(cast.b, crash::kNhStart + 5, nullptr);
-       },
-       entering(key(16, 100))},
-      {"enter: last index that waited",
-       [](Cast &cast) {
-         enter_many(cast.b, crash::kNhSize);
-         encap_client_release(cast.b, crash::kNhStart + 3, nullptr);
-       },
-       entering(key(16, 100))},
-      {"enter: range full", [](Cast &cast) { enter_many(cast.b, crash::kNhSize); }, entering(key(16, 100)), 28},
-      {"enter: the ledger grows", [](Cast &cast) { enter_many(cast.a, 112); }, entering(key(16, 100))},
+      {"enter: another client has the NH", holds(&Cast::b, {new_key}), call},
+      {"enter: held already", holds(&Cast::a, {new_key}), call},
+      {"enter: new NH on a tunnel", holds(&Cast::b, labels(12)), call},
+      {"enter: new tunnel", holds(&Cast::b, tunnels(12)), entering(key(16, 99))},
+      {"enter: first of all", holds(&Cast::b, {}), call},
+      {"enter: first on the null tunnel", holds(&Cast::b, {new_key}), entering(key(16))},
+      {"enter: interface new on the null tunnel", holds(&Cast::b, {key(16, 0, 1)}), entering(key(16))},
+      {"enter: index that waited longest", holds(&Cast::b, labels(crash::kNhSize), {3, 5}), call},
+      {"enter: last index that waited", holds(&Cast::b, labels(crash::kNhSize), {3}), call},
+      {"enter: range full", holds(&Cast::b, labels(crash::kNhSize)), call, 28},
+      {"enter: the ledger grows", holds(&Cast::a, labels(112)), call},
       {"enter: memory full",
        [](Cast &cast) {
          for (std::uint32_t i = 0; encap_client_enter(cast.b, key(100, 0, i), nullptr, nullptr) == 0; ++i) {
          }
        },
-       entering(key(16, 100)), 12, 14},
+       call, 12, 14},
       {"enter: stale reference renewed",
        [](Cast &cast) {
          enter(cast.a, key(16, 100));
          encap_client_refresh_begin(cast.a);
        },
-       entering(key(16, 100))},
+       call},
   };
 }
 
 std::vector<Scenario> releases() {
+  const egress_encap_key_t known = key(16, 100);
+  std::vector<std::uint32_t> first(14);
+  std::iota(first.begin(), first.end(), 0);
   return {
-      {"release: one of two references",
-       [](Cast &cast) {
-         enter(cast.a, key(16, 100));
-         enter(cast.a, key(16, 100));
-       },
-       releasing(0)},
+      {"release: one of two references", holds(&Cast::a, {known, known}), releasing(0)},
       {"release: NH stays with another client",
-       [](Cast &cast) {
-         enter(cast.a, key(16, 100));
-         enter(cast.b, key(16, 100));
+       [=](Cast &cast) {
+         enter(cast.a, known);
+         enter(cast.b, known);
        },
        releasing(0)},
       {"release: last of the NH",
        [](Cast &cast) {
          enter(cast.a, key(106, 100));
-         enter_many(cast.b, 12);
-         encap_client_release(cast.b, crash::kNhStart, nullptr);
+         holds(&Cast::b, labels(12), {0})(cast);
        },
        releasing(0)},
-      {"release: last of the tunnel",
-       [](Cast &cast) {
-         for (std::uint32_t i = 0; i < 12; ++i) {
-           enter(cast.a, key(16, 100 + i));
-         }
-       },
-       releasing(5)},
-      {"release: last of all", [](Cast &cast) { enter(cast.a, key(16, 100)); }, releasing(0)},
-      {"release: null tunnel", [](Cast &cast) { enter(cast.a, key(16)); }, releasing(0)},
-      {"release: the ledger shrinks",
-       [](Cast &cast) {
-         enter_many(cast.a, 113);
-         for (std::uint32_t i = 0; i < 14; ++i) {
-           encap_client_release(cast.a, crash::kNhStart + i, nullptr);
-         }
-       },
-       releasing(20)},
-      {"release: not held", [](Cast &cast) { enter(cast.b, key(16, 100)); }, releasing(0), 2},
+      {"release: last of the tunnel", holds(&Cast::a, tunnels(12)), releasing(5)},
+      {"release: last of all", holds(&Cast::a, {known}), releasing(0)},
+      {"release: null tunnel", holds(&Cast::a, {key(16)}), releasing(0)},
+      {"release: the ledger shrinks", holds(&Cast::a, labels(113), first), releasing(20)},
+      {"release: not held", holds(&Cast::b, {known}), releasing(0), 2},
   };
 }
 
 void hold_some(Cast &cast) {
-  enter(cast.a, key(16, 100));
-  enter(cast.a, key(16, 100));
-  enter(cast.a, key(17, 101));
-  enter(cast.a, key(18));
+  holds(&Cast::a, {key(16, 100), key(16, 100), key(17, 101), key(18)})(cast);
   enter(cast.b, key(18));
 }
 

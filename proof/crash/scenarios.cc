@@ -66,24 +66,25 @@ Scenario Story::dies_in(std::function<void()> work) {
 
 // Each among others: two tunnels and the null tunnel with NHs that must not be touched.
 template <typename Add>
-void add_removals(const Add &add, Verb verb, const std::array<const char *, 5> &names) {
-  add(names[0], [verb](Story &s) {
+void add_removals(const Add &add, Verb verb, const std::string &name) {
+  add(name + "of several users", [verb](Story &s) {
     s.given(on_nh(Verb::kShare, s.nh_of(41, 210)));
     return s.dies_in(on_nh(verb, s.nh_of(41, 210)));
   });
-  add(names[1], [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(41, 210))); });
-  add(names[2], [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(40, 220, 2))); });
-  for (const std::uint32_t ifh : {3u, 4u}) {  // with a neighbour on its null tunnel node, and without
-    add(names[ifh], [verb, ifh](Story &s) {
-      s.enter(50, 0, ifh);
-      return s.dies_in(on_nh(verb, s.nh_of(50, 0, ifh)));
-    });
+  add(name + "the NH goes", [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(41, 210))); });
+  add(name + "the tunnel goes", [verb](Story &s) { return s.dies_in(on_nh(verb, s.nh_of(40, 220, 2))); });
+  for (const std::uint32_t ifh : {3u, 4u}) {
+    add(name + (ifh == 3 ? "the NH on the null tunnel goes" : "a null tunnel node goes, others stay"),
+        [verb, ifh](Story &s) {
+          s.enter(50, 0, ifh);
+          return s.dies_in(on_nh(verb, s.nh_of(50, 0, ifh)));
+        });
   }
 }
 
 std::vector<Scenario> database_scenarios() {
   std::vector<Scenario> all;
-  const auto add = [&all](const char *name, auto &&tell) {
+  const auto add = [&all](const std::string &name, auto &&tell) {
     Story story(name);
     for (const std::uint32_t label : {40u, 41u, 42u}) {
       story.enter(label, 210);
@@ -121,12 +122,8 @@ std::vector<Scenario> database_scenarios() {
   add("set", [](Story &s) { return s.dies_in(on_nh(Verb::kSet, s.nh_of(41, 210), 7)); });
   add("update", [](Story &s) { return s.dies_in(on_nh(Verb::kUpdate, s.nh_of(41, 210))); });
   add("read", [](Story &s) { return s.dies_in(on_nh(Verb::kRead, s.nh_of(41, 210))); });
-  add_removals(add, Verb::kRelease,
-               {"release: the NH stays", "release: the NH goes", "release: the tunnel goes",
-                "release: the NH on the null tunnel goes", "release: a null tunnel node goes, others stay"});
-  add_removals(add, Verb::kDetach,
-               {"detach: of several users", "detach: the NH goes", "detach: the tunnel goes",
-                "detach: the NH on the null tunnel goes", "detach: a null tunnel node goes, others stay"});
+  add_removals(add, Verb::kRelease, "release: ");
+  add_removals(add, Verb::kDetach, "detach: ");
   return all;
 }
 
