@@ -1,8 +1,6 @@
 #include "storm_journal.h"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
 #include "scenarios.h"
@@ -54,14 +52,6 @@ std::uint32_t storm_key_number(const egress_encap_key_t &key) {
 
 std::string storm_name(std::uint32_t process) {
   return "storm-" + std::to_string(process);
-}
-
-bool Member::fail(const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(journal_.herd.thread[owner_].failure, sizeof(crash::ThreadState::failure), format, arguments);
-  va_end(arguments);
-  return false;
 }
 
 }  // namespace client_proof

@@ -2,8 +2,6 @@
 #ifndef ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
 #define ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
 
-#include <random>
-
 #include "encap_client.h"
 #include "storm/herd.h"
 
@@ -61,22 +59,7 @@ constexpr std::uint32_t process_of(std::uint32_t number) {
 std::uint32_t storm_key_number(const egress_encap_key_t &key);  // kKeys + kOtherKeys for another
 std::string storm_name(std::uint32_t process);
 
-// What the threads of both kinds of process share.
-class Member {
- public:
-  Member(Journal &journal, std::uint32_t owner, std::uint64_t seed) : journal_(journal), owner_(owner), random_(seed) {}
-
- protected:
-  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
-
-  // Writes down what went wrong, which fails the storm. Returns: false.
-  bool fail(const char *format, ...) __attribute__((format(printf, 2, 3)));
-  bool has_failed() const { return journal_.herd.thread[owner_].failure[0] != '\0'; }
-
-  Journal &journal_;
-  const std::uint32_t owner_;
-  std::mt19937_64 random_;
-};
+using Member = crash::Member<Journal>;
 
 // The life of a client's process: opens its name, takes up what it held, works with all its threads, closes or leaves,
 // and so on. When the storm ends it leaves.

@@ -6,8 +6,11 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -34,6 +37,30 @@ void park_if_asked(HerdState &state, std::uint32_t owner);
 
 // Calls step() until it returns false, the storm ends, or the thread has failed. The thread is parked after that.
 void work_in_steps(HerdState &state, std::uint32_t owner, const std::function<bool()> &step);
+
+// A thread of a storm whose processes share a `Journal`, which has the `herd`.
+template <typename Journal>
+class Member {
+ public:
+  Member(Journal &journal, std::uint32_t owner, std::uint64_t seed) : journal_(journal), owner_(owner), random_(seed) {}
+
+ protected:
+  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
+
+  // Writes down what went wrong, which fails the storm. Returns: false.
+  bool fail(const char *format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(journal_.herd.thread[owner_].failure, sizeof(ThreadState::failure), format, arguments);
+    va_end(arguments);
+    return false;
+  }
+  bool has_failed() const { return journal_.herd.thread[owner_].failure[0] != '\0'; }
+
+  Journal &journal_;
+  const std::uint32_t owner_;
+  std::mt19937_64 random_;
+};
 
 class Herd {
  public:

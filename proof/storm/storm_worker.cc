@@ -1,7 +1,5 @@
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <random>
 
 #include "storm.h"
 
@@ -23,21 +21,19 @@ bool enters(Verb verb) {
   return verb == Verb::kInsert || verb == Verb::kAttach;
 }
 
-class Worker {
+class Worker : Member<Ledger> {
  public:
-  Worker(Ledger &ledger, std::uint32_t number, std::uint64_t seed)
-      : own_(ledger.owner[number]), ledger_(ledger), number_(number), random_(seed) {}
+  Worker(Ledger &ledger, std::uint32_t owner, std::uint64_t seed)
+      : Member(ledger, owner, seed), own_(ledger.owner[owner]) {}
 
   void work() {
-    work_in_steps(ledger_.herd, number_, [this] {
+    work_in_steps(journal_.herd, owner_, [this] {
       step();
       return true;
     });
   }
 
  private:
-  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(random_() % limit); }
-
   void step() {
     const std::uint32_t nh = below(kNhsEach);
     const std::uint32_t kind = below(16);
@@ -46,7 +42,7 @@ class Worker {
     } else if (kind < 3) {
       use_of_others(below(kOwners), nh);
     } else if ((own_.unsure & tunnel_mates(nh)) != 0) {
-      use_unsure(number_, nh);
+      use_unsure(owner_, nh);
     } else {
       own_.busy.fetch_or(1u << nh);
       change(nh, kind);
@@ -54,12 +50,9 @@ class Worker {
     }
   }
 
-  void fail(const std::string &text) {
-    char(&failure)[sizeof(ThreadState::failure)] = ledger_.herd.thread[number_].failure;
-    std::snprintf(failure, sizeof failure, "%s", text.c_str());
+  void fail_in(const Operation &operation, const Answer &is) {
+    fail("%s\n  answers %s", text_of(operation).c_str(), text_of(is).c_str());
   }
-
-  void fail(const Operation &operation, const Answer &is) { fail(text_of(operation) + "\n  answers " + text_of(is)); }
 
   // The operation as a caller makes it who looks the key up first; an entry names what the look-up found.
   Operation made(Verb verb, std::uint32_t owner, std::uint32_t nh) {
@@ -80,24 +73,24 @@ class Worker {
   // Of keys on a tunnel that a death left in doubt no answer is certain, but that there is one: 0, 1 or 22.
   void use_unsure(std::uint32_t owner, std::uint32_t nh) {
     const Operation operation = made(static_cast<Verb>(below(kVerbs)), owner, nh);
-    ledger_.owner[owner].unsure.fetch_or(1u << nh);
+    journal_.owner[owner].unsure.fetch_or(1u << nh);
     const Answer is = on_database(operation);
     if (is.status != 0 && is.status != EINVAL && (is.status != 1 || operation.verb != Verb::kCanDelete)) {
-      fail(operation, is);
+      fail_in(operation, is);
     }
   }
 
   // Another owner's key is found at that owner's index or not at all.
   void use_of_others(std::uint32_t owner, std::uint32_t nh) {
-    if ((ledger_.owner[owner].unsure & tunnel_mates(nh)) != 0) {
+    if ((journal_.owner[owner].unsure & tunnel_mates(nh)) != 0) {
       use_unsure(owner, nh);
       return;
     }
     const Operation find = made(Verb::kFind, owner, nh);
     const Answer found = on_database(find);
-    const bool unsure = ((ledger_.owner[owner].unsure | ledger_.owner[owner].busy) & tunnel_mates(nh)) != 0;
+    const bool unsure = ((journal_.owner[owner].unsure | journal_.owner[owner].busy) & tunnel_mates(nh)) != 0;
     if (found.status != 0 || (found.info.nh_found != 0 && found.info.egr_nh != storm_nh(owner, nh) && !unsure)) {
-      fail(find, found);
+      fail_in(find, found);
     }
   }
 
@@ -108,10 +101,10 @@ class Worker {
     Entry &entry = own_.entry[nh];
     const Verb verb = entry.count == 0 ? kOnAbsent[std::min<std::size_t>(kind - 3, std::size(kOnAbsent) - 1)]
                                        : kOnPresent[std::min<std::size_t>(kind - 3, std::size(kOnPresent) - 1)];
-    const Operation operation = made(verb, number_, nh);
+    const Operation operation = made(verb, owner_, nh);
     const egress_encap_info_t &info = operation.info;
-    if (enters(verb) && (info.nh_found != 0 || info.egr_tun != storm_tunnel(number_, nh))) {
-      fail("never entered and found: " + text_of(operation));
+    if (enters(verb) && (info.nh_found != 0 || info.egr_tun != storm_tunnel(owner_, nh))) {
+      fail("never entered and found: %s", text_of(operation).c_str());
       return;
     }
     // These two take no lock of their own: a caller with concurrent readers does.
@@ -129,7 +122,7 @@ class Worker {
 
   void note(Entry &entry, std::uint32_t nh, const Operation &operation, const Answer &is) {
     const Verb verb = operation.verb;
-    if (is.status == EINVAL && storm_tunnel(number_, nh) == 0 && (verb == Verb::kDetach || verb == Verb::kRelease)) {
+    if (is.status == EINVAL && storm_tunnel(owner_, nh) == 0 && (verb == Verb::kDetach || verb == Verb::kRelease)) {
       own_.unsure.fetch_or(1u << nh);  // all null tunnel nodes share one count, and a death has left it too low
       return;
     }
@@ -140,7 +133,7 @@ class Worker {
     const bool read = !reads || (is.aux.seed_nh == entry.seed && is.key.out_label1 == operation.key.out_label1 &&
                                  is.key.out_label2 == operation.key.out_label2 && is.key.ifh == operation.key.ifh);
     if (is.status != should || !found || !read) {
-      fail(operation, is);
+      fail_in(operation, is);
       return;
     }
     if (enters(verb) || verb == Verb::kUpdate) {
@@ -156,17 +149,14 @@ class Worker {
 
   void verify() {
     vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-    const std::string wrong = storm_difference(ledger_, number_);
+    const std::string wrong = storm_difference(journal_, owner_);
     pthread_mutex_unlock(&egress_encap_db->lock.mutex);
     if (!wrong.empty()) {
-      fail(wrong);
+      fail("%s", wrong.c_str());
     }
   }
 
   Ledger::Owner &own_;
-  Ledger &ledger_;
-  std::uint32_t number_;
-  std::mt19937_64 random_;
 };
 
 }  // namespace
