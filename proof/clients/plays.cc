@@ -8,6 +8,7 @@
 
 #include "model/operations.h"
 #include "records/lookup.h"
+#include "repair/repair.h"
 
 namespace client_proof {
 namespace {
@@ -37,7 +38,14 @@ Picture drawn_for(const Stage &stage) {
   if (!stage.scenario.names) {
     picture.taken.clear();
   }
+  if (stage.scenario.other_nh != 0) {
+    picture.others[stage.scenario.other_nh] = 1;
+  }
   return picture;
+}
+
+Queues queues_of(const Stage &stage) {
+  return stage.scenario.other_nh != 0 ? Queues::kOthersChoose : Queues::kWhole;
 }
 
 void gather(const encap_left_t *, void *arg) {
@@ -56,7 +64,7 @@ std::string go_on(const Stage &stage) {
       return "the next client entered with " + std::to_string(entered) + ", released with " + std::to_string(released);
     }
   }
-  return contradiction(draw(), stage.window);
+  return contradiction(drawn_for(stage), stage.window, queues_of(stage));
 }
 
 // Plays the next client in one state. Returns: what is wrong, or "".
@@ -73,7 +81,7 @@ std::string play(const Stage &stage, const std::vector<Picture> &allowed, const 
     return "the next call returned " + std::to_string(status);
   }
   const Picture now = drawn_for(stage);
-  const std::string wrong = contradiction(now, stage.window);
+  const std::string wrong = contradiction(now, stage.window, queues_of(stage));
   if (!wrong.empty()) {
     return wrong;
   }
@@ -154,6 +162,27 @@ std::string contradiction_beside(const Stage &stage, Picture picture) {
   return contradiction(picture, stage.window, Queues::kOthersChoose, crash::Findings::kBlocks);
 }
 
+// The check names what is left, and nothing is once a repair has run and the clients have given back what they hold.
+std::string left_to_mend(const Stage &stage) {
+  if (crash::findings_in(stage.window, crash::Findings::kAll).empty()) {
+    return "the check names nothing";
+  }
+  encap_inspect::repair(crash::kWindowId);  // leaves a holding on an NH that has gone to its client
+  for (encap_client_t *const client : {stage.cast.a, stage.cast.b}) {
+    for (std::uint32_t nh = crash::kNhStart; nh < crash::kNhStart + crash::kNhSize; ++nh) {
+      int status = 0;
+      while (status == 0) {
+        status = encap_client_release(client, nh, nullptr);
+      }
+      if (status != ENOENT) {
+        return "a release of NH " + std::to_string(nh) + " returned " + std::to_string(status);
+      }
+    }
+  }
+  const std::string left = crash::findings_in(stage.window, crash::Findings::kBeyondNotes);
+  return left.empty() ? "" : "after all is given back: " + left;
+}
+
 }  // namespace
 
 Stage::Stage(const crash::Directory &directory, const Scenario &what)
@@ -196,6 +225,30 @@ bool play_clients(const Steps &steps, const crash::States &states, const char *w
       seconds->add_deaths(stage.window, state, log, getpid());
     }
     ++number;
+  }
+  return true;
+}
+
+bool play_last_reference(const Steps &steps, const crash::States &states, std::uint64_t *works) {
+  const std::uint32_t nh = steps.stage.scenario.other_nh;
+  const Work work{"gives its reference back", [nh] { return done(Verb::kRelease, nh); }};
+  std::vector<std::pair<std::string, Picture>> allowed;
+  for (const Image &image : steps.images) {
+    allowed.push_back(after_work(steps.stage, image, work));
+  }
+  for (const Image &state : states.all()) {
+    // A step may come with the answer of another one.
+    const auto now = after_work(steps.stage, state, work);
+    const auto has = [&](const auto &is) { return std::any_of(allowed.begin(), allowed.end(), is); };
+    const bool is_step = has([&](const auto &step) { return step.first == now.first; }) &&
+                         has([&](const auto &step) { return step.second == now.second; });
+    const std::string wrong = is_step ? "" : left_to_mend(steps.stage);
+    if (!wrong.empty()) {
+      std::printf("FAILED %s, another process %s in state %td of %zu: %s\n", steps.stage.scenario.name.c_str(),
+                  work.name.c_str(), &state - states.all().data(), states.all().size(), wrong.c_str());
+      return false;
+    }
+    works[is_step ? 0 : 1] += 1;
   }
   return true;
 }

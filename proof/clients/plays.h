@@ -40,6 +40,10 @@ bool play_looks(const Steps &steps, const crash::States &states, std::uint64_t *
 // Out: *works, how often.
 bool play_others(const Steps &steps, const crash::States &states, std::uint64_t *works);
 
+// It gives its only reference back: that has its whole effect, or leaves what the check names and a repair mends.
+// Requires a scenario with such a reference. Out: works[0], how often the one, works[1], how often the other.
+bool play_last_reference(const Steps &steps, const crash::States &states, std::uint64_t *works);
+
 }  // namespace client_proof
 
 #endif

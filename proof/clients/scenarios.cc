@@ -126,6 +126,33 @@ std::vector<Scenario> releases() {
   };
 }
 
+// A process without a client has entered a key, at the last index of the range.
+std::vector<Scenario> beside_another() {
+  constexpr std::uint32_t kOtherNh = crash::kNhStart + crash::kNhSize - 1;
+  const egress_encap_key_t known = key(16, 100);
+  const egress_encap_key_t neighbour = key(17, 100);
+  std::vector<Scenario> all = {
+      {"enter: a process without a client has the NH", holds(&Cast::a, {}), entering(known)},
+      {"enter: a process without a client has the tunnel", holds(&Cast::a, {}), entering(neighbour)},
+      {"release: a process without a client has the NH", holds(&Cast::a, {known}), releasing(crash::kNhSize - 1)},
+      {"release: a process without a client has the tunnel", holds(&Cast::a, {neighbour}), releasing(0)},
+  };
+  for (Scenario &each : all) {
+    each.given = [=, given = each.given](Cast &cast) {
+      egress_encap_info_t info{};
+      info.egr_nh = kOtherNh;
+      info.egr_tun = crash::kTunStart + crash::kTunSize - 1;
+      const int status = vrl_insert_egress_encap(&info, known);
+      if (status != 0) {
+        crash::give_up("not as given: an insert returned %d", status);
+      }
+      given(cast);
+    };
+    each.other_nh = kOtherNh;
+  }
+  return all;
+}
+
 void hold_some(Cast &cast) {
   holds(&Cast::a, {key(16, 100), key(16, 100), key(17, 101), key(18)})(cast);
   enter(cast.b, key(18));
@@ -175,7 +202,7 @@ int open_as(const encap_db_config_t &config, const char *name, encap_client_t **
 const std::vector<Scenario> &scenarios() {
   static const std::vector<Scenario> all = [] {
     std::vector<Scenario> made = entries();
-    for (const auto &more : {releases(), sweeps_and_names()}) {
+    for (const auto &more : {releases(), beside_another(), sweeps_and_names()}) {
       made.insert(made.end(), more.begin(), more.end());
     }
     return made;

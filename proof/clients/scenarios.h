@@ -23,8 +23,9 @@ struct Scenario {
   std::function<int(Cast &, void (*)(const encap_left_t *, void *), void *)> call;  // `gone` for calls of many steps
   int status = 0;                                                                   // what the call returns
   std::uint32_t pages = 48;                                                         // of the window
-  bool cast = true;   // whether `a` and `b` are opened before `given`
-  bool names = true;  // whether the names taken are compared: a reclaim takes the other's meanwhile
+  bool cast = true;            // whether `a` and `b` are opened before `given`
+  bool names = true;           // whether the names taken are compared: a reclaim takes the other's meanwhile
+  std::uint32_t other_nh = 0;  // an NH on which a process without a client has one reference; 0 = none
 };
 
 inline egress_encap_key_t key(std::uint32_t label1, std::uint32_t label2 = 0, std::uint32_t ifh = 7) {

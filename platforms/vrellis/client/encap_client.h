@@ -135,7 +135,8 @@ ENCAP_CLIENT_API int encap_client_enter(encap_client_t *client, egress_encap_key
 
 /*
  * Gives back one reference of this client on NH `nh`, a fresh one before a stale one. The last reference of all takes
- * the NH out, and the last NH takes its tunnel out.
+ * the NH out, and the last NH takes its tunnel out. A reference on an NH that a process without a client has taken out
+ * is given back alone: nh_left is 0 then.
  * Out: *left (may be NULL), filled when 0 is returned.
  * Returns: 0; 2 (ENOENT) when this client holds no reference on the NH; 22 when the database is damaged.
  */

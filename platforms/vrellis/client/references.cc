@@ -172,7 +172,7 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   if (place.holding == nullptr) {
     return place.is_sound() ? ENOENT : EINVAL;
   }
-  if (!nh_in_range(nh) || nh_slot(nh).valid == 0 || nh_slot(nh).ref_count == 0 ||
+  if (!nh_in_range(nh) || (nh_slot(nh).valid != 0 && nh_slot(nh).ref_count == 0) ||
       !tunnel_in_range(nh_slot(nh).egr_tun)) {
     return EINVAL;
   }
@@ -184,11 +184,17 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   left->tunnel = slot.egr_tun;
   begin_change();
   left->held = drop_reference(ledger, place, first);
-  avl_change_version(&slot);
-  if (slot.ref_count > 1) {
-    avl_change_count_now(&slot.ref_count, slot.ref_count - 1);
-  } else if (take_out(nh, left) != 0) {
-    return abort_with(EINVAL);
+  int status = 0;
+  if (slot.valid != 0) {  // else a process without a client has taken the NH out, and was told so
+    avl_change_version(&slot);
+    if (slot.ref_count > 1) {
+      avl_change_count_now(&slot.ref_count, slot.ref_count - 1);
+    } else {
+      status = take_out(nh, left);
+    }
+  }
+  if (status != 0) {
+    return abort_with(status);
   }
   avl_change_commit();
   settle_size(ledger);
