@@ -6,7 +6,7 @@
 namespace crash {
 namespace {
 
-constexpr std::uint32_t kNodes40 = 102, kNodes56 = 73;  // nodes of a page
+constexpr std::uint32_t kNodes40 = 102;  // nodes of a page
 
 // Many encapsulations on tunnel `label2`, with labels from `first` on.
 void fill(Story &story, std::uint32_t count, std::uint32_t first, std::uint32_t label2) {
@@ -144,14 +144,6 @@ std::vector<Scenario> heap_scenarios() {
   add("both pages become free", [](Story &s) {
     s.enter(1, 200);
     return s.dies_in(on_nh(Verb::kDetach, s.nh_of(1, 200)));
-  });
-  add("a free page of tunnels becomes one of NHs", [](Story &s) {
-    for (std::uint32_t i = 0; i <= kNodes56; ++i) {
-      s.enter(1, 200 + i);
-    }
-    s.given(on_nh(Verb::kDetach, s.nh_of(1, 200 + kNodes56)));
-    fill(s, kNodes40 - kNodes56, 100, 200);
-    return s.dies_in(s.entry(500, 200));
   });
   add("a run of pages is taken", [](Story &s) {
     s.enter(1, 200);

@@ -86,6 +86,8 @@ struct Scenario {
 // Walks every road through the scenario, with each kind of reports of the points: each call that may fail fails, alone
 // and together with each choice of those that follow it, and so also from then on; each road on a fresh database.
 void walk(DbTest &db, const Scenario &scenario);
+// Of what the calls wrote, with messages, when nothing failed.
+std::uint64_t hash_of_journals();
 // The ways in which a call may fail that no walk of this process has come to.
 std::string failures_not_walked();
 

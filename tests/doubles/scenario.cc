@@ -16,6 +16,7 @@ const std::map<std::string, std::vector<const char *>> kFailures = {{"trylock", 
                                                                     {"delete", {"no"}}};
 
 std::set<std::string> walked_failures;
+std::uint64_t journals = 0;
 
 struct Call {
   std::string kind;
@@ -49,6 +50,9 @@ void walk_from(DbTest &db, const Scenario &scenario, const std::string &orders, 
     db.order(orders);
     db.make(scenario.when);
   }
+  for (const char each : orders.empty() && db.reports == Reports::messages ? db.wrote : "") {
+    journals = journals * 31 + static_cast<unsigned char>(each);
+  }
   const std::vector<Call> calls = calls_in(db.wrote);
   for (std::size_t i = decided; i < calls.size() && !DbTest::HasFailure(); ++i) {
     for (const char *failure : kFailures.at(calls[i].kind)) {
@@ -71,6 +75,10 @@ void walk(DbTest &db, const Scenario &scenario) {
     db.reports = reports;
     walk_from(db, scenario, "", 0);
   }
+}
+
+std::uint64_t hash_of_journals() {
+  return journals;
 }
 
 std::string failures_not_walked() {
