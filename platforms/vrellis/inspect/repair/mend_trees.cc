@@ -1,4 +1,5 @@
 // Trees rebuilt from their nodes, and nodes brought back into them.
+#include "avl/versions.h"
 #include "mend.h"
 #include "shmwin.h"
 
@@ -43,7 +44,12 @@ void Mender::rebuild_broken_trees() {
     }
   }
   if (survey_.tunnel_tree_broken) {
+    // A client remembers the root for as long as the tree's version stays.
+    const auto window = reinterpret_cast<Address>(survey_.view().bytes().data());
+    auto *const version = vrellis::avl::version_of(window, reinterpret_cast<Address>(tunnel_root()));
+    vrellis::avl::begin_version(version);
     *tunnel_root() = nullptr;
+    vrellis::avl::end_version(version);
     end_of_step();
     for (std::uint32_t number = 0; number < db_.tunnels.size(); ++number) {
       avl_insert(tunnel_root(), tunnel_node(number), &flag, kCompareTunnels);
