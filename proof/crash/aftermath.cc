@@ -12,7 +12,6 @@ using encap_inspect::Finding;
 using encap_inspect::FindingKind;
 using encap_inspect::Report;
 using encap_inspect::Severity;
-using encap_test::bytes_of;
 using encap_test::NhSlot;
 
 // The kind of the page that a block lies in.
@@ -123,19 +122,19 @@ bool one_of(std::uint32_t value, std::uint32_t a, std::uint32_t b) {
 // An NH that stays after its operation was cut off and repaired: an identity as before or after, field by field of the
 // data old or new, a count that the operation passes through. A new NH that is not counted yet may lack some of its
 // data.
-bool is_between(const egr_nh_info_t &slot, const NhSlot &before, const NhSlot &after) {
+bool is_between(const NhSlot &slot, const NhSlot &before, const NhSlot &after) {
   const NhSlot &shape = after.valid != 0 ? after : before;
   NhSlot is = shape;
-  is.count = slot.ref_count;
-  is.seed = slot.seed_nh;
+  is.count = slot.count;
+  is.seed = slot.seed;
   is.failover_nh = slot.failover_nh;
   is.failover_id = slot.failover_id;
-  is.is_protected = slot.is_protected_te_nh;
+  is.is_protected = slot.is_protected;
   const NhSlot unfilled{};
   const NhSlot &old = before.valid != 0 ? before : is.count == 0 ? unfilled : after;
   const bool counted =
       one_of(is.count, old.count, shape.count) || is.count == 0 || (before.valid == 0 && is.count == 1);
-  return bytes_of(slot) == is.image() && counted && one_of(is.seed, old.seed, shape.seed) &&
+  return slot.image() == is.image() && counted && one_of(is.seed, old.seed, shape.seed) &&
          one_of(is.failover_nh, old.failover_nh, shape.failover_nh) &&
          one_of(is.failover_id, old.failover_id, shape.failover_id) &&
          one_of(is.is_protected, old.is_protected, shape.is_protected);
@@ -176,28 +175,22 @@ Expectation::Expectation(const Scenario &scenario, encap_test::Model before)
 
 std::string Expectation::difference(const egress_encap_db_t &header) const {
   std::string wrong = encap_test::inconsistency(header);
-  for (std::uint32_t nh = before_.nh_start; nh != before_.nh_end; ++nh) {
-    const egr_nh_info_t &slot = header.nh_info_array[nh - before_.nh_start];
-    const encap_test::Bytes is = bytes_of(slot);
-    const bool right = touches_nh(nh) ? is == NhSlot{}.image() || is_between(slot, before_.nh(nh), after_.nh(nh))
-                                      : is == before_.nh(nh).image();
+  const encap_test::Model now = encap_test::model_of(header);
+  const auto expect = [&wrong](bool right, const char *kind, std::uint32_t index, const auto &is, const auto &was) {
     if (!right) {
-      wrong += "NH slot " + std::to_string(nh) + " is " + encap_test::hex(is) + ", was " +
-               encap_test::hex(before_.nh(nh).image()) + '\n';
+      wrong += kind + (" slot " + std::to_string(index)) + " is " + encap_test::hex(is.image()) + ", was " +
+               encap_test::hex(was.image()) + '\n';
     }
+  };
+  for (std::uint32_t nh = before_.nh_start; nh != before_.nh_end; ++nh) {
+    const NhSlot &is = now.nh(nh), &was = before_.nh(nh);
+    const bool right = touches_nh(nh) ? is.valid == 0 || is_between(is, was, after_.nh(nh)) : is.image() == was.image();
+    expect(right, "NH", nh, is, was);
   }
-  return wrong + tunnel_difference(header);
-}
-
-std::string Expectation::tunnel_difference(const egress_encap_db_t &header) const {
-  std::string wrong;
-  for (std::uint32_t number = 0; number <= before_.tun_end - before_.tun_start; ++number) {
-    const std::uint32_t tunnel = number == before_.tun_end - before_.tun_start ? 0 : before_.tun_start + number;
-    const encap_test::Bytes is = bytes_of(header.tun_info_array[number]);
-    if (!touches_tunnel(tunnel) && is != before_.tunnel(tunnel).image()) {
-      wrong += "tunnel slot " + std::to_string(tunnel) + " is " + encap_test::hex(is) + ", was " +
-               encap_test::hex(before_.tunnel(tunnel).image()) + '\n';
-    }
+  for (std::uint32_t tunnel = before_.tun_start; tunnel <= before_.tun_end; ++tunnel) {
+    const std::uint32_t index = tunnel == before_.tun_end ? 0 : tunnel;
+    const encap_test::TunnelSlot &is = now.tunnel(index), &was = before_.tunnel(index);
+    expect(touches_tunnel(index) || is.image() == was.image(), "tunnel", index, is, was);
   }
   return wrong;
 }

@@ -34,8 +34,6 @@ class Expectation {
   }  // with its key, also where the call takes an index
 
  private:
-  std::string tunnel_difference(const egress_encap_db_t &header) const;
-
   encap_test::Model before_, after_;
   std::vector<Operation> interrupted_;
   std::set<std::uint32_t> nhs_, tunnels_;

@@ -179,7 +179,12 @@ std::vector<Image> kinds_of(const std::vector<Image> &states) {
   return kinds;
 }
 
-int run() {
+}  // namespace
+}  // namespace crash
+
+int main(int argc, char **argv) {
+  using namespace crash;
+  parse(argc, argv, {});
   const Stopwatch time;
   const Directory directory;
   const std::string path = directory.path() + "/window";
@@ -202,12 +207,4 @@ int run() {
               starts.size(), instructions, second_states);
   std::printf("%" PRIu64 " failures, %.1f s\n", failures, time.seconds());
   return failures == 0 && !first.states.all().empty() ? 0 : 1;
-}
-
-}  // namespace
-}  // namespace crash
-
-int main(int argc, char **argv) {
-  crash::parse(argc, argv, {});
-  return crash::run();
 }

@@ -12,12 +12,6 @@
 namespace crash {
 namespace {
 
-struct Options {
-  std::string only;
-  std::uint64_t jobs = 1;
-  bool no_second = false;
-};
-
 struct Totals {
   std::uint64_t scenarios, instructions, changes, states, kills, seconds, failures;
 };
@@ -139,27 +133,24 @@ std::vector<Scenario> scenarios_named(const std::string &text) {
   return all;
 }
 
-int run(const Options &options) {
-  const Stopwatch time;
-  auto &tally = shared_record<Tally>();
-  const std::vector<Scenario> all = scenarios_named(options.only);
-  auto totals = in_jobs<Totals>(options.jobs, all.size(), [&](std::size_t number, Totals &own) {
-    Run(all[number], own, tally).play(!options.no_second);
-  });
-  std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", changes of the window %" PRIu64
-              ", distinct states %" PRIu64 ", killed for good %" PRIu64 "\n",
-              totals.scenarios, totals.instructions, totals.changes, totals.states, totals.kills);
-  std::printf("second deaths: distinct states %" PRIu64 "\n", totals.seconds);
-  totals.failures += print_answers(tally, options.only.empty() && !options.no_second);
-  std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, time.seconds());
-  return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;
-}
-
 }  // namespace
 }  // namespace crash
 
 int main(int argc, char **argv) {
-  crash::Options options;
-  crash::parse(argc, argv, {{"--only", &options.only}, {"--jobs", &options.jobs}, {"--no-second", &options.no_second}});
-  return crash::run(options);
+  using namespace crash;
+  std::string only;
+  std::uint64_t jobs = 1;
+  bool no_second = false;
+  parse(argc, argv, {{"--only", &only}, {"--jobs", &jobs}, {"--no-second", &no_second}});
+  const Stopwatch time;
+  auto &tally = shared_record<Tally>();
+  const std::vector<Scenario> all = scenarios_named(only);
+  auto totals = in_jobs<Totals>(
+      jobs, all.size(), [&](std::size_t number, Totals &own) { Run(all[number], own, tally).play(!no_second); });
+  std::printf("scenarios %" PRIu64 ", instructions %" PRIu64 ", changes of the window %" PRIu64
+              ", distinct states %" PRIu64 ", of second deaths %" PRIu64 ", killed for good %" PRIu64 "\n",
+              totals.scenarios, totals.instructions, totals.changes, totals.states, totals.seconds, totals.kills);
+  totals.failures += print_answers(tally, only.empty() && !no_second);
+  std::printf("%" PRIu64 " failures, %.1f s\n", totals.failures, time.seconds());
+  return totals.failures == 0 && totals.scenarios != 0 ? 0 : 1;
 }
