@@ -274,8 +274,10 @@ TEST_F(DamageTest, AnythingIsLookedAtWithoutFaultOrEnd) {
     unsound += check(View::copy_of(copy.data(), bytes_)).sound() ? 0U : 1U;
   }
   EXPECT_GT(unsound, 5'000U);
+  // A damaged window of this size is looked at in a tenth of a millisecond. A look that follows a chain round and round
+  // takes more than this limit, which leaves room for a busy machine.
   const auto each = (std::chrono::steady_clock::now() - begin) / rounds(20'000);
-  EXPECT_LT(each, std::chrono::milliseconds(2));
+  EXPECT_LT(each, std::chrono::milliseconds(20));
 }
 
 TEST_F(DamageTest, AnythingIsMendedOrRefused) {
