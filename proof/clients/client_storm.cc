@@ -228,7 +228,13 @@ class Storm {
   std::uint64_t kills_ = 0, holders_ = 0, stops_ = 0;
 };
 
-int run(const Options &options) {
+}  // namespace
+}  // namespace client_proof
+
+int main(int argc, char **argv) {
+  using namespace client_proof;
+  Options options;
+  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}, {"--beside", &options.beside}});
   const crash::Directory directory;
   encap_db_config_t config = crash::config_in(directory);
   config.nh_size = kStormNhs;
@@ -242,13 +248,4 @@ int run(const Options &options) {
   storm.run();
   storm.print(time.seconds());
   return 0;
-}
-
-}  // namespace
-}  // namespace client_proof
-
-int main(int argc, char **argv) {
-  client_proof::Options options;
-  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}, {"--beside", &options.beside}});
-  return client_proof::run(options);
 }

@@ -24,27 +24,21 @@ constexpr std::uint64_t kKillsToARepair = 25;
 constexpr unsigned kStepSeconds = 60;          // no step of the verifier's takes longer
 constexpr std::uint64_t kUnreachableEach = 2;  // blocks that a death leaves at most
 
-struct Options {
-  std::uint64_t kills = 2000;
-  std::uint64_t seed = std::random_device{}() % 1'000'000;
-};
-
 class Storm {
  public:
-  Storm(const Options &options, const Window &window, Ledger &ledger)
-      : options_(options),
-        window_(window),
+  Storm(std::uint64_t seed, const Window &window, Ledger &ledger)
+      : window_(window),
         ledger_(ledger),
-        random_(options.seed),
-        herd_(ledger.herd, "--seed " + std::to_string(options.seed),
-              [this](std::uint32_t process, std::uint64_t seed) { live(process, seed); }) {}
+        random_(seed),
+        herd_(ledger.herd, "--seed " + std::to_string(seed),
+              [this](std::uint32_t process, std::uint64_t own_seed) { live(process, own_seed); }) {}
 
-  void run() {
+  void run(std::uint64_t all_kills) {
     enter_kept();
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
       start(process);
     }
-    for (std::uint64_t kills = 1; kills <= options_.kills; ++kills) {
+    for (std::uint64_t kills = 1; kills <= all_kills; ++kills) {
       alarm(kStepSeconds);
       usleep(static_cast<useconds_t>(500 + random_() % 3000));
       kill_one(static_cast<std::uint32_t>(random_() % kProcesses));
@@ -59,10 +53,10 @@ class Storm {
     clear();
   }
 
-  void print(double seconds) const {
+  void print(std::uint64_t kills, double seconds) const {
     std::printf("%" PRIu64 " kills, %" PRIu64 " operations, %" PRIu64 " looks, %" PRIu64 " repairs with %" PRIu64
                 " changes, no thread slept beside a free lock, nothing lost, %.1f s\n",
-                options_.kills, herd_.operations(), looks_, repairs_, changes_, seconds);
+                kills, herd_.operations(), looks_, repairs_, changes_, seconds);
   }
 
  private:
@@ -176,7 +170,6 @@ class Storm {
     }
   }
 
-  const Options options_;
   const Window &window_;
   Ledger &ledger_;
   std::mt19937_64 random_;
@@ -184,22 +177,20 @@ class Storm {
   std::uint64_t looks_ = 0, repairs_ = 0, changes_ = 0, kills_since_repair_ = 0;
 };
 
-int run(const Options &options) {
-  const Directory directory;
-  const Window window(directory, storm_config(directory));
-  std::fprintf(stderr, "crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
-  const Stopwatch time;
-  Storm storm(options, window, shared_record<Ledger>());
-  storm.run();
-  storm.print(time.seconds());
-  return 0;
-}
-
 }  // namespace
 }  // namespace crash
 
 int main(int argc, char **argv) {
-  crash::Options options;
-  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}});
-  return crash::run(options);
+  using namespace crash;
+  std::uint64_t kills = 2000;
+  std::uint64_t seed = std::random_device{}() % 1'000'000;
+  parse(argc, argv, {{"--kills", &kills}, {"--seed", &seed}});
+  const Directory directory;
+  const Window window(directory, storm_config(directory));
+  std::fprintf(stderr, "crash_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", kills, seed);
+  const Stopwatch time;
+  Storm storm(seed, window, shared_record<Ledger>());
+  storm.run(kills);
+  storm.print(kills, time.seconds());
+  return 0;
 }

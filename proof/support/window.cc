@@ -32,9 +32,9 @@ void give_up(const char *format, ...) {
   std::exit(1);
 }
 
-Directory::Directory(const char *base) : path_(std::string(base) + "/encap-crash-XXXXXX"), maker_(getpid()) {
+Directory::Directory() : path_("/dev/shm/encap-crash-XXXXXX"), maker_(getpid()) {
   if (mkdtemp(path_.data()) == nullptr) {
-    give_up("cannot make a directory in %s", base);
+    give_up("cannot make a directory in /dev/shm");
   }
   newest = this;
 }

@@ -22,7 +22,7 @@ inline constexpr std::uint64_t kWindowBytes = 64 * 1024;
 // A fresh directory, removed with all its files at the end, also by give_up(); one at a time.
 class Directory {
  public:
-  explicit Directory(const char *base = "/dev/shm");
+  Directory();
   ~Directory();
   Directory(const Directory &) = delete;
   Directory &operator=(const Directory &) = delete;

@@ -24,11 +24,6 @@ std::string Journal::take() {
   return text;
 }
 
-bool Journal::holds(const std::string &entry) {
-  const std::lock_guard hold(mutex_);
-  return std::find(entries_.begin(), entries_.end(), entry) != entries_.end();
-}
-
 void Journal::saw_point(std::uint32_t id) {
   const std::lock_guard hold(mutex_);
   points_.insert(id);

@@ -30,7 +30,6 @@ class Journal {
  public:
   void add(const std::string &entry);
   std::string take();  // all entries, one a line; the journal is empty afterwards
-  bool holds(const std::string &entry);
   const std::set<std::uint32_t> &points_seen() const { return points_; }
   void saw_point(std::uint32_t id);
 
