@@ -1,5 +1,4 @@
 // Clients: who holds what, how names pass on, and that a call that fails changes nothing.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -85,15 +84,12 @@ TEST_F(ClientTest, NamesPassOnWithAllThatTheyHold) {
 TEST_F(ClientTest, TheNameOfADeadClientThatHoldsNothingIsFreeWhenAllAreTaken) {
   encap_client_t *const a = client("a");
   for (int i = 1; i < ENCAP_CLIENT_MAX + 5; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
+    const int end = in_child([&] {
       encap_client_t *own = nullptr;
       const int status = open(("n" + std::to_string(i)).c_str(), &own);
-      _exit(status != 0 || (i == 1 && encap_client_enter(own, key(16), nullptr, nullptr) != 0) ? 1 : 0);
-    }
-    int status = 1;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(status, 0) << i;
+      return status != 0 || (i == 1 && encap_client_enter(own, key(16), nullptr, nullptr) != 0) ? 1 : 0;
+    });
+    ASSERT_EQ(end, 0) << i;
   }
   EXPECT_EQ(holdings(client("n1")).size(), 1U);
   std::uint32_t count = 0;
@@ -117,19 +113,16 @@ TEST_F(ClientTest, APidThatIsInUseAgainIsNotTheClients) {
 
 TEST_F(ClientTest, ADeadClientsNameAndReferencesAreTakenUpOrReclaimed) {
   encap_client_t *const a = client("a");
-  const pid_t child = fork();
-  if (child == 0) {
+  const pid_t child = spawn([&] {
     encap_client_t *own = nullptr;
     const bool refused = encap_client_enter(a, key(1), nullptr, nullptr) == 1;
     const bool opened = open("dies", &own) == 0;
     const bool entered = opened && encap_client_enter(own, key(16, 100), nullptr, nullptr) == 0 &&
                          encap_client_enter(own, key(16, 100), nullptr, nullptr) == 0 &&
                          encap_client_enter(own, key(17), nullptr, nullptr) == 0;
-    _exit(refused && entered ? 0 : 1);
-  }
-  int status = 1;
-  waitpid(child, &status, 0);
-  ASSERT_EQ(status, 0);
+    return refused && entered ? 0 : 1;
+  });
+  ASSERT_EQ(end_of(child), 0);
   encap_client_info_t info[4];
   std::uint32_t count = 0;
   ASSERT_EQ(encap_client_list(a, info, 4, &count), 0);

@@ -1,7 +1,4 @@
 // What another process may do to a client: write lies into the window, fork, and take every name.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
 #include <vector>
 
@@ -10,20 +7,6 @@
 
 namespace test_support {
 namespace {
-
-// In a child that has its parent's clients: no handler of fork() runs.
-template <typename Work>
-int in_copy(Work work) {
-  const pid_t child = _Fork();
-  if (child == 0) {
-    alarm(20);
-    work();
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return status;
-}
 
 void call_everything(encap_client_t *a, const encap_client_config_t &config) {
   encap_client_info_t info[2];
@@ -133,18 +116,15 @@ TEST_F(LiesTest, NoLieInASpillMakesAClientFault) {
 
 TEST_F(ClientTest, AChildThatClosesItsParentsClientsKeepsItsOwn) {
   encap_client_t *const a = client("a");
-  const pid_t child = fork();
-  if (child == 0) {
+  const int end = in_child([&] {
     encap_client_t *x = nullptr;
     encap_client_t *y = nullptr;
     const bool refused = encap_client_close(a) == 1;
     const bool opened = open("x", &x) == 0 && open("y", &y) == 0;
     const bool closed = opened && encap_client_close(x) == 0;
-    _exit(refused && closed && encap_client_enter(y, key(16), nullptr, nullptr) == 0 ? 0 : 1);
-  }
-  int status = 1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return refused && closed && encap_client_enter(y, key(16), nullptr, nullptr) == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(end, 0);
   EXPECT_EQ(encap_client_enter(a, key(16), nullptr, nullptr), 0);
 }
 

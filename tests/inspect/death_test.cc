@@ -1,11 +1,9 @@
 // A repair that dies itself: at each of its calls of the services, the next repair mends what it left.
-#include <signal.h>
-#include <sys/wait.h>
-
 #include <cstdlib>
 #include <new>
 
 #include "avl.h"
+#include "child.h"
 #include "inspect_fixture.h"
 
 namespace {
@@ -21,10 +19,6 @@ void count_call() {
     _exit(42);
   }
 }
-
-}  // namespace
-
-namespace {
 
 void *allocate(std::size_t bytes, std::size_t alignment) {
   if (allocations_left >= 0 && allocations_left-- == 0) {
@@ -101,29 +95,20 @@ namespace {
 
 class DeathTest : public InspectTest {
  protected:
-  // Returns: whether the repair died at the call.
-  bool repair_dies_at(int call) {
-    const pid_t child = fork();
-    if (child == 0) {
-      calls_left = call;
-      repair(kId);
-      _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status));
-    return WEXITSTATUS(status) == 42;
-  }
-
   void expect_mended_after_every_death() {
     const std::vector<std::uint8_t> damaged(window_, window_ + bytes_);
     int call = 0;
     do {
       std::memcpy(window_, damaged.data(), bytes_);
       SCOPED_TRACE("call " + std::to_string(call));
-      const bool died = repair_dies_at(call);
+      const int end = test_support::in_child([&] {
+        calls_left = call;
+        repair(kId);
+        return 0;
+      });
       expect_mended();
-      if (!died) {
+      if (end != 42) {
+        EXPECT_EQ(end, 0);
         break;
       }
     } while (++call < 2000 && !HasFailure());
@@ -204,43 +189,6 @@ TEST_F(DeathTest, WithoutMemoryTheLockIsGivenBack) {
   expect_mended();
   allocations_left = 0;
   EXPECT_THROW(View::copy_of(window_, bytes_), std::bad_alloc);
-}
-
-// Callers that are killed while they work leave what a death can leave and no more; the others' entries survive it.
-TEST_F(DeathTest, WhoeverDiesInAnOperation) {
-  fill(2, 4);
-  const std::uint32_t first = ranges_.nh_start + 20;
-  for (std::uint32_t life = 0; life < 250 && !HasFailure(); ++life) {
-    const pid_t child = fork();
-    if (child == 0) {
-      for (std::mt19937 random(life);;) {
-        std::uint32_t out[3];
-        const std::uint32_t index = first + static_cast<std::uint32_t>(random() % 20);
-        enter(index, index % 3 == 0 ? 0 : 7 + index % 6, 100 + index);
-        const std::uint32_t other = first + static_cast<std::uint32_t>(random() % 20);
-        if (random() % 2 == 0) {
-          vrl_egress_encap_nh_detach(other, &out[0], &out[1], &out[2]);
-        } else {
-          vrl_delete_and_free_egress_encap_with_nh_key(other, &out[0], &out[1], &out[2]);
-        }
-      }
-    }
-    usleep(500 + life % 100 * 10);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    for (const Finding &finding : look().findings) {
-      EXPECT_NE(severity_of(finding.kind), Severity::kDamage) << finding.text;
-    }
-    const RepairResult result = repair(kId, {.drop_unreferenced = true});
-    EXPECT_EQ(result.status, 0) << result.error;
-    EXPECT_EQ(text(look()), "") << "before:\n" << text(result.before);
-    for (std::uint32_t index = first; index < first + 20; ++index) {
-      std::uint32_t out[3];
-      vrl_egress_encap_nh_detach(index, &out[0], &out[1], &out[2]);
-    }
-    expect_entries();
-    EXPECT_EQ(text(look()), "");
-  }
 }
 
 }  // namespace

@@ -7,12 +7,14 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "child.h"
 #include "encap_db_owner.h"
 #include "repair/repair.h"
 #include "shmwin/layout.h"
@@ -118,6 +120,28 @@ class InspectTest : public ::testing::Test {
         ASSERT_EQ(enter(index++, t == 0 ? 0 : ranges_.tun_start + t, 16 + label), 0);
       }
     }
+  }
+
+  // A process that uses the window, until it is killed. Returns once it has done `before`.
+  pid_t start_process(
+      const std::function<void()> &before, const std::function<void()> &work = [] { pause(); }) {
+    test_support::Signal at_work;
+    const pid_t child = test_support::spawn([&] {
+      before();
+      at_work.give();
+      work();
+      return 0;
+    });
+    EXPECT_TRUE(at_work.await());
+    return child;
+  }
+  pid_t hold_lock(const std::function<void()> &work = [] { pause(); }) {
+    return start_process([&] { vrl_egress_encap_db_lock(&db().lock.mutex); }, work);
+  }
+
+  static void stop(pid_t child) {
+    kill(child, SIGSTOP);
+    EXPECT_EQ(waitpid(child, nullptr, WUNTRACED), child);
   }
 
   Report look() { return check(View::copy_of(window_, bytes_)); }

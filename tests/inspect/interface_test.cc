@@ -1,7 +1,4 @@
 // The calls in C: what they tell of a database, of deaths and of a repair, and that nothing is thrown out of them.
-#include <signal.h>
-#include <sys/wait.h>
-
 #include <fstream>
 
 #include "encap_inspect.h"
@@ -52,22 +49,6 @@ class InterfaceTest : public InspectTest {
     return count;
   }
 
-  // A process that takes the lock.
-  pid_t hold_lock() {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      vrl_egress_encap_db_lock(&db().lock.mutex);
-      _exit(write(ends[1], "", 1) == 1 ? pause() : 1);
-    }
-    char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
-    close(ends[1]);
-    return child;
-  }
-
   std::string told_;
 };
 
@@ -81,7 +62,7 @@ TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
   EXPECT_EQ(deaths(), 0U);
 
   const pid_t child = hold_lock();
-  kill(child, SIGSTOP);
+  stop(child);
   encap_repair_result_t result;
   EXPECT_EQ(mend(0, &result), ETIMEDOUT);
   EXPECT_EQ(result.holder_pid, child);
@@ -91,8 +72,7 @@ TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
   EXPECT_EQ(check_database(&found), EAGAIN) << told_;
   EXPECT_EQ(told_, "");
   EXPECT_NE(std::string(found.text).find("stopped"), std::string::npos) << found.text;
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
+  test_support::kill_hard(child);
 
   EXPECT_EQ(deaths(), 1U);
   ASSERT_EQ(check_database(&found), 0) << found.text;

@@ -1,12 +1,80 @@
 // What others make of a death before any repair: named, and mended.
-#include "states_fixture.h"
+#include "avl.h"
+#include "inspect_fixture.h"
+#include "repair/mend.h"
 
 namespace inspect_tests {
 namespace {
 
 // By calls that are all answered 0.
-class SurvivorsTest : public StatesTest {
+class SurvivorsTest : public InspectTest {
  protected:
+  static constexpr std::uint32_t kNew = 150, kNewLabel = 44;
+
+  void SetUp() override {
+    InspectTest::SetUp();
+    start();
+  }
+
+  // Four NHs on tunnel 6, four on the null tunnel, all with one user.
+  void start() {
+    open({});
+    fill(1, 4);
+  }
+
+  template <typename Entry>
+  Entry *allocate() {
+    void *block = nullptr;
+    EXPECT_EQ(shmwin_malloc(kId, sizeof(Entry), &block), 0);
+    std::memset(block, 0, sizeof(Entry));
+    return static_cast<Entry *>(block);
+  }
+
+  mpls_tunnel_entry_t *tunnel_node(const egress_encap_key_t &full) {
+    mpls_tunnel_entry_t probe{};
+    std::memcpy(&probe.key, reinterpret_cast<const char *>(&full) + 8, 12);
+    return static_cast<mpls_tunnel_entry_t *>(avl_search(db().tun_root, &probe, kCompareTunnels));
+  }
+
+  mpls_nh_entry_t *nh_node(const egress_encap_key_t &full) {
+    mpls_nh_entry_t probe{};
+    std::memcpy(&probe.key, &full, 8);
+    return static_cast<mpls_nh_entry_t *>(avl_search(tunnel_node(full)->nh_root, &probe, kCompareNhs));
+  }
+
+  mpls_nh_entry_t *link_nh(const egress_encap_key_t &full) {
+    int flag = 0;
+    auto *node = allocate<mpls_nh_entry_t>();
+    std::memcpy(&node->key, &full, 8);
+    return static_cast<mpls_nh_entry_t *>(avl_insert(&tunnel_node(full)->nh_root, node, &flag, kCompareNhs));
+  }
+
+  mpls_tunnel_entry_t *link_tunnel(const egress_encap_key_t &full) {
+    int flag = 0;
+    auto *node = allocate<mpls_tunnel_entry_t>();
+    std::memcpy(&node->key, reinterpret_cast<const char *>(&full) + 8, 12);
+    return static_cast<mpls_tunnel_entry_t *>(avl_insert(&db().tun_root, node, &flag, kCompareTunnels));
+  }
+
+  mpls_nh_entry_t *unlink_nh(std::uint32_t index) {
+    int flag = 0;
+    const egress_encap_key_t full = entered_.at(index).key;
+    mpls_tunnel_entry_t *home = tunnel_node(full);
+    void *root = home->nh_root;
+    void *node = avl_delete(&root, nh_node(full), &flag, kCompareNhs);
+    home->nh_root = root;
+    return static_cast<mpls_nh_entry_t *>(node);
+  }
+
+  std::uint32_t first_on(std::uint32_t tunnel_index) {
+    for (const auto &[index, entry] : entered_) {
+      if (entry.tunnel == tunnel_index) {
+        return index;
+      }
+    }
+    return 0;
+  }
+
   // Enters a key as a caller does that believes what it finds; `tunnel_index` is for a tunnel that is not there.
   void enter_as_found(const egress_encap_key_t &full, std::uint32_t nh_index, std::uint32_t tunnel_index) {
     egress_encap_info_t info{};
@@ -108,10 +176,23 @@ TEST_F(SurvivorsTest, UseAnNhWhoseSlotIsFilledInPart) {
   nh(kNew).valid = 1;
   egress_encap_info_t info{};
   EXPECT_EQ(vrl_find_and_share_egress_encap(&info, key(6, kNewLabel)), 0);
-  stay(kNew, 6, 1);
+  entered_[kNew] = {key(6, kNewLabel), 6, 1};
   EXPECT_EQ(expect_named("slot-node-mismatch").status, 0);
   nh(kNew).seed_nh = kNew + 7;
   expect_readable();
+}
+
+TEST_F(SurvivorsTest, FindATunnelWithoutNhsWhichStaysWhenToldSo) {
+  const egress_encap_key_t full = key(9, kNewLabel);
+  link_tunnel(full)->egr_tun = 9;
+  tunnel(9).out_label2 = full.out_label2;
+  tunnel(9).out_label3 = full.out_label3;
+  tunnel(9).valid = 1;
+  EXPECT_EQ(kinds(look()), std::set<std::string>{"tunnel-without-nh"});
+  EXPECT_TRUE(repair(kId, {.keep_empty_tunnels = true}).changes.empty());
+  EXPECT_NE(tunnel_node(full), nullptr);
+  expect_mended();
+  EXPECT_EQ(tunnel_node(full), nullptr);
 }
 
 // A removal was cut off after it had counted its tunnel down. The others give their NHs back, and the last of them is

@@ -1,10 +1,7 @@
 // Looking at windows from outside: alive, held, dead, moving, copied, cut short.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 
 #include <fstream>
-#include <functional>
 
 #include "inspect_fixture.h"
 
@@ -16,35 +13,6 @@ class ViewTest : public InspectTest {
   void SetUp() override {
     InspectTest::SetUp();
     fill(3, 9);
-  }
-
-  // A process that uses the window, until it is killed. Returns once it has said that it is at work.
-  pid_t start(const std::function<void()> &work) {
-    return start(work, [&] { vrl_egress_encap_db_lock(&db().lock.mutex); });
-  }
-  pid_t start(const std::function<void()> &work, const std::function<void()> &before) {
-    int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      before();
-      char byte = 0;
-      if (write(ends[1], &byte, 1) != 1) {
-        _exit(1);
-      }
-      work();
-      _exit(0);
-    }
-    char byte = 0;
-    EXPECT_EQ(read(ends[0], &byte, 1), 1);
-    close(ends[0]);
-    close(ends[1]);
-    return child;
-  }
-
-  static void end(pid_t child) {
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
   }
 
   View live(unsigned readings = View::kReadings) {
@@ -81,7 +49,7 @@ TEST_F(ViewTest, ASnapshotReadsAsTheWindowDid) {
 }
 
 TEST_F(ViewTest, WhoHoldsTheLockIsTold) {
-  const pid_t child = start([] { pause(); });
+  const pid_t child = hold_lock();
   const View held = live(3);
   EXPECT_EQ(held.stillness(), Stillness::kHeld);
   Database seen = decode(held);
@@ -90,7 +58,7 @@ TEST_F(ViewTest, WhoHoldsTheLockIsTold) {
   EXPECT_EQ(seen.lock.owner_pid, child);
   EXPECT_EQ(seen.lock.owner, Liveness::kAlive);
   EXPECT_TRUE(check(held).sound());
-  end(child);
+  test_support::kill_hard(child);
 
   const View dead = live();
   EXPECT_EQ(dead.stillness(), Stillness::kStill);
@@ -105,8 +73,8 @@ TEST_F(ViewTest, WhoHoldsTheLockIsTold) {
 
 // A lock word of a thread that is not there and was never marked: no thread would ever get the lock.
 TEST_F(ViewTest, ALostLockIsNotWaitedFor) {
-  const pid_t child = start([] { _exit(0); });
-  waitpid(child, nullptr, 0);
+  const pid_t child = hold_lock([] { _exit(0); });
+  EXPECT_EQ(test_support::end_of(child), 0);
   db().lock.mutex.__data.__lock = child;
   EXPECT_EQ(kinds(check(live())), std::set<std::string>{"lock-lost"});
   EXPECT_EQ(repair(kId).status, EINVAL);
@@ -115,7 +83,7 @@ TEST_F(ViewTest, ALostLockIsNotWaitedFor) {
 
 // A copy of a window keeps the lock of a process that has the original, which lives.
 TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
-  const pid_t holder = start([] { pause(); });
+  const pid_t holder = hold_lock();
   encap_db_close();
   const encap_db_config_t copy = config_of("copy");
   const auto copy_again = [&] {
@@ -133,21 +101,20 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
   EXPECT_EQ(decode(look_at_copy()).processes[0].liveness, Liveness::kDead);
   EXPECT_EQ(rehearse_window(copy).changes.size(), 1U);
 
-  const pid_t user = start([] { pause(); },
-                           [&] {
-                             shmwin_config_t window{};
-                             window.directory = directory_.c_str();
-                             window.name = "copy";
-                             shmwin_claim_t *claim = nullptr;
-                             int present = 0;
-                             shmwin_claim(&window, &claim, &present, nullptr);
-                             shmwin_attach(claim, kId, nullptr);
-                             shmwin_release(claim);
-                           });
+  const pid_t user = start_process([&] {
+    shmwin_config_t window{};
+    window.directory = directory_.c_str();
+    window.name = "copy";
+    shmwin_claim_t *claim = nullptr;
+    int present = 0;
+    shmwin_claim(&window, &claim, &present, nullptr);
+    shmwin_attach(claim, kId, nullptr);
+    shmwin_release(claim);
+  });
   const RepairResult refused = repair_window(copy);
   EXPECT_EQ(refused.status, EBUSY);
   EXPECT_NE(refused.error.find(std::to_string(user)), std::string::npos) << refused.error;
-  end(user);
+  test_support::kill_hard(user);
 
   const RepairResult result = repair_window(copy);
   EXPECT_EQ(result.status, 0) << result.error;
@@ -159,12 +126,12 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
   EXPECT_EQ(enter(150, 7, 60), 0);
   EXPECT_EQ(repair_window(copy).status, 0) << "also while this process has it open";
   encap_db_close();
-  end(holder);
+  test_support::kill_hard(holder);
 }
 
 TEST_F(ViewTest, AStoppedHolderIsNamedAndNotWaitedForLong) {
-  const pid_t child = start([] { pause(); });
-  kill(child, SIGSTOP);
+  const pid_t child = hold_lock();
+  stop(child);
   const RepairOptions options{.patience = std::chrono::milliseconds(200)};
   for (const RepairResult &result :
        {repair_window(config_of("window"), options), rehearse_window(config_of("window"), options)}) {
@@ -172,7 +139,7 @@ TEST_F(ViewTest, AStoppedHolderIsNamedAndNotWaitedForLong) {
     EXPECT_EQ(result.holder, child);
     EXPECT_NE(result.error.find("stopped"), std::string::npos) << result.error;
   }
-  end(child);
+  test_support::kill_hard(child);
   const std::vector<std::uint8_t> before(window_, window_ + bytes_);
   const RepairResult dry = rehearse_window(config_of("window"));
   EXPECT_EQ(dry.changes.size(), 1U);
@@ -184,7 +151,7 @@ TEST_F(ViewTest, AStoppedHolderIsNamedAndNotWaitedForLong) {
 // The writer ends between two operations: what a death within one leaves is for the tests of repair.
 TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
   static volatile sig_atomic_t asked_to_end = 0;
-  const pid_t child = start([&] {
+  const pid_t child = hold_lock([&] {
     signal(SIGTERM, [](int) { asked_to_end = 1; });
     pthread_mutex_unlock(&db().lock.mutex);
     for (std::uint32_t i = 0; asked_to_end == 0; ++i) {
@@ -197,7 +164,7 @@ TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
     }
   });
   unsigned whole = 0;
-  for (int i = 0; i < 60; ++i) {
+  for (int i = 0; i < 60 || (whole == 0 && i < 6000); ++i) {
     const View view = live();
     if (view.stillness() == Stillness::kStill) {
       ++whole;
@@ -208,7 +175,7 @@ TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
   }
   EXPECT_GT(whole, 0U);
   kill(child, SIGTERM);
-  waitpid(child, nullptr, 0);
+  EXPECT_EQ(test_support::end_of(child), 0);
   expect_mended();
 }
 
