@@ -9,26 +9,11 @@
 namespace encapd_tests {
 namespace {
 
-using router::group, router::no_object, router::object;
+using router::object;
 
 TEST_F(FeedTest, PathsOfEveryKindAreHeldOnceEach) {
   start();
   feed_->connected();
-  // As a router sent them: an LSP, a nexthop object, a route that names it.
-  const char *const lsp =
-      "1c140000fec400010000000008000100003e810008001300007d01000a00120002000a00000200000800040006000000";
-  const char *const nexthop =
-      "02000b00000000000800010008000000080006000a00000208000500060000000600070001000000100008800c00010000064000000c810"
-      "0";
-  const char *const named = "02180000fec4000100000000080001000a090200080006001400000008001e0008000000";
-  const char *const withdrawn = "02180000fec4000000000000080001000a0902000800060014000000";
-  const auto recorded = [](int type, const char *text) { return router::message(type, router::bytes_of_hex(text)); };
-  ASSERT_TRUE(send(frame({recorded(RTM_NEWROUTE, lsp), recorded(RTM_NEWNEXTHOP, nexthop)}) +
-                   frame({recorded(RTM_NEWROUTE, named)})));
-  EXPECT_EQ(references(), (References{{{2000, 0, 0, 6}, 1}, {{200, 100, 0, 6}, 1}}));
-  send(frame({recorded(RTM_DELROUTE, withdrawn)}));
-  EXPECT_EQ(references(), (References{{{2000, 0, 0, 6}, 1}}));
-
   send(frame({route("2001:db8::/32", {{{30, 20, 10}}}), route("10.2.0.0/16", {{{7001}, 7}, {{7002, 16}, 8}, {{}, 9}}),
               route("1000", {{{2000}, 6}, {{0}, 7}}), route("1001", {{{3}}})}));
   const References all{
@@ -38,8 +23,6 @@ TEST_F(FeedTest, PathsOfEveryKindAreHeldOnceEach) {
   EXPECT_EQ(references(), all) << "the same route again";
   send(frame({withdrawal("2001:db8::/32"), withdrawal("10.2.0.0/16"), withdrawal("1000"), withdrawal("1001")}));
   EXPECT_EQ(references(), References{});
-  EXPECT_EQ(feed_->holder().encapsulations(), 1U) << "that of the object";
-  send(frame({no_object(8)}));
   EXPECT_EQ(feed_->holder().encapsulations(), 0U);
   expect_sound();
 }
@@ -79,28 +62,6 @@ TEST_F(FeedTest, WhatIsNoEncapsulationIsCountedAndNeverFatal) {
   EXPECT_FALSE(send({2, 1, 0, 8, 0, 0, 0, 0})) << "another version";
   feed_->connected();
   EXPECT_FALSE(send({1, 1, 0, 3})) << "shorter than its header";
-}
-
-TEST_F(FeedTest, ObjectsChangeTheRoutesThatNameThem) {
-  start();
-  feed_->connected();
-  send(frame({named("10.1.0.0/16", 15), named("10.2.0.0/16", 15), named("10.3.0.0/16", 8)}));
-  EXPECT_EQ(references(), References{}) << "the objects come later";
-  send(frame({group(15, {8, 9, 8}), object(9, {{300}}), object(8, {{100, 200}})}));
-  EXPECT_EQ(references(), (References{{{200, 100, 0, 6}, 5}, {{300, 0, 0, 6}, 2}}));
-  send(frame({object(8, {{400}, 7})}));
-  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 5}, {{300, 0, 0, 6}, 2}}));
-  send(frame({group(15, {9})}));
-  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}, {{300, 0, 0, 6}, 2}}));
-  send(frame({no_object(9), object(15, {{500}})}));
-  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}, {{500, 0, 0, 6}, 2}})) << "a group that becomes an object";
-  send(frame({no_object(15)}));
-  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 1}})) << "taken back before its routes";
-  send(frame({group(15, {15, 8}), withdrawal("10.1.0.0/16")}));
-  EXPECT_EQ(references(), (References{{{400, 0, 0, 7}, 2}}));
-  send(frame({withdrawal("10.2.0.0/16"), withdrawal("10.3.0.0/16"), no_object(15), no_object(8)}));
-  EXPECT_EQ(references(), References{});
-  EXPECT_EQ(feed_->routes().objects() + feed_->routes().routes() + feed_->holder().encapsulations(), 0U);
 }
 
 TEST_F(FeedTest, WhatStaysNeverLeavesTheHardware) {

@@ -161,15 +161,6 @@ inline Buffer no_object(std::uint32_t id) {
   return message(RTM_DELNEXTHOP, bytes_of(header) + number(NHA_ID, id));
 }
 
-// Bytes that were recorded, in hexadecimal.
-inline Buffer bytes_of_hex(const std::string &text) {
-  Buffer bytes;
-  for (std::size_t at = 0; at + 1 < text.size(); at += 2) {
-    bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(at, 2), nullptr, 16)));
-  }
-  return bytes;
-}
-
 }  // namespace router
 
 #endif

@@ -20,7 +20,6 @@ class Model {
   Buffer change() {
     const std::string prefix = "10." + std::to_string(below(40)) + ".0.0/16";
     const std::uint32_t id = 1 + below(12);
-    const bool is_group = id > 8;
     switch (below(8)) {
       case 0:
         routes_.erase(prefix);
@@ -30,7 +29,7 @@ class Model {
         return router::no_object(id);
       case 2:
       case 3:
-        if (is_group) {
+        if (below(3) == 0) {
           return add_group(id);
         }
         objects_[id] = {{path()}, {}};
@@ -58,6 +57,19 @@ class Model {
     for (const Buffer &each : messages) {
       bytes = bytes + frame({each});
     }
+    return bytes;
+  }
+
+  // Takes everything back, as messages.
+  Buffer nothing() {
+    Buffer bytes;
+    for (std::uint32_t id = 1; id <= 12; ++id) {
+      bytes = bytes + frame({router::no_object(id)});
+    }
+    for (const auto &[prefix, each] : std::exchange(routes_, {})) {
+      bytes = bytes + frame({withdrawal(prefix)});
+    }
+    objects_.clear();
     return bytes;
   }
 
@@ -103,7 +115,7 @@ class Model {
   Buffer add_group(std::uint32_t id) {
     std::vector<std::uint32_t> members(1 + below(3));
     for (std::uint32_t &member : members) {
-      member = 1 + below(8);
+      member = 1 + below(12);  // also itself, or another group, of which nothing is taken
     }
     objects_[id] = {{}, members};
     return router::group(id, members);
@@ -172,6 +184,10 @@ TEST_F(StreamTest, EveryReferenceIsCountedWhateverChangesAndBreaks) {
         }
     }
   }
+  send(model.nothing());
+  pass(30s);
+  EXPECT_EQ(references(), References{});
+  EXPECT_EQ(feed_->routes().objects() + feed_->routes().routes() + feed_->holder().encapsulations(), 0U);
   expect_sound();
 }
 
