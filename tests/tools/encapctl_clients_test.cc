@@ -33,13 +33,7 @@ class EncapctlClientsTest : public EncapctlTest {
     return {};
   }
 
-  Json load_as_lab(const std::string &routes) const {
-    const std::string listing = path() + ".routes";
-    std::ofstream(listing) << routes;
-    Json loaded = on_window({"load", listing, "--client", "lab", "--json"}).object();
-    unlink(listing.c_str());
-    return loaded;
-  }
+  Json load_as_lab(const std::string &routes) const { return json_of({"load", listing(routes), "--client", "lab"}); }
 
   // The count and the holders of the NH with this bottom label.
   std::string held(const std::string &label) const {
@@ -78,7 +72,7 @@ TEST_F(EncapctlClientsTest, OnlyALiveDaemonIsTold) {
     open_client("fpm");
   });
   close(told[1]);
-  EXPECT_EQ(on_window({"settle", "fpm", "--json"}).object().at("pid").dump(), child.pid());
+  EXPECT_EQ(json_of({"settle", "fpm"}).at("pid").dump(), child.pid());
   char byte = 0;
   EXPECT_EQ(read(told[0], &byte, 1), 1);
   child.kill();
@@ -168,11 +162,11 @@ TEST_F(EncapctlClientsTest, AListingIsEnteredAnewAndTakenBack) {
   EXPECT_EQ(on_window({"find", "label1=16002"}).status, 1);
   EXPECT_EQ(client("lab").at("state"), "closed");
   EXPECT_EQ(on_window({"unload", "--client", "nobody"}).status, 1);
-  const Json unloaded = on_window({"unload", "--client", "lab", "--json"}).object();
+  const Json unloaded = json_of({"unload", "--client", "lab"});
   EXPECT_EQ(unloaded.at("references"), 2);
   EXPECT_EQ(unloaded.at("tunnels_left"), 1);
   EXPECT_EQ(client("lab"), Json{});
-  EXPECT_EQ(on_window({"summary", "--json"}).object().at("nhs").at("used"), 0);
+  EXPECT_EQ(json_of({"summary"}).at("nhs").at("used"), 0);
 }
 
 TEST_F(EncapctlClientsTest, WhatTheDeadHeldIsReclaimed) {
@@ -191,7 +185,7 @@ TEST_F(EncapctlClientsTest, WhatTheDeadHeldIsReclaimed) {
   EXPECT_EQ(reclaimed.object().at("references"), 3);
   EXPECT_EQ(reclaimed.object().at("nhs_left"), 0);
   second.kill();
-  EXPECT_EQ(on_window({"reclaim", "ospfd", "--json"}).object().at("nhs_left"), 2);
+  EXPECT_EQ(json_of({"reclaim", "ospfd"}).at("nhs_left"), 2);
   EXPECT_EQ(on_window({"reclaim", "ospfd"}).status, 2);
   for (const std::string words : {"-1s", "5", "99999999999999999999s", "5 parsecs"}) {
     EXPECT_EQ(on_window({"reclaim", "--dead", "--older-than=" + words}).status, 2) << words;

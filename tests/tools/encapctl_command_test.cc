@@ -70,7 +70,6 @@ TEST_F(EncapctlTest, ListNamesTheDatabasesOfADirectory) {
   EXPECT_EQ(row.at("nhs"), 4);
   EXPECT_EQ(row.at("processes"), 1);
   EXPECT_TRUE(has(encapctl({"list", "--dir", directory()}).out, name_));
-  unlink((path() + ".text").c_str());
   EXPECT_EQ(encapctl({"list", "--dir", directory() + "/trace"}).status, 1);
   EXPECT_EQ(encapctl({"list", "--dir", directory() + "/none"}).status, 2);
 }

@@ -1,7 +1,6 @@
 // debug: points of a live process, switched from outside and back.
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "encapctl_fixture.h"
@@ -69,12 +68,15 @@ TEST_F(EncapctlDebugTest, SwitchesAPointOnAndBack) {
   const Json switched = debug("func vrl_find_and_share_egress_nh category error +p", true).object();
   EXPECT_EQ(switched.at("selected"), 3);
   EXPECT_EQ(switched.at("changed"), Json({46, 47, 48}));
-  EXPECT_TRUE(has(printed(5000, true), "out of range nh 1\n"));
+  EXPECT_TRUE(has(printed(60'000, true), "out of range nh 1\n"));
   EXPECT_EQ(flags_of(46), "pt");
   EXPECT_EQ(flags_of(49), "t");
   EXPECT_TRUE(has(debug("=_").out, "120 of 120 points selected, 3 changed"));
-  printed(50, false);
-  EXPECT_EQ(printed(50, false), "");
+  bool quiet = false;  // a message may have been under way
+  for (int tries = 0; tries < 100 && !quiet; ++tries) {
+    quiet = printed(50, false).empty();
+  }
+  EXPECT_TRUE(quiet);
   EXPECT_EQ(flags_of(46), "t");
 }
 

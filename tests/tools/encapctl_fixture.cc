@@ -15,6 +15,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "child.h"
 #include "encap_db_owner.h"
 
 namespace encapctl_test {
@@ -117,33 +118,27 @@ Json Outcome::object() const {
 
 void Child::kill() {
   if (alive_) {
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    test_support::kill_hard(pid_);
     alive_ = false;
   }
 }
 
 Child fork_child(const std::function<void(const Ready &ready)> &body, int stderr_fd) {
-  int pipe_fds[2];
-  EXPECT_EQ(pipe(pipe_fds), 0);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  test_support::Signal at_work;
+  const pid_t pid = test_support::spawn([&] {
     prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
     if (stderr_fd >= 0) {
       dup2(stderr_fd, STDERR_FILENO);
     }
-    const Ready ready = [&] { EXPECT_EQ(write(pipe_fds[1], "r", 1), 1); };
+    const Ready ready = [&] { at_work.give(); };
     body(ready);
     ready();
     while (true) {
       pause();
     }
-  }
-  close(pipe_fds[1]);
-  char byte = 0;
-  EXPECT_EQ(read(pipe_fds[0], &byte, 1), 1);
-  close(pipe_fds[0]);
+    return 0;
+  });
+  EXPECT_TRUE(at_work.await());
   return Child(pid);
 }
 
@@ -161,7 +156,11 @@ void EncapctlTest::SetUp() {
 
 void EncapctlTest::TearDown() {
   encap_db_close();
-  encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
+  for (const auto &entry : std::filesystem::directory_iterator(directory())) {
+    if (entry.path().filename().string().starts_with(name_)) {
+      std::filesystem::remove(entry.path());
+    }
+  }
 }
 
 encap_db_config_t EncapctlTest::config() const {
@@ -242,7 +241,9 @@ Outcome EncapctlTest::encapctl(std::vector<std::string> words, const Surrounding
   int status = 0;
   while (waitpid(pid, &status, WNOHANG) == 0) {
     usleep(1000);
-    if (std::chrono::steady_clock::now() > deadline) {
+    std::error_code none_yet;
+    if (std::chrono::steady_clock::now() > deadline ||
+        (surroundings.enough != 0 && std::filesystem::file_size(out, none_yet) >= surroundings.enough && !none_yet)) {
       ::kill(pid, SIGTERM);
     }
   }
@@ -253,6 +254,25 @@ Outcome EncapctlTest::encapctl(std::vector<std::string> words, const Surrounding
 Outcome EncapctlTest::on_window(std::vector<std::string> words, const Surroundings &surroundings) const {
   words.insert(words.end(), {"--dir", directory(), "--name", name_});
   return encapctl(words, surroundings);
+}
+
+std::string EncapctlTest::listing(const std::string &routes) const {
+  const std::string file = path() + ".routes";
+  std::ofstream(file) << routes;
+  return file;
+}
+
+Json EncapctlTest::json_of(std::vector<std::string> words) const {
+  words.push_back("--json");
+  return on_window(words).object();
+}
+
+Json EncapctlTest::await_a_waiter() const {
+  Json waits;
+  for (int tries = 0; tries < 3000 && waits.empty(); ++tries) {
+    waits = json_of({"status"}).at("waits");
+  }
+  return waits;
 }
 
 std::vector<char> EncapctlTest::bytes() const {

@@ -35,9 +35,11 @@ struct Outcome {
 
 inline constexpr char kNoReader[] = "|";  // as stdout: a pipe whose reader has gone away
 
-// Where a run reads and writes, and when it is terminated. Columns make its stdout a terminal of that width.
+// Where a run reads and writes, and when it is terminated: after a time, or when it has printed so many bytes, if they
+// are not 0. Columns make its stdout a terminal of that width.
 struct Surroundings {
   unsigned seconds = 60;
+  std::size_t enough = 0;
   std::string in = "/dev/null";
   std::string out = {};
   unsigned short columns = 0;
@@ -100,6 +102,13 @@ class EncapctlTest : public testing::Test {
   // Runs the command with these words; on_window() appends --dir and --name.
   static Outcome encapctl(std::vector<std::string> words, const Surroundings &surroundings = {});
   Outcome on_window(std::vector<std::string> words, const Surroundings &surroundings = {}) const;
+
+  // The one object that the command prints of the window.
+  Json json_of(std::vector<std::string> words) const;
+  // The processes that wait for the lock, once there is one.
+  Json await_a_waiter() const;
+  // Writes a file of routes. Returns its path.
+  std::string listing(const std::string &routes) const;
 
   std::string path() const { return directory() + "/" + name_; }
   static const std::string &directory();

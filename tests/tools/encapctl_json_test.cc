@@ -116,8 +116,7 @@ class EncapctlJsonTest : public EncapctlTest {
       ready();
       vrl_find_and_share_egress_nh(1001);
     });
-    for (int tries = 0; tries < 100 && on_window({"status", "--json"}).object().at("waits").empty(); ++tries) {
-    }
+    EXPECT_FALSE(await_a_waiter().empty());
     run({"status"});
     run({"trace"});
     run({"debug", holder.pid(), "id 46 +p"}, false);
@@ -128,13 +127,13 @@ class EncapctlJsonTest : public EncapctlTest {
 };
 
 TEST_F(EncapctlJsonTest, ThePageDocumentsEachKeyThatIsPrinted) {
-  const std::string listing = path() + ".routes";
-  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n";
-  run({"load", listing, "--nh-start", "1000", "--nh-size", "1"});
+  const std::string routes =
+      listing("10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n");
+  run({"load", routes, "--nh-start", "1000", "--nh-size", "1"});
   encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
   make_database();
-  run({"load", listing, "--client", "lab"});
-  run({"load", listing, "--client", "left"});
+  run({"load", routes, "--client", "lab"});
+  run({"load", routes, "--client", "left"});
   run({"find", "label1=16001"});
   run({"reclaim", "left"});
   run_beside_a_daemon();
@@ -154,9 +153,6 @@ TEST_F(EncapctlJsonTest, ThePageDocumentsEachKeyThatIsPrinted) {
     run({std::istream_iterator<std::string>(split), {}}, !std::string(words).starts_with("debug"));
   }
   EXPECT_EQ(page_.unseen(), std::set<std::string>{});
-  unlink(listing.c_str());
-  unlink((path() + ".snap").c_str());
-  unlink((path() + ".daemon.status").c_str());
 }
 
 }  // namespace

@@ -13,19 +13,19 @@ namespace {
 
 TEST_F(EncapctlTest, StatusTellsWhoIsAttached) {
   make_database();
-  const Json unused = on_window({"status", "--json"}).object();
+  const Json unused = json_of({"status"});
   EXPECT_EQ(unused.at("processes"), Json::array());
   EXPECT_EQ(unused.at("lock").at("state"), "free");
   EXPECT_EQ(unused.at("sound"), true);
   EXPECT_EQ(unused.at("database").at("nh_end"), kNhStart + kNhSize);
   Child child = fork_child([&](const Ready &) { open_database(); });
-  const Json alive = on_window({"status", "--json"}).object();
+  const Json alive = json_of({"status"});
   ASSERT_EQ(alive.at("processes").size(), 1u);
   EXPECT_EQ(std::to_string(alive.at("processes")[0].at("pid").get<int>()), child.pid());
   EXPECT_EQ(alive.at("processes")[0].at("liveness"), "alive");
   EXPECT_NE(alive.at("processes")[0].at("comm"), "");
   child.kill();
-  EXPECT_EQ(on_window({"status", "--json"}).object().at("processes")[0].at("liveness"), "dead");
+  EXPECT_EQ(json_of({"status"}).at("processes")[0].at("liveness"), "dead");
   EXPECT_TRUE(has(on_window({"status"}).out, "dead"));
 }
 
@@ -35,7 +35,7 @@ TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
     open_database();
     vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
   });
-  const Json held = on_window({"status", "--json"}).object().at("lock");
+  const Json held = json_of({"status"}).at("lock");
   EXPECT_EQ(held.at("state"), "held");
   EXPECT_EQ(std::to_string(held.at("pid").get<int>()), holder.pid());
   EXPECT_EQ(held.at("depth"), 1);
@@ -44,10 +44,7 @@ TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
     ready();
     vrl_find_and_share_egress_nh(1001);
   });
-  Json waits;
-  for (int tries = 0; tries < 100 && waits.empty(); ++tries) {
-    waits = on_window({"status", "--json"}).object().at("waits");
-  }
+  const Json waits = await_a_waiter();
   ASSERT_EQ(waits.size(), 1u);
   EXPECT_EQ(std::to_string(waits[0].at("pid").get<int>()), waiter.pid());
   EXPECT_GT(waits[0].at("waited_ns"), 0);
@@ -55,11 +52,11 @@ TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
   waiter.kill();
   const std::vector<char> copy = bytes();
   holder.kill();
-  EXPECT_EQ(on_window({"status", "--json"}).object().at("lock").at("state"), "held by the dead");
+  EXPECT_EQ(json_of({"status"}).at("lock").at("state"), "held by the dead");
   EXPECT_TRUE(
       has(on_window({"status"}).out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
   put_bytes(copy);
-  EXPECT_EQ(on_window({"status", "--json"}).object().at("lock").at("state"), "lost");
+  EXPECT_EQ(json_of({"status"}).at("lock").at("state"), "lost");
   EXPECT_TRUE(has(on_window({"status"}).out, "encapctl repair makes it anew"));
 }
 
@@ -75,8 +72,7 @@ TEST_F(EncapctlTest, ReadingNeedsNoLockAndASnapshotWantsTheMomentAfterIt) {
   EXPECT_EQ(refused.status, 2);
   EXPECT_TRUE(has(refused.err, "was locked"));
   EXPECT_NE(access(file.c_str(), F_OK), 0);
-  EXPECT_EQ(on_window({"snapshot", file, "--patience", "0", "--unsettled", "--json"}).object().at("consistent"), false);
-  unlink(file.c_str());
+  EXPECT_EQ(json_of({"snapshot", file, "--patience", "0", "--unsettled"}).at("consistent"), false);
 }
 
 TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
@@ -88,7 +84,7 @@ TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
     EXPECT_EQ(refused.status, 2);
     EXPECT_TRUE(has(refused.err, "process " + child.pid()));
   }
-  EXPECT_EQ(on_window({"destroy", "--json"}).object().at("forced"), false);
+  EXPECT_EQ(json_of({"destroy"}).at("forced"), false);
   EXPECT_EQ(on_window({"status"}).status, 2) << "it is gone";
 
   make_database();
@@ -98,21 +94,21 @@ TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
 }
 
 TEST_F(EncapctlTest, LoadEntersTheRoutesOfAListing) {
-  const Json first = on_window({"load", ENCAPCTL_ROUTES, "--json"}).object();
+  const Json first = json_of({"load", ENCAPCTL_ROUTES});
   EXPECT_EQ(first.at("created"), true);
   EXPECT_EQ(first.at("refused"), 0);
   EXPECT_GT(first.at("shared"), 0);
   const int hops = first.at("next_hops");
   EXPECT_EQ(first.at("new_nhs").get<int>() + first.at("shared").get<int>(), hops);
-  Json summary = on_window({"summary", "--json"}).object();
+  Json summary = json_of({"summary"});
   EXPECT_EQ(summary.at("nhs").at("used"), first.at("new_nhs"));
   EXPECT_EQ(summary.at("nhs").at("references"), hops);
 
-  const Json second = on_window({"load", ENCAPCTL_ROUTES, "--json"}).object();
+  const Json second = json_of({"load", ENCAPCTL_ROUTES});
   EXPECT_EQ(second.at("created"), false);
   EXPECT_EQ(second.at("new_nhs"), 0);
   EXPECT_EQ(second.at("shared"), hops);
-  summary = on_window({"summary", "--json"}).object();
+  summary = json_of({"summary"});
   EXPECT_EQ(summary.at("nhs").at("references"), 2 * hops);
   EXPECT_EQ(on_window({"check"}).status, 0);
 }
@@ -154,17 +150,14 @@ TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
     EXPECT_LT(refused.err.size(), 300u);
   }
   EXPECT_TRUE(has(on_window({"load", "-"}, {.in = "/dev/zero"}).err, "is larger than 256.0 MiB"));
-  unlink(listing.c_str());
 }
 
 // An interface has one number, in whichever listing it comes.
 TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
-  const std::string listing = path() + ".routes";
   const auto load = [&](const std::string &routes, const std::string &pair = "") {
-    std::ofstream(listing) << routes;
     std::vector<std::string> words = {"load", "-", "--json"};
     words.insert(words.end(), pair.empty() ? 0 : 1, "--interface=" + pair);
-    return on_window(words, {.in = listing});
+    return on_window(words, {.in = listing(routes)});
   };
   const std::string eth0 = "10.0.0.0/24 encap mpls 16001 dev eth0\n";
   const std::string eth7 = "10.0.1.0/24 encap mpls 16001 dev eth7\n";
@@ -184,7 +177,6 @@ TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
   EXPECT_TRUE(has(load(eth0).err, "another user may write to it"));
   EXPECT_EQ(on_window({"destroy"}).status, 0);
   EXPECT_NE(access(numbers.c_str(), F_OK), 0);
-  unlink(listing.c_str());
 }
 
 // Seen from another PID namespace, the attached processes cannot be told to be dead.
@@ -215,7 +207,7 @@ TEST_F(EncapctlTest, HugePagesAreAskedForAndShown) {
     wanted.size = 16 << 20;
     ASSERT_EQ(encap_db_open(&wanted, nullptr, nullptr), 0);
   });
-  const Json window = on_window({"status", "--json"}).object().at("window");
+  const Json window = json_of({"status"}).at("window");
   EXPECT_TRUE(window.at("huge_bytes").is_number());
   std::ifstream lines("/proc/" + holder.pid() + "/smaps");
   std::ostringstream begin;
@@ -248,19 +240,16 @@ TEST_F(EncapctlTest, AGroupSharesADatabase) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "a file of another group takes root";
   }
-  const std::string listing = path() + ".routes";
-  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 dev eth1\n";
-  ASSERT_EQ(on_window({"load", listing, "--client", "lab", "--group", "65534"}).status, 0);
+  const std::string routes = listing("10.0.0.0/24 encap mpls 200/16001 dev eth1\n");
+  ASSERT_EQ(on_window({"load", routes, "--client", "lab", "--group", "65534"}).status, 0);
   for (const std::string &file : {path(), path() + ".interfaces"}) {
     struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_gid, 65534u) << file;
     EXPECT_EQ(status.st_mode & 0777, 0660u) << file;
   }
-  EXPECT_EQ(on_window({"load", listing, "--client", "lab", "--group", "65534"}).status, 0);
-  EXPECT_TRUE(has(on_window({"load", listing, "--client", "lab"}).err, "may write to it"));
-  unlink(listing.c_str());
-  unlink((path() + ".interfaces").c_str());
+  EXPECT_EQ(on_window({"load", routes, "--client", "lab", "--group", "65534"}).status, 0);
+  EXPECT_TRUE(has(on_window({"load", routes, "--client", "lab"}).err, "may write to it"));
 }
 
 }  // namespace

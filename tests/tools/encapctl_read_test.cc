@@ -43,7 +43,7 @@ TEST_F(EncapctlTest, ShowNhsFiltersAndSorts) {
   EXPECT_EQ(nhs({"--valid", "all"}).size(), kNhSize);
   EXPECT_EQ(on_window({"show", "nhs", "--index", "1005"}).status, 1);
 
-  const Json nh = on_window({"show", "nhs", "--index", "1003", "--json"}).object();
+  const Json nh = json_of({"show", "nhs", "--index", "1003"});
   const Json wanted = {{"nh", 1003},     {"valid", true},    {"in_tree", true}, {"tunnel", 102},
                        {"ref_count", 1}, {"ifh", 0x11},      {"label1", 16001}, {"label2", 200},
                        {"label3", 300},  {"seed_nh", 11003}, {"kind", "nh"}};
@@ -80,7 +80,7 @@ TEST_F(EncapctlTest, ShowTunnelsCountsTheirNhs) {
 
 TEST_F(EncapctlTest, SummaryCounts) {
   make_database();
-  const Json sum = on_window({"summary", "--json"}).object();
+  const Json sum = json_of({"summary"});
   EXPECT_EQ(sum.at("nhs"), (Json{{"used", 4}, {"free", kNhSize - 4}, {"references", 15}}));
   EXPECT_EQ(sum.at("tunnels"), (Json{{"used", 2}, {"free", kTunSize - 2}}));
   EXPECT_EQ(sum.at("null_tunnel"), (Json{{"entries", 1}, {"nhs", 1}, {"ref_count", 1}}));
@@ -107,7 +107,7 @@ TEST_F(EncapctlTest, FindTellsOfAnEncapsulationAndItsRecords) {
   const Outcome by_index = on_window({"find", "nh=1002", "--all-traces"});
   EXPECT_EQ(by_index.status, 0);
   EXPECT_TRUE(has(by_index.out, "vrl_mem_increment_egr_nh_ref_count validNH index 1002 refcount 5"));
-  const Json tunnel = on_window({"find", "tun=101", "--json"}).object();
+  const Json tunnel = json_of({"find", "tun=101"});
   EXPECT_EQ(tunnel.at("nh_indexes"), Json({1001, 1002}));
 }
 
@@ -146,7 +146,6 @@ TEST_F(EncapctlTest, SnapshotHoldsWhatTheWindowHolds) {
   EXPECT_EQ(encapctl({"status", "--file", file}).status, 0);
   EXPECT_EQ(encapctl({"check", "--file", file}).status, 0);
   EXPECT_EQ(encapctl({"summary", "--file", file + ".none"}).status, 2);
-  unlink(file.c_str());
 }
 
 // A snapshot takes the place of an ordinary file alone, and copies nothing but windows.
@@ -174,8 +173,6 @@ TEST_F(EncapctlTest, SnapshotReplacesNeitherTheWindowNorWhatIsNoFile) {
   const Outcome text = on_window({"snapshot", path() + ".snap"});
   EXPECT_EQ(text.status, 2);
   EXPECT_TRUE(has(text.err, "is no window"));
-  unlink(link.c_str());
-  unlink(device.c_str());
 }
 
 TEST_F(EncapctlTest, ReadingWritesNothing) {
