@@ -85,16 +85,17 @@ typedef struct encap_client_info {
   char name[ENCAP_CLIENT_NAME_BYTES];
   uint32_t pid;   /* of the process that has the name, or had it last */
   uint32_t state; /* ENCAP_CLIENT_ALIVE, _DEAD, _CLOSED or _UNKNOWN */
-  uint64_t
-      since;     /* nanoseconds since 1970: opened; of a closed client: closed; of a dead one: last call that changed */
-  uint64_t nhs;  /* NHs on which it holds references */
-  uint64_t held; /* references */
+  /* Nanoseconds since 1970: when a live client opened the name, when a closed one closed it, and when the death of a
+     dead one was first noticed by encap_client_list(), which `encapctl reclaim` calls, too. */
+  uint64_t since;
+  uint64_t nhs;     /* NHs on which it holds references */
+  uint64_t held;    /* references */
   uint64_t stale;   /* of these: stale */
   uint64_t entered; /* references that encap_client_enter() added, since the name came to be */
   uint64_t renewed;
   uint64_t released;
   uint64_t refreshes;
-  uint64_t refused; /* calls that returned 12 or 28 */
+  uint64_t refused; /* possible keys for which encap_client_enter() did not return 0 */
 } encap_client_info_t;
 
 #define ENCAP_CLIENT_CLOSED 0
