@@ -20,7 +20,7 @@ int run(const encapd::Options &options) {
   }
   encapd::Events events(options.events ? STDOUT_FILENO : -1);
   encapd::Feed feed(client, events, options.settle_after);
-  encapd::Server server(options, feed);
+  encapd::Server server(options, feed, events);
   const bool listens = server.listen();
   if (listens) {
     server.serve();

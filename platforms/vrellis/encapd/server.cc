@@ -77,11 +77,13 @@ void Server::serve() {
   sd_notify(0, "READY=1");
   Clock::time_point next_tick = Clock::now();
   Clock::time_point next_tell = next_tick + kTellEvery;
-  for (bool going = true; going;) {
+  for (;;) {
     pollfd waits[] = {{signals_, POLLIN, 0}, {listener_, POLLIN, 0}, {router_, POLLIN, 0}};
     poll(waits, std::size(waits), static_cast<int>(kTick.count()));
     woken_ = Clock::now();
-    going = waits[0].revents == 0 || read_signals();
+    if (waits[0].revents != 0 && !read_signals()) {
+      break;
+    }
     if (waits[2].revents != 0) {
       read_router();
     }
@@ -150,6 +152,7 @@ bool Server::read_signals() {
     if (info.ssi_signo != SIGUSR1) {
       log(Level::kInfo, "signal {} ends encapd, and what it holds is {}", info.ssi_signo,
           options_.leave ? "given up" : "kept");
+      events_.end();
       return false;
     }
     if (!feed_.settle()) {

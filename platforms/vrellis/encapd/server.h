@@ -9,7 +9,7 @@ namespace encapd {
 
 class Server {
  public:
-  Server(const Options &options, Feed &feed) : options_(options), feed_(feed) {}
+  Server(const Options &options, Feed &feed, Events &events) : options_(options), feed_(feed), events_(events) {}
   ~Server();
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -30,6 +30,7 @@ class Server {
 
   const Options &options_;
   Feed &feed_;
+  Events &events_;
   int listener_ = -1;
   int router_ = -1;
   int signals_ = -1;

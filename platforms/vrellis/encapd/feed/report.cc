@@ -80,7 +80,7 @@ void Events::flush() {
   while (wanted() && written < lines_.size()) {
     pollfd room{fd_, POLLOUT, 0};
     if (poll(&room, 1, kSignalCheckMs) == 0) {
-      if (is_ending()) {
+      if (ending_ || is_ending()) {
         log(Level::kError, "{} bytes of events are lost, since their reader does not take them",
             lines_.size() - written);
         break;

@@ -47,15 +47,19 @@ class Events {
   void nh(bool entered, std::uint32_t nh, std::uint32_t tunnel, const egress_encap_key_t &key, const RouteKey *cause);
   void tunnel(bool entered, std::uint32_t tunnel, const egress_encap_key_t &key, const RouteKey *cause);
 
-  // Writes the lines, and waits while their reader is slow, until SIGTERM or SIGINT is pending. A reader that has gone
-  // away gets no more events.
+  // Writes the lines, and waits while their reader is slow, until SIGTERM or SIGINT is pending or end() was called. A
+  // reader that has gone away gets no more events.
   void flush();
+
+  // The signal that ends encapd has been read, so that it is not pending any more.
+  void end() { ending_ = true; }
 
  private:
   void add(bool entered, const std::string &indexes, const std::string &labels, const egress_encap_key_t &key,
            const RouteKey *cause);
 
   int fd_;
+  bool ending_ = false;
   std::string lines_;
 };
 
