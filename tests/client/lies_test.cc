@@ -114,6 +114,29 @@ TEST_F(LiesTest, NoLieInASpillMakesAClientFault) {
   lie_in(at<clients::Spill>(bucket.spill), sizeof(clients::Spill), "spill");
 }
 
+TEST_F(LiesTest, AKeyBelowADamagedNodeIsRefused) {
+  a_ = client("a");
+  for (std::uint32_t i = 0; i < 20; ++i) {
+    enter(a_, key(100, 100 + i));
+  }
+  auto *const children = static_cast<std::uint64_t *>(egress_encap_db->tun_root);
+  const auto top = reinterpret_cast<std::uint64_t>(children);
+  for (const std::uint64_t lie : {top, top + 1, std::uint64_t{16}, ~std::uint64_t{15}}) {
+    for (const std::size_t side : {0U, 1U}) {
+      const int refused = in_copy([&] {
+        const std::uint64_t truth = std::exchange(children[side], lie);
+        int keys = 0;
+        for (std::uint32_t i = 0; i < 20; ++i) {
+          keys += encap_client_enter(a_, key(100, 100 + i), nullptr, nullptr) == 22 ? 1 : 0;
+        }
+        children[side] = truth;
+        _exit(keys);
+      });
+      EXPECT_GT(refused, 0) << std::hex << lie;
+    }
+  }
+}
+
 TEST_F(ClientTest, AChildThatClosesItsParentsClientsKeepsItsOwn) {
   encap_client_t *const a = client("a");
   const int end = in_child([&] {

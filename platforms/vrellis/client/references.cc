@@ -139,25 +139,26 @@ bool is_whole(const Found &found, const egress_encap_key_t &key) {
 
 int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_attributes_t &attributes,
                    encap_entry_t *entry) {
-  const Found found = look_up(key);
+  Found found;
+  const int status = look_up(key, &found);
   if (found.nh != nullptr) {
     fetch(bucket_of(ledger, found.nh->nh_index));
   }
-  if (!is_whole(found, key)) {
+  if (status != 0 || !is_whole(found, key)) {
     return EINVAL;
   }
   if (found.nh == nullptr) {
-    const int status = create(ledger, found, key, attributes, entry);
+    const int created = create(ledger, found, key, attributes, entry);
     settle_size(ledger);
-    return status;
+    return created;
   }
   entry->nh = found.nh->nh_index;
   entry->tunnel = found.tunnel->egr_tun;
   const Place place = place_of(ledger, entry->nh);
   if (place.holding == nullptr || fresh_of(*place.holding, ledger.epoch) == place.holding->held) {
-    const int status = share(ledger, place, entry->nh, entry);
+    const int shared = share(ledger, place, entry->nh, entry);
     settle_size(ledger);
-    return status;
+    return shared;
   }
   begin_change();
   renew_reference(ledger, *place.holding);

@@ -1,52 +1,33 @@
 #include "lookup.h"
 
-#include <cstring>
-
-#include "avl.h"
+#include "avl/versions.h"
+#include "search.h"
 
 namespace clients {
 namespace {
 
-constexpr std::size_t kKeyOffset = offsetof(mpls_nh_entry_t, key);
-static_assert(offsetof(mpls_tunnel_entry_t, key) == kKeyOffset);
-
-template <typename Word>
-Word word_of(const void *node, std::size_t offset) {
-  Word word;
-  std::memcpy(&word, static_cast<const char *>(node) + kKeyOffset + offset, sizeof word);
-  return word;
-}
-
-// The trees order keys by their bytes in memory. 0 before, 1 equal, 2 after.
-template <typename Word>
-int order(Word a, Word b) {
-  return static_cast<int>(a >= b) + static_cast<int>(a > b);
-}
-
-int compare_nhs(const void *a, const void *b) {
-  return order(__builtin_bswap64(word_of<std::uint64_t>(a, 0)), __builtin_bswap64(word_of<std::uint64_t>(b, 0)));
-}
-
-int compare_tunnels(const void *a, const void *b) {
-  const int labels = compare_nhs(a, b);
-  return labels != 1
-             ? labels
-             : order(__builtin_bswap32(word_of<std::uint32_t>(a, 8)), __builtin_bswap32(word_of<std::uint32_t>(b, 8)));
-}
+// Reads words that cannot change, since the database lock is held.
+struct LockedWords {
+  static const Extent &window() { return extent; }
+  static std::uint64_t word(std::uint64_t address) { return vrellis::avl::load_word(address); }
+  static std::uint32_t half(std::uint64_t address) { return vrellis::avl::load_half(address); }
+};
 
 }  // namespace
 
-Found look_up(const egress_encap_key_t &key) {
-  mpls_tunnel_entry_t tunnel_probe{};
-  std::memcpy(&tunnel_probe.key, reinterpret_cast<const char *>(&key) + sizeof(mpls_nh_key_t), sizeof tunnel_probe.key);
-  const auto *tunnel =
-      static_cast<mpls_tunnel_entry_t *>(avl_search(egress_encap_db->tun_root, &tunnel_probe, compare_tunnels));
-  if (tunnel == nullptr) {
-    return {nullptr, nullptr};
+int look_up(const egress_encap_key_t &key, Found *found) {
+  *found = {};
+  LockedWords words;
+  std::uint64_t tunnel = 0;
+  std::uint64_t nh = 0;
+  int status = search<mpls_tunnel_entry_t>(words, address_of(egress_encap_db->tun_root), tunnel_part(key), &tunnel);
+  if (status != 0 || tunnel == 0) {
+    return status;
   }
-  mpls_nh_entry_t nh_probe{};
-  std::memcpy(&nh_probe.key, &key, sizeof nh_probe.key);
-  return {tunnel, static_cast<mpls_nh_entry_t *>(avl_search(tunnel->nh_root, &nh_probe, compare_nhs))};
+  found->tunnel = at<mpls_tunnel_entry_t>(tunnel);
+  status = search<mpls_nh_entry_t>(words, address_of(found->tunnel->nh_root), nh_part(key), &nh);
+  found->nh = at<mpls_nh_entry_t>(nh);
+  return status;
 }
 
 bool is_possible(const egress_encap_key_t &key) {

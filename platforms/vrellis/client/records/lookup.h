@@ -14,8 +14,8 @@ struct Found {
   const mpls_nh_entry_t *nh;          // nullptr: the NH is not there
 };
 
-// Requires the database lock.
-Found look_up(const egress_encap_key_t &key);
+// Requires the database lock, and that no change is open. Returns: 0; EINVAL when a tree is damaged.
+int look_up(const egress_encap_key_t &key, Found *found);
 
 // Whether all bits outside the key's fields are 0.
 bool is_possible(const egress_encap_key_t &key);

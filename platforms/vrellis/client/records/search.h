@@ -1,4 +1,5 @@
-// What a look reads: trees and slots, whose words may change meanwhile or be damaged.
+// What a look reads, and a search under the lock: trees and slots, whose words may be damaged. Without the lock they may
+// change meanwhile, too.
 #ifndef VRELLIS_CLIENT_SEARCH_H
 #define VRELLIS_CLIENT_SEARCH_H
 
@@ -41,10 +42,19 @@ struct SearchKey {
   std::uint32_t last;  // 0 in the key of an NH
 };
 
-inline SearchKey first_of(const void *bytes) {
-  std::uint64_t first;
-  std::memcpy(&first, bytes, sizeof first);
-  return {__builtin_bswap64(first), 0};
+// The trees order keys by their bytes in memory. Eight bytes of a key, as a number of that order.
+inline std::uint64_t number_of(const char *bytes) {
+  std::uint64_t number;
+  std::memcpy(&number, bytes, sizeof number);
+  return __builtin_bswap64(number);
+}
+
+// The two parts of a full key.
+inline SearchKey nh_part(const egress_encap_key_t &key) {
+  return {number_of(reinterpret_cast<const char *>(&key)), 0};
+}
+inline SearchKey tunnel_part(const egress_encap_key_t &key) {
+  return {number_of(reinterpret_cast<const char *>(&key) + sizeof(mpls_nh_key_t)), __builtin_bswap32(key.ifh)};
 }
 
 template <typename Node>
@@ -52,7 +62,8 @@ inline constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
 
 inline constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
 
-// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
+// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the
+// tree is damaged, or has changed meanwhile.
 template <typename Node, typename Look>
 [[gnu::always_inline]] inline int search(Look &look, std::uint64_t node, const SearchKey &key, std::uint64_t *found) {
   constexpr std::uint64_t kFirst = offsetof(Node, key);
@@ -102,14 +113,11 @@ struct Seen {
 // encapsulation without its indexes is not there yet.
 template <typename Look>
 int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
-  const auto *const halves = reinterpret_cast<const char *>(&key);
-  SearchKey tunnel_key = first_of(halves + sizeof(mpls_nh_key_t));
-  tunnel_key.last = __builtin_bswap32(key.ifh);
   if (!look.watch(tunnel_field())) {
     return kAgain;
   }
   std::uint64_t tunnel = 0;
-  int status = search<mpls_tunnel_entry_t>(look, look.root_of_tunnels(), tunnel_key, &tunnel);
+  int status = search<mpls_tunnel_entry_t>(look, look.root_of_tunnels(), tunnel_part(key), &tunnel);
   if (status != 0 || tunnel == 0) {
     return status != 0 ? status : ENOENT;
   }
@@ -118,7 +126,7 @@ int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
     return kAgain;
   }
   std::uint64_t nh = 0;
-  status = search<mpls_nh_entry_t>(look, look.word(nhs), first_of(halves), &nh);
+  status = search<mpls_nh_entry_t>(look, look.word(nhs), nh_part(key), &nh);
   if (status != 0) {
     return status;
   }
