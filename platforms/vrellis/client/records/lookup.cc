@@ -1,6 +1,6 @@
 #include "lookup.h"
 
-#include "avl/versions.h"
+#include "avl/undo_view.h"
 #include "search.h"
 
 namespace clients {
