@@ -1,7 +1,7 @@
 // The trace file: its layout, for the writer and the reader, and its making, for the writer. For the services alone.
 //
 //        0  FileHeader: what the file is, clocks, losses, component names, one RingEntry for each ring
-//    16384  ring 0, then the others: words in blocks of 64; its space is reserved when the ring is first claimed
+//    16384  ring 0, then the others: words in blocks of 256; its space is reserved when the ring is first claimed
 //
 // A block:
 //        0  time stamp; a repetition of the last one when the block was opened in the midst of an operation
@@ -17,7 +17,7 @@
 //    |             ticks, bits 62-31          |0 |        ticks, bits 30-1        |1 |
 //
 // Writing: the words first, then RingEntry.head with release. Before the first word of a block is written, `head` is
-// published as that block's start: a reader that has read a word of block b sees a head of at least b * 64 afterwards,
+// published as that block's start: a reader that has read a word of block b sees a head of at least b * 256 afterwards,
 // so what it copied of block b - blocks is known to be lost, and all later blocks are known to be whole.
 #ifndef VRELLIS_LTRACE_FILE_H
 #define VRELLIS_LTRACE_FILE_H
@@ -36,8 +36,8 @@
 namespace vrellis {
 
 inline constexpr std::uint64_t kTraceMagic = 0x45434152544c5256;  // "VRLTRACE"
-inline constexpr std::uint32_t kTraceVersion = 1;
-inline constexpr std::uint32_t kBlockWords = 64;
+inline constexpr std::uint32_t kTraceVersion = 2;
+inline constexpr std::uint32_t kBlockWords = 256;
 inline constexpr std::uint32_t kBlockHeadWords = 2;
 inline constexpr std::uint32_t kMaxRings = 64;
 inline constexpr std::uint32_t kMinRingKib = 8;

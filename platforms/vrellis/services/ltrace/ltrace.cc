@@ -33,16 +33,6 @@ void store_word(std::uint64_t position, std::uint64_t value) {
   trace.ring->clocks = read_clocks();
 }
 
-// Brings the block after the open one into the nearest cache. Without this the stores to it would take long, and the
-// next lock operation would wait for all of them. Inlined by force, since g++ drops calls that only prefetch.
-[[gnu::always_inline]] inline void prefetch_next_block(const ThreadTrace &trace) {
-  const std::uint64_t *const next = trace.words + (trace.block_end & trace.ring_mask);
-  constexpr std::uint32_t kLineWords = 8;
-  for (std::uint32_t word = 0; word < kBlockWords; word += kLineWords) {
-    __builtin_prefetch(next + word, 1);
-  }
-}
-
 void open_block(ThreadTrace &trace) {
   const bool stamp_is_due = trace.limit == 0 || trace.stride == kStampWords;
   if (stamp_is_due) {
@@ -62,7 +52,6 @@ void open_block(ThreadTrace &trace) {
   store_shared(trace.ring->newest, trace.ticks);
   trace.head += kBlockHeadWords;
   trace.block_end += kBlockWords;
-  prefetch_next_block(trace);
   note_stamp(trace);
   trace.stride = kStampWords;
 }

@@ -116,6 +116,8 @@ std::uint64_t share_of_ring(std::span<const std::unique_ptr<TraceFile>> files) {
 
 TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files) {
   TraceMerge merge;
+  std::vector<std::vector<TraceRecord>> points;  // of each ring
+  std::size_t total = 0;
   const std::uint64_t share = share_of_ring(files);
   for (const auto &file : files) {
     std::vector<const TraceFile *> same_boot;
@@ -128,13 +130,18 @@ TraceMerge merge_traces(std::span<const std::unique_ptr<TraceFile>> files) {
     for (std::uint32_t ring = 0; ring < file->num_rings(); ++ring) {
       RingReport report;
       std::uint64_t orphans = 0;
-      const std::vector<TraceRecord> points = join_records(file->records(ring, clock, report, share), orphans);
+      points.push_back(join_records(file->records(ring, clock, report, share), orphans));
+      total += points.back().size();
       report.overwritten_records += orphans;
-      merge.events.insert(merge.events.end(), points.begin(), points.end());
       if (report.records != 0 || report.overwritten_words != 0 || report.damaged_blocks != 0) {
         merge.rings.push_back(report);
       }
     }
+  }
+  merge.events.reserve(total);
+  for (std::vector<TraceRecord> &one : points) {
+    merge.events.insert(merge.events.end(), one.begin(), one.end());
+    one = {};
   }
   std::stable_sort(merge.events.begin(), merge.events.end(),
                    [](const TraceRecord &a, const TraceRecord &b) { return a.time_ns < b.time_ns; });

@@ -24,7 +24,7 @@ constexpr std::uint64_t kBurstNs = 1000;
 constexpr int kTries = 8;
 
 // Blocks copied between two looks at the writer.
-constexpr std::uint64_t kCopyBlocks = 16;
+constexpr std::uint64_t kCopyBlocks = 4;
 static_assert(std::uint64_t{kMinRingKib} * 1024 / sizeof(std::uint64_t) % (kCopyBlocks * kBlockWords) == 0);
 
 // Reads up to `bytes` at `offset`; what the file does not have is zero.

@@ -3,6 +3,7 @@
 #define VRELLIS_LTRACE_THREAD_RING_H
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 
 #include "ltrace/file.h"
@@ -41,12 +42,23 @@ inline void note_stamp(ThreadTrace &trace) {
   trace.limit = std::min(trace.block_end, trace.head + trace.stride);
 }
 
+// Brings what the next operations write to into the nearest cache: an operation's records take three to eight lines.
+// Without this the stores would take long, and the next lock operation would wait for all of them. Inlined by force,
+// since g++ drops calls that only prefetch.
+[[gnu::always_inline]] inline void prefetch_behind(const std::uint64_t *word) {
+  constexpr std::ptrdiff_t kLineWords = 8;
+  for (std::ptrdiff_t line = 4; line < 8; ++line) {
+    __builtin_prefetch(word + line * kLineWords, 1);
+  }
+}
+
 // Writes a time stamp where the next record was to go. Requires a ring, and room in the open block.
 inline void put_stamp(ThreadTrace &trace) {
   const std::uint64_t position = trace.head;
   auto *word = reinterpret_cast<std::uint64_t *>(trace.origin + position * sizeof(std::uint64_t));
   trace.ticks = read_ticks();
   store_shared(*word, stamp_of(trace.ticks));
+  prefetch_behind(word);
   trace.head = position + 1;
   note_stamp(trace);
 }
