@@ -177,6 +177,9 @@ TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
   EXPECT_TRUE(has(load(eth0).err, "another user may write to it"));
   EXPECT_EQ(on_window({"destroy"}).status, 0);
   EXPECT_NE(access(numbers.c_str(), F_OK), 0);
+  std::ofstream(path()) << "no window";
+  EXPECT_EQ(load(eth0).status, 2);
+  EXPECT_NE(access(numbers.c_str(), F_OK), 0) << "a refused window leaves no numbers behind";
 }
 
 // Seen from another PID namespace, the attached processes cannot be told to be dead.

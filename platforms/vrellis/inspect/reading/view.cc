@@ -149,13 +149,14 @@ std::optional<View> View::open_head(const char *path, std::string *error) {
 }
 
 std::optional<View> View::open_path(const char *path, unsigned readings, std::uint64_t most, std::string *error) {
+  // Other users can make a link in the directory of a window; the path of a snapshot is the caller's own.
+  const bool follows_links = readings < 2;
   struct stat status {};
-  if (stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {  // opening a device may already act on it
-    fail(error, "'" + std::string(path) + "' is no regular file, a window is");
+  if ((follows_links ? stat(path, &status) : lstat(path, &status)) == 0 && !S_ISREG(status.st_mode)) {
+    fail(error, "'" + std::string(path) + "' is no regular file, a window is");  // opening a device may act on it
     return std::nullopt;
   }
-  // Other users can make a link in the directory of a window; the path of a snapshot is the caller's own.
-  const File file(path, readings < 2 ? 0 : O_NOFOLLOW);
+  const File file(path, follows_links ? 0 : O_NOFOLLOW);
   if (file.fd() < 0 || fstat(file.fd(), &status) != 0) {
     fail(error, "cannot open '" + std::string(path) + "': " + std::strerror(errno));
     return std::nullopt;

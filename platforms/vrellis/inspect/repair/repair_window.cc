@@ -1,10 +1,12 @@
 // A repair of the window that a configuration names: attached for that time, its lock made anew if it is lost.
-#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "mend.h"
 #include "reading/lock_word.h"
@@ -17,17 +19,14 @@ std::string path_of(const encap_db_config_t &config) {
   return std::string(config.directory != nullptr ? config.directory : "/dev/shm") + "/" + config.name;
 }
 
-// The window's id, as its file has it. Returns: 0 or an errno value.
-int read_id(const std::string &path, std::uint32_t *shm_id) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) {
-    return errno;
+// The window's id, as its file has it; 0 when the file is no window.
+std::uint32_t id_in(const std::string &path) {
+  const std::optional<View> head = View::open_head(path.c_str(), nullptr);
+  vrellis::WindowHeader header{};
+  if (head) {
+    std::memcpy(&header, head->bytes().data(), std::min<std::size_t>(head->size(), 64));
   }
-  vrellis::WindowHeader header;
-  const ssize_t got = pread(fd, &header, 64, 0);
-  close(fd);
-  *shm_id = header.shm_id;
-  return got == 64 && header.magic == vrellis::kWindowMagic ? 0 : EINVAL;
+  return header.magic == vrellis::kWindowMagic ? header.shm_id : 0;
 }
 
 // Whether this process has the file at `path` attached as window `shm_id`.
@@ -94,12 +93,13 @@ void put_first(const RepairResult &lock, RepairResult *result) {
 RepairResult repair_window(const encap_db_config_t &config, const RepairOptions &options) {
   RepairResult result;
   const std::string path = path_of(config);
-  std::uint32_t shm_id = 0;
-  result.status = read_id(path, &shm_id);
-  if (result.status != 0) {
-    result.error = "'" + path + "' cannot be read as a window: " + std::strerror(result.status);
+  struct stat file {};
+  if (lstat(path.c_str(), &file) != 0 || (S_ISREG(file.st_mode) && file.st_size == 0)) {
+    result.status = ENOENT;  // a claim would make the file, or remove the empty one
+    result.error = "there is no window '" + path + "'";
     return result;
   }
+  const std::uint32_t shm_id = id_in(path);
   if (is_attached(shm_id, path)) {
     return repair(shm_id, options);
   }

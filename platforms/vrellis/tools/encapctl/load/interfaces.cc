@@ -46,6 +46,9 @@ Interfaces::Interfaces(const std::string &window_path, const encap_inspect::Owne
 }
 
 Interfaces::~Interfaces() {
+  if (is_empty_) {
+    unlink(path_.c_str());
+  }
   close(fd_);
 }
 
@@ -79,6 +82,9 @@ void Interfaces::check_file(const encap_inspect::Owner &owner) {
     }
     usleep(kLockPause);
   }
+  if (fstat(fd_, &status) != 0 || status.st_nlink == 0) {
+    fail("another process has removed it");
+  }
 }
 
 void Interfaces::read() {
@@ -89,6 +95,7 @@ void Interfaces::read() {
   }
   // A process that died while it appended has left a part of a line.
   text.resize(text.rfind('\n') + 1);
+  is_empty_ = text.empty();
   if (ftruncate(fd_, static_cast<off_t>(text.size())) != 0) {
     fail(std::strerror(errno));
   }
@@ -143,6 +150,7 @@ void Interfaces::save() {
   if (lseek(fd_, 0, SEEK_END) < 0 || write(fd_, fresh_.data(), fresh_.size()) != static_cast<ssize_t>(fresh_.size())) {
     fail(std::strerror(errno));
   }
+  is_empty_ = is_empty_ && fresh_.empty();
   fresh_.clear();
 }
 

@@ -10,7 +10,7 @@ namespace encapctl {
 
 // A listing has names, a key has a number. So that a name has the same number in every listing that is loaded, the
 // pairs are kept in a file beside the window, WINDOW.interfaces: a line "0x1000000 eth0" each, which only ever grows.
-// The file is locked for the life of this object.
+// The file is locked for the life of this object, and does not stay when nothing was ever stored in it.
 class Interfaces {
  public:
   // Throws Failure when the file cannot be used: it is no regular file, another user may write to it, another process
@@ -41,7 +41,8 @@ class Interfaces {
   int fd_;
   std::map<std::string, std::uint32_t> number_;
   std::map<std::uint32_t, std::string> name_;
-  std::string fresh_;  // lines to append
+  std::string fresh_;      // lines to append
+  bool is_empty_ = false;  // the file
 };
 
 }  // namespace encapctl

@@ -73,15 +73,13 @@ route_file::RouteFile read_routes(const std::string &path) {
 }
 
 // Gives each hop the number that its interface has in every listing.
-void number_interfaces(const LoadOptions &options, route_file::RouteFile &routes) {
-  Interfaces interfaces(options.window.path(), options.window.owner);
+void number_interfaces(const LoadOptions &options, Interfaces &interfaces, route_file::RouteFile &routes) {
   for (const std::string &pair : options.interfaces) {
     interfaces.set(pair);
   }
   for (route_file::Hop &hop : routes.hops) {
     hop.ifh = interfaces.number_of(hop.dev);
   }
-  interfaces.save();
 }
 
 void print(const LoadOptions &options, bool created, const route_file::RouteFile &routes, const Loaded &loaded) {
@@ -120,13 +118,16 @@ void print(const LoadOptions &options, bool created, const route_file::RouteFile
   }
 }
 
-Loaded enter_all(const LoadOptions &options, const std::vector<route_file::Hop> &hops, int *created) {
+// The numbers are stored once the database is open: a refused one leaves no file of numbers behind.
+Loaded enter_all(const LoadOptions &options, Interfaces &interfaces, const std::vector<route_file::Hop> &hops,
+                 int *created) {
   const encap_db_config_t config = encap_inspect::config_of(
       options.window.directory.c_str(), options.window.name.c_str(), options.ranges, options.window.owner);
   shmwin_error_t error{};
   if (encap_db_open(&config, created, &error) != 0) {
     throw Failure(error.text);
   }
+  interfaces.save();
   Loader loader;
   Progress progress("entering routes", hops.size());
   for (const route_file::Hop &hop : hops) {
@@ -139,14 +140,17 @@ Loaded enter_all(const LoadOptions &options, const std::vector<route_file::Hop> 
 
 int run(LoadOptions &options) {
   route_file::RouteFile routes = read_routes(options.routes);
-  number_interfaces(options, routes);
+  Interfaces interfaces(options.window.path(), options.window.owner);
+  number_interfaces(options, interfaces, routes);
   int created = 0;
   Loaded loaded;
   if (options.client.empty()) {
-    loaded = enter_all(options, routes.hops, &created);
+    loaded = enter_all(options, interfaces, routes.hops, &created);
   } else {
     created = access(options.window.path().c_str(), F_OK) != 0 ? 1 : 0;
-    loaded = load_as(AsClient(options.window, options.ranges, options.client).get(), routes.hops);
+    const AsClient client(options.window, options.ranges, options.client);
+    interfaces.save();
+    loaded = load_as(client.get(), routes.hops);
   }
   print(options, created != 0, routes, loaded);
   return loaded.refused == 0 && routes.refused == 0 ? kDone : kFindings;
