@@ -20,12 +20,12 @@
 namespace encapd_tests {
 namespace {
 
-class DaemonTest : public test_support::ClientTest {
+class DaemonTest : public EncapdTest {
  protected:
   void TearDown() override {
     end(SIGKILL);
     disconnect();
-    ClientTest::TearDown();
+    EncapdTest::TearDown();
   }
 
   std::string path(const char *name) const { return directory_ + "/" + name; }
@@ -119,14 +119,10 @@ class DaemonTest : public test_support::ClientTest {
     config_.tun_start = 1;
     config_.tun_size = 16384;
     encap_client_t *const watch = client("watch");
-    encap_client_info_t all[4]{};
-    std::uint32_t count = 0;
-    EXPECT_EQ(encap_client_list(watch, all, 4, &count), 0);
-    std::string error;
-    const auto view = encap_inspect::View::open_live(directory_.c_str(), "encaps", &error);
-    EXPECT_TRUE(view && encap_inspect::check(*view).sound()) << error;
+    const encap_client_info_t info = info_of_encapd(watch);
+    expect_sound();
     leave(watch);
-    return std::string_view(all[0].name) == "fpm" ? all[0] : all[1];
+    return info;
   }
 
   static Buffer flood(std::uint32_t routes) {

@@ -19,11 +19,39 @@ using router::Buffer, router::frame, router::named, router::route, router::withd
 using Key = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>;
 using References = std::map<Key, std::uint32_t>;
 
-class FeedTest : public test_support::ClientTest {
+class EncapdTest : public test_support::ClientTest {
+ protected:
+  void expect_sound() {
+    std::string error;
+    const auto view = encap_inspect::View::open_live(directory_.c_str(), "encaps", &error);
+    ASSERT_TRUE(view) << error;
+    EXPECT_TRUE(encap_inspect::check(*view).sound());
+  }
+
+  // What the database says of the client that encapd is, told to another one; zeroes when it has left.
+  static encap_client_info_t info_of_encapd(encap_client_t *teller) {
+    encap_client_info_t info[4]{};
+    std::uint32_t count = 0;
+    EXPECT_EQ(encap_client_list(teller, info, 4, &count), 0);
+    for (const encap_client_info_t &each : info) {
+      if (std::string_view(each.name) == "fpm") {
+        return each;
+      }
+    }
+    return {};
+  }
+};
+
+class FeedTest : public EncapdTest {
  protected:
   void SetUp() override {
     ClientTest::SetUp();
     encapd::set_level(encapd::Level::kError);
+  }
+
+  void TearDown() override {
+    feed_.reset();
+    EncapdTest::TearDown();
   }
 
   void start(std::optional<std::chrono::milliseconds> settle = 30s) {
@@ -75,27 +103,7 @@ class FeedTest : public test_support::ClientTest {
     return result;
   }
 
-  void expect_sound() {
-    std::string error;
-    const auto view = encap_inspect::View::open_live(directory_.c_str(), "encaps", &error);
-    ASSERT_TRUE(view) << error;
-    EXPECT_TRUE(encap_inspect::check(*view).sound());
-  }
-
-  encap_client_info_t info_of(const char *name) {
-    encap_client_info_t info[4]{};
-    std::uint32_t count = 0;
-    EXPECT_EQ(encap_client_list(client_, info, 4, &count), 0);
-    for (const encap_client_info_t &each : info) {
-      if (std::string_view(each.name) == name) {
-        return each;
-      }
-    }
-    ADD_FAILURE() << name << " is no client";
-    return {};
-  }
-
-  std::uint64_t stale() { return info_of("fpm").stale; }
+  std::uint64_t stale() { return info_of_encapd(client_).stale; }
 
   encap_client_t *client_ = nullptr;
   encapd::Events events_{-1};

@@ -211,9 +211,9 @@ TEST_F(FeedTest, ThoseThatWaitTakeTurnsAndNoTickTriesAll) {
   for (std::uint32_t i = 0; i < kWaiting; ++i) {
     send(frame({route("10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24", {{{1000 + i}}})}));
   }
-  EXPECT_EQ(info_of("fpm").refused, kWaiting);
+  EXPECT_EQ(info_of_encapd(client_).refused, kWaiting);
   feed_->tick(now_);
-  EXPECT_EQ(info_of("fpm").refused, kWaiting + kTriesAtTick);
+  EXPECT_EQ(info_of_encapd(client_).refused, kWaiting + kTriesAtTick);
   EXPECT_EQ(feed_->counters().no_room, kWaiting);
   release(other, only);
   feed_->tick(now_);

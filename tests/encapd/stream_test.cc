@@ -144,13 +144,7 @@ class Model {
   std::map<std::uint32_t, Object> objects_;
 };
 
-class StreamTest : public FeedTest {
- protected:
-  void TearDown() override {
-    feed_.reset();
-    FeedTest::TearDown();
-  }
-};
+class StreamTest : public FeedTest {};
 
 TEST_F(StreamTest, EveryReferenceIsCountedWhateverChangesAndBreaks) {
   const std::uint32_t seed = std::random_device{}();

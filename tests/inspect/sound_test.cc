@@ -69,28 +69,5 @@ TEST_F(SoundTest, WhatCallersMayChooseIsANoteAtMost) {
   expect_mended({.drop_unreferenced = true});
 }
 
-TEST_F(SoundTest, DecodesWhatTheLibraryEntered) {
-  fill(3, 4);
-  const View view = View::copy_of(window_, bytes_);
-  const Database seen = decode(view);
-  ASSERT_TRUE(seen.usable);
-  EXPECT_EQ(seen.tunnels.size(), 5U);  // the null tunnel of two interfaces
-  EXPECT_EQ(seen.heap.nodes40, 16U);
-  EXPECT_EQ(seen.heap.nodes56, 5U);
-  EXPECT_EQ(seen.heap.arrays, 2U);
-  ASSERT_EQ(seen.processes.size(), 1U);
-  EXPECT_EQ(seen.processes[0].pid, getpid());
-  for (const auto &[index, entry] : entered_) {
-    const std::uint32_t number = seen.node_of_slot[index - seen.nh_start];
-    ASSERT_NE(number, kNoNode);
-    const NhNode &nh = seen.nhs[number];
-    const TunnelNode &tunnel = seen.tunnels[nh.tunnel];
-    const auto *const key = reinterpret_cast<const std::uint8_t *>(&entry.key);
-    EXPECT_EQ(std::memcmp(&nh.key, key, sizeof nh.key), 0);
-    EXPECT_EQ(std::memcmp(&tunnel.key, key + sizeof nh.key, sizeof tunnel.key), 0);
-    EXPECT_EQ(tunnel.egr_tun, entry.tunnel);
-  }
-}
-
 }  // namespace
 }  // namespace inspect_tests

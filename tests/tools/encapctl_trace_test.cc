@@ -3,80 +3,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <set>
 
-#include "diag/catalogue.h"
 #include "encap_db_owner.h"
 #include "encapctl_fixture.h"
-#include "ltrace.h"
 
 namespace encapctl_test {
 namespace {
-
-// Writes a record of a point as the library would, with the values 5001, 5002 and so on.
-void write_record(const ed_catalogue_row_t &row) {
-  constexpr std::uint64_t kFixedBits = 0x780000000;
-  for (std::uint32_t from = 0; from == 0 || from < row.num_values; from += 7) {
-    std::uint64_t v[7];
-    for (std::uint32_t i = 0; i < 7; ++i) {
-      v[i] = 5001 + from + i;
-    }
-    const std::uint64_t header = kFixedBits | (from / 7) << 28 | row.id;
-    switch (row.num_values - from) {
-      case 0:
-      case 1:
-        _ltrace_1(0, header, v[0]);
-        break;
-      case 2:
-        _ltrace_2(0, header, v[0], v[1]);
-        break;
-      case 3:
-        _ltrace_3(0, header, v[0], v[1], v[2]);
-        break;
-      case 4:
-        _ltrace_4(0, header, v[0], v[1], v[2], v[3]);
-        break;
-      case 5:
-        _ltrace_5(0, header, v[0], v[1], v[2], v[3], v[4]);
-        break;
-      case 6:
-        _ltrace_6(0, header, v[0], v[1], v[2], v[3], v[4], v[5]);
-        break;
-      default:
-        _ltrace_7(0, header, v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
-    }
-  }
-}
-
-// Which value of each point is an NH index, counted from 1, read off the messages by hand.
-const std::map<int, int> kNhValues = {
-    {18, 1}, {19, 1}, {22, 2}, {24, 1}, {25, 1}, {26, 1}, {27, 1},  {28, 1},  {32, 1},  {33, 1},  {34, 1},
-    {38, 1}, {40, 4}, {43, 1}, {45, 4}, {46, 1}, {49, 2}, {50, 11}, {52, 1},  {58, 1},  {64, 1},  {69, 1},
-    {70, 1}, {71, 1}, {72, 1}, {74, 1}, {76, 1}, {78, 1}, {79, 1},  {82, 2},  {83, 2},  {84, 1},  {85, 1},
-    {87, 1}, {88, 1}, {89, 9}, {90, 9}, {91, 6}, {97, 1}, {99, 1},  {100, 9}, {101, 9}, {102, 9}, {103, 6}};
-const std::map<int, int> kTunnelValues = {{20, 1},   {21, 1},  {22, 1},  {23, 1}, {25, 2}, {29, 1},   {30, 1},
-                                          {31, 1},   {37, 1},  {40, 5},  {42, 1}, {45, 5}, {50, 12},  {51, 1},
-                                          {89, 10},  {90, 10}, {91, 7},  {92, 1}, {93, 1}, {100, 10}, {101, 10},
-                                          {102, 10}, {103, 7}, {104, 1}, {105, 1}};
-
-TEST_F(EncapctlTest, EveryPointTellsWhichNhAndTunnelItIsAbout) {
-  const Child writer = fork_child([](const Ready &) {
-    for (std::uint32_t id = 0; id < encap_catalogue.num_rows; ++id) {
-      write_record(encap_catalogue.row[id]);
-    }
-  });
-  const auto expected = [](const std::map<int, int> &values, int id) {
-    const auto value = values.find(id);
-    return value == values.end() ? Json(nullptr) : Json(5000 + value->second);
-  };
-  const std::vector<Json> records = encapctl({"trace", writer.pid(), "--json"}).objects();
-  ASSERT_EQ(records.size(), encap_catalogue.num_rows);
-  for (const Json &record : records) {
-    EXPECT_EQ(record.at("nh"), expected(kNhValues, record.at("id"))) << record.dump();
-    EXPECT_EQ(record.at("tunnel"), expected(kTunnelValues, record.at("id"))) << record.dump();
-  }
-}
 
 // The whole life of NH 1007, and a lookup that finds nothing with its index left over in the record.
 void live_and_die() {
