@@ -8,9 +8,8 @@ namespace {
 constexpr std::uint32_t kMostMoved = 64;
 
 void store(Holding &place, const Holding &holding) {
-  put(place.nh, holding.nh);
-  put(place.held, holding.held);
-  put(place.marks, holding.marks);
+  note_record(place);
+  place = holding;
 }
 
 }  // namespace

@@ -47,19 +47,19 @@ bool has_waiting(const IndexQueue &queue, const Kind &kind) {
 // Takes the index that waited longest off the queue. Requires one that waits.
 void take_oldest(IndexQueue &queue) {
   auto *const page = at<QueuePage>(queue.oldest);
-  put(queue.waiting, queue.waiting - 1);
+  note_fields(queue.take, queue.waiting);
+  --queue.waiting;
+  ++queue.take;
   if (queue.waiting == 0) {
     put(queue.oldest, std::uint64_t{0});
     put(queue.newest, std::uint64_t{0});
-    put(queue.take, 0U);
-    shmwin_free(page);
-  } else if (queue.take + 1 == kPageIndexes) {
+  } else if (queue.take == kPageIndexes) {
     put(queue.oldest, page->next);
-    put(queue.take, 0U);
-    shmwin_free(page);
   } else {
-    put(queue.take, queue.take + 1);
+    return;
   }
+  queue.take = 0;
+  shmwin_free(page);
 }
 
 // The first free index from `from` on; the end of the range when there is none.
@@ -146,8 +146,9 @@ void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
     page = more;
   }
   put(page->index[queue.put], index);
-  put(queue.put, queue.put + 1);
-  put(queue.waiting, queue.waiting + 1);
+  note_fields(queue.put, queue.waiting);
+  ++queue.put;
+  ++queue.waiting;
 }
 
 }  // namespace

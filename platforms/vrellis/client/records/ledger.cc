@@ -120,20 +120,19 @@ Place place_of(Ledger &ledger, std::uint32_t nh) {
 
 std::uint32_t add_reference(Ledger &ledger, const Place &place, std::uint32_t nh) {
   Holding *const holding = place.holding;
-  std::uint32_t held = 1;
-  if (holding == nullptr) {
-    if (!append(*place.bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
-      return 0;
-    }
-    put(ledger.nhs, ledger.nhs + 1);
-  } else {
-    held = holding->held + 1;
-    put(holding->held, held);
-    put(holding->marks, marks_of(ledger.epoch, fresh_of(*holding, ledger.epoch) + 1));
+  if (holding == nullptr && !append(*place.bucket, {nh, 1, marks_of(ledger.epoch, 1)})) {
+    return 0;
   }
-  put(ledger.held, ledger.held + 1);
-  put(ledger.fresh, ledger.fresh + 1);
-  return held;
+  if (holding != nullptr) {
+    note_fields(holding->held, holding->marks);
+    ++holding->held;
+    holding->marks = marks_of(ledger.epoch, fresh_of(*holding, ledger.epoch) + 1);
+  }
+  note_fields(ledger.nhs, ledger.fresh);
+  ledger.nhs += holding == nullptr ? 1 : 0;
+  ++ledger.held;
+  ++ledger.fresh;
+  return holding == nullptr ? 1 : holding->held;
 }
 
 std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first) {
@@ -141,19 +140,17 @@ std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first) {
   const std::uint32_t held = holding->held - 1;
   const std::uint32_t fresh = fresh_of(*holding, ledger.epoch);
   const bool drops_fresh = fresh != 0 && (first == First::kFresh || fresh == holding->held);
-  if (drops_fresh) {
-    put(ledger.fresh, ledger.fresh - 1);
-  }
-  put(ledger.held, ledger.held - 1);
+  note_fields(ledger.nhs, ledger.fresh);
+  ledger.nhs -= held == 0 ? 1 : 0;
+  --ledger.held;
+  ledger.fresh -= drops_fresh ? 1 : 0;
   if (held == 0) {
-    put(ledger.nhs, ledger.nhs - 1);
     remove(*place.bucket, holding);
     return 0;
   }
-  put(holding->held, held);
-  if (drops_fresh) {
-    put(holding->marks, marks_of(ledger.epoch, fresh - 1));
-  }
+  note_fields(holding->held, holding->marks);
+  holding->held = held;
+  holding->marks = drops_fresh ? marks_of(ledger.epoch, fresh - 1) : holding->marks;
   return held;
 }
 

@@ -25,10 +25,17 @@ inline void put(std::uint64_t &word, std::uint64_t value) {
   avl_change_put(&word, value);
 }
 
-// Notes a record that changes inside the open change.
+// Note a record, or fields of one that lie side by side, before they are changed by plain stores: fewer calls than a
+// put() for each word. Require an open change.
+template <typename First, typename Last>
+void note_fields(const First &first, const Last &last) {
+  const auto *const begin = reinterpret_cast<const std::uint32_t *>(&first);
+  const auto *const end = reinterpret_cast<const std::uint32_t *>(&last + 1);
+  avl_change_note(begin, static_cast<std::size_t>(end - begin));
+}
 template <typename Record>
 void note_record(const Record &record) {
-  avl_change_note(reinterpret_cast<const std::uint32_t *>(&record), sizeof record / sizeof(std::uint32_t));
+  note_fields(record, record);
 }
 
 // The database of this process and its window's heap, from when a client of this process opened it. None of it changes

@@ -21,10 +21,29 @@ int avl_change_begin(void **root) {
   return 0;
 }
 
+// Two words that lie in one of 8 bytes are one entry, and one store adds all entries.
 void avl_change_note(const uint32_t *words, size_t count) {
-  for (const uint32_t *word = words; word != words + count; ++word) {
-    note(address_of(word) | kHalf, *word);
+  UndoLog &log = undo_log_of(*open_change.map);
+  const Word begin = log.count;
+  check_room(begin, count);
+  UndoEntry *entry = &log.entries[begin];
+  const auto add = [&entry](Word named, Word old) {
+    store(&entry->address, named);
+    store(&entry->old, old);
+    ++entry;
+  };
+  const uint32_t *const end = words + count;
+  if (words != end && address_of(words) % sizeof(Word) != 0) {
+    add(address_of(words) | kHalf, *words);
+    ++words;
   }
+  for (; end - words > 1; words += 2) {
+    add(address_of(words) | kWord, *word_at(address_of(words)));
+  }
+  if (words != end) {
+    add(address_of(words) | kHalf, *words);
+  }
+  store(&log.count, static_cast<Word>(entry - log.entries));
 }
 
 void avl_change_put_half(uint32_t *word, uint32_t value) {

@@ -74,14 +74,19 @@ inline bool is_unsettled(const WindowMap *map) {
   return map != nullptr && undo_log_of(*map).count != 0 && open_change.map == nullptr;
 }
 
+// Ends the process when the bound above is wrong: a word that is not noted could not be taken back.
+inline void check_room(Word used, std::size_t entries) {
+  if (used + entries > kUndoCapacity) [[unlikely]] {
+    __builtin_trap();
+  }
+}
+
 // Adds entries to the log of the open change, all by one store.
 template <std::size_t kEntries>
 inline void note_all(const UndoEntry (&entries)[kEntries]) {
   UndoLog &log = undo_log_of(*open_change.map);
   const Word count = log.count;
-  if (count > kUndoCapacity - kEntries) [[unlikely]] {
-    __builtin_trap();  // the bound above is wrong: a word that is not noted could not be taken back
-  }
+  check_room(count, kEntries);
   for (std::size_t i = 0; i < kEntries; ++i) {
     store(&log.entries[count + i].address, entries[i].address);
     store(&log.entries[count + i].old, entries[i].old);
