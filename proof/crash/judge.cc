@@ -173,6 +173,11 @@ void Judge::play(const Image &image, std::size_t trial) {
 bool Judge::repairs(const Survivor &survivor) const {
   const encap_inspect::RepairResult repaired = encap_inspect::repair(kWindowId);
   std::string wrong = repaired.status != 0 ? repaired.error : text_of(repaired.after, Findings::kBeyondNotes);
+  for (const encap_inspect::Finding &finding : repaired.before.findings) {
+    if (encap_inspect::severity_of(finding.kind) == encap_inspect::Severity::kDamage) {
+      wrong += "called damage, which no death leaves: " + finding.text + ' ';
+    }
+  }
   for (const auto &[key, nh] : expected_.untouched()) {
     const auto calls_it = [nh = nh](const Call &call) { return call.operation.nh == nh; };
     const egr_nh_info_t &slot = egress_encap_db->nh_info_array[nh - kNhStart];

@@ -10,6 +10,12 @@ namespace {
 
 using vrellis::avl::Link;
 
+struct Damage {
+  const char *kind;
+  std::function<void()> make;
+  const char *says = "";  // part of the sentence
+};
+
 class DamageTest : public InspectTest {
  protected:
   void SetUp() override {
@@ -52,80 +58,88 @@ class DamageTest : public InspectTest {
     return reinterpret_cast<vrellis::PageDescriptor *>(window_ + shape.descriptors)[offset / vrellis::kPageBytes];
   }
 
+  std::vector<Damage> of_trees_and_slots() {
+    mpls_tunnel_entry_t *const top = tunnel_node();
+    auto *const nh_top = static_cast<mpls_nh_entry_t *>(top->nh_root);
+    const std::uint32_t index = nh_top->nh_index;
+    return {
+        {"pointer-outside", [=, this] { link(top)->child[0] = 0x10; }},
+        {"pointer-outside", [=, this] { link(nh_top)->child[1] += 8; }},
+        {"pointer-outside", [=, this] { db().tun_root = window_; }},
+        {"tree-cycle", [=, this] { link(nh_top)->child[1] = reinterpret_cast<Address>(nh_top); }},
+        {"tree-balance", [=, this] { link(nh_top)->up ^= 1; }},
+        {"tree-parent", [=, this] { link(reinterpret_cast<void *>(link(nh_top)->child[0]))->up += 64; }},
+        {"tree-order", [=, this] { std::swap(link(nh_top)->child[0], link(nh_top)->child[1]); }},
+        {"root-field", [=, this] { link(nh_top)->up += 64; }},
+        {"tree-lost", [=, this] { top->nh_root = nullptr; }},
+        {"tree-lost", [=, this] { db().tun_root = nullptr; }},
+        {"slot-node-mismatch", [=, this] { nh(index).ifh ^= 0x40; }},
+        {"slot-node-mismatch", [=, this] { nh(index).out_label1 ^= 1; }},
+        {"duplicate-index",
+         [=, this] {
+           auto *other = reinterpret_cast<mpls_nh_entry_t *>(link(nh_top)->child[0]);
+           entered_.erase(other->nh_index);
+           std::memset(&nh(other->nh_index), 0, sizeof(egr_nh_info_t));
+           other->nh_index = index;
+         }},
+        {"node-without-slot",
+         [=, this] {
+           std::memset(&nh(index), 0, sizeof(egr_nh_info_t));
+           entered_.erase(index);
+         }},
+        {"slot-half-filled",
+         [=, this] {
+           nh(index).valid = 0;
+           entered_.erase(index);
+         }},
+        {"slot-residue", [=, this] { nh(160).seed_nh = 1; }},
+        {"slot-without-node", [=, this] { nh(160).valid = 1; }},
+        {"tunnel-slot-residue", [=, this] { tunnel(15).out_label2 = 1; }},
+        {"tunnel-slot-without-node", [=, this] { tunnel(15).valid = 1; }},
+        {"tunnel-index-mismatch", [=, this] { top->egr_tun ^= 1; }},
+        {"tunnel-without-slot", [=, this] { tunnel(top->egr_tun).valid = 0; }},
+        {"tunnel-slot-mismatch", [=, this] { tunnel(top->egr_tun).out_label2 ^= 5; }},
+        {"tunnel-count", [=, this] { tunnel(top->egr_tun).ref_count += 5; }},
+        {"null-tunnel-count", [=, this] { tunnel(0).ref_count -= 5; }},
+        {"node-residue", [=, this] { nh_top->spare = 1; }},
+        {"node-residue", [=, this] { top->zero[2] = 1; }},
+    };
+  }
+
+  std::vector<Damage> of_the_heap_and_the_log() {
+    mpls_tunnel_entry_t *const top = tunnel_node();
+    void *const nh_top = top->nh_root;
+    return {
+        {"block-not-taken", [=, this] { page_of(nh_top).used[0] &= ~std::uint64_t{2}; }},
+        {"block-not-taken", [=, this] { page_of(top).state = 0; }},
+        {"block-not-taken", [=, this] { page_of(db().nh_info_array).state = 0; }},
+        {"heap-page", [=, this] { page_of(nh_top).used[1] |= std::uint64_t{1} << 60; }},
+        {"heap-page", [=, this] { page_of(window_ + bytes_ - 1).state = 77; }},
+        {"heap-hint", [=, this] { std::memset(window_ + sizeof(vrellis::WindowHeader), 0, 24); }},
+        {"block-unreachable", [=, this] { page_of(nh_top).used[1] |= std::uint64_t{1} << 20; }},
+        {"heap-count", [=, this] { window_header().pages_used = 0; }},
+        {"undo-log-in-use",
+         [=, this] {
+           std::uint64_t *const word = &link(top)->up;
+           const Address log[] = {1, reinterpret_cast<Address>(&db().tun_root), reinterpret_cast<Address>(word), *word};
+           std::memcpy(window_header().tree_area, log, sizeof log);
+           *word ^= 3;
+         }},
+        {"undo-log-damaged",
+         [=, this] {
+           std::memset(window_header().tree_area, 1, 1), std::memset(window_header().tree_area + 16, 9, 8);
+         }},
+        {"undo-log-damaged", [=, this] { std::memset(window_header().tree_area, 255, 8); }},
+    };
+  }
+
   std::vector<std::uint8_t> pristine_;
   std::map<std::uint32_t, Entered> fresh_;
 };
 
-struct Damage {
-  const char *kind;
-  std::function<void()> make;
-  const char *says = "";  // part of the sentence
-};
-
 TEST_F(DamageTest, EachIsNamedAndMendedAndNothingElseIsTouched) {
-  mpls_tunnel_entry_t *top = tunnel_node();
-  auto *nh_top = static_cast<mpls_nh_entry_t *>(top->nh_root);
-  const std::uint32_t index = nh_top->nh_index;
-  const Damage damages[] = {
-      {"pointer-outside", [&] { link(top)->child[0] = 0x10; }},
-      {"pointer-outside", [&] { link(nh_top)->child[1] += 8; }},
-      {"pointer-outside", [&] { db().tun_root = window_; }},
-      {"tree-cycle", [&] { link(nh_top)->child[1] = reinterpret_cast<Address>(nh_top); }},
-      {"tree-balance", [&] { link(nh_top)->up ^= 1; }},
-      {"tree-parent", [&] { link(reinterpret_cast<void *>(link(nh_top)->child[0]))->up += 64; }},
-      {"tree-order", [&] { std::swap(link(nh_top)->child[0], link(nh_top)->child[1]); }},
-      {"root-field", [&] { link(nh_top)->up += 64; }},
-      {"tree-lost", [&] { top->nh_root = nullptr; }},
-      {"tree-lost", [&] { db().tun_root = nullptr; }},
-      {"slot-node-mismatch", [&] { nh(index).ifh ^= 0x40; }},
-      {"slot-node-mismatch", [&] { nh(index).out_label1 ^= 1; }},
-      {"duplicate-index",
-       [&] {
-         auto *other = reinterpret_cast<mpls_nh_entry_t *>(link(nh_top)->child[0]);
-         entered_.erase(other->nh_index);
-         std::memset(&nh(other->nh_index), 0, sizeof(egr_nh_info_t));
-         other->nh_index = index;
-       }},
-      {"node-without-slot",
-       [&] {
-         std::memset(&nh(index), 0, sizeof(egr_nh_info_t));
-         entered_.erase(index);
-       }},
-      {"slot-half-filled",
-       [&] {
-         nh(index).valid = 0;
-         entered_.erase(index);
-       }},
-      {"slot-residue", [&] { nh(160).seed_nh = 1; }},
-      {"slot-without-node", [&] { nh(160).valid = 1; }},
-      {"tunnel-slot-residue", [&] { tunnel(15).out_label2 = 1; }},
-      {"tunnel-slot-without-node", [&] { tunnel(15).valid = 1; }},
-      {"tunnel-index-mismatch", [&] { top->egr_tun ^= 1; }},
-      {"tunnel-without-slot", [&] { tunnel(top->egr_tun).valid = 0; }},
-      {"tunnel-slot-mismatch", [&] { tunnel(top->egr_tun).out_label2 ^= 5; }},
-      {"tunnel-count", [&] { tunnel(top->egr_tun).ref_count += 5; }},
-      {"null-tunnel-count", [&] { tunnel(0).ref_count -= 5; }},
-      {"node-residue", [&] { nh_top->spare = 1; }},
-      {"node-residue", [&] { top->zero[2] = 1; }},
-      {"block-not-taken", [&] { page_of(nh_top).used[0] &= ~std::uint64_t{2}; }},
-      {"block-not-taken", [&] { page_of(top).state = 0; }},
-      {"block-not-taken", [&] { page_of(db().nh_info_array).state = 0; }},
-      {"heap-page", [&] { page_of(nh_top).used[1] |= std::uint64_t{1} << 60; }},
-      {"heap-page", [&] { page_of(window_ + bytes_ - 1).state = 77; }},
-      {"heap-hint", [&] { std::memset(window_ + sizeof(vrellis::WindowHeader), 0, 24); }},
-      {"block-unreachable", [&] { page_of(nh_top).used[1] |= std::uint64_t{1} << 20; }},
-      {"heap-count", [&] { window_header().pages_used = 0; }},
-      {"undo-log-in-use",
-       [&] {
-         std::uint64_t *const word = &link(top)->up;
-         const Address log[] = {1, reinterpret_cast<Address>(&db().tun_root), reinterpret_cast<Address>(word), *word};
-         std::memcpy(window_header().tree_area, log, sizeof log);
-         *word ^= 3;
-       }},
-      {"undo-log-damaged",
-       [&] { std::memset(window_header().tree_area, 1, 1), std::memset(window_header().tree_area + 16, 9, 8); }},
-      {"undo-log-damaged", [&] { std::memset(window_header().tree_area, 255, 8); }},
-  };
+  std::vector<Damage> damages = of_trees_and_slots();
+  std::ranges::move(of_the_heap_and_the_log(), std::back_inserter(damages));
   for (const Damage &damage : damages) {
     restore();
     damage.make();

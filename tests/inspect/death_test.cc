@@ -116,22 +116,6 @@ class DeathTest : public InspectTest {
   }
 };
 
-TEST_F(DeathTest, WhileNodesAndTunnelsGo) {
-  fill(2, 3);
-  void *const none = db().tun_root;
-  ASSERT_NE(none, nullptr);
-  for (auto it = entered_.begin(); it != entered_.end();) {  // all NHs of tunnel 6 lose their slots
-    if (it->second.tunnel == 6) {
-      std::memset(&nh(it->first), 0, sizeof(egr_nh_info_t));
-      it = entered_.erase(it);
-    } else {
-      ++it;
-    }
-  }
-  tunnel(6).ref_count = 0;
-  expect_mended_after_every_death();
-}
-
 TEST_F(DeathTest, WhileAnNhTreeIsRebuilt) {
   fill(2, 9);
   auto *top = static_cast<mpls_tunnel_entry_t *>(db().tun_root);

@@ -23,29 +23,6 @@ class ViewTest : public InspectTest {
   }
 };
 
-TEST_F(ViewTest, WhoHoldsTheLockIsTold) {
-  const pid_t child = hold_lock();
-  const View held = live(3);
-  EXPECT_EQ(held.stillness(), Stillness::kHeld);
-  Database seen = decode(held);
-  EXPECT_TRUE(seen.lock.held);
-  EXPECT_EQ(seen.lock.owner_tid, child);
-  EXPECT_EQ(seen.lock.owner_pid, child);
-  EXPECT_EQ(seen.lock.owner, Liveness::kAlive);
-  EXPECT_TRUE(check(held).sound());
-  test_support::kill_hard(child);
-
-  const View dead = live();
-  EXPECT_EQ(dead.stillness(), Stillness::kStill);
-  seen = decode(dead);
-  EXPECT_TRUE(seen.lock.owner_died);
-  EXPECT_EQ(seen.lock.owner_tid, child);
-  EXPECT_EQ(kinds(check(dead)), std::set<std::string>{"lock-dead-owner"});
-  const RepairResult result = expect_mended();
-  ASSERT_EQ(result.changes.size(), 1U);
-  EXPECT_EQ(result.changes[0].because, FindingKind::kLockDeadOwner);
-}
-
 // A lock word of a thread that is not there and was never marked: no thread would ever get the lock.
 TEST_F(ViewTest, ALostLockIsNotWaitedFor) {
   const pid_t child = hold_lock([] { _exit(0); });
