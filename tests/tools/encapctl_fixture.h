@@ -1,55 +1,19 @@
-// Windows to look at, and the built command run as a process against them.
+// Windows to look at with the command, one a test, and processes that use them.
 #ifndef ENCAPCTL_FIXTURE_H
 #define ENCAPCTL_FIXTURE_H
 
-#include <gtest/gtest.h>
-#include <sys/types.h>
+#include <sys/prctl.h>
 
-#include <cstdint>
 #include <functional>
-#include <nlohmann/json.hpp>
-#include <string>
 #include <utility>
-#include <vector>
 
+#include "child.h"
 #include "encap_client.h"
 #include "encap_db_owner.h"
+#include "encapctl_run.h"
 #include "mpls_egress_encap_db.h"
 
 namespace encapctl_test {
-
-using Json = nlohmann::json;
-
-// What one run of the command gave.
-struct Outcome {
-  int status = -1;  // exit status; 128 + signal when one killed it
-  std::string out;
-  std::string err;
-
-  // The object of each line, without the one that closes a listing (of show, find, trace, clients); the only one; that
-  // one.
-  std::vector<Json> objects() const;
-  Json object() const;
-  Json closing() const;
-};
-
-inline constexpr char kNoReader[] = "|";  // as stdout: a pipe whose reader has gone away
-
-// Where a run reads and writes, and when it is terminated: after a time, or when it has printed so many bytes, if they
-// are not 0. Columns make its stdout a terminal of that width.
-struct Surroundings {
-  unsigned seconds = 60;
-  std::size_t enough = 0;
-  std::string in = "/dev/null";
-  std::string out = {};
-  unsigned short columns = 0;
-};
-
-inline testing::AssertionResult has(const std::string &text, const std::string &part) {
-  return text.find(part) != std::string::npos ? testing::AssertionSuccess()
-                                              : testing::AssertionFailure() << "no '" << part << "' in:\n"
-                                                                            << text;
-}
 
 // A process of the test's own, killed at the end of its life.
 class Child {
@@ -61,7 +25,11 @@ class Child {
   Child(Child &&other) noexcept : pid_(other.pid_), alive_(std::exchange(other.alive_, false)) {}
 
   std::string pid() const { return std::to_string(pid_); }
-  void kill();
+  void kill() {
+    if (std::exchange(alive_, false)) {
+      test_support::kill_hard(pid_);
+    }
+  }
 
  private:
   pid_t pid_;
@@ -71,50 +39,149 @@ class Child {
 // Forks a process that runs `body`, and returns when it has; it sleeps then until it is killed. `body` may call `ready`
 // sooner and go on. Its stderr goes to `stderr_fd`, when that is given.
 using Ready = std::function<void()>;
-Child fork_child(const std::function<void(const Ready &ready)> &body, int stderr_fd = -1);
+inline Child fork_child(const std::function<void(const Ready &ready)> &body, int stderr_fd = -1) {
+  test_support::Signal at_work;
+  const pid_t pid = test_support::spawn([&] {
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY);
+    if (stderr_fd >= 0) {
+      dup2(stderr_fd, STDERR_FILENO);
+    }
+    const Ready ready = [&] { at_work.give(); };
+    body(ready);
+    ready();
+    while (true) {
+      pause();
+    }
+    return 0;
+  });
+  EXPECT_TRUE(at_work.await());
+  return Child(pid);
+}
 
 inline constexpr std::uint32_t kNhStart = 1000, kNhSize = 64, kTunStart = 100, kTunSize = 32;
 
-// One directory a test process, which its trace file is in too; one window a test.
 class EncapctlTest : public testing::Test {
  protected:
-  static void SetUpTestSuite();
-  void SetUp() override;
-  void TearDown() override;
+  void SetUp() override {
+    directory();  // made before any process is forked
+    name_ = testing::UnitTest::GetInstance()->current_test_info()->name();
+  }
+
+  void TearDown() override {
+    encap_db_close();
+    for (const auto &entry : std::filesystem::directory_iterator(directory())) {
+      if (entry.path().filename().string().starts_with(name_)) {
+        std::filesystem::remove(entry.path());
+      }
+    }
+  }
+
+  encap_db_config_t config() const {
+    encap_db_config_t config{};
+    config.directory = directory().c_str();
+    config.name = name_.c_str();
+    config.shm_id = 1;
+    config.nh_start = kNhStart, config.nh_size = kNhSize;
+    config.tun_start = kTunStart, config.tun_size = kTunSize;
+    return config;
+  }
 
   // Opens the test's database in this process, or attaches it.
-  void open_database() const;
-  void close_database() const;
-
-  encap_db_config_t config() const;
+  void open_database() const {
+    const encap_db_config_t config = this->config();
+    shmwin_error_t error{};
+    ASSERT_EQ(encap_db_open(&config, nullptr, &error), 0) << error.text;
+  }
 
   // Opens the test's database as a client.
-  encap_client_t *open_client(const char *name) const;
+  encap_client_t *open_client(const char *name) const {
+    encap_client_config_t config{};
+    config.database = this->config();
+    config.name = name;
+    encap_client_t *client = nullptr;
+    shmwin_error_t error{};
+    EXPECT_EQ(encap_client_open(&config, &client, &error), 0) << error.text;
+    return client;
+  }
+
+  void close_database() const { ASSERT_EQ(encap_db_close(), 0); }
+
+  static egress_encap_key_t key_of(std::uint32_t ifh, std::uint32_t label1, std::uint32_t label2,
+                                   std::uint32_t label3) {
+    egress_encap_key_t key{};
+    key.ifh = ifh;
+    key.out_label1 = label1 & 0x1fffff;
+    key.out_label2 = label2 & 0x1fffff;
+    key.out_label3 = label3 & 0x1fffff;
+    return key;
+  }
 
   // Enters an encapsulation with so many references. `tunnel` 0: on the null tunnel.
-  static void enter(std::uint32_t nh, std::uint32_t tunnel, egress_encap_key_t key, std::uint32_t references);
-  static egress_encap_key_t key_of(std::uint32_t ifh, std::uint32_t label1, std::uint32_t label2, std::uint32_t label3);
+  static void enter(std::uint32_t nh, std::uint32_t tunnel, egress_encap_key_t key, std::uint32_t references) {
+    egress_encap_info_t info{};
+    ASSERT_EQ(vrl_find_egress_encap(&info, key), 0);
+    info.egr_nh = nh;
+    info.egr_tun = tunnel;
+    info.seed_nh = nh + 10000;
+    ASSERT_EQ(vrl_insert_egress_encap(&info, key), 0);
+    for (std::uint32_t i = 1; i < references; ++i) {
+      ASSERT_EQ(vrl_find_and_share_egress_nh(nh), 0);
+    }
+  }
 
   // NH 1001 on tunnel 101 (2 references), 1002 on 101 (5), 1003 on 102 (1), 1004 on the null tunnel (7);
   // by a process that is gone.
-  void make_database() const;
+  void make_database() const {
+    const Child maker = fork_child([&](const Ready &) {
+      open_database();
+      enter(1001, 101, key_of(0x10, 16001, 200, 0), 2);
+      enter(1002, 101, key_of(0x10, 16002, 200, 0), 5);
+      enter(1003, 102, key_of(0x11, 16001, 200, 300), 1);
+      enter(1004, 0, key_of(0x12, 16004, 0, 0), 7);
+      close_database();
+    });
+  }
 
-  // Runs the command with these words; on_window() appends --dir and --name.
-  static Outcome encapctl(std::vector<std::string> words, const Surroundings &surroundings = {});
-  Outcome on_window(std::vector<std::string> words, const Surroundings &surroundings = {}) const;
+  // Runs the command on the test's window.
+  Outcome on_window(std::vector<std::string> words, const Surroundings &surroundings = {}) const {
+    words.insert(words.end(), {"--dir", directory(), "--name", name_});
+    return encapctl(words, surroundings);
+  }
+
+  // Writes a file of routes. Returns its path.
+  std::string listing(const std::string &routes) const {
+    const std::string file = path() + ".routes";
+    std::ofstream(file) << routes;
+    return file;
+  }
 
   // The one object that the command prints of the window.
-  Json json_of(std::vector<std::string> words) const;
+  Json json_of(std::vector<std::string> words) const {
+    words.push_back("--json");
+    return on_window(words).object();
+  }
+
   // The processes that wait for the lock, once there is one.
-  Json await_a_waiter() const;
-  // Writes a file of routes. Returns its path.
-  std::string listing(const std::string &routes) const;
+  Json await_a_waiter() const {
+    Json waits;
+    for (int tries = 0; tries < 3000 && waits.empty(); ++tries) {
+      waits = json_of({"status"}).at("waits");
+    }
+    return waits;
+  }
 
   std::string path() const { return directory() + "/" + name_; }
-  static const std::string &directory();
 
-  std::vector<char> bytes() const;  // of the window's file
-  void put_bytes(const std::vector<char> &bytes) const;
+  // Of the window's file.
+  std::vector<char> bytes() const {
+    const std::string all = content_of(path());
+    return {all.begin(), all.end()};
+  }
+
+  void put_bytes(const std::vector<char> &bytes) const {
+    std::ofstream file(path(), std::ios::binary | std::ios::trunc);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  }
 
   std::string name_;
 };
