@@ -63,7 +63,7 @@ TEST_F(EncapctlTest, OptionsMayStandBeforeTheVerb) {
 
 TEST_F(EncapctlTest, ListNamesTheDatabasesOfADirectory) {
   make_database();
-  const Child child = fork_child([&](const Ready &) { open_database(); });
+  const Child child = attach();
   std::ofstream(path() + ".text") << "no window";
   const Json row = encapctl({"list", "--dir", directory(), "--json"}).object();
   EXPECT_EQ(row.at("path"), path());

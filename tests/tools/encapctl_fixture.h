@@ -93,6 +93,25 @@ class EncapctlTest : public testing::Test {
     ASSERT_EQ(encap_db_open(&config, nullptr, &error), 0) << error.text;
   }
 
+  // Processes that have the database open: one that does nothing, one that holds the lock, one that asks for it.
+  Child attach() const {
+    return fork_child([this](const Ready &) { open_database(); });
+  }
+  Child hold_lock() const {
+    return fork_child([this](const Ready &) {
+      open_database();
+      vrl_find_and_share_egress_nh(1001);
+      vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
+    });
+  }
+  Child want_lock() const {
+    return fork_child([this](const Ready &ready) {
+      open_database();
+      ready();
+      vrl_find_and_share_egress_nh(1001);
+    });
+  }
+
   // Opens the test's database as a client.
   encap_client_t *open_client(const char *name) const {
     encap_client_config_t config{};

@@ -106,16 +106,8 @@ class EncapctlJsonTest : public EncapctlTest {
   }
 
   void run_while_a_process_waits_for_the_lock() {
-    const Child holder = fork_child([&](const Ready &) {
-      open_database();
-      vrl_find_and_share_egress_nh(1001);
-      vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-    });
-    const Child waiter = fork_child([&](const Ready &ready) {
-      open_database();
-      ready();
-      vrl_find_and_share_egress_nh(1001);
-    });
+    const Child holder = hold_lock();
+    const Child waiter = want_lock();
     EXPECT_FALSE(await_a_waiter().empty());
     run({"status"});
     run({"trace"});

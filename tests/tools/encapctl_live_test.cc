@@ -11,47 +11,32 @@
 namespace encapctl_test {
 namespace {
 
-TEST_F(EncapctlTest, StatusTellsWhoIsAttached) {
+TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
   make_database();
   const Json unused = json_of({"status"});
   EXPECT_EQ(unused.at("processes"), Json::array());
   EXPECT_EQ(unused.at("lock").at("state"), "free");
   EXPECT_EQ(unused.at("sound"), true);
   EXPECT_EQ(unused.at("database").at("nh_end"), kNhStart + kNhSize);
-  Child child = fork_child([&](const Ready &) { open_database(); });
-  const Json alive = json_of({"status"});
-  ASSERT_EQ(alive.at("processes").size(), 1u);
-  EXPECT_EQ(std::to_string(alive.at("processes")[0].at("pid").get<int>()), child.pid());
-  EXPECT_EQ(alive.at("processes")[0].at("liveness"), "alive");
-  EXPECT_NE(alive.at("processes")[0].at("comm"), "");
-  child.kill();
-  EXPECT_EQ(json_of({"status"}).at("processes")[0].at("liveness"), "dead");
-  EXPECT_TRUE(has(on_window({"status"}).out, "dead"));
-}
-
-TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
-  make_database();
-  Child holder = fork_child([&](const Ready &) {
-    open_database();
-    vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-  });
+  Child holder = hold_lock();
+  const auto user = [&] { return json_of({"status"}).at("processes").at(0); };
+  EXPECT_EQ(user().at("pid").dump(), holder.pid());
+  EXPECT_EQ(user().at("liveness"), "alive");
+  EXPECT_EQ(user().at("comm"), "encapctl_test");
   const Json held = json_of({"status"}).at("lock");
   EXPECT_EQ(held.at("state"), "held");
-  EXPECT_EQ(std::to_string(held.at("pid").get<int>()), holder.pid());
+  EXPECT_EQ(held.at("pid").dump(), holder.pid());
   EXPECT_EQ(held.at("depth"), 1);
-  Child waiter = fork_child([&](const Ready &ready) {
-    open_database();
-    ready();
-    vrl_find_and_share_egress_nh(1001);
-  });
+  Child waiter = want_lock();
   const Json waits = await_a_waiter();
   ASSERT_EQ(waits.size(), 1u);
-  EXPECT_EQ(std::to_string(waits[0].at("pid").get<int>()), waiter.pid());
+  EXPECT_EQ(waits[0].at("pid").dump(), waiter.pid());
   EXPECT_GT(waits[0].at("waited_ns"), 0);
   EXPECT_TRUE(has(on_window({"status"}).out, "waits        " + waiter.pid()));
   waiter.kill();
   const std::vector<char> copy = bytes();
   holder.kill();
+  EXPECT_EQ(user().at("liveness"), "dead");
   EXPECT_EQ(json_of({"status"}).at("lock").at("state"), "held by the dead");
   EXPECT_TRUE(
       has(on_window({"status"}).out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
@@ -62,10 +47,7 @@ TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
 
 TEST_F(EncapctlTest, ReadingNeedsNoLockAndASnapshotWantsTheMomentAfterIt) {
   make_database();
-  Child holder = fork_child([&](const Ready &) {
-    open_database();
-    vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-  });
+  Child holder = hold_lock();
   EXPECT_EQ(on_window({"show", "nhs", "--json"}).objects().size(), 4u);
   const std::string file = path() + ".snap";
   const Outcome refused = on_window({"snapshot", file, "--patience", "0.1"});
@@ -79,7 +61,7 @@ TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
   make_database();
   EXPECT_EQ(on_window({"destroy", "--name", "none"}).status, 2);
   {
-    Child child = fork_child([&](const Ready &) { open_database(); });
+    Child child = attach();
     const Outcome refused = on_window({"destroy"});
     EXPECT_EQ(refused.status, 2);
     EXPECT_TRUE(has(refused.err, "process " + child.pid()));
@@ -88,7 +70,7 @@ TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
   EXPECT_EQ(on_window({"status"}).status, 2) << "it is gone";
 
   make_database();
-  Child child = fork_child([&](const Ready &) { open_database(); });
+  Child child = attach();
   EXPECT_EQ(on_window({"destroy", "--force"}).status, 0);
   EXPECT_NE(access(path().c_str(), F_OK), 0);
 }
@@ -114,18 +96,17 @@ TEST_F(EncapctlTest, LoadEntersTheRoutesOfAListing) {
 }
 
 TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
-  const std::string listing = path() + ".routes";
-  std::ofstream(listing) << "10.0.0.0/24 encap mpls 200/16001 via 192.0.2.1 dev eth1\n"
-                            "10.0.1.0/24 encap mpls 200/16002 via 192.0.2.1 dev eth1\n"
-                            "10.0.2.0/24 encap mpls 9999999 via 192.0.2.1 dev eth1\n"
-                            "10.0.3.0/24 encap mpls 201/16003 via 192.0.2.1 dev eth1\n"
-                            "10.0.4.0/24 encap mpls 202/16004 via 192.0.2.1 dev eth1\n"
-                            "10.0.5.0/24 encap mpls 16005 via 192.0.2.1 dev eth1\n"
-                            "10.0.6.0/24 encap mpls 16006 via 192.0.2.1 dev eth1\n";
-  const std::vector<std::string> words = {"load", listing, "--nh-size", "4", "--tun-start", "0", "--tun-size", "3"};
-  std::vector<std::string> as_json = words;
-  as_json.push_back("--json");
-  const Outcome run = on_window(as_json);
+  const std::string routes = listing(
+      "10.0.0.0/24 encap mpls 200/16001 via 192.0.2.1 dev eth1\n"
+      "10.0.1.0/24 encap mpls 200/16002 via 192.0.2.1 dev eth1\n"
+      "10.0.2.0/24 encap mpls 9999999 via 192.0.2.1 dev eth1\n"
+      "10.0.3.0/24 encap mpls 201/16003 via 192.0.2.1 dev eth1\n"
+      "10.0.4.0/24 encap mpls 202/16004 via 192.0.2.1 dev eth1\n"
+      "10.0.5.0/24 encap mpls 16005 via 192.0.2.1 dev eth1\n"
+      "10.0.6.0/24 encap mpls 16006 via 192.0.2.1 dev eth1\n");
+  const std::vector<std::string> words = {"load", routes,       "--nh-size", "4",     "--tun-start",
+                                          "0",    "--tun-size", "3",         "--json"};
+  const Outcome run = on_window(words);
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(has(run.err, "line 3"));
   EXPECT_EQ(run.object().at("refused_lines"), 1);
@@ -133,16 +114,16 @@ TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
   EXPECT_EQ(run.object().at("refused"), 2);
   EXPECT_EQ(run.object().at("refusals"), Json::parse(R"([{"reason":"no NH index from 1000 to 1003 is free","count":1},
                             {"reason":"no tunnel index from 0 to 2 is free","count":1}])"));
-  EXPECT_TRUE(has(on_window(words).out, "1 refused: no NH index from 1000 to 1003 is free"));
+  EXPECT_TRUE(has(on_window({"load", routes}).out, "1 refused: no NH index from 1000 to 1003 is free"));
   EXPECT_EQ(on_window({"check"}).status, 0);
-  const Outcome ranges = on_window({"load", listing, "--nh-size", "5"});
+  const Outcome ranges = on_window({"load", routes, "--nh-size", "5"});
   EXPECT_EQ(ranges.status, 2);
   EXPECT_TRUE(has(ranges.err, "NH indexes from"));
-  std::ofstream(listing) << std::string(30u << 20, 'x');
-  const std::pair<std::string, const char *> refusals[] = {{listing + ".none", "No such file"},
+  listing(std::string(30u << 20, 'x'));
+  const std::pair<std::string, const char *> refusals[] = {{routes + ".none", "No such file"},
                                                            {directory(), "neither a file nor a pipe"},
                                                            {"/dev/zero", "neither a file nor a pipe"},
-                                                           {listing, "line 1: it is longer than"}};
+                                                           {routes, "line 1: it is longer than"}};
   for (const auto &[file, sentence] : refusals) {
     const Outcome refused = on_window({"load", file});
     EXPECT_NE(refused.status, 0) << file;
@@ -189,7 +170,7 @@ TEST_F(EncapctlTest, DestroyFromAnotherPidNamespaceIsRefused) {
     GTEST_SKIP() << "this user may make no PID namespace";
   }
   make_database();
-  const Child child = fork_child([&](const Ready &) { open_database(); });
+  const Child child = attach();
   const std::string command = kElsewhere + std::string(ENCAPCTL_BINARY " destroy --dir ") + directory() + " --name " +
                               name_ + " 2>" + directory() + "/refusal";
   EXPECT_NE(std::system(command.c_str()), 0);
