@@ -41,16 +41,11 @@ TEST_F(ClientTest, ReferencesAreSharedAndTheLastOneTakesTheEncapsulationOut) {
   EXPECT_TRUE(left.nh_left == 1 && left.tunnel_left == 1);
   EXPECT_EQ(encap_client_release(b, 5, nullptr), 2) << "out of range";
   EXPECT_EQ(egress_encap_db->tun_root, nullptr);
-}
-
-TEST_F(ClientTest, KeysWithoutUpperLabelsShareTheNullTunnel) {
-  encap_client_t *const a = client("a");
-  const encap_entry_t first = enter(a, key(16, 0, 1));
-  const encap_entry_t second = enter(a, key(17, 0, 2));
-  EXPECT_TRUE(first.tunnel == 0 && second.tunnel == 0);
-  EXPECT_TRUE(first.nh_created == 1 && first.tunnel_created == 0);
-  EXPECT_EQ(release(a, first.nh).tunnel_left, 0U);
-  EXPECT_EQ(release(a, second.nh).tunnel_left, 0U);
+  for (const std::uint32_t ifh : {1U, 2U}) {  // keys without upper labels share the null tunnel
+    entry = enter(a, key(16 + ifh, 0, ifh));
+    EXPECT_TRUE(entry.tunnel == 0 && entry.nh_created == 1 && entry.tunnel_created == 0);
+  }
+  EXPECT_EQ(release(a, entry.nh - 1).tunnel_left + release(a, entry.nh).tunnel_left, 0U);
   EXPECT_EQ(egress_encap_db->tun_root, nullptr);
 }
 

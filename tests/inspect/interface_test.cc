@@ -52,7 +52,7 @@ class InterfaceTest : public InspectTest {
   std::string told_;
 };
 
-TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
+TEST_F(InterfaceTest, AStoppedHolderIsNamedAndItsDeathCountedFoundAndMended) {
   encap_check_result_t found;
   ASSERT_EQ(check_database(&found), 0) << found.text;
   EXPECT_EQ(found.sound, 1U);
@@ -64,8 +64,11 @@ TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
   const pid_t child = hold_lock();
   stop(child);
   encap_repair_result_t result;
-  EXPECT_EQ(mend(0, &result), ETIMEDOUT);
-  EXPECT_EQ(result.holder_pid, child);
+  for (const std::uint32_t flags : {0U, std::uint32_t{ENCAP_REPAIR_DRY_RUN}}) {
+    EXPECT_EQ(mend(flags, &result), ETIMEDOUT);
+    EXPECT_EQ(result.holder_pid, child);
+    EXPECT_NE(std::string(result.text).find("stopped"), std::string::npos) << result.text;
+  }
   EXPECT_EQ(check_database(&found), 0) << "nothing is wrong yet";
   EXPECT_EQ(found.holder_pid, child);
   --tunnel(6).ref_count;  // as a removal leaves it, that stands still here
@@ -81,7 +84,9 @@ TEST_F(InterfaceTest, ADeathIsCountedFoundAndMended) {
   EXPECT_EQ(found.findings, 2U);
   EXPECT_EQ(found.from_death, 2U);
   EXPECT_EQ(found.lock, std::uint32_t{ENCAP_LOCK_LEFT});
+  const std::vector<std::uint8_t> before(window_, window_ + bytes_);
   EXPECT_EQ(mend(ENCAP_REPAIR_DRY_RUN, &result), 0) << result.text;
+  EXPECT_EQ(std::memcmp(before.data(), window_, bytes_), 0) << "the dry run took the lock over";
   EXPECT_EQ(result.changes, 2U);
   EXPECT_EQ(result.after, 2U);
   ASSERT_EQ(mend(0, &result), 0) << result.text;

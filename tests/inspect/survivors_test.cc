@@ -37,15 +37,6 @@ class SurvivorsTest : public InspectTest {
     return static_cast<mpls_tunnel_entry_t *>(avl_insert(&db().tun_root, node, &flag, kCompareTunnels));
   }
 
-  std::uint32_t first_on(std::uint32_t tunnel_index) {
-    for (const auto &[index, entry] : entered_) {
-      if (entry.tunnel == tunnel_index) {
-        return index;
-      }
-    }
-    return 0;
-  }
-
   // Enters a key as a caller does that believes what it finds; `tunnel_index` is for a tunnel that is not there.
   void enter_as_found(const egress_encap_key_t &full, std::uint32_t nh_index, std::uint32_t tunnel_index) {
     egress_encap_info_t info{};
@@ -55,13 +46,6 @@ class SurvivorsTest : public InspectTest {
     info.seed_nh = nh_index + 7;
     EXPECT_EQ(vrl_insert_egress_encap(&info, full), 0);
     entered_[nh_index] = {full, info.egr_tun, 1};
-  }
-
-  void give_back(std::uint32_t index, std::uint32_t tunnel_goes) {
-    std::uint32_t tunnel_index = 0, goes = 0, count = 0;
-    EXPECT_EQ(vrl_egress_encap_nh_detach(index, &tunnel_index, &goes, &count), 0) << "NH " << index;
-    EXPECT_EQ(goes, tunnel_goes) << "NH " << index;
-    entered_.erase(index);
   }
 
   // A state of deaths alone: none of its findings says that something else wrote into the window.
@@ -140,14 +124,16 @@ TEST_F(SurvivorsTest, FindATunnelWithoutNhsWhichStaysWhenToldSo) {
 // A removal was cut off after it had counted its tunnel down. The others give their NHs back, and the last of them is
 // told to take the tunnel out of the hardware.
 TEST_F(SurvivorsTest, GiveATunnelBackBesideACutOffRemoval) {
+  constexpr std::uint32_t kLeft = 105, kLast = 108;  // of tunnel 6
   const auto give_others_back = [&] {
     start();
     --tunnel(6).ref_count;
-    const std::uint32_t left = first_on(6);
-    for (std::uint32_t index = left + 1; index < left + 4; ++index) {
-      give_back(index, index == left + 3 ? 1 : 0);
+    for (std::uint32_t index = kLeft + 1; index <= kLast; ++index) {
+      std::uint32_t tunnel_index = 0, goes = 0, count = 0;
+      EXPECT_EQ(vrl_egress_encap_nh_detach(index, &tunnel_index, &goes, &count), 0) << "NH " << index;
+      EXPECT_EQ(goes, index == kLast ? 1U : 0U) << "NH " << index;
+      entered_.erase(index);
     }
-    return left;
   };
   give_others_back();
   const RepairResult kept = expect_named("tunnel-in-doubt");  // its users may live
@@ -155,7 +141,8 @@ TEST_F(SurvivorsTest, GiveATunnelBackBesideACutOffRemoval) {
   EXPECT_NE(kept.changes[0].text.find("hardware"), std::string::npos);
   expect_readable();
 
-  entered_.erase(give_others_back());
+  give_others_back();
+  entered_.erase(kLeft);
   expect_named("tunnel-in-doubt", {.drop_given_back = true});
   EXPECT_EQ(tunnel_node(key(6, 16)), nullptr);
   expect_readable();

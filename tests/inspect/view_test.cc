@@ -81,25 +81,6 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
   test_support::kill_hard(holder);
 }
 
-TEST_F(ViewTest, AStoppedHolderIsNamedAndNotWaitedForLong) {
-  const pid_t child = hold_lock();
-  stop(child);
-  const RepairOptions options{.patience = std::chrono::milliseconds(200)};
-  for (const RepairResult &result :
-       {repair_window(config_of("window"), options), rehearse_window(config_of("window"), options)}) {
-    EXPECT_EQ(result.status, ETIMEDOUT);
-    EXPECT_EQ(result.holder, child);
-    EXPECT_NE(result.error.find("stopped"), std::string::npos) << result.error;
-  }
-  test_support::kill_hard(child);
-  const std::vector<std::uint8_t> before(window_, window_ + bytes_);
-  const RepairResult dry = rehearse_window(config_of("window"));
-  EXPECT_EQ(dry.changes.size(), 1U);
-  EXPECT_EQ(dry.before.faults(), 1U);
-  EXPECT_EQ(std::memcmp(before.data(), window_, bytes_), 0) << "the rehearsal took the lock over";
-  EXPECT_EQ(expect_mended().before.faults(), 1U);
-}
-
 // The writer ends between two operations: what a death within one leaves is for the tests of repair.
 TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
   static volatile sig_atomic_t asked_to_end = 0;
