@@ -98,24 +98,19 @@ TEST(JoinRecords, TakesNothingThatDoesNotBelong) {
   EXPECT_EQ(orphans, 5U);
 }
 
+// A process and its children, one after the other.
 TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
   constexpr std::uint64_t kTurns = 20;
-  constexpr std::uint64_t kRecords = 40;  // more than a block: each turn has stamps of its own
-  Signal turn_of[2];
-  const auto take_turns = [&turn_of](std::uint64_t parity) {
-    for (std::uint64_t turn = parity; turn < kTurns && turn_of[parity].await(); turn += 2) {
-      for (std::uint64_t i = 0; i < kRecords; ++i) {
-        _ltrace_1(0, trace_header(1), turn);
-      }
-      turn_of[1 - parity].give();
+  expect_in_child([] {
+    for (std::uint64_t turn = 0; turn < kTurns; ++turn) {
+      const auto write = [turn] {
+        for (int i = 0; i < 300; ++i) {  // more than a block: each turn has stamps of its own
+          _ltrace_1(0, trace_header(1), turn);
+        }
+      };
+      turn % 2 == 0 ? write() : expect_in_child(write);
     }
-    return 0;
-  };
-  const pid_t player[] = {spawn([&] { return take_turns(0); }), spawn([&] { return take_turns(1); })};
-  turn_of[0].give();
-  for (const pid_t each : player) {
-    test_support::end_of(each);
-  }
+  });
   std::uint64_t newest = 0;
   std::size_t exact = 0;
   const auto files = open_all();
@@ -196,11 +191,7 @@ TEST_F(DamagedTrace, EachFieldOfTheHeaderMayBeWrong) {
       EXPECT_FALSE(read && decisive && !another_valid_value) << offset;
     }
   }
-}
-
-// The reader's next block wrapped round to 0, and it never ended.
-TEST_F(DamagedTrace, ARingMayClaimToBeWrittenToTheEndOfAllNumbers) {
-  std::string bytes = good_;
+  std::string bytes = good_;  // a ring that claims to be written to the end of all numbers must not be read for ever
   std::memset(bytes.data() + offsetof(FileHeader, ring) + offsetof(RingEntry, head), 0xff, sizeof(std::uint64_t));
   EXPECT_TRUE(survives(bytes));
 }
