@@ -1,16 +1,226 @@
-// The tree service: order, balance and linkage of a large random tree, refusals, the hint, roots outside windows.
+// The tree service: a large random tree, refusals, the hint; and all or nothing, for which the test takes a snapshot
+// after each store of a change, as a process that dies there would leave the window, and calls the service on each.
+#include <deque>
 #include <random>
+#include <utility>
 
 #include "avl_fixture.h"
 
 namespace avl_tests {
 namespace {
 
+using Snapshot = WindowOf<44>;  // as much of the window as these trees use
+
+class AvlUndo : public AvlTest {
+ protected:
+  // The even keys are in the trees, the odd ones are not.
+  static bool toggle(std::uint64_t key) { return key % 2 == 0 ? remove(key) : insert(key); }
+
+  static Snapshot snapshot() {
+    Snapshot state;
+    std::memcpy(static_cast<void *>(&state), window_, sizeof state);
+    return state;
+  }
+  static void restore(const Snapshot &state) { std::memcpy(static_cast<void *>(window_), &state, sizeof state); }
+
+  // The window before the first store of `work` and after each store.
+  template <typename Work>
+  static std::deque<Snapshot> deaths_in(Work work) {
+    states_.assign(1, snapshot());
+    vrellis::avl::after_store = [] { states_.push_back(snapshot()); };
+    work();
+    vrellis::avl::after_store = [] {};
+    return std::exchange(states_, {});
+  }
+
+  // Compares all bytes, except the linkage of nodes that are in no tree.
+  static bool same_trees(const Snapshot &a, const Keys &keys) {
+    return a.root == window_->root && a.other_root == window_->other_root &&
+           std::all_of(keys.begin(), keys.end(), [&a](std::uint64_t key) {
+             return std::memcmp(&a.node[key], &window_->node[key], sizeof(Node)) == 0;
+           });
+  }
+
+  static bool holds(const Keys &keys, std::uint64_t key) { return std::binary_search(keys.begin(), keys.end(), key); }
+
+  // The next process searches `key`. The tree is then the one before or after the change, and the answer fits it.
+  static void search_and_check(std::uint64_t key, const Snapshot &before, const Snapshot &after, bool bytewise) {
+    const Node *found = find(window_->root, key);
+    const View view = tree();
+    ASSERT_EQ(view.fault, "");
+    ASSERT_EQ(window_->log.count, 0U);
+    ASSERT_EQ(found, holds(view.keys, key) ? &window_->node[key] : nullptr);
+    if (bytewise) {
+      ASSERT_TRUE(same_trees(before, view.keys) || same_trees(after, view.keys));
+    }
+  }
+
+  static void expect_all_or_nothing(const Keys &order, std::uint64_t key);
+
+  static inline std::deque<Snapshot> states_;
+};
+
+// One order of insertion for each shape that AVL trees of 1 to `most` keys can have; the keys are 2, 4, 6, ...
+std::vector<Keys> orders_of_all_shapes(std::size_t most) {
+  std::vector<Keys> orders;
+  std::set<std::string> seen;
+  for (std::size_t size = 1; size <= most; ++size) {
+    Keys order(size);
+    std::generate(order.begin(), order.end(), [key = std::uint64_t{0}]() mutable { return key += 2; });
+    do {
+      std::vector<Node> nodes(size);
+      void *root = nullptr;
+      int flag = 0;
+      for (std::size_t i = 0; i < size; ++i) {
+        nodes[i].key = order[i];
+        avl_insert(&root, &nodes[i], &flag, compare_keys);
+      }
+      if (seen.insert(view_of(&root).shape).second) {
+        orders.push_back(order);
+      }
+    } while (std::next_permutation(order.begin(), order.end()));
+  }
+  return orders;
+}
+
+// Also with a second death in the search that takes the change back.
+void AvlUndo::expect_all_or_nothing(const Keys &order, std::uint64_t key) {
+  using namespace vrellis::avl;
+  build(order);
+  const View before = tree();
+  const std::deque<Snapshot> deaths = deaths_in([key] { ASSERT_TRUE(toggle(key)); });
+  const View after = tree();
+  ASSERT_EQ(after.fault, "");
+  std::set<std::uint64_t> expected(before.keys.begin(), before.keys.end());
+  ASSERT_TRUE(key % 2 == 0 ? expected.erase(key) == 1 : expected.insert(key).second);
+  ASSERT_EQ(after.keys, Keys(expected.begin(), expected.end()));
+  const bool bytewise =
+      !before.keys.empty() && !after.keys.empty();  // else one store makes the change, without the log
+  bool committed = false;
+  for (const Snapshot &death : deaths) {
+    restore(death);
+    ASSERT_LE(window_->log.count, kWordsOfUnlinking + 2 * kWordsOfLift * greatest_height(order.size() + 1));
+    const auto search = [&] { search_and_check(key, deaths.front(), deaths.back(), bytewise); };
+    const std::deque<Snapshot> second_deaths = deaths_in(search);
+    const Keys keys = tree().keys;
+    ASSERT_TRUE(keys == after.keys || (keys == before.keys && !committed)) << "neither before nor after";
+    committed = keys == after.keys;
+    for (const Snapshot &second : second_deaths) {
+      restore(second);
+      search();
+      ASSERT_EQ(tree().keys, keys);
+    }
+    // Or the next process makes a change first: the same one again, or one of a neighbour.
+    for (const std::uint64_t next : {key, key + 1}) {
+      restore(death);
+      const bool due = next != key ? next % 2 != 0 || holds(keys, next) : !committed;
+      ASSERT_EQ(toggle(next), due) << "first change after a death: key " << next;
+      const View view = tree();
+      ASSERT_EQ(view.fault, "");
+      ASSERT_EQ(holds(view.keys, next), next % 2 != 0);
+    }
+    if (testing::Test::HasFatalFailure()) {
+      return;
+    }
+  }
+  ASSERT_TRUE(committed);
+}
+
+TEST_F(AvlUndo, ADeathAfterAnyStoreLeavesTheTreeBeforeOrAfterTheChange) {
+  std::vector<Keys> orders = orders_of_all_shapes(7);
+  orders.emplace_back();
+  // The tree of height 6 that has the fewest nodes, level by level, and its mirror image: removals turn on all levels.
+  const Keys thinnest =
+      orders.emplace_back(Keys{26, 16, 36, 10, 22, 32, 40, 6, 14, 20, 24, 30, 34, 38, 4, 8, 12, 18, 28, 2});
+  Keys mirrored(thinnest.size());
+  std::transform(thinnest.begin(), thinnest.end(), mirrored.begin(), [](std::uint64_t key) { return 42 - key; });
+  orders.push_back(mirrored);
+  for (const Keys &order : orders) {
+    for (std::uint64_t key = 1; key <= 2 * order.size() + 1; ++key) {
+      expect_all_or_nothing(order, key);
+      ASSERT_FALSE(HasFatalFailure()) << "key " << key << " of a tree of " << order.size();
+    }
+  }
+}
+
+TEST_F(AvlUndo, AnotherTreesRootIsNotMistakenForTheOneTakenBack) {
+  build({4, 2, 6});
+  void *&second = window_->other_root;
+  ASSERT_TRUE(insert(20, &second));
+  for (const Snapshot &death : deaths_in([] { remove(2), remove(4); })) {
+    restore(death);
+    ASSERT_EQ(find(second, 20), &window_->node[20]);
+    ASSERT_EQ(view_of(&second).fault + tree().fault, "");
+    ASSERT_EQ(window_->log.count, 0U);
+  }
+}
+
+// A root field outside the window belongs to one process. It is not logged, and the caller has to pass it itself.
+TEST_F(AvlUndo, ARootFieldOutsideTheWindowIsItsOwnProcesss) {
+  build({});
+  void *outside = nullptr;
+  for (const std::uint64_t key : {2U, 4U, 6U, 8U}) {
+    ASSERT_TRUE(insert(key, &outside));
+  }
+  int flag = 0;
+  for (const Snapshot &state : deaths_in([&] { avl_delete(&outside, &window_->node[4], &flag, compare_keys); })) {
+    restore(state);
+    for (Word i = 0; i < window_->log.count; ++i) {
+      ASSERT_TRUE(covers(vrellis::window_maps[1], window_->log.entries[i].address));
+    }
+  }
+  void *copy = outside;
+  EXPECT_EQ(avl_delete(&copy, &window_->node[2], &flag, compare_keys), nullptr);
+  EXPECT_FALSE(insert(4, &copy));
+  EXPECT_EQ(view_of(&outside).fault, "");
+  EXPECT_EQ(view_of(&outside).keys, (Keys{2, 6, 8}));
+}
+
+TEST_F(AvlUndo, ADamagedLogIsEmptiedAndNoWordThatItNamesIsWritten) {
+  using vrellis::avl::address_of;
+  Word bystander = 7;
+  const Word wrong[] = {vrellis::window_maps[1].end, address_of(&window_->root) + 4, address_of(&bystander),
+                        address_of(window_->log.entries), address_of(window_->process_table)};
+  const Word capacity = vrellis::avl::kUndoCapacity;
+  for (const Word address : wrong) {
+    for (const Word count : {Word{2}, capacity, capacity + 1, ~Word{0}}) {
+      for (const bool settle : {false, true}) {
+        build({4, 2, 6});
+        vrellis::avl::UndoLog &log = window_->log;
+        log = {count, wrong[0], {{address, 1}, {address_of(&window_->root), 1}}};
+        if (settle) {
+          EXPECT_EQ(avl_settle(window_), -1);
+        }
+        EXPECT_EQ(find(window_->root, 6), &window_->node[6]);
+        EXPECT_EQ(log.count, 0U);
+        EXPECT_EQ(tree().keys, (Keys{2, 4, 6}));
+        EXPECT_EQ(bystander, 7U);
+      }
+    }
+  }
+}
+
+// A chain of parents longer than any tree is high would fill the log, and then overwrite the memory behind it.
+TEST_F(AvlUndo, AChangeOfADamagedTreeThatWouldOutgrowTheLogIsTakenBack) {
+  build({2});
+  Node *const nodes = window_->node;
+  constexpr std::size_t kLast = std::size(window_->node) - 2;
+  for (std::size_t key = 3; key <= kLast; ++key) {
+    vrellis::avl::Link &parent = nodes[key - 1].link;
+    parent.child[1] = vrellis::avl::address_of(&nodes[key]);
+    nodes[key].link.up = vrellis::avl::address_of(&parent);
+  }
+  const std::vector<Node> before(nodes, nodes + kLast + 1);
+  EXPECT_FALSE(insert(kLast + 1));
+  EXPECT_EQ(std::memcmp(before.data(), nodes, before.size() * sizeof(Node)), 0);
+  EXPECT_EQ(window_->log.count, 0U);
+}
+
 bool is_unlinked(const Node &node) {
   return node.link.child[0] == 0 && node.link.child[1] == 0 && node.link.up == 0;
 }
 
-// Deep trees, whose removals rotate on several levels. avl_undo_test tries every shape of the small ones.
+// Deep trees, whose removals rotate on several levels. AvlUndo has every shape of the small ones.
 TEST_F(AvlTest, RandomOperationsAgreeWithASet) {
   std::mt19937_64 random(20240607);
   build({});

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include "ed.h"
 #include "ltrace/file.h"
@@ -98,14 +99,15 @@ TEST(JoinRecords, TakesNothingThatDoesNotBelong) {
   EXPECT_EQ(orphans, 5U);
 }
 
-// A process and its children, one after the other.
-TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
+TEST_F(TraceReaderTest, AProcessAndItsForkedChildrenHaveFilesThatAreMergedInTheirOrder) {
   constexpr std::uint64_t kTurns = 20;
   expect_in_child([] {
+    ltrace_name_component(3, "inherited");
     for (std::uint64_t turn = 0; turn < kTurns; ++turn) {
       const auto write = [turn] {
+        EXPECT_EQ(ltrace_path() != nullptr, turn % 2 == 0 && turn != 0);
         for (int i = 0; i < 300; ++i) {  // more than a block: each turn has stamps of its own
-          _ltrace_1(0, trace_header(1), turn);
+          _ltrace_1(0, trace_header(1, 3), turn);
         }
       };
       turn % 2 == 0 ? write() : expect_in_child(write);
@@ -113,14 +115,18 @@ TEST_F(TraceReaderTest, ProcessesThatTakeTurnsAreMergedInTheirOrder) {
   });
   std::uint64_t newest = 0;
   std::size_t exact = 0;
+  std::set<const TraceFile *> seen;
   const auto files = open_all();
   for (const TraceRecord &event : merge_traces(files).events) {
+    EXPECT_EQ(event.file->component(3), "inherited");
+    seen.insert(event.file);
     if (event.exact) {
       EXPECT_GE(event.value[0], newest);
       newest = event.value[0];
       ++exact;
     }
   }
+  EXPECT_EQ(seen.size(), 1 + kTurns / 2);
   EXPECT_EQ(newest, kTurns - 1);
   EXPECT_GE(exact, kTurns);
 }
