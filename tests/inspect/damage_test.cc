@@ -63,15 +63,15 @@ class DamageTest : public InspectTest {
     auto *const nh_top = static_cast<mpls_nh_entry_t *>(top->nh_root);
     const std::uint32_t index = nh_top->nh_index;
     return {
-        {"pointer-outside", [=, this] { link(top)->child[0] = 0x10; }},
-        {"pointer-outside", [=, this] { link(nh_top)->child[1] += 8; }},
+        {"pointer-outside", [=] { link(top)->child[0] = 0x10; }},
+        {"pointer-outside", [=] { link(nh_top)->child[1] += 8; }},
         {"pointer-outside", [=, this] { db().tun_root = window_; }},
-        {"tree-cycle", [=, this] { link(nh_top)->child[1] = reinterpret_cast<Address>(nh_top); }},
-        {"tree-balance", [=, this] { link(nh_top)->up ^= 1; }},
-        {"tree-parent", [=, this] { link(reinterpret_cast<void *>(link(nh_top)->child[0]))->up += 64; }},
-        {"tree-order", [=, this] { std::swap(link(nh_top)->child[0], link(nh_top)->child[1]); }},
-        {"root-field", [=, this] { link(nh_top)->up += 64; }},
-        {"tree-lost", [=, this] { top->nh_root = nullptr; }},
+        {"tree-cycle", [=] { link(nh_top)->child[1] = reinterpret_cast<Address>(nh_top); }},
+        {"tree-balance", [=] { link(nh_top)->up ^= 1; }},
+        {"tree-parent", [=] { link(reinterpret_cast<void *>(link(nh_top)->child[0]))->up += 64; }},
+        {"tree-order", [=] { std::swap(link(nh_top)->child[0], link(nh_top)->child[1]); }},
+        {"root-field", [=] { link(nh_top)->up += 64; }},
+        {"tree-lost", [=] { top->nh_root = nullptr; }},
         {"tree-lost", [=, this] { db().tun_root = nullptr; }},
         {"slot-node-mismatch", [=, this] { nh(index).ifh ^= 0x40; }},
         {"slot-node-mismatch", [=, this] { nh(index).out_label1 ^= 1; }},
@@ -96,13 +96,13 @@ class DamageTest : public InspectTest {
         {"slot-without-node", [=, this] { nh(160).valid = 1; }},
         {"tunnel-slot-residue", [=, this] { tunnel(15).out_label2 = 1; }},
         {"tunnel-slot-without-node", [=, this] { tunnel(15).valid = 1; }},
-        {"tunnel-index-mismatch", [=, this] { top->egr_tun ^= 1; }},
+        {"tunnel-index-mismatch", [=] { top->egr_tun ^= 1; }},
         {"tunnel-without-slot", [=, this] { tunnel(top->egr_tun).valid = 0; }},
         {"tunnel-slot-mismatch", [=, this] { tunnel(top->egr_tun).out_label2 ^= 5; }},
         {"tunnel-count", [=, this] { tunnel(top->egr_tun).ref_count += 5; }},
         {"null-tunnel-count", [=, this] { tunnel(0).ref_count -= 5; }},
-        {"node-residue", [=, this] { nh_top->spare = 1; }},
-        {"node-residue", [=, this] { top->zero[2] = 1; }},
+        {"node-residue", [=] { nh_top->spare = 1; }},
+        {"node-residue", [=] { top->zero[2] = 1; }},
     };
   }
 

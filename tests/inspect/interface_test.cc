@@ -129,7 +129,9 @@ TEST_F(InterfaceTest, BadInputGetsAStatusAndASentence) {
   EXPECT_EQ(told_.substr(0, 12), "not-a-window");
   EXPECT_EQ(mend(0, &result, "none"), ENOENT);
   EXPECT_EQ(mend(ENCAP_REPAIR_DRY_RUN, &result, "none"), ENOENT);
+  EXPECT_FALSE(std::filesystem::exists(directory_ + "/none"));
   EXPECT_EQ(mend(0, &result, "text"), EINVAL);
+  EXPECT_NE(std::string(result.text).find("is no window"), std::string::npos) << result.text;
   EXPECT_EQ(mend(16, &result), EINVAL);
   EXPECT_NE(std::string(result.text), "");
   const encap_db_config_t text = config_of("text");

@@ -143,14 +143,6 @@ TEST_F(ViewTest, WhatIsNoWindowIsRefusedInASentence) {
   EXPECT_NE(error.find("No such file"), std::string::npos) << error;
   EXPECT_FALSE(View::open_file(directory_.c_str(), &error));
   EXPECT_NE(error.find("no regular file"), std::string::npos) << error;
-  EXPECT_EQ(repair_window(config_of("none")).status, ENOENT);
-  EXPECT_EQ(rehearse_window(config_of("none")).status, ENOENT);
-  EXPECT_FALSE(std::filesystem::exists(directory_ + "/none"));
-  std::ofstream(directory_ + "/text")
-      << "no window, and no header's length of bytes either, but enough to be read as one";
-  const RepairResult text = repair_window(config_of("text"));
-  EXPECT_EQ(text.status, EINVAL);
-  EXPECT_NE(text.error.find("is no window"), std::string::npos) << text.error;
   std::filesystem::create_symlink(path(), directory_ + "/link");
   EXPECT_NE(repair_window(config_of("link")).error.find("no regular file"), std::string::npos);
   EXPECT_FALSE(View::open_live(directory_.c_str(), "link", &error));

@@ -92,15 +92,24 @@ TEST_F(EncapctlTest, OutputThatIsLostIsAFailure) {
 
 TEST_F(EncapctlTest, EveryLineFitsTheTerminal) {
   make_database();
-  const Outcome run = on_window({"show", "nhs", "--no-color"}, {.columns = 40});
-  std::istringstream lines(run.out);
-  std::size_t cut = 0;
-  for (std::string line; std::getline(lines, line);) {
-    EXPECT_LE(line.find_last_not_of("\r\n") + 1, 40u) << line;
-    cut += line.find('>') == 39 ? 1U : 0U;
+  constexpr unsigned short kWidths[] = {40, 0};
+  for (const unsigned short columns : kWidths) {
+    const Outcome run = on_window({"show", "nhs", "--no-color"}, {.columns = columns});
+    std::istringstream lines(run.out);
+    std::size_t cut = 0;
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_LE(line.find_last_not_of("\r\n") + 1, columns == 0 ? 100u : columns) << line;
+      cut += line.find('>') == 39 ? 1U : 0U;
+    }
+    EXPECT_EQ(cut, columns == 0 ? 0u : 5u) << "the titles and four NHs";
   }
-  EXPECT_EQ(cut, 5u) << "the titles and four NHs";
   EXPECT_TRUE(has(on_window({"show", "nhs"}, {.columns = 40}).out, "\033[1m")) << "a terminal has colours";
+  const std::string file = on_window({"show", "nhs"}).out;
+  EXPECT_EQ(file.find('\033'), std::string::npos) << "colour goes to a terminal alone";
+  for (const char *part : {"300/200/16001", "null", "4 NHs"}) {
+    EXPECT_TRUE(has(file, part));
+  }
+  EXPECT_TRUE(has(on_window({"show", "tunnels"}).out, "300/200"));
 }
 
 // A process may call itself anything, also by what commands a terminal.

@@ -52,24 +52,6 @@ TEST_F(EncapctlTest, ShowNhsFiltersAndSorts) {
   }
 }
 
-TEST_F(EncapctlTest, TablesAreTextThatFitsATerminal) {
-  make_database();
-  const Outcome nhs = on_window({"show", "nhs"});
-  EXPECT_EQ(nhs.status, 0);
-  EXPECT_TRUE(has(nhs.out, "300/200/16001"));
-  EXPECT_TRUE(has(nhs.out, "null"));
-  EXPECT_TRUE(has(nhs.out, "4 NHs"));
-  EXPECT_EQ(nhs.out.find('\033'), std::string::npos) << "colour goes to a terminal alone";
-  for (std::size_t begin = 0; begin < nhs.out.size();) {
-    const std::size_t end = nhs.out.find('\n', begin);
-    EXPECT_LE(end - begin, 100u);
-    begin = end + 1;
-  }
-  const Outcome tunnels = on_window({"show", "tunnels"});
-  EXPECT_EQ(tunnels.status, 0);
-  EXPECT_TRUE(has(tunnels.out, "300/200"));
-}
-
 TEST_F(EncapctlTest, ShowTunnelsCountsTheirNhs) {
   make_database();
   const Outcome run = on_window({"show", "tunnels", "--json", "--sort", "nhs", "--reverse"});

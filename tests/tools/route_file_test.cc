@@ -99,31 +99,23 @@ TEST(RouteFileTest, EachLabelledNextHopOfAMultipathRouteIsAUser) {
   }
 }
 
-TEST(RouteFileTest, RoutesWithoutMplsAreCountedAndSkipped) {
+TEST(RouteFileTest, RoutesWithoutMplsAreSkippedAndHandlesFollowTheFirstAcceptedHop) {
   const RouteFile file = read(
       "# the main table\n"
       "\n"
       "default via 192.0.2.1 dev eth0 proto static metric 100 \n"
       "blackhole 10.255.0.0/16 proto bgp metric 20 \n"
-      "192.0.2.0/30 dev eth1 proto kernel scope link src 192.0.2.2 \n"
       "10.8.0.0/16  encap ip id 7 src 192.0.2.2 dst 192.0.2.1 ttl 0 tos 0 via 192.0.2.1 dev eth1 \n"
       "10.9.0.0/16 proto bgp \n"
       "\tnexthop via 192.0.2.1 dev eth1 weight 1 \n"
-      "\tnexthop via 192.0.2.5 dev eth2 weight 1 \n");
-  EXPECT_EQ(sentences(file), Sentences{});
-  EXPECT_TRUE(file.hops.empty());
-  EXPECT_EQ(file.plain_routes, 5u);
-  EXPECT_EQ(file.labelled_routes, 0u);
-  EXPECT_TRUE(file.interfaces.empty());
-}
-
-TEST(RouteFileTest, HandlesFollowTheFirstAppearanceOfAnAcceptedHop) {
-  const RouteFile file = read(
-      "10.0.0.0/24 via 192.0.2.9 dev eth9\n"
+      "\tnexthop via 192.0.2.5 dev eth2 weight 1 \n"
       "10.0.1.0/24 encap mpls 1048576 dev eth8\n"
       "10.0.2.0/24 encap mpls 100 dev eth2\n"
       "10.0.3.0/24 encap mpls 100 dev eth1\n"
       "10.0.4.0/24 encap mpls 200 dev eth2\n");
+  EXPECT_EQ(sentences(file), Sentences{"line 9: label 1048576 is past 20 bits"});
+  EXPECT_EQ(file.plain_routes, 4u);
+  EXPECT_EQ(file.labelled_routes, 3u);
   EXPECT_EQ(file.interfaces, (std::vector<std::string>{"eth2", "eth1"}));
   ASSERT_EQ(file.hops.size(), 3u);
   EXPECT_EQ(file.hops[0].ifh, kFirstIfh);
