@@ -2,6 +2,7 @@
 #ifndef TESTS_SUPPORT_CHILD_H
 #define TESTS_SUPPORT_CHILD_H
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -42,6 +43,11 @@ inline int in_child(const std::function<int()> &body) {
 // Runs `body` in a child process, in which no expectation of it may fail.
 inline void expect_in_child(const std::function<void()> &body) {
   EXPECT_EQ(in_child([&] { return body(), testing::Test::HasFailure() ? 1 : 0; }), 0);
+}
+
+// Returns: whether the calling process is of this user and group alone from now on.
+inline bool become(uid_t user, gid_t group) {
+  return setgroups(0, nullptr) == 0 && setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
 }
 
 inline void kill_hard(pid_t child) {

@@ -2,7 +2,6 @@
 #include "process/process.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -23,11 +22,6 @@ using test_support::in_child;
 using test_support::spawn;
 
 constexpr uid_t kStranger = 65534;
-
-bool become_stranger() {
-  return setgroups(0, nullptr) == 0 && setresgid(kStranger, kStranger, kStranger) == 0 &&
-         setresuid(kStranger, kStranger, kStranger) == 0;
-}
 
 // A child that waits until it is killed.
 class Sleeper {
@@ -124,7 +118,7 @@ TEST(Process, WhatProcHidesIsUnknown) {
   const ProcessId id = sleeper.id();
   const auto mounted = [&](const char *options, auto answer) {
     return in_namespaces(CLONE_NEWNS, [&] {
-      const bool done = mount("proc", "/proc", "proc", 0, options) == 0 && become_stranger();
+      const bool done = mount("proc", "/proc", "proc", 0, options) == 0 && test_support::become(kStranger, kStranger);
       return done ? static_cast<int>(answer()) : 255;
     });
   };

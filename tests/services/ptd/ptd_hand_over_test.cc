@@ -63,11 +63,6 @@ void stay_on(int processor) {
   EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
 }
 
-void run_only_when_idle() {
-  const sched_param none{};
-  EXPECT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
-}
-
 // Waits until the process sleeps.
 void await_sleep(pid_t process) {
   for (int quiet = 0; quiet < 5;) {
@@ -91,14 +86,14 @@ class HandOver : public testing::Test {
     munmap(shared_, sizeof(Shared));
   }
 
-  // The holder unlocks, so that the kernel wakes the first waiter, locks again at once, and kills that waiter before it
-  // runs. The mutex then shows no sign of the second waiter. Afterwards the holder unlocks, or dies as well.
   void wake_one_and_kill_it(bool holder_dies);
 
   Shared *shared_ = nullptr;
 };
 
-// Holder and first waiter share a processor, where the waiter runs only when no other process does.
+// The holder unlocks, so that the kernel wakes the first waiter, locks again at once, and kills that waiter before it
+// runs: they share a processor, where the waiter runs only when no other process does. The mutex then shows no sign of
+// the second waiter. Afterwards the holder unlocks, or dies as well.
 void HandOver::wake_one_and_kill_it(bool holder_dies) {
   shared_->overtook = shared_->taken = false;
   make_mutex(&shared_->mutex);
@@ -123,7 +118,8 @@ void HandOver::wake_one_and_kill_it(bool holder_dies) {
   held.await();
   shared_->first = spawn([&] {
     stay_on(processor);
-    run_only_when_idle();
+    const sched_param none{};
+    EXPECT_EQ(sched_setscheduler(0, SCHED_IDLE, &none), 0);
     take(&shared_->mutex);
     return pause();
   });

@@ -1,5 +1,4 @@
 // Windows that are refused, each with a status and one sentence, and with nothing lost.
-#include <grp.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -32,12 +31,9 @@ class OwnedWindowTest : public WindowTest {
   // Returns: the status, or 254 if the sentence lacks one of the parts.
   int open_as(uid_t user, gid_t group, const shmwin_config_t &made, std::initializer_list<const char *> parts = {}) {
     return in_child([&] {
-      const bool changed =
-          setgroups(0, nullptr) == 0 && setresgid(group, group, group) == 0 && setresuid(user, user, user) == 0;
-      const int status = changed ? reopen(made) : 255;
-      const bool told = std::all_of(parts.begin(), parts.end(),
-                                    [this](const char *part) { return std::strstr(error_.text, part) != nullptr; });
-      return told ? status : 254;
+      const int status = test_support::become(user, group) ? reopen(made) : 255;
+      expect_refusal(status, status, parts);
+      return HasFailure() ? 254 : status;
     });
   }
 };
