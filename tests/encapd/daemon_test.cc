@@ -213,6 +213,26 @@ TEST_F(DaemonTest, EndsAlthoughNoOneReadsItsEvents) {
   }
 }
 
+TEST_F(DaemonTest, WorksAlthoughNoOneReadsItsMessages) {
+  ASSERT_EQ(mkfifo(path("log").c_str(), 0600), 0);
+  const int reader = ::open(path("log").c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK);
+  std::string text(4096, 'x');
+  while (write(reader, text.data(), text.size()) > 0) {
+  }
+  start({});
+  await("listening");
+  while (read(reader, text.data(), text.size()) > 0) {
+  }
+  connect();
+  send(frame({route("10.1.0.0/16", {{{100}}})}));
+  await("\"connected\":true");
+  text.resize(static_cast<std::size_t>(std::max<ssize_t>(read(reader, text.data(), text.size()), 0)));
+  EXPECT_NE(text.find("a router has connected"), text.npos) << text;
+  EXPECT_NE(text.find("(1 message dropped before this one)\n"), text.npos) << text;
+  ::close(reader);
+  EXPECT_EQ(end(SIGTERM), 0);
+}
+
 TEST_F(DaemonTest, TellsTheServiceManagerHowItIs) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;

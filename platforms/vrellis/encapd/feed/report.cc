@@ -9,9 +9,10 @@
 #include <chrono>
 #include <climits>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "oxa_errmsg/outlet.h"
 
 namespace encapd {
 namespace {
@@ -44,7 +45,7 @@ void log_text(Level level, const std::string &sentence) {
   if (level <= most_verbose_level) {
     static const bool journal = std::getenv("JOURNAL_STREAM") != nullptr;
     const LevelText &text = kLevels[static_cast<std::size_t>(level)];
-    std::fprintf(stderr, "%sencapd: %s%s\n", journal ? text.priority : "", text.name, sentence.c_str());
+    vrellis::write_to_stderr(fmt::format("{}encapd: {}{}", journal ? text.priority : "", text.name, sentence));
   }
 }
 

@@ -16,6 +16,7 @@ namespace encapd {
 enum class Level : std::uint8_t { kError, kWarning, kInfo, kDebug };
 
 void set_level(Level most_verbose);
+// Waits for no reader: a message that stderr cannot take at once is dropped, and the next one tells how many were.
 void log_text(Level level, const std::string &sentence);
 
 template <typename... Values>
