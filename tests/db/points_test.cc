@@ -1,4 +1,5 @@
 // The debug points: their descriptors and texts, and what each pass of a point does.
+#include <algorithm>
 #include <sstream>
 
 #include "diag/catalogue.h"
@@ -44,6 +45,22 @@ TEST_F(PointsTest, TheChainOfDescriptorsIsTheCatalogueInReverse) {
     EXPECT_TRUE(id == kNeverEmitted || site.num_values == values_of_point(id).size());
     EXPECT_EQ(site.zero + site.zero_end, 0u);
     EXPECT_EQ(row.id, id);
+  }
+}
+
+// The names that streams give the values tell which of them are indexes.
+TEST_F(PointsTest, EachTellsWhichNhAndTunnelItIsAbout) {
+  for (std::uint32_t id = 0; id < sites().size(); ++id) {
+    const std::vector<std::string> &names = values_of_point(id);
+    const auto number_of = [&](const char *name) {
+      const auto at = std::find(names.begin(), names.end(), name);
+      return at == names.end() ? 0 : at - names.begin() + 1;
+    };
+    const encap_point_subject_t &about = encap_point_subject[id];
+    EXPECT_TRUE(id == kNeverEmitted || about.nh == number_of("nh")) << id;
+    EXPECT_EQ(about.tunnel, number_of("tun")) << id;
+    EXPECT_TRUE(about.nh_found == 0 || about.nh_found == number_of("nhf")) << id;
+    EXPECT_TRUE(about.tunnel_found == 0 || about.tunnel_found == number_of("tunf")) << id;
   }
 }
 
