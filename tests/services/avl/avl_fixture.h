@@ -46,6 +46,10 @@ struct Node {
   std::uint64_t key = 0;
 };
 
+inline bool is_unlinked(const Node &node) {
+  return node.link.child[0] == 0 && node.link.child[1] == 0 && node.link.up == 0;
+}
+
 using Keys = std::vector<std::uint64_t>;
 
 extern "C" inline int compare_keys(const void *a, const void *b) {
@@ -144,8 +148,6 @@ class AvlTest : public testing::Test {
   }
 
   static bool insert(std::uint64_t key, void **field = &window_->root) { return change(avl_insert, key, field, false); }
-  // As the database does it: with a copy of the root.
-  static bool remove(std::uint64_t key) { return change(avl_delete, key, &window_->root, true); }
 
   // With the root field, or with a copy of it. The root's change is told in both.
   static bool change(decltype(avl_insert) *operation, std::uint64_t key, void **field, bool by_copy) {
@@ -158,6 +160,7 @@ class AvlTest : public testing::Test {
     EXPECT_TRUE(result == nullptr || result == &window_->node[key]);
     EXPECT_TRUE(!settled || flag == (*field != before ? 1 : 0));
     EXPECT_EQ(copy, copied ? *field : before);
+    EXPECT_TRUE(operation != avl_delete || result == nullptr || is_unlinked(window_->node[key]));
     return result != nullptr;
   }
 

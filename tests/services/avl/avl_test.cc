@@ -1,7 +1,6 @@
 // The tree service: a large random tree, refusals, the hint; and all or nothing, for which the test takes a snapshot
 // after each store of a change, as a process that dies there would leave the window, and calls the service on each.
 #include <deque>
-#include <random>
 #include <utility>
 
 #include "avl_fixture.h"
@@ -13,8 +12,10 @@ using Snapshot = WindowOf<44>;  // as much of the window as these trees use
 
 class AvlUndo : public AvlTest {
  protected:
-  // The even keys are in the trees, the odd ones are not.
-  static bool toggle(std::uint64_t key) { return key % 2 == 0 ? remove(key) : insert(key); }
+  // The even keys are in the trees, the odd ones are not. Half of the keys go by a copy of the root, as the database's do.
+  static bool toggle(std::uint64_t key) {
+    return change(key % 2 == 0 ? avl_delete : avl_insert, key, &window_->root, key % 4 < 2);
+  }
 
   static Snapshot snapshot() {
     Snapshot state;
@@ -55,27 +56,21 @@ class AvlUndo : public AvlTest {
     }
   }
 
+  static std::vector<Keys> orders_of_all_shapes(std::size_t most);
   static void expect_all_or_nothing(const Keys &order, std::uint64_t key);
 
   static inline std::deque<Snapshot> states_;
 };
 
 // One order of insertion for each shape that AVL trees of 1 to `most` keys can have; the keys are 2, 4, 6, ...
-std::vector<Keys> orders_of_all_shapes(std::size_t most) {
+std::vector<Keys> AvlUndo::orders_of_all_shapes(std::size_t most) {
   std::vector<Keys> orders;
   std::set<std::string> seen;
-  for (std::size_t size = 1; size <= most; ++size) {
-    Keys order(size);
-    std::generate(order.begin(), order.end(), [key = std::uint64_t{0}]() mutable { return key += 2; });
+  for (Keys order; order.size() < most;) {
+    order.push_back(2 * order.size() + 2);
     do {
-      std::vector<Node> nodes(size);
-      void *root = nullptr;
-      int flag = 0;
-      for (std::size_t i = 0; i < size; ++i) {
-        nodes[i].key = order[i];
-        avl_insert(&root, &nodes[i], &flag, compare_keys);
-      }
-      if (seen.insert(view_of(&root).shape).second) {
+      build(order);
+      if (seen.insert(tree().shape).second) {
         orders.push_back(order);
       }
     } while (std::next_permutation(order.begin(), order.end()));
@@ -147,7 +142,7 @@ TEST_F(AvlUndo, AnotherTreesRootIsNotMistakenForTheOneTakenBack) {
   build({4, 2, 6});
   void *&second = window_->other_root;
   ASSERT_TRUE(insert(20, &second));
-  for (const Snapshot &death : deaths_in([] { remove(2), remove(4); })) {
+  for (const Snapshot &death : deaths_in([] { toggle(2), toggle(4); })) {
     restore(death);
     ASSERT_EQ(find(second, 20), &window_->node[20]);
     ASSERT_EQ(view_of(&second).fault + tree().fault, "");
@@ -216,67 +211,39 @@ TEST_F(AvlUndo, AChangeOfADamagedTreeThatWouldOutgrowTheLogIsTakenBack) {
   EXPECT_EQ(window_->log.count, 0U);
 }
 
-bool is_unlinked(const Node &node) {
-  return node.link.child[0] == 0 && node.link.child[1] == 0 && node.link.up == 0;
-}
-
-// Deep trees, whose removals rotate on several levels. AvlUndo has every shape of the small ones.
-TEST_F(AvlTest, RandomOperationsAgreeWithASet) {
-  std::mt19937_64 random(20240607);
-  build({});
-  std::set<std::uint64_t> model;
-  for (int step = 0; step < 100'000; ++step) {
-    const std::uint64_t key = random() % 400;
-    const bool known = model.contains(key);
-    const bool by_copy = random() % 2 != 0;
-    ASSERT_EQ(find(window_->root, key), known ? &window_->node[key] : nullptr);
-    const bool growing = step / 2000 % 2 == 0;  // the tree gets nearly full and nearly empty in turn
-    if (random() % 64 != 0 ? growing : !growing) {
-      ASSERT_EQ(change(avl_insert, key, &window_->root, by_copy), !known);
-      model.insert(key);
-    } else {
-      ASSERT_EQ(change(avl_delete, key, &window_->root, by_copy), known);
-      ASSERT_TRUE(is_unlinked(window_->node[key]));
-      model.erase(key);
-    }
-    if (step % 16 == 0 || model.size() < 4) {
-      ASSERT_EQ(tree().fault, "");
-      ASSERT_EQ(tree().keys, Keys(model.begin(), model.end()));
-    }
-  }
-}
-
 TEST_F(AvlTest, RefusalsChangeNothing) {
   build({8, 4, 12, 2, 6, 10, 14});
   for (const std::uint64_t key : {21U, 20U, 22U}) {
     ASSERT_TRUE(insert(key, &window_->other_root));
   }
+  Node *const node = window_->node;
   Node twin;
   twin.key = 6;
-  int flag = 0;
-  const std::string shape = tree().shape;
-  Node *const node = window_->node;
   void *inner = &node[4];
   void *empty = nullptr;
-
-  EXPECT_EQ(avl_insert(&window_->root, &twin, &flag, compare_keys), nullptr) << "a second node of one key";
-  EXPECT_TRUE(is_unlinked(twin));
-  EXPECT_EQ(avl_insert(&inner, &node[3], &flag, compare_keys), nullptr) << "a copy that is not the root's";
   const struct {
+    decltype(avl_insert) *operation;
     void **root;
     Node *node;
     const char *what;
-  } removals[] = {
-      {&window_->root, &twin, "a node in no tree, of a known key"}, {&window_->root, &node[21], "another tree's root"},
-      {&window_->root, &node[20], "another tree's leaf"},           {&window_->root, nullptr, "no node"},
-      {&inner, &node[2], "a copy that is not the root's"},          {&empty, &node[8], "an empty tree"}};
-  for (const auto &each : removals) {
-    EXPECT_EQ(avl_delete(each.root, each.node, &flag, compare_keys), nullptr) << each.what;
+  } cases[] = {
+      {avl_insert, &window_->root, &twin, "a second node of one key"},
+      {avl_insert, &inner, &node[3], "a copy that is not the root's"},
+      {avl_delete, &inner, &node[2], "a copy that is not the root's"},
+      {avl_delete, &window_->root, &twin, "a node in no tree, of a known key"},
+      {avl_delete, &window_->root, &node[21], "another tree's root"},
+      {avl_delete, &window_->root, &node[20], "another tree's leaf"},
+      {avl_delete, &window_->root, nullptr, "no node"},
+      {avl_delete, &empty, &node[8], "an empty tree"},
+  };
+  const Window before = *window_;
+  for (const auto &each : cases) {
+    int flag = 0;
+    EXPECT_EQ(each.operation(each.root, each.node, &flag, compare_keys), nullptr) << each.what;
+    EXPECT_EQ(flag, 0) << each.what;
   }
-  EXPECT_EQ(flag, 0);
-  EXPECT_EQ(tree().fault + view_of(&window_->other_root).fault, "");
-  EXPECT_EQ(tree().keys, (Keys{2, 4, 6, 8, 10, 12, 14}));
-  EXPECT_EQ(tree().shape, shape);
+  EXPECT_EQ(std::memcmp(&before, window_, sizeof before), 0);
+  EXPECT_TRUE(is_unlinked(twin));
 }
 
 TEST_F(AvlTest, TheHintIsWhereTheLastSearchEnded) {
