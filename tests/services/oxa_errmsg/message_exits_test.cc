@@ -11,10 +11,9 @@
 #include <termios.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <regex>
 #include <thread>
 
@@ -35,8 +34,18 @@ int raise_one() {
 }
 
 void send_to(const char *sink) {
+  alarm(30);
   setenv("OXA_ERRMSG", sink, 1);
   oxa_set_sink(nullptr, nullptr);
+}
+
+// Runs `body` in a child process whose messages go to `fd`.
+void expect_with_stderr(int fd, const std::function<void()> &body) {
+  expect_in_child([&] {
+    send_to("stderr");
+    dup2(fd, STDERR_FILENO);
+    body();
+  });
 }
 
 void fill(int fd) {
@@ -54,46 +63,23 @@ std::string drain(int fd) {
   std::string all;
   char bytes[4096];
   pollfd reader = {fd, POLLIN, 0};
-  ssize_t got = 1;
-  while (got > 0 && poll(&reader, 1, 20) > 0) {  // a terminal hands bytes over a little later
-    got = read(fd, bytes, sizeof bytes);
-    all.append(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+  while (poll(&reader, 1, 20) > 0) {  // a terminal hands bytes over a little later
+    const ssize_t got = read(fd, bytes, sizeof bytes);
+    if (got <= 0) {
+      break;
+    }
+    all.append(bytes, static_cast<size_t>(got));
   }
   return all;
 }
 
-// What stderr can be: both ends of it, the one to write to first.
-using Ends = std::array<int, 2>;
-
-Ends a_pipe() {
-  Ends ends;
-  EXPECT_EQ(pipe(ends.data()), 0);
-  return {ends[1], ends[0]};
-}
-Ends a_stream() {
-  Ends ends;
-  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-  return ends;
-}
-Ends a_terminal() {
-  Ends ends;
-  EXPECT_EQ(openpty(&ends[1], ends.data(), nullptr, nullptr, nullptr), 0);
-  return ends;
-}
-
-// Messages in what a reader of stderr got: those that came whole, and those that were said to be dropped.
-struct Told {
-  int whole = 0;
-  int dropped = 0;
-  int all() const { return whole + dropped; }
-};
-
-Told told_by(const std::string &text) {
+// How many messages a reader of stderr got whole, and how many it was told were dropped.
+std::array<int, 2> told_by(const std::string &text) {
   static const std::regex line(std::string(kLine) + "(?: \\(([0-9]+) messages? dropped before this one\\))?\r?\n");
-  Told told;
+  std::array<int, 2> told = {0, 0};
   for (std::sregex_iterator match(text.begin(), text.end(), line), end; match != end; ++match) {
-    ++told.whole;
-    told.dropped += (*match)[1].matched ? std::stoi((*match)[1]) : 0;
+    ++told[0];
+    told[1] += (*match)[1].matched ? std::stoi((*match)[1]) : 0;
   }
   return told;
 }
@@ -103,111 +89,94 @@ Told told_by(const std::string &text) {
 TEST(MessageExits, AStuckReaderOfStderrHoldsNobodyUpAndLearnsWhatWasDropped) {
   const struct {
     const char *name;
-    Ends (*make)();
+    int (*make)(int *ends);  // to read from, and to write to
     int raised, dropped_at_least;
-  } kinds[] = {{"pipe", a_pipe, 3, 3}, {"stream", a_stream, 3, 3}, {"terminal", a_terminal, 300, 1}};
+  } kinds[] = {{"pipe", [](int *ends) { return pipe(ends); }, 3, 3},
+               {"stream", [](int *ends) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }, 3, 3},
+               {"terminal", [](int *ends) { return openpty(ends, ends + 1, nullptr, nullptr, nullptr); }, 300, 1}};
   for (const auto &kind : kinds) {
     SCOPED_TRACE(kind.name);
-    const auto [writer, reader] = kind.make();
-    expect_in_child([writer = writer, reader = reader, &kind] {
-      alarm(30);
-      send_to("stderr");
-      dup2(writer, STDERR_FILENO);
+    int ends[2];
+    ASSERT_EQ(kind.make(ends), 0);
+    expect_with_stderr(ends[1], [&] {
       fill(STDERR_FILENO);
       const int flags = fcntl(STDERR_FILENO, F_GETFL);
+      std::string got;
+      std::array<int, 2> told;
       int raised = 0;
-      for (; raised < kind.raised; ++raised) {
-        raise_one();
-      }
-      std::string got = drain(reader);
-      Told told;
       do {
         raise_one();
-        ++raised;
-        got += drain(reader);
+        got += ++raised < kind.raised ? "" : drain(ends[0]);
         told = told_by(got);
-      } while (told.all() < raised && raised < kind.raised + 100);
-      EXPECT_EQ(told.all(), raised) << got;
-      EXPECT_GE(told.dropped, kind.dropped_at_least) << got;
+      } while (told[0] + told[1] < raised && raised < kind.raised + 100);
+      EXPECT_EQ(told[0] + told[1], raised) << got;
+      EXPECT_GE(told[1], kind.dropped_at_least) << got;
       EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
     });
-    close(writer);
-    close(reader);
+    close(ends[0]);
+    close(ends[1]);
   }
 }
 
 TEST(MessageExits, NoSignalIsRaisedLostOrInvented) {
-  const auto [writer, reader] = a_pipe();
-  close(reader);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  close(ends[0]);
   const int file = open("/tmp", O_TMPFILE | O_RDWR, 0600);
-  expect_in_child([writer = writer, file] {
+  expect_with_stderr(file, [&] {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_FSIZE, &none);
-    send_to("stderr");
-    const auto raise_on_both = [&] {
-      for (const int fd : {writer, file}) {
+    const auto pending_after_both = [&] {
+      for (const int fd : {ends[1], file}) {
         dup2(fd, STDERR_FILENO);
         raise_one();
       }
-    };
-    raise_on_both();  // the signals would end the process
-    sigset_t both, pending;
-    sigemptyset(&both);
-    for (const int signal : {SIGPIPE, SIGXFSZ}) {
-      sigaddset(&both, signal);
-    }
-    sigprocmask(SIG_BLOCK, &both, nullptr);
-    for (const int was_pending : {0, 1}) {
-      if (was_pending != 0) {
-        raise(SIGPIPE);
-        raise(SIGXFSZ);
-      }
-      raise_on_both();
+      sigset_t pending;
       sigpending(&pending);
-      EXPECT_EQ((std::array{sigismember(&pending, SIGPIPE), sigismember(&pending, SIGXFSZ)}),
-                (std::array{was_pending, was_pending}));
-    }
+      return std::array{sigismember(&pending, SIGPIPE), sigismember(&pending, SIGXFSZ)};
+    };
+    pending_after_both();  // the signals would end the process
+    sigset_t both;
+    sigemptyset(&both);
+    sigaddset(&both, SIGPIPE);
+    sigaddset(&both, SIGXFSZ);
+    sigprocmask(SIG_BLOCK, &both, nullptr);
+    EXPECT_EQ(pending_after_both(), (std::array{0, 0}));
+    raise(SIGPIPE);
+    raise(SIGXFSZ);
+    EXPECT_EQ(pending_after_both(), (std::array{1, 1}));
   });
-  close(writer);
+  close(ends[1]);
   close(file);
 }
 
 TEST(MessageExits, ChildrenOfAProcessWithBusyThreadsNeverHang) {
-  const auto [writer, reader] = a_pipe();
-  std::atomic<bool> stop{false};
-  std::jthread times([&stop] {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const std::jthread times([](const std::stop_token &stop) {
     tm local;
-    for (time_t now = 0; !stop; ++now) {
+    for (time_t now = 0; !stop.stop_requested(); ++now) {
       localtime_r(&now, &local);
     }
   });
-  std::jthread queries([&stop] {
-    while (!stop) {
+  const std::jthread queries([](const std::stop_token &stop) {
+    while (!stop.stop_requested()) {
       ed_query("component no_such_component +p", nullptr);
     }
   });
   for (int i = 0; i < 200 && !HasFailure(); ++i) {
-    expect_in_child([writer = writer] {
-      alarm(30);
-      send_to("stderr");
-      dup2(writer, STDERR_FILENO);
+    expect_with_stderr(ends[1], [] {
       raise_one();
       EXPECT_EQ(ed_query("component no_such_component +p", nullptr), EINVAL);
     });
-    char line[200] = {};
-    EXPECT_GT(read(reader, line, sizeof line - 1), 0);
-    EXPECT_NE(std::strstr(line, "a: nh_idx 7\n"), nullptr) << line;
   }
-  stop = true;
-  close(writer);
-  close(reader);
+  EXPECT_EQ(told_by(drain(ends[0])), (std::array{200, 0}));
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST(MessageExits, AMessageOfASignalHandlerMayInterruptAnother) {
-  expect_in_child([] {
-    alarm(30);
-    send_to("stderr");
-    dup2(open("/dev/null", O_WRONLY), STDERR_FILENO);
+  expect_with_stderr(open("/dev/null", O_WRONLY | O_CLOEXEC), [] {
     static volatile sig_atomic_t handled = 0;
     signal(SIGVTALRM, [](int) { handled = handled + (raise_one() == 0); });
     const itimerval often = {{0, 1000}, {0, 1000}};
@@ -227,7 +196,6 @@ TEST(MessageExits, ALogDaemonThatIsStuckOrMissingHoldsNobodyUp) {
   std::strcpy(address.sun_path, daemon_path.c_str());
   ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
   expect_in_child([daemon] {
-    alarm(30);
     send_to("syslog");
     for (int i = 0; i < 2000; ++i) {
       raise_one();
