@@ -16,6 +16,7 @@
 
 namespace vrellis {
 
+using test_support::end_of;
 using test_support::expect_in_child;
 using test_support::kill_hard;
 using test_support::Signal;

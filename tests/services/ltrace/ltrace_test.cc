@@ -281,7 +281,7 @@ TEST_F(TraceTest, TheSweepKeepsTheLivingAndTheDeadThatWroteLast) {
     end_one();
   }
   go.give();
-  ASSERT_EQ(test_support::end_of(late), 0);
+  ASSERT_EQ(end_of(late), 0);
   end_one();
   end_one();
   std::set<std::uint32_t> pids;
