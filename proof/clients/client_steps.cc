@@ -50,7 +50,7 @@ bool in_child(const Stage &stage, const std::function<bool()> &work) {
 
 // Allocation `number` of the call fails: then the call says so and changes nothing. Counts it, if the call has so many.
 bool fail_allocation(const Stage &stage, int number, Totals &told) {
-  stage.window.put(stage.start);
+  stage.put_start();
   const Picture before = draw();
   failing_allocation = number;
   Cast cast = stage.cast;
@@ -91,7 +91,7 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
     Cast cast = stage.cast;
     scenario.call(cast, nullptr, nullptr);
   });
-  stage.window.put(stage.start);
+  stage.put_start();
   std::printf("%-45s %6" PRIu64 " instructions, %5zu states\n", scenario.name.c_str(), walk.instructions,
               walk.states.all().size());
   totals.instructions += walk.instructions;
@@ -106,7 +106,7 @@ bool run(const Scenario &scenario, bool with_second, Totals &totals) {
     totals.seconds += seconds.all().size();
     return first && play_clients(steps, seconds, "second-death", nullptr);
   });
-  stage.window.put(stage.start);
+  stage.put_start();
   return (scenario.other_nh != 0 || fail_allocations(stage, totals)) && good;
 }
 

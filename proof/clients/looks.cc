@@ -60,7 +60,7 @@ Answers answers_without_lock(encap_client_t *client, const std::vector<egress_en
 std::vector<egress_encap_key_t> keys_of(const Steps &steps) {
   std::vector<egress_encap_key_t> keys{key(16, 100), key(17, 99, 8)};
   for (const Image &image : steps.images) {
-    steps.stage.window.put(image);
+    steps.stage.put(image);
     for (std::uint32_t nh = crash::kNhStart; nh < crash::kNhStart + crash::kNhSize; ++nh) {
       const egress_encap_key_t own = clients::key_of(nh);
       const auto is_own = [&own](const egress_encap_key_t &known) {
@@ -82,12 +82,13 @@ bool play_looks(const Steps &steps, const crash::States &states, std::uint64_t *
   const std::vector<egress_encap_key_t> keys = keys_of(steps);
   std::vector<Answers> allowed;
   for (const Image &image : steps.images) {
-    stage.window.put(image);
+    stage.put(image);
     allowed.push_back(answers_of_operations(keys));
   }
   auto step = allowed.begin();  // looks never fall back behind it
+  stage.put(stage.start);
   for (const Image &state : states.all()) {
-    stage.window.put(state);
+    stage.window.put(state);  // time goes on, and the client remembers
     const Answers now = answers_without_lock(client, keys);
     *looks += now.size();
     step = std::find(step, allowed.end(), now);

@@ -69,7 +69,7 @@ std::string go_on(const Stage &stage) {
 
 // Plays the next client in one state. Returns: what is wrong, or "".
 std::string play(const Stage &stage, const std::vector<Picture> &allowed, const Image &state, crash::ChangeLog *log) {
-  stage.window.put(state);
+  stage.put(state);
   if (log != nullptr) {
     crash::watch_writes(stage.window.bytes(), stage.window.size(), log);
   }
@@ -127,7 +127,7 @@ std::vector<Work> works_beside(const Steps &steps) {
   for (std::uint32_t nh = crash::kNhStart; nh < crash::kNhStart + crash::kNhSize && works.size() < 6; ++nh) {
     std::uint32_t least = ~0U;
     for (const Image &image : steps.images) {
-      steps.stage.window.put(image);
+      steps.stage.put(image);
       least = std::min(least, clients::nh_slot(nh).valid != 0 ? clients::nh_slot(nh).ref_count : 0);
     }
     const std::string name = " NH " + std::to_string(nh);
@@ -143,7 +143,7 @@ std::vector<Work> works_beside(const Steps &steps) {
 
 // Requires that `image` is settled or that the work may be done before it is.
 std::pair<std::string, Picture> after_work(const Stage &stage, const Image &image, const Work &work) {
-  stage.window.put(image);
+  stage.put(image);
   std::string answer = work.does();
   if (next_call(stage) != 0) {
     answer += ", and the next call failed";
@@ -185,21 +185,51 @@ std::string left_to_mend(const Stage &stage) {
 
 }  // namespace
 
+Memory::Memory(const encap_client_t *client) {
+  if (client != nullptr) {
+    top = client->known.top;
+    nodes.assign(client->known.nodes, client->known.nodes + client->known.places());
+  }
+}
+
+void Memory::put_back_to(encap_client_t *client) const {
+  if (client != nullptr) {
+    client->known.top = top;
+    std::copy(nodes.begin(), nodes.end(), client->known.nodes);
+  }
+}
+
+void Stage::put(const Image &image) const {
+  window.put(image);
+  memory_of_b.put_back_to(cast.b);
+}
+
+void Stage::put_start() const {
+  put(start);
+  memory_of_a.put_back_to(cast.a);
+}
+
 Stage::Stage(const crash::Directory &directory, const Scenario &what)
-    : scenario(what), config(crash::config_in(directory, what.pages * std::uint64_t{4096})), window(directory, config) {
+    : scenario(what),
+      config(crash::config_in(directory, what.pages * std::uint64_t{4096})),
+      window(directory, config),
+      memory_of_a(nullptr),
+      memory_of_b(nullptr) {
   current_config = config;
   if (scenario.cast && (open_as(config, "a", &cast.a) != 0 || open_as(config, "b", &cast.b) != 0)) {
     crash::give_up("%s: a client cannot be opened", scenario.name.c_str());
   }
   scenario.given(cast);
   start = window.image();
+  memory_of_a = Memory(cast.a);
+  memory_of_b = Memory(cast.b);
 }
 
 Steps steps_of(const Stage &stage) {
   Steps steps{stage, {}, {}};
   next_call(stage);
   gather(nullptr, &steps);
-  stage.window.put(stage.start);
+  stage.put_start();
   Cast cast = stage.cast;
   const int status = stage.scenario.call(cast, gather, &steps);
   if (status != stage.scenario.status) {

@@ -4,19 +4,33 @@
 
 #include "picture.h"
 #include "scenarios.h"
+#include "session.h"
 #include "support/stepper.h"
 
 namespace client_proof {
 
+// What a client remembers of the tunnel tree, which has to go back in time together with the window.
+struct Memory {
+  explicit Memory(const encap_client_t *client);
+  void put_back_to(encap_client_t *client) const;
+
+  clients::KnownNode top{};
+  std::vector<clients::KnownNode> nodes;
+};
+
 // One scenario on a window of its own, at the moment before the call.
 struct Stage {
   Stage(const crash::Directory &directory, const Scenario &what);
+
+  void put(const crash::Image &image) const;  // for any process but that of `a`
+  void put_start() const;                     // requires that `a` is not closed
 
   const Scenario &scenario;
   encap_db_config_t config;
   crash::Window window;
   Cast cast;
   crash::Image start;
+  Memory memory_of_a, memory_of_b;
 };
 
 // What the call goes through, as the next client finds it: before it, after each of its steps, and after it.

@@ -33,6 +33,9 @@ int refuse_name(shmwin_error_t *error, int status, const char *name, const Clien
 // Requires an open database. Fills `client`.
 int open_name(const char *name, encap_client_t *client, shmwin_error_t *error) {
   client->generation = generation();
+  if (!client->known.make()) {
+    return refuse(error, ENOMEM, "the client '%s' finds no memory in its process", name);
+  }
   int status = enter_database(*client);
   if (status != 0) {
     return refuse(error, status, "the client '%s' cannot take the database lock: %s", name, std::strerror(status));
@@ -56,12 +59,13 @@ void end(encap_client_t *client) {
   if (client->generation == generation()) {  // a child of fork has none of its parent's clients
     close_database();
   }
+  std::free(client->known.nodes);
   std::free(client);
 }
 
 // Returns a reference on the first NH of a bucket that is due. Returns: 0; ENOENT when none is.
 template <typename Due>
-int release_one(Ledger &ledger, std::uint32_t number, Due is_due, encap_left_t *left) {
+int release_one(const KnownTunnels &known, Ledger &ledger, std::uint32_t number, Due is_due, encap_left_t *left) {
   std::uint32_t nh = 0;
   bool due = false;
   each_in(bucket_at(ledger, number), [&](const Holding &holding) {
@@ -74,7 +78,7 @@ int release_one(Ledger &ledger, std::uint32_t number, Due is_due, encap_left_t *
     return ENOENT;
   }
   count_call(ledger, kReleased);
-  return give_reference_back(ledger, nh, First::kStale, left);
+  return give_reference_back(known, ledger, nh, First::kStale, left);
 }
 
 using Gone = void (*)(const encap_left_t *, void *);
@@ -94,7 +98,7 @@ int sweep(const encap_client_t &client, Ledger &ledger, Left is_left, Due is_due
     const bool some = is_left();
     for (std::uint32_t turns = 0; some && status == ENOENT && turns < buckets_of(ledger); ++turns) {
       number = number < buckets_of(ledger) ? number : 0;
-      status = release_one(ledger, number, is_due, &left);
+      status = release_one(client.known, ledger, number, is_due, &left);
       number += status == ENOENT ? 1 : 0;
     }
     leave_database();
@@ -185,7 +189,8 @@ int encap_client_enter(encap_client_t *client, egress_encap_key_t key, const enc
   }
   Ledger &ledger = *client->ledger;
   encap_entry_t done{};
-  status = take_reference(ledger, key, attributes != nullptr ? *attributes : encap_attributes_t{}, &done);
+  status =
+      take_reference(client->known, ledger, key, attributes != nullptr ? *attributes : encap_attributes_t{}, &done);
   count_call(ledger, status != 0 ? kRefused : done.renewed != 0 ? kRenewed : kEntered);
   leave_database();
   if (status == 0 && entry != nullptr) {
@@ -200,7 +205,7 @@ int encap_client_release(encap_client_t *client, uint32_t nh, encap_left_t *left
     return status;
   }
   encap_left_t done{};
-  status = give_reference_back(*client->ledger, nh, First::kFresh, &done);
+  status = give_reference_back(client->known, *client->ledger, nh, First::kFresh, &done);
   if (status == 0) {
     count_call(*client->ledger, kReleased);
   }

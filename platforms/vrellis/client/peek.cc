@@ -47,7 +47,7 @@ struct Watched {
 // A look that reads words as they are in memory. It is in vain when a version is odd.
 class PlainLook {
  public:
-  explicit PlainLook(KnownRoot &root) : root_(root) {}
+  explicit PlainLook(KnownTunnels &known) : known_(known) {}
 
   // Before anything is read whose version this is: of a first record, and then of one more. Returns: false when this look
   // is in vain.
@@ -63,20 +63,28 @@ class PlainLook {
   // Returns: `answer`, if everything was read at one moment.
   int end(int answer, bool /*last_time*/) const {
     const bool same = first_.holds() && second_.holds();
-    if (same && new_root_ != 0) {
-      root_.remember(first_.value, new_root_);
+    if (same) {
+      known_.top.remember(first_.value, new_top_);
+      if (place_ != nullptr) {
+        place_->remember(first_.value, new_tunnel_);
+      }
     }
     return same ? answer : kAgain;
   }
 
-  // Requires that their version is watched first.
+  // Require that the version of the tunnels is watched first.
+  Word known_tunnel(const SearchKey &key) const { return known_.of(key).at(first_.value); }
+  void learn(const SearchKey &key, Word tunnel) {
+    place_ = &known_.of(key);
+    new_tunnel_ = tunnel;
+  }
   Word root_of_tunnels() {
-    const Word known = root_.at(first_.value);
+    const Word known = known_.top.at(first_.value);
     if (known != 0) {
       return known;
     }
-    new_root_ = load_word(tunnel_field());
-    return new_root_;
+    new_top_ = load_word(tunnel_field());
+    return new_top_;
   }
 
   const Extent &window() const { return window_; }
@@ -85,8 +93,10 @@ class PlainLook {
 
  private:
   const Extent window_ = extent;
-  KnownRoot &root_;
-  Word new_root_ = 0;
+  KnownTunnels &known_;
+  KnownNode *place_ = nullptr;
+  Word new_tunnel_ = 0;
+  Word new_top_ = 0;
   Watched first_;
   Watched second_;
 };
@@ -94,8 +104,7 @@ class PlainLook {
 // A look that reads words through the undo log where a version is odd.
 class LogLook {
  public:
-  explicit LogLook(KnownRoot & /*root*/)
-      : view_(*reinterpret_cast<const UndoLog *>(extent.window + kLogOffset), extent.begin + extent.bytes) {}
+  explicit LogLook(KnownTunnels & /*known*/) : view_(undo_log(), extent.begin + extent.bytes) {}
 
   // As in PlainLook.
   bool watch(Word place) { return watch(first_, place); }
@@ -106,14 +115,14 @@ class LogLook {
     return same ? answer : kAgain;
   }
 
+  static Word known_tunnel(const SearchKey & /*key*/) { return 0; }
+  static void learn(const SearchKey & /*key*/, Word /*tunnel*/) {}
   Word root_of_tunnels() { return word(tunnel_field()); }
   static const Extent &window() { return extent; }
   Word word(Word address) { return view_.word(address); }
   std::uint32_t half(Word address) { return view_.half(address); }
 
  private:
-  static constexpr Word kLogOffset = 4096;
-
   bool watch(Watched &watched, Word place) {
     watched = Watched(extent.window, place);
     if (watched.is_odd()) {
@@ -140,15 +149,15 @@ class LogLook {
 };
 
 template <typename Look, typename Answer, typename What>
-int look_once(KnownRoot &root, What what, Answer *answer, bool last_time) {
-  Look look(root);
+int look_once(KnownTunnels &known, What what, Answer *answer, bool last_time) {
+  Look look(known);
   *answer = {};
   return look.end(what(look, *answer), last_time);
 }
 
 // Returns: kAgain when another thread holds the lock, which this function does not wait for.
 template <typename Answer, typename What>
-[[gnu::cold, gnu::noinline]] int look_under_lock(KnownRoot &root, What what, Answer *answer) {
+[[gnu::cold, gnu::noinline]] int look_under_lock(KnownTunnels &known, What what, Answer *answer) {
   pthread_mutex_t *const mutex = &egress_encap_db->lock.mutex;
   const int status = pthread_mutex_trylock(mutex);
   if (status == EOWNERDEAD) {
@@ -156,16 +165,16 @@ template <typename Answer, typename What>
   } else if (status != 0) {
     return kAgain;
   }
-  const int seen = look_once<LogLook>(root, what, answer, true);
+  const int seen = look_once<LogLook>(known, what, answer, true);
   pthread_mutex_unlock(mutex);
   return seen;
 }
 
 template <typename Answer, typename What>
-[[gnu::cold, gnu::noinline]] int look_again(KnownRoot &root, What what, Answer *answer) {
+[[gnu::cold, gnu::noinline]] int look_again(KnownTunnels &known, What what, Answer *answer) {
   for (int round = 0; round < kRounds; ++round) {
     for (int i = 0; i < kLooks; ++i) {
-      const int status = look_once<LogLook>(root, what, answer, i == kLooks - 1);
+      const int status = look_once<LogLook>(known, what, answer, i == kLooks - 1);
       if (status != kAgain) {
         return status;
       }
@@ -173,7 +182,7 @@ template <typename Answer, typename What>
         __builtin_ia32_pause();
       }
     }
-    const int status = look_under_lock(root, what, answer);
+    const int status = look_under_lock(known, what, answer);
     if (status != kAgain) {
       return status;
     }
@@ -186,8 +195,8 @@ int look(encap_client_t &client, What what, Answer *answer) {
   if (__builtin_expect(client.generation != generation(), 0)) {
     return EPERM;
   }
-  const int status = look_once<PlainLook>(client.root, what, answer, false);
-  return __builtin_expect(status == kAgain, 0) ? look_again(client.root, what, answer) : status;
+  const int status = look_once<PlainLook>(client.known, what, answer, false);
+  return __builtin_expect(status == kAgain, 0) ? look_again(client.known, what, answer) : status;
 }
 
 }  // namespace

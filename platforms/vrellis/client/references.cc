@@ -10,6 +10,11 @@
 namespace clients {
 namespace {
 
+using vrellis::avl::count_now;
+using vrellis::avl::note_count;
+using vrellis::avl::note_counted;
+using vrellis::avl::note_halves;
+
 int abort_with(int status) {
   avl_change_abort();
   return status;
@@ -18,7 +23,7 @@ int abort_with(int status) {
 // What the operations of the database change beside trees and allocator: slots. Their counts are noted as counts.
 template <typename Slot>
 void note_slot(const Slot &slot) {
-  avl_change_note(&slot.ref_count + 1, sizeof slot / sizeof slot.ref_count - 1);
+  note_halves<sizeof slot / sizeof slot.ref_count - 1>(undo_log(), &slot.ref_count + 1);
 }
 
 int share(Ledger &ledger, const Place &place, std::uint32_t nh, encap_entry_t *entry) {
@@ -35,7 +40,7 @@ int share(Ledger &ledger, const Place &place, std::uint32_t nh, encap_entry_t *e
   }
   egr_nh_info_t &slot = nh_slot(nh);
   avl_change_version(&slot);
-  avl_change_count_now(&slot.ref_count, slot.ref_count + 1);
+  count_now(undo_log(), &slot.ref_count, slot.ref_count + 1);
   avl_change_commit();
   return 0;
 }
@@ -44,12 +49,20 @@ void note_slots(const egress_encap_info_t &info) {
   egr_nh_info_t &nh = nh_slot(info.egr_nh);
   note_slot(nh);
   avl_change_version(&nh);
-  avl_change_count(&nh.ref_count, 1);
+  note_count(undo_log(), nh.ref_count, 1);
   egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
   if (info.tun_found == 0) {
     note_slot(tunnel);
   }
-  avl_change_count(&tunnel.ref_count, tunnel.ref_count + 1);
+  note_count(undo_log(), tunnel.ref_count, tunnel.ref_count + 1);
+}
+
+// The insert need not search again. A node at the end of a search is one, so its address may be followed.
+void tell_of_searches(const Found &found) {
+  avl_change_searched(egress_encap_db->tun_root, at<mpls_tunnel_entry_t>(found.end_of_tunnels));
+  if (found.tunnel != nullptr) {
+    avl_change_searched(found.tunnel->nh_root, at<mpls_nh_entry_t>(found.end_of_nhs));
+  }
 }
 
 int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, const encap_attributes_t &attributes,
@@ -84,11 +97,12 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
     return abort_with(ENOMEM);
   }
   note_slots(info);
+  tell_of_searches(found);
   // Indexes and key were looked at, so that memory is all that an insert can want.
   if (vrl_insert_egress_encap(&info, key) != 0) {
     return abort_with(ENOMEM);
   }
-  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
+  note_counted(undo_log(), vrellis::avl::kCountedNow);
   avl_change_commit();
   entry->nh = info.egr_nh;
   entry->tunnel = info.egr_tun;
@@ -99,12 +113,12 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
 
 // Takes the NH out after its last reference, and the tunnel after its last NH. Requires an open change. Returns: 0;
 // EINVAL when the database is damaged.
-int take_out(std::uint32_t nh, encap_left_t *left) {
+int take_out(const KnownTunnels &known, std::uint32_t nh, encap_left_t *left) {
   egr_nh_info_t &slot = nh_slot(nh);
   egr_tun_info_t &tunnel_of_nh = tunnel_slot(left->tunnel);
-  avl_change_count(&slot.ref_count, 0);
+  note_count(undo_log(), slot.ref_count, 0);
   note_slot(slot);
-  avl_change_count(&tunnel_of_nh.ref_count, tunnel_of_nh.ref_count - 1);
+  note_count(undo_log(), tunnel_of_nh.ref_count, tunnel_of_nh.ref_count - 1);
   give_nh_back(client_root(), nh);
   left->nh_left = 1;
   left->tunnel_left = tunnel_of_nh.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
@@ -112,8 +126,10 @@ int take_out(std::uint32_t nh, encap_left_t *left) {
     note_slot(tunnel_of_nh);
     give_tunnel_back(client_root(), left->tunnel);
   }
+  const SearchKey key = tunnel_part(key_in(slot, tunnel_of_nh));
+  avl_change_searched(egress_encap_db->tun_root, known_tunnel(known, key));
   // The removal counts down before it touches a tree.
-  avl_change_counted(AVL_CHANGE_COUNTED_WITH_NEXT);
+  note_counted(undo_log(), vrellis::avl::kCountedWithNext);
   std::uint32_t tunnel = 0;
   std::uint32_t nh_to_del = 0;
   std::uint32_t tunnel_to_del = 0;
@@ -121,7 +137,7 @@ int take_out(std::uint32_t nh, encap_left_t *left) {
   if (status != 0 || nh_to_del == 0) {
     return EINVAL;
   }
-  avl_change_counted(AVL_CHANGE_COUNTED_NOW);
+  note_counted(undo_log(), vrellis::avl::kCountedNow);
   return 0;
 }
 
@@ -137,10 +153,10 @@ bool is_whole(const Found &found, const egress_encap_key_t &key) {
 
 }  // namespace
 
-int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_attributes_t &attributes,
-                   encap_entry_t *entry) {
+int take_reference(const KnownTunnels &known, Ledger &ledger, const egress_encap_key_t &key,
+                   const encap_attributes_t &attributes, encap_entry_t *entry) {
   Found found;
-  const int status = look_up(key, &found);
+  const int status = look_up(known, key, &found);
   if (found.nh != nullptr) {
     fetch(bucket_of(ledger, found.nh->nh_index));
   }
@@ -168,7 +184,7 @@ int take_reference(Ledger &ledger, const egress_encap_key_t &key, const encap_at
   return 0;
 }
 
-int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_left_t *left) {
+int give_reference_back(const KnownTunnels &known, Ledger &ledger, std::uint32_t nh, First first, encap_left_t *left) {
   const Place place = place_of(ledger, nh);
   if (place.holding == nullptr) {
     return place.is_sound() ? ENOENT : EINVAL;
@@ -189,9 +205,9 @@ int give_reference_back(Ledger &ledger, std::uint32_t nh, First first, encap_lef
   if (slot.valid != 0) {  // else a process without a client has taken the NH out, and was told so
     avl_change_version(&slot);
     if (slot.ref_count > 1) {
-      avl_change_count_now(&slot.ref_count, slot.ref_count - 1);
+      count_now(undo_log(), &slot.ref_count, slot.ref_count - 1);
     } else {
-      status = take_out(nh, left);
+      status = take_out(known, nh, left);
     }
   }
   if (status != 0) {

@@ -102,7 +102,7 @@ int enter_database(const encap_client_t &client) {
     return EPERM;
   }
   const int status = vrl_egress_encap_db_lock(&egress_encap_db->lock.mutex);
-  if (status == 0) {
+  if (status == 0 && undo_log().count != 0) {
     avl_settle(egress_encap_db);
   }
   return status;

@@ -2,47 +2,15 @@
 #ifndef VRELLIS_CLIENT_SESSION_H
 #define VRELLIS_CLIENT_SESSION_H
 
-#include "avl/avl_change.h"
+#include "records/known.h"
 #include "records/layout.h"
-
-namespace clients {
-
-// The root of the tunnel tree while the tree has one version, so that a look leaves the cache line alone in which the
-// lock and the root's field lie. Any thread may read and write it.
-class KnownRoot {
- public:
-  // Returns: 0 when it is not known.
-  std::uint64_t at(std::uint64_t version) const {
-    if (__atomic_load_n(&version_, __ATOMIC_ACQUIRE) != version) {
-      return 0;
-    }
-    const std::uint64_t root = __atomic_load_n(&root_, __ATOMIC_ACQUIRE);
-    return __atomic_load_n(&version_, __ATOMIC_RELAXED) == version ? root : 0;
-  }
-
-  // Requires an even version. The version of an empty tree stays as it is when the first node comes.
-  void remember(std::uint64_t version, std::uint64_t root) {
-    if (root != 0 && __atomic_exchange_n(&version_, kBusy, __ATOMIC_ACQ_REL) != kBusy) {
-      __atomic_store_n(&root_, root, __ATOMIC_RELEASE);
-      __atomic_store_n(&version_, version, __ATOMIC_RELEASE);
-    }
-  }
-
- private:
-  static constexpr std::uint64_t kBusy = 1;  // another thread writes it
-
-  std::uint64_t version_;
-  std::uint64_t root_;
-};
-
-}  // namespace clients
 
 // Written by open and close alone; which record is the client's may not change while it is open.
 struct encap_client {
   clients::ClientRecord *record;
   clients::Ledger *ledger;
   std::uint32_t generation;  // of the process that opened it: a child of fork is the next one
-  clients::KnownRoot root;   // written by looks
+  clients::KnownTunnels known;
 };
 
 namespace clients {

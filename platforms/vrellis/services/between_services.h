@@ -78,6 +78,10 @@ struct OpenChange {
   const WindowMap *map = nullptr;                 // nullptr: none is open
   void (*before_commit)(bool commits) = nullptr;  // what the allocator has put off until then
   std::uint64_t versions = 0;                     // that are odd until then, by bits (avl/versions.h)
+  struct Searched {
+    const void *top = nullptr;
+    void *end = nullptr;
+  } searched[2];  // what avl_change_searched() told of
 };
 SERVICES_TLS extern constinit thread_local OpenChange open_change;
 

@@ -22,10 +22,10 @@ void fetch(const Bucket &bucket) {
 }
 
 Holding *find_in(Bucket &bucket, std::uint32_t nh) {
-  __builtin_prefetch(at<Spill>(bucket.spill));  // in case that the bucket has it not
-  for (std::uint32_t i = 0; i < std::min(bucket.used, kBucketHoldings); ++i) {
-    if (bucket.holding[i].nh == nh) {
-      return &bucket.holding[i];
+  __builtin_prefetch(at<Spill>(bucket.spill));                                   // in case that the bucket has it not
+  for (std::uint32_t i = std::min(bucket.used, kBucketHoldings); i != 0; --i) {  // the last ones are the newest
+    if (bucket.holding[i - 1].nh == nh) {
+      return &bucket.holding[i - 1];
     }
   }
   auto *spill = at<Spill>(bucket.spill);

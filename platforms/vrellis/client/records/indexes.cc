@@ -15,39 +15,41 @@ constexpr std::uint32_t kPageIndexes = sizeof(QueuePage::index) / sizeof(std::ui
 // database's operations directly give indexes back without telling the queue.
 constexpr std::int64_t kNextLookNs = 100'000'000;
 
-bool is_free_nh(std::uint32_t place) {
-  return egress_encap_db->nh_info_array[place].valid == 0;
-}
-
-bool is_free_tunnel(std::uint32_t place) {
-  // Index 0 is the null tunnel, also where the range begins with it.
-  return egress_encap_db->tun_start + place != 0 && egress_encap_db->tun_info_array[place].valid == 0;
-}
-
-struct Kind {
-  bool (*is_free_at)(std::uint32_t place);
-  std::uint32_t egress_encap_db_t::*start_field;
-  std::uint32_t egress_encap_db_t::*end_field;
-  std::int64_t next_look_ns;  // guarded by the database lock
-
-  std::uint32_t start() const { return egress_encap_db->*start_field; }
-  std::uint32_t end() const { return egress_encap_db->*end_field; }
-  // False for a damaged index, too.
-  bool is_free(std::uint32_t index) const { return index >= start() && index < end() && is_free_at(index - start()); }
+// Indexes of NHs, or of tunnels.
+struct NhKind {
+  static std::uint32_t start() { return egress_encap_db->nh_start; }
+  static std::uint32_t end() { return egress_encap_db->nh_end; }
+  static bool is_free_at(std::uint32_t place) { return egress_encap_db->nh_info_array[place].valid == 0; }
+  inline static constinit std::int64_t next_look_ns = 0;  // guarded by the database lock
 };
-constinit Kind nh_indexes{is_free_nh, &egress_encap_db_t::nh_start, &egress_encap_db_t::nh_end, 0};
-constinit Kind tunnel_indexes{is_free_tunnel, &egress_encap_db_t::tun_start, &egress_encap_db_t::tun_end, 0};
+
+struct TunnelKind {
+  static std::uint32_t start() { return egress_encap_db->tun_start; }
+  static std::uint32_t end() { return egress_encap_db->tun_end; }
+  // Index 0 is the null tunnel, also where the range begins with it.
+  static bool is_free_at(std::uint32_t place) {
+    return start() + place != 0 && egress_encap_db->tun_info_array[place].valid == 0;
+  }
+  inline static constinit std::int64_t next_look_ns = 0;
+};
+
+// False for a damaged index, too.
+template <typename Kind>
+bool is_free(std::uint32_t index) {
+  return index >= Kind::start() && index < Kind::end() && Kind::is_free_at(index - Kind::start());
+}
 
 // Whether an index waits that can be taken. In a damaged queue none does.
-bool has_waiting(const IndexQueue &queue, const Kind &kind) {
-  return queue.waiting != 0 && queue.waiting <= kind.end() - kind.start() && queue.take < kPageIndexes &&
+template <typename Kind>
+bool has_waiting(const IndexQueue &queue) {
+  return queue.waiting != 0 && queue.waiting <= Kind::end() - Kind::start() && queue.take < kPageIndexes &&
          at<QueuePage>(queue.oldest) != nullptr;
 }
 
 // Takes the index that waited longest off the queue. Requires one that waits.
 void take_oldest(IndexQueue &queue) {
   auto *const page = at<QueuePage>(queue.oldest);
-  note_fields(queue.take, queue.waiting);
+  note(queue.take, queue.waiting);
   --queue.waiting;
   ++queue.take;
   if (queue.waiting == 0) {
@@ -63,9 +65,10 @@ void take_oldest(IndexQueue &queue) {
 }
 
 // The first free index from `from` on; the end of the range when there is none.
-std::uint32_t first_free(const Kind &kind, std::uint32_t from) {
-  std::uint32_t index = std::max(from, kind.start());
-  while (index < kind.end() && !kind.is_free(index)) {
+template <typename Kind>
+std::uint32_t first_free(std::uint32_t from) {
+  std::uint32_t index = std::max(from, Kind::start());
+  while (index < Kind::end() && !Kind::is_free_at(index - Kind::start())) {
     ++index;
   }
   return index;
@@ -78,32 +81,34 @@ std::int64_t monotonic_ns() {
 }
 
 // A look at the whole range. Returns: false when no slot is free, or when the last look that found none is not long ago.
-bool look_again(Kind &kind, std::uint32_t *index) {
-  if (monotonic_ns() < kind.next_look_ns) {
+template <typename Kind>
+bool look_again(std::uint32_t *index) {
+  if (monotonic_ns() < Kind::next_look_ns) {
     return false;
   }
-  *index = first_free(kind, kind.start());
-  if (*index < kind.end()) {
+  *index = first_free<Kind>(Kind::start());
+  if (*index < Kind::end()) {
     return true;
   }
-  kind.next_look_ns = monotonic_ns() + kNextLookNs;
+  Kind::next_look_ns = monotonic_ns() + kNextLookNs;
   return false;
 }
 
-int choose(IndexQueue &queue, Kind &kind, Choice *choice) {
-  const std::uint32_t fresh = first_free(kind, queue.fresh);
+template <typename Kind>
+int choose(IndexQueue &queue, Choice *choice) {
+  const std::uint32_t fresh = first_free<Kind>(queue.fresh);
   if (fresh != queue.fresh) {
     begin_change();
     put(queue.fresh, fresh);
     avl_change_commit();
   }
   *choice = {fresh, false};
-  if (fresh < kind.end()) {
+  if (fresh < Kind::end()) {
     return 0;
   }
-  while (has_waiting(queue, kind)) {
+  while (has_waiting<Kind>(queue)) {
     *choice = {at<QueuePage>(queue.oldest)->index[queue.take], true};
-    if (kind.is_free(choice->index)) {
+    if (is_free<Kind>(choice->index)) {
       return 0;
     }
     begin_change();
@@ -111,7 +116,7 @@ int choose(IndexQueue &queue, Kind &kind, Choice *choice) {
     avl_change_commit();
   }
   *choice = {0, false};
-  return look_again(kind, &choice->index) ? 0 : ENOSPC;
+  return look_again<Kind>(&choice->index) ? 0 : ENOSPC;
 }
 
 void take_chosen(IndexQueue &queue, const Choice &choice) {
@@ -123,11 +128,12 @@ void take_chosen(IndexQueue &queue, const Choice &choice) {
 }
 
 // An index that cannot be put into the queue for want of memory is found by the next look at every slot.
-void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
+template <typename Kind>
+void give_back(IndexQueue &queue, std::uint32_t index) {
   auto *page = at<QueuePage>(queue.newest);
   const bool damaged = page == nullptr ? queue.waiting != 0 : queue.put > kPageIndexes;
   // One that was never given out comes anyway, and a queue as long as the range has them all.
-  if (index >= queue.fresh || queue.waiting >= kind.end() - kind.start() || damaged) {
+  if (index >= queue.fresh || queue.waiting >= Kind::end() - Kind::start() || damaged) {
     return;
   }
   if (page == nullptr || queue.put == kPageIndexes) {
@@ -146,7 +152,7 @@ void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
     page = more;
   }
   put(page->index[queue.put], index);
-  note_fields(queue.put, queue.waiting);
+  note(queue.put, queue.waiting);
   ++queue.put;
   ++queue.waiting;
 }
@@ -154,11 +160,11 @@ void give_back(IndexQueue &queue, const Kind &kind, std::uint32_t index) {
 }  // namespace
 
 int choose_nh(ClientRoot &root, Choice *choice) {
-  return choose(root.nhs, nh_indexes, choice);
+  return choose<NhKind>(root.nhs, choice);
 }
 
 int choose_tunnel(ClientRoot &root, Choice *choice) {
-  return choose(root.tunnels, tunnel_indexes, choice);
+  return choose<TunnelKind>(root.tunnels, choice);
 }
 
 void take_nh(ClientRoot &root, const Choice &choice) {
@@ -170,11 +176,11 @@ void take_tunnel(ClientRoot &root, const Choice &choice) {
 }
 
 void give_nh_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.nhs, nh_indexes, index);
+  give_back<NhKind>(root.nhs, index);
 }
 
 void give_tunnel_back(ClientRoot &root, std::uint32_t index) {
-  give_back(root.tunnels, tunnel_indexes, index);
+  give_back<TunnelKind>(root.tunnels, index);
 }
 
 }  // namespace clients

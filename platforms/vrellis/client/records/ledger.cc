@@ -124,11 +124,11 @@ std::uint32_t add_reference(Ledger &ledger, const Place &place, std::uint32_t nh
     return 0;
   }
   if (holding != nullptr) {
-    note_fields(holding->held, holding->marks);
+    note(holding->held, holding->marks);
     ++holding->held;
     holding->marks = marks_of(ledger.epoch, fresh_of(*holding, ledger.epoch) + 1);
   }
-  note_fields(ledger.nhs, ledger.fresh);
+  note(ledger.nhs, ledger.held, ledger.fresh);
   ledger.nhs += holding == nullptr ? 1 : 0;
   ++ledger.held;
   ++ledger.fresh;
@@ -140,7 +140,7 @@ std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first) {
   const std::uint32_t held = holding->held - 1;
   const std::uint32_t fresh = fresh_of(*holding, ledger.epoch);
   const bool drops_fresh = fresh != 0 && (first == First::kFresh || fresh == holding->held);
-  note_fields(ledger.nhs, ledger.fresh);
+  note(ledger.nhs, ledger.held, ledger.fresh);
   ledger.nhs -= held == 0 ? 1 : 0;
   --ledger.held;
   ledger.fresh -= drops_fresh ? 1 : 0;
@@ -148,7 +148,7 @@ std::uint32_t drop_reference(Ledger &ledger, const Place &place, First first) {
     remove(*place.bucket, holding);
     return 0;
   }
-  note_fields(holding->held, holding->marks);
+  note(holding->held, holding->marks);
   holding->held = held;
   holding->marks = drops_fresh ? marks_of(ledger.epoch, fresh - 1) : holding->marks;
   return held;
@@ -159,10 +159,8 @@ void renew_reference(Ledger &ledger, Holding &holding) {
   put(ledger.fresh, ledger.fresh + 1);
 }
 
-void settle_size(Ledger &ledger) {
-  const bool grows = ledger.nhs > std::uint64_t{kGrowAbove} * ledger.buckets;
-  const bool shrinks = ledger.buckets > kInlineBuckets && ledger.nhs < std::uint64_t{kShrinkBelow} * ledger.buckets;
-  if ((!grows && !shrinks) || !is_sound_size(ledger)) {
+void resize(Ledger &ledger, bool grows) {
+  if (!is_sound_size(ledger)) {
     return;
   }
   begin_change();

@@ -37,7 +37,13 @@ void renew_reference(Ledger &ledger, Holding &holding);
 
 // Makes the table larger or smaller by a bucket where the number of holdings asks for it, in a change of its own. A
 // window without memory leaves it as it is.
-void settle_size(Ledger &ledger);
+void resize(Ledger &ledger, bool grows);
+inline void settle_size(Ledger &ledger) {
+  const bool grows = ledger.nhs > std::uint64_t{kGrowAbove} * ledger.buckets;
+  if (grows || (ledger.nhs < std::uint64_t{kShrinkBelow} * ledger.buckets && ledger.buckets > kInlineBuckets)) {
+    resize(ledger, grows);
+  }
+}
 
 // Stores the present epoch in holdings of earlier ones, whose fresh references count for nothing: epochs come round.
 void forget_old_epochs(Ledger &ledger);

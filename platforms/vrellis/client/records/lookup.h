@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "known.h"
 #include "mpls_egress_encap_db.h"
 
 namespace clients {
@@ -12,10 +13,15 @@ namespace clients {
 struct Found {
   const mpls_tunnel_entry_t *tunnel;  // nullptr: the tunnel is not there
   const mpls_nh_entry_t *nh;          // nullptr: the NH is not there
+  std::uint64_t end_of_tunnels;       // addresses of the nodes at which the two searches ended; 0 = the tree is empty
+  std::uint64_t end_of_nhs;
 };
 
 // Requires the database lock, and that no change is open. Returns: 0; EINVAL when a tree is damaged.
-int look_up(const egress_encap_key_t &key, Found *found);
+int look_up(const KnownTunnels &known, const egress_encap_key_t &key, Found *found);
+
+// Returns: nullptr when the node of the tunnel is not known. Requires the database lock.
+mpls_tunnel_entry_t *known_tunnel(const KnownTunnels &known, const SearchKey &key);
 
 // Whether all bits outside the key's fields are 0.
 bool is_possible(const egress_encap_key_t &key);

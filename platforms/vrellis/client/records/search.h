@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "known.h"
 #include "lookup.h"
 #include "window.h"
 
@@ -37,56 +38,58 @@ inline const void *at_any(std::uint64_t address) {
   }
 }
 
-struct SearchKey {
-  std::uint64_t first;
-  std::uint32_t last;  // 0 in the key of an NH
-};
-
-// The trees order keys by their bytes in memory. Eight bytes of a key, as a number of that order.
-inline std::uint64_t number_of(const char *bytes) {
-  std::uint64_t number;
-  std::memcpy(&number, bytes, sizeof number);
-  return __builtin_bswap64(number);
-}
-
-// The two parts of a full key.
-inline SearchKey nh_part(const egress_encap_key_t &key) {
-  return {number_of(reinterpret_cast<const char *>(&key)), 0};
-}
-inline SearchKey tunnel_part(const egress_encap_key_t &key) {
-  return {number_of(reinterpret_cast<const char *>(&key) + sizeof(mpls_nh_key_t)), __builtin_bswap32(key.ifh)};
-}
-
 template <typename Node>
 inline constexpr bool kIsTunnel = sizeof(Node) == sizeof(mpls_tunnel_entry_t);
 
 inline constexpr unsigned kMostLevels = 48;  // of a tree with 2^32 nodes, and more
 
-// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there. Returns: 0; EINVAL when the
-// tree is damaged, or has changed meanwhile.
+// The key of a node, which may be damaged, but lies in the window.
 template <typename Node, typename Look>
-[[gnu::always_inline]] inline int search(Look &look, std::uint64_t node, const SearchKey &key, std::uint64_t *found) {
-  constexpr std::uint64_t kFirst = offsetof(Node, key);
+[[gnu::always_inline]] inline SearchKey key_at(Look &look, std::uint64_t node) {
+  const std::uint64_t key = node + offsetof(Node, key);
+  return {__builtin_bswap64(look.word(key)), kIsTunnel<Node> ? __builtin_bswap32(look.half(key + 8)) : 0};
+}
+
+// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there; *end, the last node that was
+// looked at. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
+template <typename Node, typename Look>
+[[gnu::always_inline]] inline int search(Look &look, std::uint64_t node, const SearchKey &key, std::uint64_t *found,
+                                         std::uint64_t *end) {
   *found = 0;
+  *end = 0;
   prefetch_around(node);
   for (unsigned levels = 0; node != 0; ++levels) {
     if (levels == kMostLevels || !is_record<Node>(look.window(), node)) {
       return EINVAL;
     }
+    *end = node;
     const std::uint64_t before = look.word(node);
     const std::uint64_t behind = look.word(node + 8);
     prefetch_node(before);
     prefetch_node(behind);
-    const std::uint64_t first = __builtin_bswap64(look.word(node + kFirst));
-    const std::uint32_t last = kIsTunnel<Node> ? __builtin_bswap32(look.half(node + kFirst + 8)) : 0;
-    if (first == key.first && last == key.last) {
+    const SearchKey here = key_at<Node>(look, node);
+    if (here == key) {
       *found = node;
       return 0;
     }
-    const bool after = key.first > first || (key.first == first && key.last > last);
+    const bool after = key > here;
     node = __builtin_expect_with_probability(after, 1, 0.5) ? behind : before;
   }
   return 0;
+}
+
+// Finds a tunnel, where it was found last or from the top on. Out and returns: as search().
+template <typename Look>
+[[gnu::always_inline]] inline int find_tunnel(Look &look, const SearchKey &key, std::uint64_t *found,
+                                              std::uint64_t *end) {
+  const std::uint64_t known = look.known_tunnel(key);
+  if (known != 0 && key_at<mpls_tunnel_entry_t>(look, known) == key) {
+    *found = *end = known;
+    return 0;
+  }
+  const int status = search<mpls_tunnel_entry_t>(look, look.root_of_tunnels(), key, found, end);
+  look.learn(key, *found);
+  return status;
 }
 
 template <typename Look, typename Record>
@@ -116,8 +119,9 @@ int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
   if (!look.watch(tunnel_field())) {
     return kAgain;
   }
+  std::uint64_t end = 0;
   std::uint64_t tunnel = 0;
-  int status = search<mpls_tunnel_entry_t>(look, look.root_of_tunnels(), tunnel_part(key), &tunnel);
+  int status = find_tunnel(look, tunnel_part(key), &tunnel, &end);
   if (status != 0 || tunnel == 0) {
     return status != 0 ? status : ENOENT;
   }
@@ -126,7 +130,7 @@ int look_for(Look &look, const egress_encap_key_t &key, Seen &seen) {
     return kAgain;
   }
   std::uint64_t nh = 0;
-  status = search<mpls_nh_entry_t>(look, look.word(nhs), nh_part(key), &nh);
+  status = search<mpls_nh_entry_t>(look, look.word(nhs), nh_part(key), &nh, &end);
   if (status != 0) {
     return status;
   }

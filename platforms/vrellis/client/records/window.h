@@ -5,8 +5,10 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "avl/avl_change.h"
+#include "avl/notes.h"
 #include "mpls_egress_encap_db.h"
 #include "shmwin.h"
 
@@ -15,27 +17,6 @@ namespace clients {
 // Opens a change of the database's window.
 inline void begin_change() {
   avl_change_begin(&egress_encap_db->tun_root);
-}
-
-// Change a word of the window: its old value goes to the undo log first. Require an open change.
-inline void put(std::uint32_t &word, std::uint32_t value) {
-  avl_change_put_half(&word, value);
-}
-inline void put(std::uint64_t &word, std::uint64_t value) {
-  avl_change_put(&word, value);
-}
-
-// Note a record, or fields of one that lie side by side, before they are changed by plain stores: fewer calls than a
-// put() for each word. Require an open change.
-template <typename First, typename Last>
-void note_fields(const First &first, const Last &last) {
-  const auto *const begin = reinterpret_cast<const std::uint32_t *>(&first);
-  const auto *const end = reinterpret_cast<const std::uint32_t *>(&last + 1);
-  avl_change_note(begin, static_cast<std::size_t>(end - begin));
-}
-template <typename Record>
-void note_record(const Record &record) {
-  note_fields(record, record);
 }
 
 // The database of this process and its window's heap, from when a client of this process opened it. None of it changes
@@ -51,6 +32,32 @@ struct Extent {
   bool has_tunnel(std::uint32_t tunnel) const { return tunnel == 0 || (tunnel >= tunnel_start && tunnel < tunnel_end); }
 };
 inline constinit Extent extent{0, ~std::uint64_t{0}, 0, 0, 0, 0, 0, 0, 0};
+
+// The window's undo log. Notes go to it between begin_change() and the commit.
+inline vrellis::avl::UndoLog &undo_log() {
+  constexpr std::uint64_t kLogOffset = 4096;
+  return *reinterpret_cast<vrellis::avl::UndoLog *>(extent.window + kLogOffset);  // NOLINT(performance-no-int-to-ptr)
+}
+
+// Notes words before they are changed by plain stores. Requires an open change.
+template <typename... Words>
+void note(const Words &...words) {
+  vrellis::avl::note_words(undo_log(), words...);
+}
+
+template <typename Record>
+void note_record(const Record &record) {
+  static_assert(sizeof(Record) % sizeof(std::uint32_t) == 0);
+  vrellis::avl::note_halves<sizeof(Record) / sizeof(std::uint32_t)>(undo_log(),
+                                                                    reinterpret_cast<const std::uint32_t *>(&record));
+}
+
+// Changes a word of the window: its old value goes to the undo log first. Requires an open change.
+template <typename Word>
+void put(Word &word, std::type_identity_t<Word> value) {
+  note(word);
+  __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+}
 
 // Whether a whole record lies at an address that the window holds. Every process can write there. The rotation makes an
 // address that is not aligned a very large one.

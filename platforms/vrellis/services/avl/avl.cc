@@ -84,7 +84,7 @@ inline Spot descend(Link *node, const void *probe, avl_compare_fn compare) {
     return;
   }
   if (covers(*map, address_of(field))) {
-    note(address_of(field), *field);
+    note_words(open_log(), *field);
   }
   Word *const version = version_of(map->begin, address_of(field));
   keep_version(*map, version);
@@ -103,13 +103,26 @@ void link_first(const WindowMap *map, Word *field, Link *node) {
 // avl_delete() tolerates that (T4).
 [[gnu::always_inline]] inline void clear_linkage(Link *node) {
   if (open_change.map != nullptr && covers(*open_change.map, address_of(node))) [[unlikely]] {
-    note_all({{address_of(&node->child[0]), node->child[0]},
-              {address_of(&node->child[1]), node->child[1]},
-              {address_of(&node->up), node->up}});
+    note_words(open_log(), node->child[0], node->child[1], node->up);
   }
   store(&node->child[0], 0);
   store(&node->child[1], 0);
   store(&node->up, 0);
+}
+
+// Where a descent from `top` may begin: the caller of an open change may have searched before.
+inline Link *known_end(Link *top) {
+  for (const auto &searched : open_change.searched) {
+    if (searched.top == top) {
+      return static_cast<Link *>(searched.end);
+    }
+  }
+  return top;
+}
+
+// Where a search begins while the undo log is in use.
+[[gnu::noinline]] Link *begin_of_search(const WindowMap &map, Link *top) {
+  return open_change.map != nullptr ? known_end(top) : link_at(root_after_roll_back(map, address_of(top)));
 }
 
 // A tree that is about to change.
@@ -138,6 +151,10 @@ struct Tree {
   return is_root(tree.top) && reachable;
 }
 
+inline Link *begin_of_insert(const Tree &tree) {
+  return open_change.map != nullptr ? known_end(tree.top) : tree.top;
+}
+
 [[gnu::always_inline]] inline void close_tree(const Tree &tree, int *flag) {
   const Word now = *tree.field;
   if (now != address_of(tree.top)) {
@@ -161,8 +178,8 @@ void *avl_search(void *root, const void *probe, avl_compare_fn compare) {
   vrellis::trace_operation_begins();
   const vrellis::WindowMap *const map = vrellis::window_of(root);
   auto *top = static_cast<Link *>(root);
-  if (is_unsettled(map)) [[unlikely]] {
-    top = link_at(root_after_roll_back(*map, address_of(root)));
+  if (is_log_in_use(map)) [[unlikely]] {
+    top = begin_of_search(*map, top);
     if (top == nullptr) {
       return nullptr;  // the root was the first node of a tree, in a change that its process did not end
     }
@@ -183,7 +200,7 @@ void *avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
   if (tree.top == nullptr) {
     link_first(tree.map, tree.field, link);
   } else {
-    const Spot spot = descend(tree.top, node, compare);
+    const Spot spot = descend(begin_of_insert(tree), node, compare);
     if (spot.order == kEqual) {
       return nullptr;
     }

@@ -2,7 +2,7 @@
  * Changes of a window that are all or nothing as a whole: of trees, of the allocator, and of any other words.
  *
  * While a change is open, everything that the tree service and the window's allocator write is noted in the window's
- * undo log. The caller notes what else it changes. One store commits it all; a process that dies before that leaves the
+ * undo log. The caller notes what else it changes (avl/notes.h). One store commits it all; a process that dies before that leaves the
  * log to the next call of either service in that window, or of avl_settle(), which takes everything back.
  *
  * Blocks that are given back while a change is open are free when it is committed, so that no block is taken again
@@ -29,36 +29,13 @@ extern "C" {
  */
 AVL_CHANGE_API int avl_change_begin(void **root);
 
-/* Notes so many words of 4 bytes before the caller changes them. */
-AVL_CHANGE_API void avl_change_note(const uint32_t *words, size_t count);
-
-/* Note a word, aligned to its size, and change it. */
-AVL_CHANGE_API void avl_change_put_half(uint32_t *word, uint32_t value);
-AVL_CHANGE_API void avl_change_put(uint64_t *word, uint64_t value);
-
 /*
- * Notes a count that is about to become `next`. When the change is taken back, the difference is taken back, and not
- * what another process has added since. Bit 31 of the 4-byte word behind the count must be one without a meaning.
+ * Tells where the caller's own search of a tree of this change ended: at the node of the key, or at the node that a new
+ * node of the key would hang under. `top` is the tree's top node. The next search or insert of that key in that tree
+ * goes there at once. Two trees are remembered, until the change ends.
+ * A null `end` is none. Requires that the tree has not changed since.
  */
-AVL_CHANGE_API void avl_change_count(const uint32_t *count, uint32_t next);
-
-/*
- * Notes and changes a count at once. A recovery knows whether the count has changed, also when others have added to it
- * since: the same store sets bit 31 of the word behind the count. The bit is clear again when the call returns.
- */
-AVL_CHANGE_API void avl_change_count_now(uint32_t *count, uint32_t next);
-
-/* When every count that was noted has become what it was to become. */
-enum avl_change_counted {
-  AVL_CHANGE_COUNTED_NOW = 0,
-  AVL_CHANGE_COUNTED_WITH_NEXT = 1, /* as soon as anything else is noted */
-};
-
-/*
- * Notes that the counts have changed, or when they will have. After a death before that, a count that still has its old
- * value is taken for one that has not changed.
- */
-AVL_CHANGE_API void avl_change_counted(enum avl_change_counted when);
+AVL_CHANGE_API void avl_change_searched(const void *top, void *end);
 
 /*
  * Tells readers without the lock that the record at `record`, which is no tree, changes until the change is committed:

@@ -5,7 +5,7 @@ namespace vrellis {
 SERVICES_TLS constinit thread_local OpenChange open_change;
 
 void note_word(const std::uint64_t *word) {
-  avl::note(avl::address_of(word), *word);
+  avl::note_words(avl::open_log(), *word);
 }
 
 void roll_window_back(const WindowMap &map) {

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "avl/notes.h"
 #include "avl/undo_log.h"
 #include "avl/versions.h"
 
@@ -69,33 +70,19 @@ bool roll_back_to(const WindowMap &map, Word kept);
 // Rolls back as well. Returns: the root that the tree has now, whose root was `root` when the caller read its field.
 Word root_after_roll_back(const WindowMap &map, Word root);
 
-// True if a process died in the middle of a change of a tree in this window.
+// True inside a change, and when a process died in the middle of one.
+inline bool is_log_in_use(const WindowMap *map) {
+  return map != nullptr && undo_log_of(*map).count != 0;
+}
+
+// True if a process died in the middle of a change of this window.
 inline bool is_unsettled(const WindowMap *map) {
-  return map != nullptr && undo_log_of(*map).count != 0 && open_change.map == nullptr;
+  return is_log_in_use(map) && open_change.map == nullptr;
 }
 
-// Ends the process when the bound above is wrong: a word that is not noted could not be taken back.
-inline void check_room(Word used, std::size_t entries) {
-  if (used + entries > kUndoCapacity) [[unlikely]] {
-    __builtin_trap();
-  }
-}
-
-// Adds entries to the log of the open change, all by one store.
-template <std::size_t kEntries>
-inline void note_all(const UndoEntry (&entries)[kEntries]) {
-  UndoLog &log = undo_log_of(*open_change.map);
-  const Word count = log.count;
-  check_room(count, kEntries);
-  for (std::size_t i = 0; i < kEntries; ++i) {
-    store(&log.entries[count + i].address, entries[i].address);
-    store(&log.entries[count + i].old, entries[i].old);
-  }
-  store(&log.count, count + kEntries);
-}
-
-inline void note(Word address, Word old) {
-  note_all({UndoEntry{address, old}});
+// The log of the open change.
+inline UndoLog &open_log() {
+  return undo_log_of(*open_change.map);
 }
 
 // One open change of the tree under `field`. Its nodes all lie in `map`'s window; without a window (nullptr) nothing is
