@@ -5,8 +5,11 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <functional>
+#include <latch>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "child.h"
@@ -51,6 +54,30 @@ inline void write_counted(std::uint64_t from, std::uint64_t to) {
   }
 }
 
+// Mutexes that processes share are made as the database does it.
+inline void make_mutex(pthread_mutex_t *mutex, int type = PTHREAD_MUTEX_RECURSIVE,
+                       int robustness = PTHREAD_MUTEX_ROBUST) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_settype(&attributes, type);
+  pthread_mutexattr_setrobust(&attributes, robustness);
+  EXPECT_EQ(pthread_mutex_init(mutex, &attributes), 0);
+  pthread_mutexattr_destroy(&attributes);
+}
+
+// Runs `body` in so many threads, none of which ends before all have come to its end.
+inline void in_threads(int number, const std::function<void()> &body) {
+  std::latch done(number);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < number; ++i) {
+    threads.emplace_back([&] {
+      body();
+      done.arrive_and_wait();
+    });
+  }
+}
+
 class TraceTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -76,7 +103,7 @@ class TraceTest : public testing::Test {
   std::unique_ptr<TraceFile> open_one() const {
     auto files = open_all();
     EXPECT_EQ(files.size(), 1U);
-    return files.empty() ? nullptr : std::move(files[0]);
+    return std::move(files.at(0));
   }
 
   static std::vector<TraceRecord> ring(const TraceFile &file, std::uint32_t number, RingReport &report) {

@@ -151,17 +151,6 @@ TEST_F(PtdTest, ABadSettingIsReportedOnceAndCountsAsTheDefault) {
   }
 }
 
-// Mutexes that processes share are made and taken as the database does it.
-void make_mutex(pthread_mutex_t *mutex, int type = PTHREAD_MUTEX_RECURSIVE, int robustness = PTHREAD_MUTEX_ROBUST) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_settype(&attributes, type);
-  pthread_mutexattr_setrobust(&attributes, robustness);
-  EXPECT_EQ(pthread_mutex_init(mutex, &attributes), 0);
-  pthread_mutexattr_destroy(&attributes);
-}
-
 // Waits for a mutex that is busy.
 int wait_for(pthread_mutex_t *mutex) {
   ptd_set_mutex_block(mutex, "wait_for", 1);
