@@ -38,14 +38,10 @@ inline void store_word(std::uint64_t &word, std::uint64_t value) {
 constinit vrellis::WindowMap vrellis::window_maps[kMostWindows] = {};
 constinit thread_local vrellis::SearchEnds vrellis::search_ends;
 
-namespace heap_tests {
-
-inline std::vector<std::string> messages;
-
-}  // namespace heap_tests
+static std::vector<std::string> messages;
 
 int oxa_errmsg(const oxa_msg_rec_t *record, int, ...) {
-  heap_tests::messages.emplace_back(record->name);
+  messages.emplace_back(record->name);
   return 0;
 }
 
@@ -59,11 +55,10 @@ inline constexpr std::size_t kNodeSizes[] = {40, 56};
 class HeapTest : public ::testing::Test {
  protected:
   // A failure tells the seed.
-  template <typename Random = std::mt19937>
-  static Random seeded() {
+  static std::mt19937_64 seeded() {
     const unsigned seed = std::random_device{}();
     std::printf("seed %u\n", seed);
-    return Random(seed);
+    return std::mt19937_64(seed);
   }
 
   void make(std::uint64_t pages) {
