@@ -24,6 +24,9 @@ inline constexpr std::uint64_t kBytes = 256 * 1024;
 
 using test_support::expect_in_child;
 using test_support::in_child;
+using test_support::kill_hard;
+using test_support::spawn;
+using test_support::spawn_waiting;
 
 class WindowTest : public ::testing::Test {
  protected:
@@ -72,6 +75,13 @@ class WindowTest : public ::testing::Test {
     shmwin_stat_t stat{};
     EXPECT_EQ(shmwin_stat(id, &stat), 0);
     return stat;
+  }
+
+  // Leaves the window and removes its file.
+  void remove_window() {
+    EXPECT_EQ(shmwin_detach(kId), 0);
+    EXPECT_EQ(unlink(0), 0) << error_.text;
+    EXPECT_FALSE(exists());
   }
 
   int unlink(int force, const char *name = "window") { return shmwin_unlink(directory_.c_str(), name, force, &error_); }

@@ -68,14 +68,12 @@ TEST_F(OwnedWindowTest, NamedUsersAndGroupsShareAWindow) {
   EXPECT_EQ(file.st_gid, kUser);
   EXPECT_EQ(open_as(kStranger, kUser, made), 0) << "a member of the group opens root's file";
   EXPECT_EQ(open_as(kStranger, kStranger, made), EACCES);
-  ASSERT_EQ(shmwin_detach(kId), 0);
-  ASSERT_EQ(unlink(0), 0) << error_.text;
+  remove_window();
 
   EXPECT_EQ(open_as(kStranger, kUser, made), 0) << "a member creates";
   EXPECT_EQ(open_as(kUser, kUser, made), 0) << "another member attaches";
   EXPECT_EQ(open(made), 0) << error_.text;
-  ASSERT_EQ(shmwin_detach(kId), 0);
-  ASSERT_EQ(unlink(0), 0) << error_.text;
+  remove_window();
 
   made.named = SHMWIN_NAMED_USER;
   made.user = kUser;
@@ -170,15 +168,6 @@ TEST_F(WindowTest, WhatCanNeverWorkIsRefused) {
   EXPECT_TRUE(std::filesystem::is_empty(directory_));
 }
 
-TEST_F(WindowTest, AFileSizeLimitIsAnErrorAtCreation) {
-  expect_in_child([this] {
-    const rlimit limit{8192, 8192};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    expect_refusal(open(config()), EFBIG, {"8192"});
-    EXPECT_FALSE(exists());
-  });
-}
-
 TEST_F(WindowTest, ATakenAddressNamesWhatLiesThere) {
   ASSERT_EQ(open(config()), 0);
   const std::uint64_t address = header_of(kId).address;
@@ -198,11 +187,17 @@ TEST_F(WindowTest, ATakenAddressNamesWhatLiesThere) {
   munmap(taken, 4096);
 }
 
-TEST_F(WindowTest, AFullTableRefusesTheNext) {
+TEST_F(WindowTest, AFileSizeLimitAndAFullTableAreRefused) {
   ASSERT_EQ(open(config()), 0);
   auto &table = header_of(kId).process;
   std::fill(std::begin(table), std::end(table), table[0]);
-  expect_in_child([this] { expect_refusal(reopen(config()), 11, {"256"}); });
+  expect_in_child([this] {
+    expect_refusal(reopen(config()), 11, {"256"});
+    const rlimit limit{8192, 8192};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    expect_refusal(open(config(kId, "large")), EFBIG, {"8192"});
+    EXPECT_FALSE(exists("large"));
+  });
 }
 
 }  // namespace

@@ -34,24 +34,19 @@ TEST_F(WindowTest, AnotherProcessReadsAddressesAsTheyWereWritten) {
   EXPECT_EQ(shmwin_user_area(kId), nullptr);
 }
 
-TEST_F(WindowTest, TheModeIsTheCreatorsWhateverTheUmask) {
-  const mode_t before = umask(0077);
-  shmwin_config_t made = config();
-  made.mode = 0664;
-  ASSERT_EQ(open(made), 0);
-  ASSERT_EQ(open(config(4, "private")), 0);
-  umask(before);
-  using std::filesystem::perms;
-  EXPECT_EQ(std::filesystem::status(path()).permissions(), perms{0664});
-  EXPECT_EQ(std::filesystem::status(path("private")).permissions(), perms{0600});
-}
-
-TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
+TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwnModeAndBlocks) {
+  const mode_t umask_before = umask(0077);
   void *block[SHMWIN_MAX_WINDOWS];
   for (std::uint32_t id = 0; id < SHMWIN_MAX_WINDOWS; ++id) {
-    ASSERT_EQ(open(config(id, std::to_string(id).c_str())), 0) << error_.text;
+    const std::string name = std::to_string(id);
+    shmwin_config_t made = config(id, name.c_str());
+    made.mode = id == 0 ? 0 : 0664;
+    ASSERT_EQ(open(made), 0) << error_.text;
     ASSERT_EQ(shmwin_malloc(id, 56, &block[id]), 0);
+    const auto mode = std::filesystem::status(path(made.name)).permissions();
+    EXPECT_EQ(mode, std::filesystem::perms(id == 0 ? 0600 : 0664));
   }
+  umask(umask_before);
   expect_refusal(open(config(8, "8")), EMFILE, {"8 windows"});
   ASSERT_EQ(shmwin_detach(5), 0);
   expect_refusal(open(config(4, "another")), 17, {"id 4 is taken"});
@@ -68,9 +63,9 @@ TEST_F(WindowTest, SeveralWindowsEachKeepTheirOwn) {
 
 TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) {
   ASSERT_EQ(open(config()), 0);
-  const pid_t child = test_support::spawn_waiting([] {});  // it has entered itself in the table
-  const pid_t zombie = test_support::spawn([] { return 0; });
-  const pid_t helper = test_support::spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
+  const pid_t child = spawn_waiting([] {});  // it has entered itself in the table
+  const pid_t zombie = spawn([] { return 0; });
+  const pid_t helper = spawn([] { return execl("/bin/sleep", "sleep", "100", nullptr); });
   siginfo_t ended{};
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
   vrellis::ProcessStat stat{};
@@ -82,22 +77,22 @@ TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) 
   EXPECT_EQ(attached(header_of(kId)), 3u) << "the next process takes out those that have it no more";
   ASSERT_EQ(shmwin_detach(kId), 0);
   expect_refusal(unlink(0), 16, {"attached by process", std::to_string(child).c_str()});
-  test_support::kill_hard(child);
+  kill_hard(child);
   EXPECT_EQ(unlink(0), 0) << error_.text;
-  test_support::kill_hard(helper);
+  kill_hard(helper);
   test_support::end_of(zombie);
 }
 
 TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
   const shmwin_config_t made = config();
-  const pid_t holder = test_support::spawn_waiting([&] {
+  const pid_t holder = spawn_waiting([&] {
     shmwin_claim_t *claim = nullptr;
     int present = 0;
     shmwin_claim(&made, &claim, &present, &error_);
-    test_support::spawn_waiting([] {});  // has the open file, too
+    spawn_waiting([] {});  // has the open file, too
   });
   const auto begin = std::chrono::steady_clock::now();
-  const pid_t killer = test_support::spawn([holder] { return usleep(50000), kill(holder, SIGKILL); });
+  const pid_t killer = spawn([holder] { return usleep(50000), kill(holder, SIGKILL); });
   EXPECT_EQ(open(made), 0) << error_.text;
   EXPECT_TRUE(created_);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)) << "the claim was not waited for";
@@ -109,7 +104,7 @@ TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
   ASSERT_EQ(open(config()), 0);
   ASSERT_EQ(shmwin_detach(kId), 0);
   test_support::Signal locked;
-  const pid_t reader = test_support::spawn([&] {  // the right to read is enough for a lock
+  const pid_t reader = spawn([&] {  // the right to read is enough for a lock
     struct flock lock {};
     lock.l_type = F_RDLCK;
     fcntl(::open(path().c_str(), O_RDONLY), F_SETLK, &lock);
@@ -119,7 +114,7 @@ TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
   ASSERT_TRUE(locked.await());
   expect_refusal(open(config()), ETIMEDOUT,
                  {"window 'window'", std::to_string(reader).c_str(), "(shmwin_test)", "stopped"});
-  test_support::kill_hard(reader);
+  kill_hard(reader);
   EXPECT_EQ(open(config()), 0) << error_.text;
 }
 
@@ -132,11 +127,8 @@ TEST_F(WindowTest, AWindowInUseIsRemovedByForceAlone) {
   ASSERT_EQ(unlink(1), 0);
   void *block = nullptr;
   EXPECT_EQ(shmwin_malloc(kId, 40, &block), 0) << "who has it keeps it";
-  EXPECT_EQ(shmwin_detach(kId), 0);
-
   ASSERT_EQ(open_anew(config()), 0);
-  EXPECT_EQ(unlink(0), 0) << error_.text;
-  EXPECT_FALSE(exists());
+  remove_window();
 }
 
 }  // namespace
