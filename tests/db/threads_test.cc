@@ -41,7 +41,6 @@ TEST(ThreadsTest, AllOperationsAtOnce) {
   setenv("LTRACE_DIR", directory.path().c_str(), 1);
   const Window window(directory, storm_config(directory));
   oxa_set_sink([](void *, int, const char *, std::size_t) { ++messages; }, nullptr);
-  ed_set_sink([](void *, const char *, std::size_t) { ++printed; }, nullptr);
   const auto ledger = std::make_unique<Ledger>();
   std::vector<std::thread> threads;
   for (std::uint32_t owner = 0; owner < kOwners; ++owner) {
@@ -55,6 +54,7 @@ TEST(ThreadsTest, AllOperationsAtOnce) {
     return operations;
   };
   while (sum() < kOperations) {
+    ed_set_sink([](void *, const char *, std::size_t) { ++printed; }, nullptr);
     ptd_wait_t waits[kOwners];
     EXPECT_LE(ptd_waits(waits, kOwners), static_cast<int>(kOwners) + 2);
     ed_query_error_t error;

@@ -1,13 +1,10 @@
 // The debug facility: registration, listing, formatting, printing and the slow rule; queries have a test of their own.
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <map>
-#include <sstream>
 #include <thread>
 
 #include "ed_fixture.h"
@@ -17,12 +14,12 @@ namespace {
 TEST_F(Ed, RegistrationGivesTagAndHandlesOnce) {
   Component &other = *new Component("libother");
   ed_init(&other.record);
+  const uint64_t tag = other.record.trace_tag;
   EXPECT_GE(ports.record.trace_tag, 1u);
-  EXPECT_EQ(other.record.trace_tag, ports.record.trace_tag + 1);
-  for (uint64_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(other.record.trace_handle[i], uint64_t{other.record.trace_tag} << 8 | (i + 1));
+  EXPECT_EQ(tag, ports.record.trace_tag + 1u);
+  for (uint64_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(other.record.trace_handle[i], i < 3 ? tag << 8 | (i + 1) : 0);
   }
-  EXPECT_EQ(other.record.trace_handle[3], 0u);
   const ed_component_t before = ports.record;
   ed_init(&ports.record);
   EXPECT_EQ(std::memcmp(&before, &ports.record, sizeof before), 0);
@@ -130,22 +127,19 @@ TEST(EdFormat, FillsNoMoreThanItsRoom) {
 }
 
 TEST_F(Ed, ALineNamesTimeProcessThreadComponentCategoryAndPoint) {
-  const auto now = [] {
-    const std::time_t seconds = std::time(nullptr);
-    char text[32];
-    std::strftime(text, sizeof text, "%F %T", std::localtime(&seconds));
-    return std::string(text);
-  };
-  const std::string before = now();
+  const std::time_t before = std::time(nullptr);
   errno = ERANGE;
   print(0, {0x1f, 40000}, kRows[0].format);
   print(1, {0xfffffff4u}, "\"two\nlines %d\x1b\"");
   print(0, {1, 2}, std::string(3000, 'x').c_str());
   EXPECT_EQ(errno, ERANGE);
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_LE(before, lines[0].substr(0, 19));
-  EXPECT_GE(now(), lines[0].substr(0, 19));
-  EXPECT_NE(lines[0].find(" " + std::to_string(getpid()) + "/" + std::to_string(gettid()) + " "), std::string::npos);
+  std::tm time{};
+  time.tm_isdst = -1;
+  strptime(lines[0].c_str(), "%F %T", &time);
+  const std::time_t told = std::mktime(&time);
+  EXPECT_TRUE(before <= told && told <= std::time(nullptr)) << lines[0];
+  EXPECT_NE(lines[0].find("/" + std::to_string(gettid()) + " "), std::string::npos);
   EXPECT_EQ(without_prefix(lines[0]), "libports event id 0: port_open ifh 0x1f, speed 40000");
   EXPECT_EQ(without_prefix(lines[1]), "libports error id 1: two lines -12 ");
   EXPECT_GT(lines[2].size(), 900u);
@@ -167,20 +161,14 @@ TEST_F(Ed, TheSlowRuleShowsABurstAndCountsTheRest) {
   for (int i = 0; i < 25; ++i) {
     shown += pass_slowly(1);
   }
-  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(shown, 10);
-  EXPECT_LE(shown, 10 * (2 + static_cast<int>(elapsed.count())));
-  EXPECT_EQ(taken_lines().size(), static_cast<size_t>(shown));
+  const bool in_one_window = std::chrono::steady_clock::now() - start < std::chrono::milliseconds(500);
+  EXPECT_TRUE(in_one_window ? shown == 10 : shown >= 10) << shown;
+  EXPECT_EQ(lines.size(), static_cast<size_t>(shown));
   EXPECT_EQ(pass_slowly(2), 1) << "each point has its own burst";
-
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  taken_lines();
   EXPECT_EQ(pass_slowly(1), 1);
-  if (elapsed.count() < 0.5) {
-    EXPECT_LT(shown, 25);
-    EXPECT_EQ(taken_lines(), Strings{"libports error id 1: port_open no memory: rc 7 (" + std::to_string(25 - shown) +
-                                     " suppressed)"});
-  }
+  EXPECT_EQ(taken_lines().back(), "libports error id 1: port_open no memory: rc 7" +
+                                      (shown == 25 ? "" : " (" + std::to_string(25 - shown) + " suppressed)"));
 }
 
 TEST_F(Ed, TheSlowRuleObeysQuietTraceAndLineFilter) {
@@ -206,42 +194,6 @@ TEST_F(Ed, TheSlowRuleObeysQuietTraceAndLineFilter) {
     EXPECT_EQ(pass_slowly(4), each.enabled) << std::hex << each.flags;
     EXPECT_EQ(taken_lines().size(), each.printed) << std::hex << each.flags;
   }
-}
-
-TEST_F(Ed, WholeLinesGoToStandardErrorWhileQueriesListingsAndSinksComeAndGo) {
-  ed_set_sink(nullptr, nullptr);
-  testing::internal::CaptureStderr();
-  std::atomic<int> printing{2};
-  std::vector<std::jthread> threads;
-  threads.emplace_back([&] {
-    while (printing != 0) {
-      for (const char *query : {"component libports func port_* +ps", "component libports =_"}) {
-        EXPECT_EQ(ed_query(query, nullptr), 0);
-      }
-    }
-  });
-  threads.emplace_back([&] {
-    for (; printing != 0; ed_set_sink(nullptr, nullptr)) {
-      ed_for_each_point([](void *, const ed_point_t *) {}, nullptr);
-    }
-  });
-  for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 2000; ++i, pass_slowly(0)) {
-        print(3, {}, kDropped);
-      }
-      --printing;
-    });
-  }
-  threads.clear();
-  std::map<std::string, int> count;
-  std::istringstream output(testing::internal::GetCapturedStderr());
-  for (std::string line; std::getline(output, line);) {
-    ++count[without_prefix(line).substr(0, 21)];
-  }
-  EXPECT_EQ(count.extract("libports error id 3: ").mapped(), 4000);
-  EXPECT_EQ(count.extract("libports event id 0: ").empty(), false);
-  EXPECT_TRUE(count.empty()) << count.begin()->first;
 }
 
 }  // namespace

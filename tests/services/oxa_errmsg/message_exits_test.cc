@@ -175,16 +175,27 @@ TEST(MessageExits, ChildrenOfAProcessWithBusyThreadsNeverHang) {
   close(ends[1]);
 }
 
-TEST(MessageExits, AMessageOfASignalHandlerMayInterruptAnother) {
-  expect_with_stderr(open("/dev/null", O_WRONLY | O_CLOEXEC), [] {
+TEST(MessageExits, AMessageOfASignalHandlerMayInterruptAnotherAndEachLineIsWhole) {
+  const int file = open("/tmp", O_TMPFILE | O_RDWR, 0600);
+  expect_with_stderr(file, [file] {
     static volatile sig_atomic_t handled = 0;
     signal(SIGVTALRM, [](int) { handled = handled + (raise_one() == 0); });
-    const itimerval often = {{0, 1000}, {0, 1000}};
+    const itimerval often = {{0, 1000}, {0, 1000}}, never = {};
     setitimer(ITIMER_VIRTUAL, &often, nullptr);
-    while (handled < 200) {
+    int raised = 0;
+    for (; handled < 50; ++raised) {
       raise_one();
     }
+    setitimer(ITIMER_VIRTUAL, &never, nullptr);
+    std::string all(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(file, all.data(), all.size(), 0), static_cast<ssize_t>(all.size()));
+    const size_t length = all.find('\n') + 1;  // of each line
+    EXPECT_EQ(all.size(), length * static_cast<size_t>(raised + handled));
+    for (size_t begin = 0; begin < all.size() && !HasFailure(); begin += length) {
+      EXPECT_EQ(all.find('\n', begin), begin + length - 1);
+    }
   });
+  close(file);
 }
 
 std::string daemon_path;
