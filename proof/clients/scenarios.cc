@@ -84,6 +84,7 @@ std::vector<Scenario> entries() {
       {"enter: index that waited longest", holds(&Cast::b, labels(crash::kNhSize), {3, 5}), call},
       {"enter: last index that waited", holds(&Cast::b, labels(crash::kNhSize), {3}), call},
       {"enter: range full", holds(&Cast::b, labels(crash::kNhSize)), call, 28},
+      {"enter: tunnel range full", holds(&Cast::b, tunnels(crash::kTunSize)), entering(key(16, 99)), 28},
       {"enter: the ledger grows", holds(&Cast::a, labels(112)), call},
       {"enter: memory full",
        [](Cast &cast) {

@@ -13,6 +13,7 @@
 
 #include "child.h"
 #include "encap_client.h"
+#include "records/layout.h"
 
 namespace test_support {
 
@@ -38,6 +39,9 @@ int in_copy(Work work) {
   }
   return end_of(child);
 }
+
+// References by NH, and of these the stale ones.
+using Holdings = std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>>;
 
 class ClientTest : public ::testing::Test {
  protected:
@@ -96,24 +100,25 @@ class ClientTest : public ::testing::Test {
     return left;
   }
 
-  // References by NH, and of these the stale ones.
-  static std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> holdings(encap_client_t *client) {
-    std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> held;
+  static Holdings holdings(encap_client_t *client) {
+    Holdings held;
     const auto add = [](const encap_holding_t *holding, void *arg) {
-      auto &map = *static_cast<std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>> *>(arg);
+      auto &map = *static_cast<Holdings *>(arg);
       EXPECT_TRUE(map.emplace(holding->nh, std::pair{holding->held, holding->stale}).second) << "told of twice";
     };
     EXPECT_EQ(encap_client_each(client, add, &held), 0);
     return held;
   }
 
-  static std::uint32_t count_of(std::uint32_t nh) { return egress_encap_db->nh_info_array[nh - kNhStart].ref_count; }
-
-  shmwin_stat_t usage() {
-    shmwin_stat_t stat{};
-    EXPECT_EQ(shmwin_stat(config_.shm_id, &stat), 0);
-    return stat;
+  template <typename Record>
+  static Record *at(std::uint64_t address) {
+    return reinterpret_cast<Record *>(address);
   }
+  static clients::ClientRoot &root() {
+    return *at<clients::ClientRoot>(reinterpret_cast<std::uintptr_t>(egress_encap_db) + clients::kRootOffset);
+  }
+
+  static std::uint32_t count_of(std::uint32_t nh) { return egress_encap_db->nh_info_array[nh - kNhStart].ref_count; }
 
   std::string directory_ = (std::filesystem::temp_directory_path() / "encap-client.XXXXXX").string();
   encap_db_config_t config_{};

@@ -1,9 +1,10 @@
 // What another process may do to a client: write lies into the window, fork, and take every name.
+#include <algorithm>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "client_fixture.h"
-#include "records/layout.h"
 
 namespace test_support {
 namespace {
@@ -36,44 +37,41 @@ using clients::Ledger;
 
 class LiesTest : public ClientTest {
  protected:
-  static clients::ClientRoot &root() {
-    return *reinterpret_cast<clients::ClientRoot *>(reinterpret_cast<char *>(egress_encap_db) + clients::kRootOffset);
-  }
-
-  template <typename Record>
-  static Record *at(std::uint64_t address) {
-    return reinterpret_cast<Record *>(address);
+  std::vector<char> window_image() {
+    void *begin = nullptr;
+    std::size_t size = 0;
+    EXPECT_EQ(shmwin_bounds(config_.shm_id, &begin, &size), 0);
+    window_ = static_cast<char *>(begin);
+    return {window_, window_ + size};
   }
 
   // Each 4-byte word in turn is a lie of each kind; then the window is as before. A lie that names another block of the
   // same kind is not among them: no client can tell it from the truth.
   void lie_in(const void *words, std::size_t bytes, const char *where) {
-    void *window = nullptr;
-    std::size_t size = 0;
-    ASSERT_EQ(shmwin_bounds(config_.shm_id, &window, &size), 0);
-    const std::vector<char> image(static_cast<char *>(window), static_cast<char *>(window) + size);
-    const std::size_t begin = static_cast<std::size_t>(static_cast<const char *>(words) - static_cast<char *>(window));
+    const std::vector<char> image = window_image();
+    const std::size_t begin = static_cast<std::size_t>(static_cast<const char *>(words) - window_);
     for (std::size_t offset = begin; offset < begin + bytes; offset += 4) {
       std::uint32_t truth = 0;
       std::memcpy(&truth, image.data() + offset, sizeof truth);
       for (const std::uint32_t lie : {0U, 1U, 0xffffffffU, 0x7fff0000U, truth ^ 0x1000004U}) {
-        std::memcpy(static_cast<char *>(window) + offset, &lie, sizeof lie);
+        std::memcpy(window_ + offset, &lie, sizeof lie);
         const encap_client_config_t config{config_, "b"};
         const int status = in_copy([&] { call_everything(a_, config); });
-        std::memcpy(window, image.data(), size);
+        std::memcpy(window_, image.data(), image.size());
         ASSERT_EQ(status, 0) << where << " at " << offset - begin << ": " << std::hex << truth << " became " << lie;
       }
     }
   }
 
   encap_client_t *a_ = nullptr;
+  char *window_ = nullptr;
 };
 
 TEST_F(LiesTest, NoLieInTheClientsRecordsMakesAClientFault) {
-  config_.nh_size = 700;
+  config_.nh_size = 800;
   a_ = client("a");
   encap_client_t *const b = client("b");
-  for (std::uint32_t i = 0; i < 600; ++i) {
+  for (std::uint32_t i = 0; i < 720; ++i) {
     enter(a_, key(100 + i, 100));
   }
   for (std::uint32_t i = 0; i < 40; ++i) {
@@ -92,26 +90,14 @@ TEST_F(LiesTest, NoLieInTheClientsRecordsMakesAClientFault) {
   lie_in(ledger->first, 48, "bucket");
   const auto *const segments = at<std::uint64_t>(ledger->directory[0]);
   lie_in(segments, 24, "segments");
-  lie_in(at<Bucket>(segments[0]), 32, "bucket of a segment");
+  auto *const buckets = at<Bucket>(segments[0]);
+  lie_in(buckets, 32, "bucket of a segment");
+  const Bucket *const full =
+      std::find_if(buckets, buckets + clients::kSegmentBuckets, [](const Bucket &bucket) { return bucket.spill != 0; });
+  ASSERT_NE(full, buckets + clients::kSegmentBuckets);
+  lie_in(full, 16, "bucket that spills");
+  lie_in(at<clients::Spill>(full->spill), sizeof(clients::Spill), "spill");
   lie_in(at<clients::QueuePage>(root().nhs.oldest), 24, "queue page");
-}
-
-TEST_F(LiesTest, NoLieInASpillMakesAClientFault) {
-  config_.nh_size = 700;
-  a_ = client("a");
-  std::uint32_t held = 0;
-  for (std::uint32_t i = 0; held < clients::kBucketHoldings + 6; ++i) {
-    const std::uint32_t nh = enter(a_, key(100 + i, 100)).nh;
-    const bool first = clients::bucket_number(clients::hash_of(nh), clients::kInlineBuckets) == 0;
-    held += first ? 1 : 0;
-    if (!first) {
-      release(a_, nh);
-    }
-  }
-  Bucket &bucket = at<Ledger>(at<ClientRecord>(root().clients)->ledger)->first[0];
-  ASSERT_NE(bucket.spill, 0U);
-  lie_in(&bucket, 16, "bucket");
-  lie_in(at<clients::Spill>(bucket.spill), sizeof(clients::Spill), "spill");
 }
 
 TEST_F(LiesTest, AKeyBelowADamagedNodeIsRefused) {
@@ -135,6 +121,36 @@ TEST_F(LiesTest, AKeyBelowADamagedNodeIsRefused) {
       EXPECT_GT(refused, 0) << std::hex << lie;
     }
   }
+}
+
+TEST_F(LiesTest, NoDamageMakesALookFault) {
+  a_ = client("a");
+  for (std::uint32_t i = 0; i < 40; ++i) {
+    enter(a_, key(16 + i, 100 + i % 5));
+  }
+  const std::vector<char> image = window_image();
+  std::vector<std::uint64_t> whole(image.size() / 8);
+  std::memcpy(whole.data(), image.data(), image.size());
+  auto *const words = reinterpret_cast<std::uint64_t *>(window_);
+  const auto look_at_damage = [&] {
+    std::mt19937_64 random(7);
+    for (int trial = 0; trial < 2000; ++trial) {
+      for (int i = 0; i < 64; ++i) {
+        const std::size_t place = random() % (trial % 2 == 0 ? whole.size() : 4096);
+        const bool is_lock = place >= (1024 + 48) / 8 && place < (1024 + 184) / 8;
+        words[is_lock ? 0 : place] = random() % 2 == 0 ? random() : whole[random() % whole.size()];
+      }
+      for (std::uint32_t i = 0; i < 40; ++i) {
+        std::uint32_t nh = 0, tunnel = 0;
+        egress_encap_key_t found = key(16 + i, 100 + i % 5);
+        egress_encap_aux_data_t aux{};
+        encap_client_peek(a_, found, &nh, &tunnel);
+        encap_client_read(a_, kNhStart + i, &found, &aux, &nh);
+      }
+      std::memcpy(words, image.data(), image.size());
+    }
+  };
+  EXPECT_EQ(in_copy(look_at_damage), 0);
 }
 
 TEST_F(ClientTest, AChildThatClosesItsParentsClientsKeepsItsOwn) {
