@@ -1,7 +1,6 @@
 // Whether a process lives and is still the same one: in every state, behind namespaces and behind a /proc that hides.
 #include "process/process.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -9,7 +8,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
-#include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -18,27 +17,23 @@
 namespace {
 
 using namespace vrellis;
+using test_support::expect_in_child;
 using test_support::in_child;
+using test_support::kill_hard;
 using test_support::spawn;
 
 constexpr uid_t kStranger = 65534;
 
-// A child that waits until it is killed.
-class Sleeper {
- public:
-  Sleeper() { read_process_stat(pid_, &stat_); }
-  ~Sleeper() { end(); }
-  void end() {
-    if (pid_ != 0) {
-      test_support::kill_hard(std::exchange(pid_, 0));
-    }
-  }
-  ProcessId id() const { return {pid_, stat_.start, own_pid_namespace()}; }
+ProcessId id_of(pid_t pid) {
+  ProcessStat stat{};
+  EXPECT_TRUE(read_process_stat(pid, &stat));
+  return {pid, stat.start, own_pid_namespace()};
+}
 
- private:
-  pid_t pid_ = test_support::spawn_waiting([] {});
-  ProcessStat stat_{};
-};
+// A child that waits until it is killed, or until this process ends.
+ProcessId sleeper() {
+  return id_of(test_support::spawn_waiting([] {}));
+}
 
 // Waits until the process is in this state.
 bool reaches(pid_t pid, char state) {
@@ -52,20 +47,25 @@ bool reaches(pid_t pid, char state) {
   return false;
 }
 
-// As root in namespaces of its own: runs `body` in a child there. Returns: its status; -1 when that is not permitted.
-template <typename Body>
-int in_namespaces(int flags, Body body) {
-  return in_child([&] {
-    const bool private_mounts = unshare(flags) == 0 && ((flags & CLONE_NEWNS) == 0 ||
-                                                        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
-    return private_mounts ? body() : 255;
-  });
+// Gives this process mounts of its own, and a /proc with these options.
+bool mount_proc(const char *options) {
+  return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("proc", "/proc", "proc", 0, options) == 0;
 }
+
+class Namespaces : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (in_child([] { return mount_proc("hidepid=2") && unshare(CLONE_NEWPID | CLONE_NEWTIME) == 0 ? 0 : 1; }) != 0) {
+      GTEST_SKIP() << "namespaces need root";
+    }
+  }
+};
 
 TEST(Process, TheLineOfAnyNameIsTakenApart) {
   const std::string head = "17 (", tail = ") T 3 17 17 0 -1 0 1 2 3 4 5 6 7 8 20 0 9 0 123456789 4096 100";
+  ProcessStat stat{};
   for (const std::string name : {"daemon", "a b) R 1 (", ")", "", "two\nlines", "\x1b[31m\xff"}) {
-    ProcessStat stat{};
     ASSERT_TRUE(parse_process_stat((head + name + tail).c_str(), &stat)) << name;
     EXPECT_EQ(stat.comm, name);
     EXPECT_EQ(stat.state, 'T');
@@ -73,15 +73,13 @@ TEST(Process, TheLineOfAnyNameIsTakenApart) {
     EXPECT_EQ(stat.threads, 9u);
     EXPECT_EQ(stat.start, 123456789u);
   }
-  ProcessStat stat{};
   for (const char *const line : {"", "17", "17 (x", "17 )x( R", "17 (x) R 1 2 3"}) {
     EXPECT_FALSE(parse_process_stat(line, &stat)) << line;
   }
 }
 
 TEST(Process, EveryStateHasItsAnswer) {
-  Sleeper sleeper;
-  const ProcessId id = sleeper.id();
+  const ProcessId id = sleeper();
   EXPECT_EQ(liveness_of(id), Liveness::kAlive);
   EXPECT_EQ(liveness_of({id.pid, id.start + 100, id.pid_namespace}), Liveness::kDead) << "a later process of the id";
   EXPECT_EQ(liveness_of({id.pid, id.start, id.pid_namespace + 1}), Liveness::kUnknown) << "another PID namespace";
@@ -94,7 +92,7 @@ TEST(Process, EveryStateHasItsAnswer) {
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(id.pid), &ended, WEXITED | WNOWAIT), 0);  // all of its threads are gone
   EXPECT_EQ(liveness_of(id), Liveness::kDead) << "a zombie";
   EXPECT_EQ(liveness_of_thread(id.pid), Liveness::kDead);
-  sleeper.end();
+  kill_hard(id.pid);
   EXPECT_EQ(liveness_of(id), Liveness::kDead) << "gone";
   EXPECT_EQ(liveness_of_thread(id.pid), Liveness::kDead);
   EXPECT_EQ(liveness_of(own_process()), Liveness::kAlive);
@@ -106,74 +104,55 @@ TEST(Process, AProcessOutlivesItsFirstThread) {
     return static_cast<int>(syscall(SYS_exit, 0));  // ends this thread alone
   });
   EXPECT_TRUE(reaches(pid, 'Z'));
-  ProcessStat stat{};
-  EXPECT_TRUE(read_process_stat(pid, &stat));
-  EXPECT_EQ(liveness_of({pid, stat.start, own_pid_namespace()}), Liveness::kAlive);
+  EXPECT_EQ(liveness_of(id_of(pid)), Liveness::kAlive);
   EXPECT_EQ(liveness_of_thread(pid), Liveness::kDead) << "the thread itself";
-  test_support::kill_hard(pid);
+  kill_hard(pid);
 }
 
-TEST(Process, WhatProcHidesIsUnknown) {
-  Sleeper sleeper;
-  const ProcessId id = sleeper.id();
-  const auto mounted = [&](const char *options, auto answer) {
-    return in_namespaces(CLONE_NEWNS, [&] {
-      const bool done = mount("proc", "/proc", "proc", 0, options) == 0 && test_support::become(kStranger, kStranger);
-      return done ? static_cast<int>(answer()) : 255;
+TEST_F(Namespaces, WhatProcHidesIsUnknown) {
+  const ProcessId id = sleeper();
+  const auto expect_with = [&](const char *options, Liveness liveness) {
+    expect_in_child([&] {
+      ASSERT_TRUE(mount_proc(options) && test_support::become(kStranger, kStranger));
+      EXPECT_EQ(liveness_of(id), liveness);
+      EXPECT_EQ(maps_shared_memory(id.pid, 4096), Mapped::kUnknown) << "another user's process";
     });
   };
-  const int hidden = mounted("hidepid=2", [&] { return liveness_of(id); });
-  if (hidden == 255) {
-    GTEST_SKIP() << "mounting a /proc that hides needs root";
-  }
-  EXPECT_EQ(static_cast<Liveness>(hidden), Liveness::kUnknown);
-  EXPECT_EQ(static_cast<Mapped>(mounted("hidepid=0", [&] { return maps_shared_memory(id.pid, 4096); })),
-            Mapped::kUnknown)
-      << "another user's process";
-  sleeper.end();
-  EXPECT_EQ(static_cast<Liveness>(mounted("hidepid=2", [&] { return liveness_of(id); })), Liveness::kDead);
+  expect_with("hidepid=0", Liveness::kAlive);
+  expect_with("hidepid=2", Liveness::kUnknown);
+  kill_hard(id.pid);
+  expect_with("hidepid=2", Liveness::kDead);
 }
 
-TEST(Process, AProcOfAnotherNamespaceProvesNothing) {
-  Sleeper sleeper;
-  const pid_t pid = sleeper.id().pid;
-  const int seen = in_namespaces(CLONE_NEWPID, [&] {
-    return in_child([&] {  // its own /proc is still the one of the namespace outside
-      const ProcessId there{1, 1, own_pid_namespace()};
-      return liveness_of(there) == Liveness::kUnknown && liveness_of_thread(pid) == Liveness::kDead ? 0 : 1;
+TEST_F(Namespaces, AProcOfAnotherNamespaceProvesNothing) {
+  const ProcessId id = sleeper();
+  expect_in_child([&] {
+    ASSERT_EQ(unshare(CLONE_NEWPID), 0);
+    expect_in_child([&] {  // its own /proc is still the one of the namespace outside
+      EXPECT_EQ(liveness_of({1, 1, own_pid_namespace()}), Liveness::kUnknown);
+      EXPECT_EQ(liveness_of_thread(id.pid), Liveness::kDead);
     });
   });
-  if (seen == 255) {
-    GTEST_SKIP() << "a PID namespace needs root";
-  }
-  EXPECT_EQ(seen, 0);
 }
 
-TEST(Process, StartTimesAgreeAcrossTimeNamespaces) {
-  Sleeper sleeper;
-  const ProcessId id = sleeper.id();
-  const int seen = in_namespaces(CLONE_NEWTIME, [&] {
-    const int fd = open("/proc/self/timens_offsets", O_WRONLY);
-    constexpr char kOffset[] = "boottime 86400 5000000";
-    if (write(fd, kOffset, sizeof kOffset - 1) < 0 || liveness_of(id) != Liveness::kUnknown) {
-      return 99;  // this process stays where it is, its children do not
-    }
-    return in_child([&] { return static_cast<int>(liveness_of(id)); });
+TEST_F(Namespaces, StartTimesAgreeAcrossTimeNamespaces) {
+  const ProcessId id = sleeper();
+  expect_in_child([&] {
+    ASSERT_EQ(unshare(CLONE_NEWTIME), 0);
+    std::ofstream("/proc/self/timens_offsets") << "boottime 86400 5000000";
+    EXPECT_EQ(liveness_of(id), Liveness::kUnknown) << "this process stays where it is, its children do not";
+    expect_in_child([&] { EXPECT_EQ(liveness_of(id), Liveness::kAlive); });
   });
-  if (seen == 255) {
-    GTEST_SKIP() << "a time namespace needs root";
-  }
-  EXPECT_EQ(static_cast<Liveness>(seen), Liveness::kAlive);
 }
 
 TEST(Process, SharedMemoryIsSeenUntilAnotherProgramRuns) {
   constexpr std::size_t kBytes = 4096;
   void *const memory = mmap(nullptr, kBytes, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   const auto address = reinterpret_cast<std::uint64_t>(memory);
-  static char stack_word;
-  Sleeper sleeper;
-  EXPECT_EQ(maps_shared_memory(sleeper.id().pid, address), Mapped::kYes);
-  EXPECT_EQ(maps_shared_memory(sleeper.id().pid, reinterpret_cast<std::uint64_t>(&stack_word)), Mapped::kNo);
+  static char private_byte;
+  const ProcessId id = sleeper();
+  EXPECT_EQ(maps_shared_memory(id.pid, address), Mapped::kYes);
+  EXPECT_EQ(maps_shared_memory(id.pid, reinterpret_cast<std::uint64_t>(&private_byte)), Mapped::kNo);
   EXPECT_EQ(maps_shared_memory(0x3ffffe, address), Mapped::kUnknown);
   munmap(memory, kBytes);
   EXPECT_EQ(maps_shared_memory(getpid(), address), Mapped::kNo);
