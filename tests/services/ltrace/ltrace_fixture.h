@@ -19,12 +19,7 @@
 
 namespace vrellis {
 
-using test_support::end_of;
-using test_support::expect_in_child;
-using test_support::kill_hard;
-using test_support::Signal;
-using test_support::spawn;
-using test_support::spawn_waiting;
+using namespace test_support;
 
 constexpr std::uint64_t trace_header(std::uint32_t id, std::uint32_t tag = 0, std::uint64_t number = 0) {
   return std::uint64_t{7} << 32 | 0x80000000U | number << 28 | tag << 23 | id;

@@ -23,7 +23,7 @@
 
 namespace {
 
-using test_support::expect_in_child;
+using namespace test_support;
 
 constexpr oxa_msg_rec_t kRecord = {0, "%s: nh_idx %d", nullptr, "MPLS_ENCAP_DB", "PLATFORM", "NH_NOTVALID_ERROR", 0, 0,
                                    0};

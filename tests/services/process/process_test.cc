@@ -16,11 +16,8 @@
 
 namespace {
 
+using namespace test_support;
 using namespace vrellis;
-using test_support::expect_in_child;
-using test_support::in_child;
-using test_support::kill_hard;
-using test_support::spawn;
 
 constexpr uid_t kStranger = 65534;
 
@@ -32,7 +29,7 @@ ProcessId id_of(pid_t pid) {
 
 // A child that waits until it is killed, or until this process ends.
 ProcessId sleeper() {
-  return id_of(test_support::spawn_waiting([] {}));
+  return id_of(spawn_waiting([] {}));
 }
 
 // Waits until the process is in this state.
@@ -113,7 +110,7 @@ TEST_F(Namespaces, WhatProcHidesIsUnknown) {
   const ProcessId id = sleeper();
   const auto expect_with = [&](const char *options, Liveness liveness) {
     expect_in_child([&] {
-      ASSERT_TRUE(mount_proc(options) && test_support::become(kStranger, kStranger));
+      ASSERT_TRUE(mount_proc(options) && become(kStranger, kStranger));
       EXPECT_EQ(liveness_of(id), liveness);
       EXPECT_EQ(maps_shared_memory(id.pid, 4096), Mapped::kUnknown) << "another user's process";
     });

@@ -22,11 +22,7 @@ using vrellis::WindowHeader;
 inline constexpr std::uint32_t kId = 3;
 inline constexpr std::uint64_t kBytes = 256 * 1024;
 
-using test_support::expect_in_child;
-using test_support::in_child;
-using test_support::kill_hard;
-using test_support::spawn;
-using test_support::spawn_waiting;
+using namespace test_support;
 
 class WindowTest : public ::testing::Test {
  protected:

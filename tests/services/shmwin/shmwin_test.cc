@@ -69,7 +69,7 @@ TEST_F(WindowTest, ZombiesAndHelperProgramsDoNotHoldAWindowButForkedChildrenDo) 
   kill_hard(child);
   EXPECT_EQ(unlink(0), 0) << error_.text;
   kill_hard(helper);
-  test_support::end_of(zombie);
+  end_of(zombie);
 }
 
 TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
@@ -85,14 +85,14 @@ TEST_F(WindowTest, AClaimDiesWithItsHolderAndNotWithItsChildren) {
   EXPECT_EQ(open(made), 0) << error_.text;
   EXPECT_TRUE(created_);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(50)) << "the claim was not waited for";
-  EXPECT_EQ(test_support::end_of(holder), -SIGKILL);
-  EXPECT_EQ(test_support::end_of(killer), 0);
+  EXPECT_EQ(end_of(holder), -SIGKILL);
+  EXPECT_EQ(end_of(killer), 0);
 }
 
 TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
   ASSERT_EQ(open(config()), 0);
   ASSERT_EQ(shmwin_detach(kId), 0);
-  test_support::Signal locked;
+  Signal locked;
   const pid_t reader = spawn([&] {  // the right to read is enough for a lock
     struct flock lock {};
     lock.l_type = F_RDLCK;
@@ -124,7 +124,7 @@ class OwnedWindowTest : public WindowTest {
   // Returns: the status, or 254 if the sentence lacks one of the parts.
   int open_as(uid_t user, gid_t group, const shmwin_config_t &made, std::initializer_list<const char *> parts = {}) {
     return in_child([&] {
-      const int status = test_support::become(user, group) ? reopen(made) : 255;
+      const int status = become(user, group) ? reopen(made) : 255;
       expect_refusal(status, status, parts);
       return HasFailure() ? 254 : status;
     });
