@@ -51,8 +51,7 @@ TEST_F(TraceTest, EachArityComesBackWithItsHeaderItsHandleAndItsTime) {
   const std::int64_t after = now_ns();
   const auto file = open_one();
   EXPECT_EQ(file->component(9), "component nine");
-  RingReport report;
-  const auto records = ring(*file, 0, report);
+  const auto [records, report] = first_ring(*file);
   EXPECT_EQ(report.tid, file->pid());
   ASSERT_EQ(records.size(), 7U);
   EXPECT_TRUE(records[0].exact);
@@ -87,9 +86,8 @@ TEST_F(TraceTest, EachOperationThatSearchesHasATimeOfItsOwnWhereverABlockEnds) {
       std::this_thread::sleep_for(std::chrono::nanoseconds(kPauseNs));
     }
   });
-  RingReport report;
   int seen = 0;
-  for (const TraceRecord &record : ring(*open_one(), 0, report)) {
+  for (const TraceRecord &record : first_ring(*open_one()).first) {
     if (record.id == 7) {
       ++seen;
       EXPECT_GT(record.time_ns, static_cast<std::int64_t>(record.value[0]) - kPauseNs / 2) << "operation " << seen;
@@ -107,8 +105,7 @@ TEST_F(TraceTest, AWrappedRingKeepsTheNewestAndCountsTheOthersExactly) {
     kill_hard(writer);
     EXPECT_FALSE(file->alive());
     EXPECT_FALSE(list_traces(directory_)[0].alive);
-    RingReport report;
-    const auto records = ring(*file, 0, report);
+    const auto [records, report] = first_ring(*file);
     EXPECT_EQ(expect_counted(records, report), total);
     EXPECT_TRUE(report.owned);
     EXPECT_GE(records.size(), std::min<std::uint64_t>(total, 100));
@@ -150,8 +147,7 @@ TEST_F(TraceTest, ALiveWriterAtFullSpeedIsReadWithoutATornRecord) {
   std::uint64_t seen = 0;
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
   while (std::chrono::steady_clock::now() < end && !HasFailure()) {
-    RingReport report;
-    const auto records = ring(*file, 0, report);
+    const auto [records, report] = first_ring(*file);
     expect_counted(records, report);
     seen += records.size();
   }
