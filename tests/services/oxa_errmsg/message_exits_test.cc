@@ -51,10 +51,7 @@ void expect_with_stderr(int fd, const std::function<void()> &body) {
 void fill(int fd) {
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-  const std::string filler(256, '.');
-  for (const size_t bytes : {filler.size(), size_t{1}}) {
-    while (write(fd, filler.data(), bytes) > 0) {
-    }
+  while (write(fd, ".", 1) > 0) {
   }
   fcntl(fd, F_SETFL, flags);
 }
@@ -63,11 +60,8 @@ std::string drain(int fd) {
   std::string all;
   char bytes[4096];
   pollfd reader = {fd, POLLIN, 0};
-  while (poll(&reader, 1, 20) > 0) {  // a terminal hands bytes over a little later
-    const ssize_t got = read(fd, bytes, sizeof bytes);
-    if (got <= 0) {
-      break;
-    }
+  ssize_t got = 0;
+  while (poll(&reader, 1, 20) > 0 && (got = read(fd, bytes, sizeof bytes)) > 0) {  // a terminal hands over later
     all.append(bytes, static_cast<size_t>(got));
   }
   return all;
@@ -113,8 +107,6 @@ TEST(MessageExits, AStuckReaderOfStderrHoldsNobodyUpAndLearnsWhatWasDropped) {
       EXPECT_GE(told[1], kind.dropped_at_least) << got;
       EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL), flags);
     });
-    close(ends[0]);
-    close(ends[1]);
   }
 }
 
@@ -146,8 +138,6 @@ TEST(MessageExits, NoSignalIsRaisedLostOrInvented) {
     raise(SIGXFSZ);
     EXPECT_EQ(pending_after_both(), (std::array{1, 1}));
   });
-  close(ends[1]);
-  close(file);
 }
 
 TEST(MessageExits, ChildrenOfAProcessWithBusyThreadsNeverHang) {
@@ -171,8 +161,6 @@ TEST(MessageExits, ChildrenOfAProcessWithBusyThreadsNeverHang) {
     });
   }
   EXPECT_EQ(told_by(drain(ends[0])), (std::array{200, 0}));
-  close(ends[0]);
-  close(ends[1]);
 }
 
 TEST(MessageExits, AMessageOfASignalHandlerMayInterruptAnotherAndEachLineIsWhole) {
@@ -195,7 +183,6 @@ TEST(MessageExits, AMessageOfASignalHandlerMayInterruptAnotherAndEachLineIsWhole
       EXPECT_EQ(all.find('\n', begin), begin + length - 1);
     }
   });
-  close(file);
 }
 
 std::string daemon_path;
@@ -220,7 +207,6 @@ TEST(MessageExits, ALogDaemonThatIsStuckOrMissingHoldsNobodyUp) {
     EXPECT_TRUE(std::regex_search(first, std::regex(head))) << first;
     EXPECT_TRUE(std::regex_match(next, std::regex(head + " \\([0-9]+ messages dropped before this one\\)"))) << next;
   });
-  close(daemon);
   unlink(daemon_path.c_str());
 }
 
