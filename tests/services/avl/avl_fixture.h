@@ -58,15 +58,10 @@ extern "C" inline int compare_keys(const void *a, const void *b) {
   return left < right ? 0 : left == right ? 1 : 2;
 }
 
-inline Node probe_for(std::uint64_t key) {
+inline Node *find(void *root, std::uint64_t key) {
   Node probe;
   probe.link = {{~Word{0}, ~Word{0}}, ~Word{0}};  // the service must not read a probe's linkage
   probe.key = key;
-  return probe;
-}
-
-inline Node *find(void *root, std::uint64_t key) {
-  const Node probe = probe_for(key);
   return static_cast<Node *>(avl_search(root, &probe, compare_keys));
 }
 
@@ -95,11 +90,8 @@ inline int look(const Link *link, Word up, View &view) {
   view.keys.push_back(node->key);
   const int after = look(child_of(link, 1), address_of(link), view);
   view.shape += ')';
-  const Word lean = after == before       ? vrellis::avl::kLevel
-                    : after == before + 1 ? vrellis::avl::leaning(1)
-                    : before == after + 1 ? vrellis::avl::leaning(0)
-                                          : ~Word{0};
-  if (lean_of(link) != lean) {
+  const Word lean = after == before ? vrellis::avl::kLevel : vrellis::avl::leaning(after > before ? 1 : 0);
+  if (lean_of(link) != lean || after > before + 1 || before > after + 1) {
     complain("wrong balance");
   }
   return 1 + std::max(before, after);
