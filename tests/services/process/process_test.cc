@@ -32,18 +32,6 @@ ProcessId sleeper() {
   return id_of(spawn_waiting([] {}));
 }
 
-// Waits until the process is in this state.
-bool reaches(pid_t pid, char state) {
-  ProcessStat stat{};
-  for (int i = 0; i < 10000 && read_process_stat(pid, &stat); ++i) {
-    if (stat.state == state) {
-      return true;
-    }
-    usleep(1000);
-  }
-  return false;
-}
-
 // Gives this process mounts of its own, and a /proc with these options.
 bool mount_proc(const char *options) {
   return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
@@ -82,7 +70,7 @@ TEST(Process, EveryStateHasItsAnswer) {
   EXPECT_EQ(liveness_of({id.pid, id.start, id.pid_namespace + 1}), Liveness::kUnknown) << "another PID namespace";
   EXPECT_EQ(liveness_of({id.pid, 0, id.pid_namespace}), Liveness::kUnknown);
   kill(id.pid, SIGSTOP);
-  EXPECT_TRUE(reaches(id.pid, 'T'));
+  ASSERT_EQ(waitpid(id.pid, nullptr, WUNTRACED), id.pid);
   EXPECT_EQ(liveness_of(id), Liveness::kAlive) << "stopped";
   kill(id.pid, SIGKILL);
   siginfo_t ended{};
@@ -100,7 +88,10 @@ TEST(Process, AProcessOutlivesItsFirstThread) {
     std::thread([] { pause(); }).detach();
     return static_cast<int>(syscall(SYS_exit, 0));  // ends this thread alone
   });
-  EXPECT_TRUE(reaches(pid, 'Z'));
+  ProcessStat stat{};
+  while (read_process_stat(pid, &stat) && stat.state != 'Z') {
+    usleep(1000);
+  }
   EXPECT_EQ(liveness_of(id_of(pid)), Liveness::kAlive);
   EXPECT_EQ(liveness_of_thread(pid), Liveness::kDead) << "the thread itself";
   kill_hard(pid);
