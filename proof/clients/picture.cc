@@ -37,53 +37,38 @@ std::vector<std::uint32_t> waiting_in(const IndexQueue &queue) {
   return waiting;
 }
 
-template <typename Visit>
-void each_client(Visit visit) {
-  if (root().magic == clients::kRootMagic) {
-    auto *const records = at<ClientRecord>(root().clients);
-    for (int i = 0; i < ENCAP_CLIENT_MAX; ++i) {
-      if (records[i].name[0] != '\0') {
-        visit(records[i], *at<Ledger>(records[i].ledger));
+void draw_client(const ClientRecord &record, Ledger &ledger, Picture &picture) {
+  auto &held = picture.held[record.name];
+  std::uint64_t sum = 0, fresh = 0;
+  for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
+    clients::each_in(clients::bucket_at(ledger, number), [&](const Holding &holding) {
+      const std::uint32_t own_fresh = clients::fresh_of(holding, ledger.epoch);
+      held[holding.nh] = {holding.held, holding.held - own_fresh};
+      sum += holding.held;
+      fresh += own_fresh;
+      if (clients::bucket_number(clients::hash_of(holding.nh), ledger.buckets) != number) {
+        picture.wrong = "a holding lies in the wrong bucket";
       }
-    }
+    });
+  }
+  if (held.size() != ledger.nhs || sum != ledger.held || fresh != ledger.fresh) {
+    picture.wrong = std::string("the totals of ") + record.name + " are not the sums of its holdings";
+  }
+  if (record.process != 0) {
+    picture.taken.insert(record.name);
   }
 }
 
 void draw_clients(Picture &picture) {
-  each_client([&](const ClientRecord &record, Ledger &ledger) {
-    auto &held = picture.held[record.name];
-    for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
-      clients::each_in(clients::bucket_at(ledger, number), [&](const Holding &holding) {
-        held[holding.nh] = {holding.held, holding.held - clients::fresh_of(holding, ledger.epoch)};
-      });
+  if (root().magic != clients::kRootMagic) {
+    return;
+  }
+  auto *const records = at<ClientRecord>(root().clients);
+  for (int i = 0; i < ENCAP_CLIENT_MAX; ++i) {
+    if (records[i].name[0] != '\0') {
+      draw_client(records[i], *at<Ledger>(records[i].ledger), picture);
     }
-    if (record.process != 0) {
-      picture.taken.insert(record.name);
-    }
-  });
-}
-
-std::string wrong_totals() {
-  std::string wrong;
-  each_client([&](const ClientRecord &record, Ledger &ledger) {
-    std::uint64_t nhs = 0;
-    std::uint64_t held = 0;
-    std::uint64_t fresh = 0;
-    for (std::uint32_t number = 0; number < ledger.buckets; ++number) {
-      clients::each_in(clients::bucket_at(ledger, number), [&](const Holding &holding) {
-        ++nhs;
-        held += holding.held;
-        fresh += clients::fresh_of(holding, ledger.epoch);
-        if (clients::bucket_number(clients::hash_of(holding.nh), ledger.buckets) != number) {
-          wrong = "a holding lies in the wrong bucket";
-        }
-      });
-    }
-    if (nhs != ledger.nhs || held != ledger.held || fresh != ledger.fresh) {
-      wrong = std::string("the totals of ") + record.name + " are not the sums of its holdings";
-    }
-  });
-  return wrong;
+  }
 }
 
 std::string wrong_counts(const Picture &picture) {
@@ -145,7 +130,7 @@ std::string contradiction(const Picture &picture, const crash::Window &window, Q
     return found;
   }
   for (const std::string &wrong :
-       {wrong_totals(), wrong_counts(picture),
+       {picture.wrong, which == crash::Findings::kBlocks ? "" : wrong_counts(picture),
         wrong_indexes(root().nhs, egress_encap_db->nh_start, queues,
                       [](std::uint32_t nh) { return clients::nh_slot(nh).valid == 0; }),
         wrong_indexes(root().tunnels, egress_encap_db->tun_start, queues,

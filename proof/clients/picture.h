@@ -22,6 +22,7 @@ struct Picture {
   std::vector<std::uint32_t> waiting_nhs, waiting_tunnels;
   std::uint32_t fresh_nh = 0, fresh_tunnel = 0;
   std::set<std::string> taken;  // names that a process has
+  std::string wrong;            // where a ledger is in conflict with itself
   // References of processes without a client, by NH; draw() knows none.
   std::map<std::uint32_t, std::uint32_t> others;
 
@@ -39,7 +40,8 @@ enum class Queues : std::uint8_t {
 };
 
 // What the inspector finds in the window, and what the picture says against itself: indexes that are both
-// free and in use or neither, ledgers that do not add up to the counts. Returns: some sentences, or "".
+// free and in use or neither, ledgers that do not add up to the counts (these unless `which` is kBlocks). Returns: some
+// sentences, or "".
 std::string contradiction(const Picture &picture, const crash::Window &window, Queues queues = Queues::kWhole,
                           crash::Findings which = crash::Findings::kAll);
 

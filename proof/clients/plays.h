@@ -2,6 +2,8 @@
 #ifndef ENCAP_PROOF_CLIENTS_PLAYS_H
 #define ENCAP_PROOF_CLIENTS_PLAYS_H
 
+#include <algorithm>
+
 #include "picture.h"
 #include "scenarios.h"
 #include "session.h"
@@ -41,22 +43,29 @@ struct Steps {
 };
 Steps steps_of(const Stage &stage);
 
-// Each play all states and return false after the first one that is wrong, which they tell of.
+// The next call of any client. After a death in that call another name has to come, since this process lives.
+int next_call(const Stage &stage, const char *name = "next");
+Picture drawn_for(const Stage &stage);
+
+template <typename Thing>
+bool is_one_of(const std::vector<Thing> &things, const Thing &thing) {
+  return std::find(things.begin(), things.end(), thing) != things.end();
+}
+
+// Calls wrong_in(state) for each state until it returns what is wrong there, and prints that beside `what`. Returns: true
+// if nothing is wrong.
+bool play(const Stage &stage, const crash::States &states, const std::string &what,
+          const std::function<std::string(const crash::Image &)> &wrong_in);
 
 // The next client finds one of the steps. Out: *seconds, if wanted, the states that a death in its recovery leaves.
-bool play_clients(const Steps &steps, const crash::States &states, const char *which, crash::States *seconds);
-
-// A writer is stopped in each state: looks at all keys and NHs without the lock answer together as in one of the steps.
-// Requires a cast. Out: *looks, how many.
-bool play_looks(const Steps &steps, const crash::States &states, std::uint64_t *looks);
+bool play_clients(const Steps &steps, const crash::States &states, crash::States *seconds);
 
 // A process without a client works before the next client comes: what it completes has its whole effect, and no other.
-// Out: *works, how often.
-bool play_others(const Steps &steps, const crash::States &states, std::uint64_t *works);
+// If the only reference on an NH is its own, giving that back may leave what the check names and a repair mends.
+bool play_others(const Steps &steps, const crash::States &states);
 
-// It gives its only reference back: that has its whole effect, or leaves what the check names and a repair mends.
-// Requires a scenario with such a reference. Out: works[0], how often the one, works[1], how often the other.
-bool play_last_reference(const Steps &steps, const crash::States &states, std::uint64_t *works);
+// A writer is stopped in each state: looks at all keys and NHs without the lock answer together as in one of the steps.
+bool play_looks(const Steps &steps, const crash::States &states);
 
 }  // namespace client_proof
 
