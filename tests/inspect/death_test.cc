@@ -1,5 +1,4 @@
 // A repair that dies itself: at each of its calls of the services, the next repair mends what it left.
-#include <cstdlib>
 #include <new>
 
 #include "avl.h"
@@ -20,72 +19,63 @@ void count_call() {
   }
 }
 
-void *allocate(std::size_t bytes, std::size_t alignment) {
+void count_allocation() {
   if (allocations_left >= 0 && allocations_left-- == 0) {
     throw std::bad_alloc();
   }
-  return std::aligned_alloc(alignment, (bytes + alignment) / alignment * alignment);
+}
+
+template <typename Real, typename... Args>
+auto count_around(Real real, Args... args) {
+  count_call();
+  const auto result = real(args...);
+  count_call();
+  return result;
 }
 
 }  // namespace
 
-// All that the inspector uses, since AddressSanitizer compares how a block was taken and given back.
-[[gnu::noinline]] void *operator new(std::size_t bytes) {
-  return allocate(bytes, 16);
-}
-[[gnu::noinline]] void *operator new[](std::size_t bytes, std::align_val_t alignment) {
-  return allocate(bytes, static_cast<std::size_t>(alignment));
-}
-[[gnu::noinline]] void *operator new(std::size_t bytes, const std::nothrow_t &) noexcept {
-  return std::malloc(bytes + 1);
-}
-[[gnu::noinline]] void operator delete(void *block) noexcept {
-  std::free(block);
-}
-[[gnu::noinline]] void operator delete(void *block, std::size_t) noexcept {
-  std::free(block);
-}
-[[gnu::noinline]] void operator delete[](void *block, std::align_val_t) noexcept {
-  std::free(block);
-}
-
+// The linker puts these in the places of the functions, which go on under their second names.
 #pragma GCC visibility push(default)
 extern "C" {
-// The linker puts these in the places of the services' functions, which go on under their second names.
-void *__real_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare);
-void *__real_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare);
+using FindPlace = void *(void **root, void *node, int *flag, avl_compare_fn compare);
+FindPlace __real_avl_insert, __wrap_avl_insert, __real_avl_delete, __wrap_avl_delete;
 int __real_shmwin_malloc(uint32_t shm_id, size_t size, void **block);
-void __real_shmwin_free(void *block);
-void *__wrap_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare);
-void *__wrap_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare);
 int __wrap_shmwin_malloc(uint32_t shm_id, size_t size, void **block);
+void __real_shmwin_free(void *block);
 void __wrap_shmwin_free(void *block);
+void *__real__Znwm(std::size_t bytes);
+void *__wrap__Znwm(std::size_t bytes);
+void *__real__ZnamSt11align_val_t(std::size_t bytes, std::align_val_t alignment);
+void *__wrap__ZnamSt11align_val_t(std::size_t bytes, std::align_val_t alignment);
 
 void *__wrap_avl_insert(void **root, void *node, int *flag, avl_compare_fn compare) {
-  count_call();
-  void *const result = __real_avl_insert(root, node, flag, compare);
-  count_call();
-  return result;
+  return count_around(__real_avl_insert, root, node, flag, compare);
 }
 
 void *__wrap_avl_delete(void **root, void *node, int *flag, avl_compare_fn compare) {
-  count_call();
-  void *const result = __real_avl_delete(root, node, flag, compare);
-  count_call();
-  return result;
+  return count_around(__real_avl_delete, root, node, flag, compare);
 }
 
 int __wrap_shmwin_malloc(uint32_t shm_id, size_t size, void **block) {
-  count_call();
-  const int status = __real_shmwin_malloc(shm_id, size, block);
-  count_call();
-  return status;
+  return count_around(__real_shmwin_malloc, shm_id, size, block);
 }
 
 void __wrap_shmwin_free(void *block) {
   count_call();
   __real_shmwin_free(block);
   count_call();
+}
+
+// operator new(bytes), and new[] of aligned memory, in the inspector and in this test.
+void *__wrap__Znwm(std::size_t bytes) {
+  count_allocation();
+  return __real__Znwm(bytes);
+}
+
+void *__wrap__ZnamSt11align_val_t(std::size_t bytes, std::align_val_t alignment) {
+  count_allocation();
+  return __real__ZnamSt11align_val_t(bytes, alignment);
 }
 }
 #pragma GCC visibility pop
@@ -116,18 +106,16 @@ class DeathTest : public InspectTest {
   }
 };
 
-TEST_F(DeathTest, WhileAnNhTreeIsRebuilt) {
+TEST_F(DeathTest, WhileTreesAreRebuilt) {
   fill(2, 9);
-  auto *top = static_cast<mpls_tunnel_entry_t *>(db().tun_root);
+  auto *const top = static_cast<mpls_tunnel_entry_t *>(db().tun_root);
   reinterpret_cast<std::uint64_t *>(top->nh_root)[1] = 0x10;
   tunnel(top->egr_tun).ref_count = 2;
   expect_mended_after_every_death();
-}
-
-TEST_F(DeathTest, WhileTheTunnelTreeIsRebuilt) {
+  open({});
   fill(5, 3);
-  auto *words = static_cast<std::uint64_t *>(db().tun_root);
-  std::swap(words[0], words[1]);
+  auto *const children = static_cast<std::uint64_t *>(db().tun_root);
+  std::swap(children[0], children[1]);
   expect_mended_after_every_death();
 }
 
@@ -135,7 +123,7 @@ TEST_F(DeathTest, WhileNodesAreMadeAnew) {
   fill(3, 3);
   db().tun_root = nullptr;
   const vrellis::WindowShape shape = vrellis::shape_of_size(bytes_);
-  auto *pages = reinterpret_cast<vrellis::PageDescriptor *>(window_ + shape.descriptors);
+  auto *const pages = reinterpret_cast<vrellis::PageDescriptor *>(window_ + shape.descriptors);
   for (std::uint64_t page = 0; page < shape.pages; ++page) {
     if (pages[page].state == vrellis::page_state(vrellis::kNodes40)) {
       std::memset(pages[page].used, 0, sizeof pages[page].used);

@@ -62,7 +62,8 @@ TEST_F(InterfaceTest, AStoppedHolderIsNamedAndItsDeathCountedFoundAndMended) {
   EXPECT_EQ(deaths(), 0U);
 
   const pid_t child = hold_lock();
-  stop(child);
+  kill(child, SIGSTOP);
+  EXPECT_EQ(waitpid(child, nullptr, WUNTRACED), child);
   encap_repair_result_t result;
   for (const std::uint32_t flags : {0U, std::uint32_t{ENCAP_REPAIR_DRY_RUN}}) {
     EXPECT_EQ(mend(flags, &result), ETIMEDOUT);

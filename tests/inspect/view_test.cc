@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <fstream>
+#include <random>
 
 #include "inspect_fixture.h"
 
@@ -25,7 +26,7 @@ class ViewTest : public InspectTest {
 
 // A lock word of a thread that is not there and was never marked: no thread would ever get the lock.
 TEST_F(ViewTest, ALostLockIsNotWaitedFor) {
-  const pid_t child = hold_lock([] { _exit(0); });
+  const pid_t child = test_support::spawn([] { return 0; });
   EXPECT_EQ(test_support::end_of(child), 0);
   db().lock.mutex.__data.__lock = child;
   EXPECT_EQ(kinds(check(live())), std::set<std::string>{"lock-lost"});
@@ -53,7 +54,7 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
   EXPECT_EQ(decode(look_at_copy()).processes[0].liveness, Liveness::kDead);
   EXPECT_EQ(rehearse_window(copy).changes.size(), 1U);
 
-  const pid_t user = start_process([&] {
+  const pid_t user = test_support::spawn_waiting([&] {
     shmwin_config_t window{};
     window.directory = directory_.c_str();
     window.name = "copy";
@@ -70,6 +71,7 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
 
   const RepairResult result = repair_window(copy);
   EXPECT_EQ(result.status, 0) << result.error;
+  EXPECT_EQ(shmwin_detach(kId), ENOENT);
   ASSERT_EQ(result.changes.size(), 1U);
   EXPECT_EQ(result.changes[0].because, FindingKind::kLockLost);
   EXPECT_EQ(result.before.faults(), 1U);
@@ -84,9 +86,10 @@ TEST_F(ViewTest, TheLostLockOfACopyIsMadeAnew) {
 // The writer ends between two operations: what a death within one leaves is for the tests of repair.
 TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
   static volatile sig_atomic_t asked_to_end = 0;
-  const pid_t child = hold_lock([&] {
+  test_support::Signal at_work;
+  const pid_t child = test_support::spawn([&] {
     signal(SIGTERM, [](int) { asked_to_end = 1; });
-    pthread_mutex_unlock(&db().lock.mutex);
+    at_work.give();
     for (std::uint32_t i = 0; asked_to_end == 0; ++i) {
       std::uint32_t a = 0, b = 0, c = 0;
       enter(150 + i % 8, 6 + i % 3, 300 + i % 8);
@@ -95,7 +98,9 @@ TEST_F(ViewTest, ADatabaseAtWorkIsSeenWholeOrSaidToMove) {
         usleep(3000);
       }
     }
+    return 0;
   });
+  EXPECT_TRUE(at_work.await());
   unsigned whole = 0;
   for (int i = 0; i < 60 || (whole == 0 && i < 6000); ++i) {
     const View view = live();
@@ -137,10 +142,8 @@ TEST_F(ViewTest, FilesCutShortAreToldNotFollowed) {
   EXPECT_FALSE(check(live()).looked);
 }
 
-TEST_F(ViewTest, WhatIsNoWindowIsRefusedInASentence) {
+TEST_F(ViewTest, WhatIsNoFileOfItsOwnIsRefusedInASentence) {
   std::string error;
-  EXPECT_FALSE(View::open_live(directory_.c_str(), "none", &error));
-  EXPECT_NE(error.find("No such file"), std::string::npos) << error;
   EXPECT_FALSE(View::open_file(directory_.c_str(), &error));
   EXPECT_NE(error.find("no regular file"), std::string::npos) << error;
   std::filesystem::create_symlink(path(), directory_ + "/link");
@@ -150,17 +153,43 @@ TEST_F(ViewTest, WhatIsNoWindowIsRefusedInASentence) {
   EXPECT_EQ(repair(30).status, ENOENT);
 }
 
-TEST_F(ViewTest, AnotherProcessRepairsWithoutKnowingTheRanges) {
-  --tunnel(6).ref_count;
-  encap_db_close();
-  encap_db_config_t config{};
-  config.directory = directory_.c_str();
-  config.name = "window";
-  const RepairResult result = repair_window(config);
-  EXPECT_EQ(result.status, 0) << result.error;
-  ASSERT_EQ(result.changes.size(), 1U);
-  EXPECT_EQ(result.changes[0].text, "set the count of tunnel 6 from 8 to 9");
-  EXPECT_EQ(shmwin_detach(kId), ENOENT);
+TEST_F(ViewTest, NothingIsFoundWhileCallersWork) {
+  std::mt19937 random(20261122);
+  const auto below = [&random](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
+  // A range that begins at 0 has index 0 twice: as an NH that exists, as a tunnel that is the null one. The array of
+  // two NHs is as large as a node, and in a node's block.
+  for (const Ranges &ranges : {Ranges{}, Ranges{0, 300, 1, 40}, Ranges{4'000'000'000U, 150, 65'500, 20},
+                               Ranges{1, 40, 9, 0}, Ranges{100, 2, 5, 12}}) {
+    open(ranges);
+    for (int i = 0; i < 1500; ++i) {
+      if (i % 25 == 0) {
+        ASSERT_EQ(text(look()), "") << "operation " << i;
+      }
+      const std::uint32_t index = ranges.nh_start + below(ranges.nh_size);
+      if (entered_.contains(index)) {
+        take_out(index);
+      } else {
+        const std::uint32_t number = below(ranges.tun_size + 1);
+        enter(index, number == 0 ? 0 : ranges.tun_start + number - 1, 16 + below(20));
+      }
+    }
+    const std::vector<std::uint8_t> before(window_, window_ + bytes_);
+    EXPECT_TRUE(expect_mended().changes.empty());
+    EXPECT_EQ(std::memcmp(before.data(), window_, bytes_), 0);
+  }
+}
+
+TEST_F(ViewTest, WhatCallersMayChooseIsANoteAtMost) {
+  ASSERT_EQ(vrl_find_and_set_egress_nh_ref(101, 0), 0);
+  ASSERT_EQ(vrl_find_and_set_egress_nh_ref(102, 4'000'000'000U), 0);
+  entered_[101].count = 0;
+  entered_[102].count = 4'000'000'000U;
+  EXPECT_TRUE(look().sound());
+  EXPECT_EQ(kinds(look()), std::set<std::string>{"nh-count-zero"});
+  EXPECT_TRUE(repair(kId).changes.empty());
+  expect_entries();
+  entered_.erase(101);
+  expect_mended({.drop_unreferenced = true});
 }
 
 }  // namespace
