@@ -5,12 +5,7 @@
 // use, every block is referred to, and the inspector finds nothing. Meanwhile a thread of each process looks without
 // the lock at keys that one thread alone enters, and also while a process is stopped in the middle of a change.
 //
-//   client_storm [--kills N] [--seed S] [--beside]
-//
-// --beside: one more process works with the database's own operations meanwhile, and loses nothing.
-#include <linux/futex.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
+//   client_storm [--kills N] [--seed S]
 #include <unistd.h>
 
 #include <cinttypes>
@@ -21,7 +16,8 @@
 #include "avl.h"
 #include "picture.h"
 #include "records/lookup.h"
-#include "storm_journal.h"
+#include "scenarios.h"
+#include "storm.h"
 #include "support/driver.h"
 
 namespace client_proof {
@@ -29,12 +25,13 @@ namespace {
 
 using crash::kProcesses;
 
-constexpr unsigned kStepSeconds = 60;  // no step of the verifier's takes longer
+constexpr std::uint32_t kStormNhs = 180, kStormTunnels = 20;  // fewer than keys need
+constexpr std::uint32_t kLabels = 24;                         // tunnels that keys name
+constexpr unsigned kStepSeconds = 60;                         // no step of the verifier's takes longer
 
 struct Options {
   std::uint64_t kills = 2000;
   std::uint64_t seed = std::random_device{}() % 1'000'000;
-  bool beside = false;
 };
 
 class Storm {
@@ -49,9 +46,6 @@ class Storm {
               [&](std::uint32_t process, std::uint64_t seed) { live_as_client(journal, config, process, seed); }) {}
 
   void run() {
-    if (options_.beside) {
-      start_other();
-    }
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
       herd_.start(process, random_());
     }
@@ -73,29 +67,17 @@ class Storm {
   }
 
   void print(double seconds) const {
-    std::printf("%" PRIu64 " kills, of which %" PRIu64 " held the lock to the end, %" PRIu64 " calls, %" PRIu64
-                " refused for want of an index, %" PRIu64 " stops, %" PRIu64
+    std::printf("%" PRIu64 " kills, %" PRIu64 " calls, %" PRIu64
                 " looks that had one right answer, nothing lost, every page is free, %.1f s\n",
-                kills_, holders_, herd_.operations(), journal_.refused.load(), stops_, journal_.judged.load(), seconds);
+                kills_, herd_.operations(), journal_.judged.load(), seconds);
   }
 
  private:
-  void start_other() {
-    other_ = fork();
-    if (other_ == 0) {
-      alarm(0);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      live_beside_clients(journal_, random_());
-      _exit(0);
-    }
-  }
-
   // A stopped process may hold the lock, with a change begun. The looks of the others do not wait for it.
   void stop_for_a_while(std::uint32_t process) {
     if (!herd_.is_alive(process)) {
       return;
     }
-    ++stops_;
     herd_.send(process, SIGSTOP);
     for (std::uint32_t other = 0; other < kProcesses; ++other) {
       const Journal::Name &name = journal_.name[other];
@@ -124,8 +106,6 @@ class Storm {
       herd_.end(victim);
       ++kills_;
     }
-    const int word = __atomic_load_n(&egress_encap_db->lock.mutex.__data.__lock, __ATOMIC_RELAXED);
-    holders_ += (static_cast<unsigned>(word) & FUTEX_OWNER_DIED) != 0 ? 1 : 0;
   }
 
   // Requires a pause. The dead ones' names are as their processes left them, apart from what others reclaimed.
@@ -135,12 +115,7 @@ class Storm {
     Picture picture = draw();
     pthread_mutex_unlock(&egress_encap_db->lock.mutex);
     std::string wrong = locked == 0 ? "" : "the lock cannot be taken\n";
-    for (std::uint32_t nh = 0; nh < kStormNhs; ++nh) {
-      if (journal_.other_held[nh] != 0) {
-        picture.others[crash::kNhStart + nh] = journal_.other_held[nh];
-      }
-    }
-    wrong += contradiction(picture, window_, options_.beside ? Queues::kOthersChoose : Queues::kWhole);
+    wrong += contradiction(picture, window_);
     for (std::uint32_t process = 0; process < kProcesses; ++process) {
       wrong += compare(process, picture);
     }
@@ -206,9 +181,6 @@ class Storm {
       }
     }
     herd_.stop();
-    if (other_ != 0) {
-      waitpid(other_, nullptr, 0);
-    }
     look();
     const Picture picture = draw();
     shmwin_stat_t stat{};
@@ -224,25 +196,64 @@ class Storm {
   Journal &journal_;
   std::mt19937_64 random_;
   crash::Herd herd_;
-  pid_t other_ = 0;
-  std::uint64_t kills_ = 0, holders_ = 0, stops_ = 0;
+  std::uint64_t kills_ = 0;
 };
 
 }  // namespace
+
+std::pair<std::uint32_t, std::uint32_t> Journal::bounds(std::uint32_t process, std::uint32_t key) const {
+  std::uint32_t least = 0;
+  std::uint32_t most = 0;
+  for (std::uint32_t owner = process * crash::kThreads; owner < (process + 1) * crash::kThreads; ++owner) {
+    const Thread &own = thread[owner];
+    const std::uint32_t held = own.held[key];
+    least += held - (held != 0 && own.releasing == key + 1 ? 1 : 0);
+    most += held + (own.entering == key + 1 ? 1 : 0);
+  }
+  return {name[process].sweeping ? name[process].wanted[key].load() : least, most};
+}
+
+void Journal::settle(std::uint32_t process, std::uint32_t key, std::uint32_t held) {
+  for (std::uint32_t owner = (process + 1) * crash::kThreads; owner-- != process * crash::kThreads;) {
+    Thread &own = thread[owner];
+    const bool last = owner % crash::kThreads == 0;
+    own.held[key] = last ? held : std::min<std::uint32_t>(held, own.held[key]);
+    held -= own.held[key];
+  }
+}
+
+egress_encap_key_t storm_key(std::uint32_t number) {
+  const std::uint32_t tunnel = number % kLabels;
+  return key(16 + number, tunnel < 2 ? 0 : 100 + tunnel, tunnel < 2 ? 1 + tunnel : 7);
+}
+
+std::uint32_t storm_key_number(const egress_encap_key_t &key) {
+  for (std::uint32_t number = 0; number < kKeys; ++number) {
+    const egress_encap_key_t same = storm_key(number);
+    if (std::memcmp(&key, &same, sizeof key) == 0) {
+      return number;
+    }
+  }
+  return kKeys;
+}
+
+std::string storm_name(std::uint32_t process) {
+  return "storm-" + std::to_string(process);
+}
+
 }  // namespace client_proof
 
 int main(int argc, char **argv) {
   using namespace client_proof;
   Options options;
-  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}, {"--beside", &options.beside}});
+  crash::parse(argc, argv, {{"--kills", &options.kills}, {"--seed", &options.seed}});
   const crash::Directory directory;
   encap_db_config_t config = crash::config_in(directory);
   config.nh_size = kStormNhs;
   config.tun_size = kStormTunnels;
   config.size = 64 * std::uint64_t{4096};
   const crash::Window window(directory, config);
-  std::fprintf(stderr, "client_storm --kills %" PRIu64 " --seed %" PRIu64 "%s\n", options.kills, options.seed,
-               options.beside ? " --beside" : "");
+  std::fprintf(stderr, "client_storm --kills %" PRIu64 " --seed %" PRIu64 "\n", options.kills, options.seed);
   const crash::Stopwatch time;
   Storm storm(options, window, config, crash::shared_record<Journal>());
   storm.run();

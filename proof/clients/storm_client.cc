@@ -6,7 +6,7 @@
 #include <map>
 #include <thread>
 
-#include "storm_journal.h"
+#include "storm.h"
 
 namespace client_proof {
 namespace {
@@ -68,7 +68,6 @@ class ClientThread : Member {
     }
     own.entering = 0;
     if (status == ENOSPC) {
-      ++journal_.refused;
       return true;
     }
     if (status != 0 || entry.renewed != 0 || entry.held < own.held[number]) {

@@ -226,7 +226,11 @@ TEST_F(ClientTest, ProcessesWithoutAClientWorkBesideClients) {
   for (const std::uint32_t free : {0U, 2U, 3U}) {
     EXPECT_EQ(enter(a, key(16 + free)).nh, kNhStart + free);
   }
-  EXPECT_EQ(encap_client_enter(a, key(19, 1), nullptr, nullptr), 28);
+  release(a, kNhStart);
+  info.egr_nh = kNhStart;
+  info.tun_found = 1;
+  ASSERT_EQ(vrl_insert_egress_encap(&info, key(51)), 0);
+  EXPECT_EQ(encap_client_enter(a, key(19, 1), nullptr, nullptr), 28) << "an index that waited is in use again";
   std::uint32_t unused = 0;
   ASSERT_EQ(vrl_delete_and_free_egress_encap_with_nh_key(kNhStart + 1, &unused, &unused, &unused), 0);
   usleep(150'000);

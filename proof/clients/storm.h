@@ -1,6 +1,6 @@
 // The storm of clients' common ground: what each thread has completed, in memory that survives it.
-#ifndef ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
-#define ENCAP_PROOF_CLIENTS_STORM_JOURNAL_H
+#ifndef ENCAP_PROOF_CLIENTS_STORM_H
+#define ENCAP_PROOF_CLIENTS_STORM_H
 
 #include "encap_client.h"
 #include "storm/herd.h"
@@ -8,11 +8,8 @@
 namespace client_proof {
 
 inline constexpr std::uint32_t kKeys = 200;       // that clients enter; the first ones are shared by all
-inline constexpr std::uint32_t kOtherKeys = 16;   // that the process without a client enters, among others
 inline constexpr std::uint32_t kPrivateEach = 8;  // that the first thread of one process alone enters
 inline constexpr std::uint32_t kSharedKeys = kKeys - crash::kProcesses * kPrivateEach;
-inline constexpr std::uint32_t kStormNhs = 180, kStormTunnels = 20;
-inline constexpr std::uint32_t kOther = crash::kOwners;  // thread number of the process without a client
 
 struct Journal {
   struct Thread {
@@ -37,10 +34,8 @@ struct Journal {
   crash::HerdState herd;
   Thread thread[crash::kOwners];
   Name name[crash::kProcesses];
-  std::atomic<std::uint32_t> other_held[kStormNhs];  // references of the process without a client, by NH
-  std::atomic<std::uint64_t> refused;                // entries that found no free index
-  Private only[kKeys - kSharedKeys];                 // number kSharedKeys and those that follow
-  std::atomic<std::uint64_t> judged;                 // looks that were compared with their one right answer
+  Private only[kKeys - kSharedKeys];  // number kSharedKeys and those that follow
+  std::atomic<std::uint64_t> judged;  // looks that were compared with their one right answer
 
   Private &private_key(std::uint32_t process, std::uint32_t number) { return only[process * kPrivateEach + number]; }
 
@@ -52,11 +47,11 @@ struct Journal {
 };
 
 egress_encap_key_t storm_key(std::uint32_t number);
+std::uint32_t storm_key_number(const egress_encap_key_t &key);  // kKeys for another
 // The process that a private key belongs to.
 constexpr std::uint32_t process_of(std::uint32_t number) {
   return (number - kSharedKeys) / kPrivateEach;
 }
-std::uint32_t storm_key_number(const egress_encap_key_t &key);  // kKeys + kOtherKeys for another
 std::string storm_name(std::uint32_t process);
 
 using Member = crash::Member<Journal>;
@@ -64,9 +59,6 @@ using Member = crash::Member<Journal>;
 // The life of a client's process: opens its name, takes up what it held, works with all its threads, closes or leaves,
 // and so on. When the storm ends it leaves.
 void live_as_client(Journal &journal, const encap_db_config_t &config, std::uint32_t process, std::uint64_t seed);
-
-// Works with the database's own operations until the storm ends, and gives everything back.
-void live_beside_clients(Journal &journal, std::uint64_t seed);
 
 }  // namespace client_proof
 
