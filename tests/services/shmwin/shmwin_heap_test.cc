@@ -5,20 +5,6 @@
 namespace heap_tests {
 namespace {
 
-TEST_F(HeapTest, SizesThatCanNeverFitAreNoRoom) {
-  make(4);
-  for (const std::size_t size : {std::size_t{4 * kPageBytes + 1}, SIZE_MAX, SIZE_MAX - 4095, SIZE_MAX / 2}) {
-    EXPECT_EQ(take(size), nullptr) << size;
-  }
-  EXPECT_EQ(stat().free_pages, 4u);
-  void *block = memory_;
-  EXPECT_EQ(shmwin_malloc(kId + 1, 40, &block), 22);
-  EXPECT_EQ(block, nullptr);
-  EXPECT_EQ(stat().arrays, 0u);
-  EXPECT_NE(take(0), nullptr);
-  EXPECT_EQ(stat().array_bytes, kPageBytes);
-}
-
 TEST_F(HeapTest, ANodeLiesWhereTheLastSearchEnded) {
   make(3);
   auto first = take_all(40);
@@ -219,8 +205,16 @@ TEST_F(DeathTest, AfterAnyStoreNoRoomIsLostAndNoBlockIsHadTwice) {
     EXPECT_EQ(blocks.size(), 67 * (kPageBytes / size));
     std::for_each(blocks.begin(), blocks.end(), shmwin_free);
   }
-  EXPECT_NE(take(67 * kPageBytes), nullptr);
+  for (const std::size_t size : {67 * kPageBytes + 1, SIZE_MAX, SIZE_MAX - 4095, SIZE_MAX / 2}) {
+    EXPECT_EQ(take(size), nullptr) << size;
+  }
+  EXPECT_NE(take(66 * kPageBytes), nullptr);
+  EXPECT_NE(take(0), nullptr);
+  EXPECT_EQ(stat().array_bytes, 67 * kPageBytes);
   EXPECT_EQ(take(40), nullptr);
+  void *block = memory_;
+  EXPECT_EQ(shmwin_malloc(kId + 1, 40, &block), 22);
+  EXPECT_EQ(block, nullptr);
   EXPECT_TRUE(messages.empty());
 }
 
