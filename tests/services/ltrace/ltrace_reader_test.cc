@@ -30,13 +30,7 @@ void write_fifteen(std::uint64_t first) {
   _ltrace_1(0, trace_header(1, 2, 2), v(14));
 }
 
-class TraceReaderTest : public TraceTest {
- protected:
-  void SetUp() override {
-    TraceTest::SetUp();
-    setenv("LTRACE_RING_KIB", "8", 1);
-  }
-};
+using TraceReaderTest = TraceTest;
 
 TEST_F(TraceReaderTest, AnEventReadsAsText) {
   expect_in_child([] {
@@ -74,6 +68,7 @@ TEST(JoinRecords, TakesNothingThatDoesNotBelong) {
 
 TEST_F(TraceReaderTest, AProcessAndItsForkedChildrenHaveFilesThatAreMergedInTheirOrder) {
   constexpr std::uint64_t kTurns = 20;
+  setenv("LTRACE_RING_KIB", "8", 1);
   expect_in_child([] {
     ltrace_name_component(3, "inherited");
     for (std::uint64_t turn = 0; turn < kTurns; ++turn) {
@@ -107,6 +102,7 @@ class DamagedTrace : public TraceReaderTest {
 
   void SetUp() override {
     TraceReaderTest::SetUp();
+    setenv("LTRACE_RING_KIB", "8", 1);
     expect_in_child([] {
       ltrace_name_component(2, "a component");
       pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "child.h"
 
@@ -53,10 +54,7 @@ TEST(Process, TheLineOfAnyNameIsTakenApart) {
   for (const std::string name : {"daemon", "a b) R 1 (", ")", "", "two\nlines", "\x1b[31m\xff"}) {
     ASSERT_TRUE(parse_process_stat((head + name + tail).c_str(), &stat)) << name;
     EXPECT_EQ(stat.comm, name);
-    EXPECT_EQ(stat.state, 'T');
-    EXPECT_EQ(stat.parent, 3);
-    EXPECT_EQ(stat.threads, 9u);
-    EXPECT_EQ(stat.start, 123456789u);
+    EXPECT_EQ((std::tuple(stat.state, stat.parent, stat.threads, stat.start)), (std::tuple('T', 3, 9u, 123456789u)));
   }
   for (const char *const line : {"", "17", "17 (x", "17 )x( R", "17 (x) R 1 2 3"}) {
     EXPECT_FALSE(parse_process_stat(line, &stat)) << line;
