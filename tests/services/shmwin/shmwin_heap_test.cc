@@ -80,6 +80,8 @@ TEST_F(HeapTest, GroupsCostNoNodeItsPlace) {
 // Random use, in which the next process is played after each store.
 class DeathTest : public HeapTest {
  protected:
+  using Blocks = std::map<std::uint8_t *, std::size_t>;  // and how long they are
+
   // One page set of two words: most pages are in use, the rest lies across the words.
   void SetUp() override {
     make(67);
@@ -92,16 +94,13 @@ class DeathTest : public HeapTest {
     const std::vector<std::uint8_t> bytes(memory_, memory_ + shape_.heap);
     const Heap own = std::exchange(heap(), heap_at(heap().header, shape_));
     search_ends = {};
-    std::vector<std::uint8_t> taken(7 * kPageBytes);
-    std::vector<std::uint8_t *> blocks = take_everything(size);
-    for (std::uint8_t *const block : blocks) {
-      mark(taken, block, size);
+    Blocks all = live_;
+    for (std::uint8_t *const block : take_everything(size)) {
+      add(all, block, size);
     }
-    for (const auto &[block, length] : live_) {
-      mark(taken, block, length);
-      blocks.push_back(block);
+    for (const auto &[block, length] : all) {
+      shmwin_free(block);
     }
-    std::for_each(blocks.begin(), blocks.end(), shmwin_free);
     take_everything(size);
     std::memcpy(memory_, bytes.data(), bytes.size());
     heap() = own;
@@ -116,11 +115,11 @@ class DeathTest : public HeapTest {
     return blocks;
   }
 
-  void mark(std::vector<std::uint8_t> &taken, const std::uint8_t *block, std::size_t length) const {
-    ASSERT_GE(block, rest_);
-    std::uint8_t *const begin = taken.data() + (block - rest_);
-    ASSERT_EQ(std::find(begin, begin + length, 1), begin + length) << "handed out twice";
-    std::fill_n(begin, length, 1);
+  void add(Blocks &blocks, std::uint8_t *block, std::size_t size) const {
+    const auto [at, is_new] = blocks.emplace(block, size);
+    ASSERT_TRUE(is_new && block >= rest_) << "handed out twice";
+    ASSERT_TRUE(at == blocks.begin() || std::prev(at)->first + std::prev(at)->second <= block) << "overlaps";
+    ASSERT_TRUE(std::next(at) == blocks.end() || block + size <= std::next(at)->first) << "overlaps";
   }
 
   static void die() {
@@ -139,9 +138,7 @@ class DeathTest : public HeapTest {
     if (grow || live_.empty()) {
       const std::size_t size = kSizes[random % std::size(kSizes)];
       if (std::uint8_t *const block = take(size)) {
-        const auto next = live_.emplace(block, size).first;
-        ASSERT_TRUE(next == live_.begin() || std::prev(next)->first + std::prev(next)->second <= block);
-        ASSERT_TRUE(std::next(next) == live_.end() || std::next(next)->first >= block + size);
+        add(live_, block, size);
       }
     } else {
       const auto victim = std::next(live_.begin(), static_cast<long>(random % live_.size()));
@@ -171,7 +168,7 @@ class DeathTest : public HeapTest {
 
   static inline DeathTest *self_ = nullptr;
   std::uint8_t *rest_ = nullptr;  // where the pages begin that are not in use for good
-  std::map<std::uint8_t *, std::size_t> live_;
+  Blocks live_;
   std::uint64_t deaths_ = 0;
   std::uint64_t most_ = 0;  // pages in use at a time
 };
