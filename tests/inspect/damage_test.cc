@@ -43,14 +43,9 @@ class DamageTest : public InspectTest {
     }
   }
 
-  // The node of tunnel 7.
-  mpls_tunnel_entry_t *tunnel_node() {
-    const View view = View::over(window_, bytes_);
-    const Database seen = decode(view);
-    const std::uint32_t number = seen.tunnel_of_slot[seen.tunnel_slot_number(7)];
-    return reinterpret_cast<mpls_tunnel_entry_t *>(seen.tunnels[number].address);
-  }
   static Link *link(void *node) { return static_cast<Link *>(node); }
+  // The right child of the root is a tunnel with labels.
+  mpls_tunnel_entry_t *tunnel_node() { return reinterpret_cast<mpls_tunnel_entry_t *>(link(db().tun_root)->child[1]); }
 
   vrellis::PageDescriptor &page_of(const void *node) {
     const vrellis::WindowShape shape = vrellis::shape_of_size(bytes_);

@@ -14,32 +14,31 @@ class InterfaceTest : public InspectTest {
     fill(2, 3);
   }
 
-  int check_database(encap_check_result_t *result, const char *name = "window") {
-    const encap_db_config_t config = config_of(name);
-    const encap_check_options_t options{sizeof options, 300};
+  template <typename Result>
+  Result *fresh(Result *result) {
     told_.clear();
     *result = {};
     result->bytes = sizeof *result;
-    return encap_db_check(
-        &config, &options,
-        [](const encap_finding_t *finding, void *arg) {
-          static_cast<InterfaceTest *>(arg)->told_ += std::string(finding->name) + ": " + finding->text + "\n";
-        },
-        this, result);
+    return result;
+  }
+  void tell(const char *name, const char *text) { told_ += std::string(name) + ": " + text + "\n"; }
+
+  int check_database(encap_check_result_t *result, const char *name = "window") {
+    const encap_db_config_t config = config_of(name);
+    const encap_check_options_t options{sizeof options, 300};
+    const auto each = [](const encap_finding_t *finding, void *arg) {
+      static_cast<InterfaceTest *>(arg)->tell(finding->name, finding->text);
+    };
+    return encap_db_check(&config, &options, each, this, fresh(result));
   }
 
   int mend(std::uint32_t flags, encap_repair_result_t *result, const char *name = "window") {
     const encap_db_config_t config = config_of(name);
     const encap_repair_options_t options{sizeof options, flags, 300};
-    told_.clear();
-    *result = {};
-    result->bytes = sizeof *result;
-    return encap_db_repair(
-        &config, &options,
-        [](const encap_change_t *change, void *arg) {
-          static_cast<InterfaceTest *>(arg)->told_ += std::string(change->because) + ": " + change->text + "\n";
-        },
-        this, result);
+    const auto each = [](const encap_change_t *change, void *arg) {
+      static_cast<InterfaceTest *>(arg)->tell(change->because, change->text);
+    };
+    return encap_db_repair(&config, &options, each, this, fresh(result));
   }
 
   std::uint64_t deaths() {
@@ -55,10 +54,7 @@ class InterfaceTest : public InspectTest {
 TEST_F(InterfaceTest, AStoppedHolderIsNamedAndItsDeathCountedFoundAndMended) {
   encap_check_result_t found;
   ASSERT_EQ(check_database(&found), 0) << found.text;
-  EXPECT_EQ(found.sound, 1U);
-  EXPECT_EQ(found.nhs, 9U);
-  EXPECT_EQ(found.attached, 1U);
-  EXPECT_EQ(found.lock, std::uint32_t{ENCAP_LOCK_FREE});
+  EXPECT_TRUE(found.sound == 1 && found.nhs == 9 && found.attached == 1 && found.lock == ENCAP_LOCK_FREE);
   EXPECT_EQ(deaths(), 0U);
 
   const pid_t child = hold_lock();
@@ -80,22 +76,17 @@ TEST_F(InterfaceTest, AStoppedHolderIsNamedAndItsDeathCountedFoundAndMended) {
 
   EXPECT_EQ(deaths(), 1U);
   ASSERT_EQ(check_database(&found), 0) << found.text;
-  EXPECT_EQ(found.deaths, 1U);
-  EXPECT_EQ(found.sound, 0U);
-  EXPECT_EQ(found.findings, 2U);
-  EXPECT_EQ(found.from_death, 2U);
-  EXPECT_EQ(found.lock, std::uint32_t{ENCAP_LOCK_LEFT});
+  EXPECT_TRUE(found.deaths == 1 && found.sound == 0 && found.lock == ENCAP_LOCK_LEFT);
+  EXPECT_TRUE(found.findings == 2 && found.from_death == 2) << told_;
   const std::vector<std::uint8_t> before(window_, window_ + bytes_);
   EXPECT_EQ(mend(ENCAP_REPAIR_DRY_RUN, &result), 0) << result.text;
   EXPECT_EQ(std::memcmp(before.data(), window_, bytes_), 0) << "the dry run took the lock over";
-  EXPECT_EQ(result.changes, 2U);
-  EXPECT_EQ(result.after, 2U);
+  EXPECT_TRUE(result.changes == 2 && result.after == 2);
   ASSERT_EQ(mend(0, &result), 0) << result.text;
   EXPECT_EQ(told_,
             "lock-dead-owner: took the lock over from a dead thread\n"
             "tunnel-count: set the count of tunnel 6 from 2 to 3\n");
-  EXPECT_EQ(result.before, 2U);
-  EXPECT_EQ(result.after, 0U);
+  EXPECT_TRUE(result.before == 2 && result.after == 0);
   expect_entries();
 
   encap_db_close();  // the next process that attaches the window sweeps the table: the death stays counted
