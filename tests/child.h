@@ -1,4 +1,4 @@
-// Processes that a test starts, and the word that one gives another.
+// Processes and threads that a test starts, and the word that one gives another.
 #ifndef TESTS_SUPPORT_CHILD_H
 #define TESTS_SUPPORT_CHILD_H
 
@@ -11,6 +11,8 @@
 
 #include <array>
 #include <functional>
+#include <latch>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -109,6 +111,18 @@ std::array<unsigned, 3> at_once(unsigned number, Body body) {
     ++count[end == 0 || end == 1 ? static_cast<unsigned>(end) : 2];
   }
   return count;
+}
+
+// Runs `body` in so many threads, none of which ends before all have come to its end.
+inline void in_threads(int number, const std::function<void()> &body) {
+  std::latch done(number);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < number; ++i) {
+    threads.emplace_back([&] {
+      body();
+      done.arrive_and_wait();
+    });
+  }
 }
 
 }  // namespace test_support

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
@@ -54,18 +53,6 @@ inline void make_mutex(pthread_mutex_t *mutex, int type = PTHREAD_MUTEX_RECURSIV
   pthread_mutexattr_setrobust(&attributes, robustness);
   EXPECT_EQ(pthread_mutex_init(mutex, &attributes), 0);
   pthread_mutexattr_destroy(&attributes);
-}
-
-// Runs `body` in so many threads, none of which ends before all have come to its end.
-inline void in_threads(int number, const std::function<void()> &body) {
-  std::latch done(number);
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < number; ++i) {
-    threads.emplace_back([&] {
-      body();
-      done.arrive_and_wait();
-    });
-  }
 }
 
 class TraceTest : public testing::Test {

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
+#include "child.h"
 #include "kept_lines.h"
 #include "oxa_errmsg/rate_limit.h"
 
@@ -113,16 +113,12 @@ TEST_F(OxaErrmsg, AWindowLastsFiveSecondsFromItsFirstMessage) {
 }
 
 TEST_F(OxaErrmsg, EachMessageOfManyThreadsIsCountedOnce) {
-  constexpr uint64_t kThreads = 4, kEach = 20000;
-  {
-    const auto raise_many = [this] {
-      for (uint64_t i = 0; i < kEach; ++i) {
-        raise(1);
-      }
-    };
-    const std::jthread threads[kThreads] = {std::jthread(raise_many), std::jthread(raise_many),
-                                            std::jthread(raise_many), std::jthread(raise_many)};
-  }
+  static constexpr int kThreads = 4, kEach = 20000;
+  test_support::in_threads(kThreads, [this] {
+    for (int i = 0; i < kEach; ++i) {
+      raise(1);
+    }
+  });
   EXPECT_GE(lines.size(), 10u);
   oxa_limit_counts_t counts;
   oxa_limit_read(&limit, &counts);
