@@ -54,18 +54,16 @@ TEST_F(PtdTest, AWaitIsToldOfWhileItLastsAndCountedAfterwardsAlsoByTheDead) {
     EXPECT_EQ(file->alive(), !dead);
     const auto waits = file->waits();
     ASSERT_EQ(waits.size(), 2U);
-    EXPECT_EQ((std::array{waits[0].mutex, waits[0].waits}), (std::array<std::uint64_t, 2>{0, 2}));
-    EXPECT_EQ((std::array{waits[0].tid, waits[0].line}), (std::array{pid, 42}));
-    EXPECT_STREQ(waits[0].function, "ended");
-    EXPECT_GE(waits[0].longest_ns, 2'000'000U);
-    EXPECT_GE(waits[0].total_ns, waits[0].longest_ns + 2'000'000U);
-    EXPECT_EQ((std::array{waits[1].mutex, waits[1].waits}),
-              (std::array{reinterpret_cast<std::uintptr_t>(&mutex), 0UL}));
-    EXPECT_NE(waits[1].tid, pid);
-    EXPECT_EQ(waits[1].line, 43);
-    EXPECT_EQ(waits[1].function, name.substr(0, 47));
-    EXPECT_GE(waits[1].since_ns, before);
-    EXPECT_LE(waits[1].since_ns, monotonic_ns());
+    const auto &[ended, lasting] = std::tie(waits[0], waits[1]);
+    EXPECT_EQ(std::tuple(ended.tid, ended.line, ended.mutex, ended.waits), std::tuple(pid, 42, 0U, 2U));
+    EXPECT_STREQ(ended.function, "ended");
+    EXPECT_GE(ended.longest_ns, 2'000'000U);
+    EXPECT_GE(ended.total_ns, ended.longest_ns + 2'000'000U);
+    EXPECT_EQ(std::tuple(lasting.line, lasting.mutex, lasting.waits),
+              std::tuple(43, reinterpret_cast<std::uintptr_t>(&mutex), 0U));
+    EXPECT_EQ(lasting.function, name.substr(0, 47));
+    EXPECT_NE(lasting.tid, pid);
+    EXPECT_TRUE(before <= lasting.since_ns && lasting.since_ns <= monotonic_ns());
   }
 }
 
