@@ -89,8 +89,7 @@ TEST_F(WindowTest, AProcessThatKeepsTheFileLockedIsNamed) {
   ASSERT_EQ(open(config()), 0);
   ASSERT_EQ(shmwin_detach(kId), 0);
   const pid_t reader = spawn([&] {  // the right to read is enough for a lock
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
+    struct flock lock = {F_RDLCK, SEEK_SET, 0, 0, 0};
     fcntl(::open(path().c_str(), O_RDONLY), F_SETLK, &lock);
     return raise(SIGSTOP);
   });
