@@ -106,9 +106,11 @@ TEST_F(TraceTest, ThreadsHaveRingsThatOutliveThemAndAreReusedAndTooManyLoseRecor
   EXPECT_EQ(files[0]->rings_refused(), 6U);
   EXPECT_EQ(files[0]->records_dropped(), 6U * 10);
   std::set<std::uint64_t> seen;
-  for (const TraceRecord &event : merge_traces(files).events) {
+  const TraceMerge merge = merge_traces(files);
+  for (const TraceRecord &event : merge.events) {
     seen.insert(event.value[0]);
   }
+  EXPECT_TRUE(std::none_of(merge.rings.begin(), merge.rings.end(), [](const auto &ring) { return ring.owned; }));
   EXPECT_EQ(seen.size(), 64U);
   EXPECT_EQ(*seen.begin(), kLater - 64U) << "a ring was reused before older ones";
 }
