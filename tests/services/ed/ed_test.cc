@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST_F(Ed, RegistrationGivesTagAndHandlesOnce) {
+TEST_F(Ed, RegistrationGivesTagAndHandlesOnceAndPointsAreListedWithWhatTheCatalogueKnows) {
   Component &other = *new Component("libother");
   ed_init(&other.record);
   const uint64_t tag = other.record.trace_tag;
@@ -21,25 +21,9 @@ TEST_F(Ed, RegistrationGivesTagAndHandlesOnce) {
     EXPECT_EQ(other.record.trace_handle[i], i < 3 ? tag << 8 | (i + 1) : 0);
   }
   const ed_component_t before = ports.record;
-  ed_init(&ports.record);
+  ed_init(&ports.record);  // once more: nothing changes, and each point is listed once
   EXPECT_EQ(std::memcmp(&before, &ports.record, sizeof before), 0);
-}
 
-TEST_F(Ed, AFullTableRefusesTheNextComponentWithASentence) {
-  const auto fill = [] {
-    ed_set_sink(nullptr, nullptr);
-    for (int i = 0; i < ED_MAX_COMPONENTS; ++i) {
-      ed_init(&(new Component("libone_of_many"))->record);
-    }
-    Component &last = *new Component("libtoo_many");
-    ed_init(&last.record);
-    std::_Exit(last.record.trace_tag == 0 && ed_query("component libtoo_many +p", nullptr) == EINVAL ? 0 : 1);
-  };
-  EXPECT_EXIT(fill(), testing::ExitedWithCode(0), "no room to register libtoo_many");
-}
-
-TEST_F(Ed, PointsAreListedWithWhatTheCatalogueKnows) {
-  ed_init(&ports.record);  // once more: each point is listed once all the same
   ASSERT_EQ(ed_query("component libports id 1 +s", nullptr), 0);
   static std::vector<ed_point_t> seen;
   const auto keep = [](void *, const ed_point_t *point) {
@@ -53,6 +37,19 @@ TEST_F(Ed, PointsAreListedWithWhatTheCatalogueKnows) {
   EXPECT_EQ((std::array{point.id, point.line, point.num_values}), (std::array{1u, 110u, 1u}));
   EXPECT_EQ(point.flags, kTraced | ED_SITE_SLOW);
   EXPECT_EQ((Strings{point.category, point.function, point.text}), (Strings{"error", "port_open", kRows[1].format}));
+}
+
+TEST_F(Ed, AFullTableRefusesTheNextComponentWithASentence) {
+  const auto fill = [] {
+    ed_set_sink(nullptr, nullptr);
+    for (int i = 0; i < ED_MAX_COMPONENTS; ++i) {
+      ed_init(&(new Component("libone_of_many"))->record);
+    }
+    Component &last = *new Component("libtoo_many");
+    ed_init(&last.record);
+    std::_Exit(last.record.trace_tag == 0 && ed_query("component libtoo_many +p", nullptr) == EINVAL ? 0 : 1);
+  };
+  EXPECT_EXIT(fill(), testing::ExitedWithCode(0), "no room to register libtoo_many");
 }
 
 TEST_F(Ed, WithoutACatalogueOrWithAnothersPointsGoByLine) {
