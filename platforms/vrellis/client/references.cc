@@ -26,7 +26,7 @@ void note_slot(const Slot &slot) {
   note_halves<sizeof slot / sizeof slot.ref_count - 1>(undo_log(), &slot.ref_count + 1);
 }
 
-int share(Ledger &ledger, const Place &place, std::uint32_t nh, encap_entry_t *entry) {
+int share(Ledger &ledger, const Place &place, std::uint32_t nh, std::uint32_t tunnel, encap_entry_t *entry) {
   if (place.holding == nullptr && !place.is_sound()) {
     return EINVAL;
   }
@@ -34,14 +34,15 @@ int share(Ledger &ledger, const Place &place, std::uint32_t nh, encap_entry_t *e
     return EOVERFLOW;
   }
   begin_change();
-  entry->held = add_reference(ledger, place, nh);
-  if (entry->held == 0) {
+  const std::uint32_t held = add_reference(ledger, place, nh);
+  if (held == 0) {
     return abort_with(ENOMEM);
   }
   egr_nh_info_t &slot = nh_slot(nh);
   avl_change_version(&slot);
   count_now(undo_log(), &slot.ref_count, slot.ref_count + 1);
   avl_change_commit();
+  *entry = {nh, tunnel, held, 0, 0, 0};
   return 0;
 }
 
@@ -59,9 +60,9 @@ void note_slots(const egress_encap_info_t &info) {
 
 // The insert need not search again. A node at the end of a search is one, so its address may be followed.
 void tell_of_searches(const Found &found) {
-  avl_change_searched(egress_encap_db->tun_root, at<mpls_tunnel_entry_t>(found.end_of_tunnels));
+  avl_change_searched(0, egress_encap_db->tun_root, at<mpls_tunnel_entry_t>(found.end_of_tunnels));
   if (found.tunnel != nullptr) {
-    avl_change_searched(found.tunnel->nh_root, at<mpls_nh_entry_t>(found.end_of_nhs));
+    avl_change_searched(1, found.tunnel->nh_root, at<mpls_nh_entry_t>(found.end_of_nhs));
   }
 }
 
@@ -92,8 +93,8 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
   if (needs_tunnel) {
     take_tunnel(root, tunnel);
   }
-  entry->held = add_reference(ledger, place, info.egr_nh);
-  if (entry->held == 0) {
+  const std::uint32_t held = add_reference(ledger, place, info.egr_nh);
+  if (held == 0) {
     return abort_with(ENOMEM);
   }
   note_slots(info);
@@ -104,10 +105,7 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
   }
   note_counted(undo_log(), vrellis::avl::kCountedNow);
   avl_change_commit();
-  entry->nh = info.egr_nh;
-  entry->tunnel = info.egr_tun;
-  entry->nh_created = 1;
-  entry->tunnel_created = info.tun_found == 0 && info.egr_tun != 0 ? 1 : 0;
+  *entry = {info.egr_nh, info.egr_tun, held, 1, info.tun_found == 0 && info.egr_tun != 0 ? 1U : 0U, 0};
   return 0;
 }
 
@@ -127,7 +125,7 @@ int take_out(const KnownTunnels &known, std::uint32_t nh, encap_left_t *left) {
     give_tunnel_back(client_root(), left->tunnel);
   }
   const SearchKey key = tunnel_part(key_in(slot, tunnel_of_nh));
-  avl_change_searched(egress_encap_db->tun_root, known_tunnel(known, key));
+  avl_change_searched(0, egress_encap_db->tun_root, known_tunnel(known, key));
   // The removal counts down before it touches a tree.
   note_counted(undo_log(), vrellis::avl::kCountedWithNext);
   std::uint32_t tunnel = 0;
@@ -168,19 +166,18 @@ int take_reference(const KnownTunnels &known, Ledger &ledger, const egress_encap
     settle_size(ledger);
     return created;
   }
-  entry->nh = found.nh->nh_index;
-  entry->tunnel = found.tunnel->egr_tun;
-  const Place place = place_of(ledger, entry->nh);
+  const std::uint32_t nh = found.nh->nh_index;
+  const std::uint32_t tunnel = found.tunnel->egr_tun;
+  const Place place = place_of(ledger, nh);
   if (place.holding == nullptr || fresh_of(*place.holding, ledger.epoch) == place.holding->held) {
-    const int shared = share(ledger, place, entry->nh, entry);
+    const int shared = share(ledger, place, nh, tunnel, entry);
     settle_size(ledger);
     return shared;
   }
   begin_change();
   renew_reference(ledger, *place.holding);
   avl_change_commit();
-  entry->held = place.holding->held;
-  entry->renewed = 1;
+  *entry = {nh, tunnel, place.holding->held, 0, 0, 1};
   return 0;
 }
 

@@ -8,7 +8,7 @@
 
 namespace clients {
 
-// Returns: 0, or the codes of encap_client_enter(), with nothing changed.
+// Out: *entry on success. Returns: 0, or the codes of encap_client_enter(), with nothing changed.
 int take_reference(const KnownTunnels &known, Ledger &ledger, const egress_encap_key_t &key,
                    const encap_attributes_t &attributes, encap_entry_t *entry);
 

@@ -22,10 +22,9 @@ int avl_change_begin(void **root) {
   return 0;
 }
 
-void avl_change_searched(const void *top, void *end) {
+void avl_change_searched(unsigned place, const void *top, void *end) {
   if (end != nullptr) {
-    open_change.searched[1] = open_change.searched[0];
-    open_change.searched[0] = {top, end};
+    open_change.searched[place] = {top, end};
   }
 }
 
