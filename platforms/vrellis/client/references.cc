@@ -13,17 +13,21 @@ namespace {
 using vrellis::avl::count_now;
 using vrellis::avl::note_count;
 using vrellis::avl::note_counted;
-using vrellis::avl::note_halves;
 
 int abort_with(int status) {
   avl_change_abort();
   return status;
 }
 
-// What the operations of the database change beside trees and allocator: slots. Their counts are noted as counts.
+// Notes a slot whose count is about to become `next`: all of it when the slot comes or goes with that.
 template <typename Slot>
-void note_slot(const Slot &slot) {
-  note_halves<sizeof slot / sizeof slot.ref_count - 1>(undo_log(), &slot.ref_count + 1);
+[[gnu::always_inline]] inline void note_slot(const Slot &slot, std::uint32_t next, bool all) {
+  constexpr std::size_t kBehindCount = sizeof slot / sizeof slot.ref_count - 1;
+  if (all) {
+    note_count<kBehindCount>(undo_log(), &slot.ref_count, next);
+  } else {
+    note_count<0>(undo_log(), &slot.ref_count, next);
+  }
 }
 
 int share(Ledger &ledger, const Place &place, std::uint32_t nh, std::uint32_t tunnel, encap_entry_t *entry) {
@@ -48,14 +52,10 @@ int share(Ledger &ledger, const Place &place, std::uint32_t nh, std::uint32_t tu
 
 void note_slots(const egress_encap_info_t &info) {
   egr_nh_info_t &nh = nh_slot(info.egr_nh);
-  note_slot(nh);
+  note_slot(nh, 1, true);
   avl_change_version(&nh);
-  note_count(undo_log(), nh.ref_count, 1);
-  egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
-  if (info.tun_found == 0) {
-    note_slot(tunnel);
-  }
-  note_count(undo_log(), tunnel.ref_count, tunnel.ref_count + 1);
+  const egr_tun_info_t &tunnel = tunnel_slot(info.egr_tun);
+  note_slot(tunnel, tunnel.ref_count + 1, info.tun_found == 0);
 }
 
 // The insert need not search again. A node at the end of a search is one, so its address may be followed.
@@ -114,14 +114,12 @@ int create(Ledger &ledger, const Found &found, const egress_encap_key_t &key, co
 int take_out(const KnownTunnels &known, std::uint32_t nh, encap_left_t *left) {
   egr_nh_info_t &slot = nh_slot(nh);
   egr_tun_info_t &tunnel_of_nh = tunnel_slot(left->tunnel);
-  note_count(undo_log(), slot.ref_count, 0);
-  note_slot(slot);
-  note_count(undo_log(), tunnel_of_nh.ref_count, tunnel_of_nh.ref_count - 1);
-  give_nh_back(client_root(), nh);
   left->nh_left = 1;
   left->tunnel_left = tunnel_of_nh.ref_count == 1 && left->tunnel != 0 ? 1 : 0;
+  note_slot(slot, 0, true);
+  note_slot(tunnel_of_nh, tunnel_of_nh.ref_count - 1, left->tunnel_left != 0);
+  give_nh_back(client_root(), nh);
   if (left->tunnel_left != 0) {
-    note_slot(tunnel_of_nh);
     give_tunnel_back(client_root(), left->tunnel);
   }
   const SearchKey key = tunnel_part(key_in(slot, tunnel_of_nh));

@@ -49,8 +49,10 @@ std::uint32_t used_of(const Spill &spill) {
 
 bool append(Bucket &bucket, const Holding &holding) {
   if (bucket.used < kBucketHoldings) {
-    store(bucket.holding[bucket.used], holding);
-    put(bucket.used, bucket.used + 1);
+    Holding &place = bucket.holding[bucket.used];
+    note(bucket.used, place.nh, place.held, place.marks);
+    place = holding;
+    ++bucket.used;
     return true;
   }
   auto *spill = at<Spill>(bucket.spill);

@@ -151,8 +151,8 @@ void give_back(IndexQueue &queue, std::uint32_t index) {
     put(queue.put, 0U);
     page = more;
   }
-  put(page->index[queue.put], index);
-  note(queue.put, queue.waiting);
+  note(page->index[queue.put], queue.put, queue.waiting);
+  page->index[queue.put] = index;
   ++queue.put;
   ++queue.waiting;
 }

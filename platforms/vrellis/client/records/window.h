@@ -41,7 +41,7 @@ inline vrellis::avl::UndoLog &undo_log() {
 
 // Notes words before they are changed by plain stores. Requires an open change.
 template <typename... Words>
-void note(const Words &...words) {
+[[gnu::always_inline]] inline void note(const Words &...words) {
   vrellis::avl::note_words(undo_log(), words...);
 }
 

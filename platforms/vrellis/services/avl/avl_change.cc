@@ -8,13 +8,22 @@
 using namespace vrellis;
 using namespace vrellis::avl;
 
+namespace {
+
+[[gnu::noinline]] int settle_and_begin(const WindowMap &map, void **root) {
+  roll_back(map);
+  return avl_change_begin(root);
+}
+
+}  // namespace
+
 int avl_change_begin(void **root) {
   const WindowMap *const map = window_of(root);
   if (map == nullptr) {
     return EINVAL;
   }
-  if (is_unsettled(map)) {
-    roll_back(*map);
+  if (is_unsettled(map)) [[unlikely]] {
+    return settle_and_begin(*map, root);
   }
   store(&undo_log_of(*map).field, address_of(root));
   open_change = {};
