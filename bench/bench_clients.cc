@@ -2,11 +2,11 @@
 // through the operations, and the client holds a reference on each.
 #include <iostream>
 
-#include "clock.h"
 #include "contestants/db.h"
 #include "encap_client.h"
+#include "measuring/clock.h"
+#include "measuring/workload.h"
 #include "report/results.h"
-#include "workload.h"
 
 namespace encap_bench {
 namespace {

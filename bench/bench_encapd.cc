@@ -14,8 +14,8 @@
 #include <iostream>
 
 #include "../tests/encapd/router.h"
-#include "clock.h"
 #include "feed/feed.h"
+#include "measuring/clock.h"
 #include "report/results.h"
 
 namespace {

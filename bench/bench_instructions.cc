@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "contestants/db.h"
-#include "operations.h"
+#include "measuring/operations.h"
 
 namespace encap_bench {
 namespace {

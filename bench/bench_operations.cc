@@ -8,9 +8,9 @@
 #include "contestants/hash.h"
 #include "contestants/lmdb.h"
 #include "contestants/map.h"
-#include "operations.h"
+#include "measuring/operations.h"
+#include "measuring/rounds.h"
 #include "report/results.h"
-#include "rounds.h"
 
 namespace encap_bench {
 namespace {

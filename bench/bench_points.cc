@@ -7,11 +7,11 @@
 #include <cstdlib>
 
 #include "avl.h"
-#include "clock.h"
 #include "diag/component.h"
 #include "diag/points.h"
 #include "ed.h"
-#include "rounds.h"
+#include "measuring/clock.h"
+#include "measuring/rounds.h"
 
 namespace encap_bench {
 namespace {

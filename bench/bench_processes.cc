@@ -16,9 +16,9 @@
 #include "contestants/lmdb.h"
 #include "contestants/map.h"
 #include "contestants/peek.h"
-#include "operations.h"
-#include "rounds.h"
-#include "worker.h"
+#include "measuring/operations.h"
+#include "measuring/rounds.h"
+#include "measuring/worker.h"
 
 namespace encap_bench {
 namespace {

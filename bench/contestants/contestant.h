@@ -19,7 +19,7 @@
 #include <cstdint>
 #include <string>
 
-#include "workload.h"
+#include "measuring/workload.h"
 
 namespace encap_bench {
 

@@ -1,6 +1,6 @@
 // The two calls that look without the lock. Only look_under_lock(), the last resort, writes to the window: to the lock.
 //
-// A look reads the versions (services/avl/versions.h) of what it is about to read, reads it, and reads the versions
+// A look reads the versions (services/avl/undo/versions.h) of what it is about to read, reads it, and reads the versions
 // again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its change may be
 // under way, or its process may have died or been stopped in it. Then every word is read through the undo log, as it was
 // before the change, and the log and the lock's holder must be the same at the end: the version that a dead process left
@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "avl/undo_view.h"
-#include "avl/versions.h"
+#include "avl/undo/undo_view.h"
+#include "avl/undo/versions.h"
 #include "encap_client.h"
 #include "records/lookup.h"
 #include "records/search.h"

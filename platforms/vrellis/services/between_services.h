@@ -24,7 +24,7 @@ inline constexpr std::size_t kUserAreaBytes = 1024;  // SHMWIN_USER_AREA_BYTES
 // the tree service writes to it.
 inline constexpr std::size_t kTreeAreaBytes = 16384;
 
-// Its versions, likewise (avl/versions.h): bytes from the window's begin, and how many words. The first eight hold the
+// Its versions, likewise (avl/undo/versions.h): bytes from the window's begin, and how many words. The first eight hold the
 // version of trees in the user area, which needs a cache line of its own.
 inline constexpr std::size_t kUserAreaOffset = 1024;
 inline constexpr std::size_t kVersionsOffset = 128;
@@ -77,7 +77,7 @@ SERVICES_TLS extern constinit thread_local SearchEnds search_ends;
 struct OpenChange {
   const WindowMap *map = nullptr;                 // nullptr: none is open
   void (*before_commit)(bool commits) = nullptr;  // what the allocator has put off until then
-  std::uint64_t versions = 0;                     // that are odd until then, by bits (avl/versions.h)
+  std::uint64_t versions = 0;                     // that are odd until then, by bits (avl/undo/versions.h)
   struct Searched {
     const void *top = nullptr;
     void *end = nullptr;

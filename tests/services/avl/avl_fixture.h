@@ -28,9 +28,9 @@ inline void store(Word *word, Word value) {
 #include <string>
 #include <vector>
 
-#include "avl/avl.cc"      // NOLINT(bugprone-suspicious-include)
-#include "avl/balance.cc"  // NOLINT(bugprone-suspicious-include)
-#include "avl/undo.cc"     // NOLINT(bugprone-suspicious-include)
+#include "avl/avl.cc"        // NOLINT(bugprone-suspicious-include)
+#include "avl/balance.cc"    // NOLINT(bugprone-suspicious-include)
+#include "avl/undo/undo.cc"  // NOLINT(bugprone-suspicious-include)
 
 // The service in the test refers to these two, which are internal to the library.
 constinit thread_local vrellis::ThreadTrace vrellis::thread_trace;

@@ -1,4 +1,4 @@
-// What a process remembers of the tunnel tree while the tree keeps its version (services/avl/versions.h): the address of
+// What a process remembers of the tunnel tree while the tree keeps its version (services/avl/undo/versions.h): the address of
 // its top node, and of the tunnels that were found last. So a tunnel that is known is found by one comparison, and a look
 // leaves the cache line alone in which the lock and the root field lie.
 //

@@ -1,7 +1,7 @@
 #include "lookup.h"
 
-#include "avl/undo_view.h"
-#include "avl/versions.h"
+#include "avl/undo/undo_view.h"
+#include "avl/undo/versions.h"
 #include "search.h"
 
 namespace clients {

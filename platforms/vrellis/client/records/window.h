@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #include "avl/avl_change.h"
-#include "avl/notes.h"
+#include "avl/undo/notes.h"
 #include "mpls_egress_encap_db.h"
 #include "shmwin.h"
 

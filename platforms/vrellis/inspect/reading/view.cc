@@ -11,7 +11,7 @@
 #include <new>
 #include <vector>
 
-#include "avl/undo_log.h"
+#include "avl/undo/undo_log.h"
 #include "lock_word.h"
 #include "shmwin/layout.h"
 

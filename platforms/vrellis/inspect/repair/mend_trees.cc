@@ -1,5 +1,5 @@
 // Trees rebuilt from their nodes, and nodes brought back into them.
-#include "avl/versions.h"
+#include "avl/undo/versions.h"
 #include "mend.h"
 #include "shmwin.h"
 

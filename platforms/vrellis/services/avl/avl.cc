@@ -4,7 +4,7 @@
 
 #include "avl/balance.h"
 #include "avl/link.h"
-#include "avl/undo.h"
+#include "avl/undo/undo.h"
 #include "between_services.h"
 
 namespace vrellis {

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "avl/undo.h"
+#include "avl/undo/undo.h"
 #include "between_services.h"
 
 using namespace vrellis;

@@ -2,8 +2,9 @@
  * Changes of a window that are all or nothing as a whole: of trees, of the allocator, and of any other words.
  *
  * While a change is open, everything that the tree service and the window's allocator write is noted in the window's
- * undo log. The caller notes what else it changes (avl/notes.h). One store commits it all; a process that dies before that leaves the
- * log to the next call of either service in that window, or of avl_settle(), which takes everything back.
+ * undo log. The caller notes what else it changes (avl/undo/notes.h). One store commits it all; a process that dies
+ * before that leaves the log to the next call of either service in that window, or of avl_settle(), which takes
+ * everything back.
  *
  * Blocks that are given back while a change is open are free when it is committed, so that no block is taken again
  * whose content may have to come back.
@@ -39,7 +40,7 @@ AVL_CHANGE_API void avl_change_searched(unsigned place, const void *top, void *e
 
 /*
  * Tells readers without the lock that the record at `record`, which is no tree, changes until the change is committed:
- * its version (avl/versions.h) is odd from here on. Requires that something has been noted, and that the record has not
+ * its version (avl/undo/versions.h) is odd from here on. Requires that something has been noted, and that the record has not
  * changed yet.
  */
 AVL_CHANGE_API void avl_change_version(const void *record);

@@ -4,7 +4,7 @@
 #define VRELLIS_AVL_BALANCE_H
 
 #include "avl/link.h"
-#include "avl/undo.h"
+#include "avl/undo/undo.h"
 
 namespace vrellis::avl {
 

@@ -1,5 +1,5 @@
 // A node's linkage: what its three words say. This header only reads them; a word of a tree is written through a Change
-// (avl/undo.h), any other word with store().
+// (avl/undo/undo.h), any other word with store().
 #ifndef VRELLIS_AVL_LINK_H
 #define VRELLIS_AVL_LINK_H
 

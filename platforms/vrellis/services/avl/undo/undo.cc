@@ -1,4 +1,4 @@
-#include "avl/undo.h"
+#include "avl/undo/undo.h"
 
 namespace vrellis {
 

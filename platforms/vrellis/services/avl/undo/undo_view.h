@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "avl/undo_log.h"
+#include "avl/undo/undo_log.h"
 
 // Other threads change these words meanwhile, by plain stores; the reader finds that out by versions and by the log's
 // count, which ThreadSanitizer cannot know.

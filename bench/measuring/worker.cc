@@ -1,4 +1,4 @@
-#include "worker.h"
+#include "measuring/worker.h"
 
 #include <sys/mman.h>
 #include <sys/prctl.h>

@@ -13,8 +13,8 @@
 #include <numeric>
 #include <vector>
 
-#include "clock.h"
-#include "operations.h"
+#include "measuring/clock.h"
+#include "measuring/operations.h"
 
 namespace encap_bench {
 

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "avl/undo_log.h"
+#include "avl/undo/undo_log.h"
 
 namespace vrellis::avl {
 

@@ -1,4 +1,4 @@
-#include "workload.h"
+#include "measuring/workload.h"
 
 #include <algorithm>
 #include <cstdio>

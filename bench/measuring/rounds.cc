@@ -1,4 +1,4 @@
-#include "rounds.h"
+#include "measuring/rounds.h"
 
 #include <cmath>
 #include <cstdio>

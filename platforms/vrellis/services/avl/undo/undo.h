@@ -21,9 +21,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "avl/notes.h"
-#include "avl/undo_log.h"
-#include "avl/versions.h"
+#include "avl/undo/notes.h"
+#include "avl/undo/undo_log.h"
+#include "avl/undo/versions.h"
 
 namespace vrellis::avl {
 
