@@ -1,6 +1,6 @@
-// What a process remembers of the tunnel tree while the tree keeps its version (services/avl/undo/versions.h): the address of
-// its top node, and of the tunnels that were found last. So a tunnel that is known is found by one comparison, and a look
-// leaves the cache line alone in which the lock and the root field lie.
+// What a process remembers of the tunnel tree while the tree keeps its version (services/avl/undo/versions.h): the
+// address of its top node, and of the tunnels that were found last. So a tunnel that is known is found by one
+// comparison, and a look leaves the cache line alone in which the lock and the root field lie.
 //
 // It lies in the memory of the process. Any thread may read and write it.
 #ifndef VRELLIS_CLIENT_KNOWN_H

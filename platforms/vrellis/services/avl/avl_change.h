@@ -40,8 +40,8 @@ AVL_CHANGE_API void avl_change_searched(unsigned place, const void *top, void *e
 
 /*
  * Tells readers without the lock that the record at `record`, which is no tree, changes until the change is committed:
- * its version (avl/undo/versions.h) is odd from here on. Requires that something has been noted, and that the record has not
- * changed yet.
+ * its version (avl/undo/versions.h) is odd from here on. Requires that something has been noted, and that the record has
+ * not changed yet.
  */
 AVL_CHANGE_API void avl_change_version(const void *record);
 
