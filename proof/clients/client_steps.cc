@@ -48,40 +48,36 @@ bool in_child(const Stage &stage, const std::function<bool()> &work) {
   return ended.empty();
 }
 
-// Allocation `number` of the call fails: then the call says so and changes nothing. Counts it, if the call has so many.
-bool fail_allocation(const Stage &stage, int number, Totals &told) {
-  stage.put_start();
-  const Picture before = draw();
-  failing_allocation = number;
-  Cast cast = stage.cast;
-  const int status = stage.scenario.call(cast, nullptr, nullptr);
-  if (failing_allocation != 0) {
-    return true;
-  }
-  ++told.allocations;
-  const Picture now = draw();
-  std::string wrong = contradiction(now, stage.window, status == 0 ? Queues::kMayLose : Queues::kWhole);
-  if (status != 0 && now != before) {
-    wrong = "a refused call changed" + difference(before, now);
-  }
-  if (!wrong.empty()) {
-    std::printf("FAILED %s, allocation %d fails: status %d, %s\n", stage.scenario.name.c_str(), number, status,
-                wrong.c_str());
-  }
-  return wrong.empty();
-}
-
-// Each in a process of its own, since a call may close the client.
+// Each allocation of the call fails in turn: then the call says so and changes nothing.
 bool fail_allocations(const Stage &stage, Totals &told) {
-  for (int number = 1;; ++number) {
-    const std::uint64_t before = told.allocations;
-    if (!in_child(stage, [&] { return fail_allocation(stage, number, told); })) {
+  const auto fail = [&](int number) {
+    stage.put_start();
+    const Picture before = draw();
+    failing_allocation = number;
+    Cast cast = stage.cast;
+    const int status = stage.scenario.call(cast, nullptr, nullptr);
+    if (failing_allocation != 0) {
+      return true;  // the call has not so many
+    }
+    ++told.allocations;
+    const Picture now = draw();
+    std::string wrong = contradiction(now, stage.window, status == 0 ? Queues::kMayLose : Queues::kWhole);
+    if (status != 0 && now != before) {
+      wrong = "a refused call changed" + difference(before, now);
+    }
+    if (!wrong.empty()) {
+      std::printf("FAILED %s, allocation %d fails: status %d, %s\n", stage.scenario.name.c_str(), number, status,
+                  wrong.c_str());
+    }
+    return wrong.empty();
+  };
+  const std::uint64_t first = told.allocations;
+  for (int number = 1; told.allocations + 1 == first + static_cast<std::uint64_t>(number); ++number) {
+    if (!in_child(stage, [&] { return fail(number); })) {
       return false;
     }
-    if (told.allocations == before) {
-      return true;
-    }
   }
+  return true;
 }
 
 bool run(const Scenario &scenario, bool with_second, Totals &totals) {

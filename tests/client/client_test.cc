@@ -16,9 +16,7 @@ TEST_F(ClientTest, ReferencesAreSharedAndTheLastOneTakesTheEncapsulationOut) {
   const encap_attributes_t attributes{.seed_nh = 7, .failover_nh = 8, .failover_id = 9, .is_protected_te_nh = 1};
   encap_entry_t entry{};
   ASSERT_EQ(encap_client_enter(a, key(16, 100), &attributes, &entry), 0);
-  EXPECT_EQ(entry.nh, kNhStart);
-  EXPECT_EQ(entry.tunnel, kTunStart);
-  EXPECT_EQ(entry.held, 1U);
+  EXPECT_TRUE(entry.nh == kNhStart && entry.tunnel == kTunStart && entry.held == 1);
   EXPECT_TRUE(entry.nh_created == 1 && entry.tunnel_created == 1 && entry.renewed == 0);
   egress_encap_aux_data_t aux{};
   egress_encap_key_t read{};

@@ -128,10 +128,9 @@ TEST_F(LiesTest, NoDamageMakesALookFault) {
   for (std::uint32_t i = 0; i < 40; ++i) {
     enter(a_, key(16 + i, 100 + i % 5));
   }
-  const std::vector<char> image = window_image();
-  std::vector<std::uint64_t> whole(image.size() / 8);
-  std::memcpy(whole.data(), image.data(), image.size());
+  const std::size_t bytes = window_image().size();
   auto *const words = reinterpret_cast<std::uint64_t *>(window_);
+  const std::vector<std::uint64_t> whole(words, words + bytes / 8);
   const auto look_at_damage = [&] {
     std::mt19937_64 random(7);
     for (int trial = 0; trial < 2000; ++trial) {
@@ -147,7 +146,7 @@ TEST_F(LiesTest, NoDamageMakesALookFault) {
         encap_client_peek(a_, found, &nh, &tunnel);
         encap_client_read(a_, kNhStart + i, &found, &aux, &nh);
       }
-      std::memcpy(words, image.data(), image.size());
+      std::copy(whole.begin(), whole.end(), words);
     }
   };
   EXPECT_EQ(in_copy(look_at_damage), 0);

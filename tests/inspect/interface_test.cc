@@ -124,6 +124,11 @@ TEST_F(InterfaceTest, BadInputGetsAStatusAndASentence) {
   EXPECT_FALSE(std::filesystem::exists(directory_ + "/none"));
   EXPECT_EQ(mend(0, &result, "text"), EINVAL);
   EXPECT_NE(std::string(result.text).find("is no window"), std::string::npos) << result.text;
+  std::filesystem::create_symlink(path(), directory_ + "/link");
+  EXPECT_EQ(check_database(&found, "link"), EINVAL);
+  EXPECT_NE(std::string(found.text).find("no regular file"), std::string::npos) << found.text;
+  EXPECT_EQ(mend(0, &result, "link"), EINVAL);
+  EXPECT_EQ(repair(30).status, ENOENT);
   EXPECT_EQ(mend(16, &result), EINVAL);
   EXPECT_NE(std::string(result.text), "");
   const encap_db_config_t text = config_of("text");
