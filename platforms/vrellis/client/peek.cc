@@ -23,7 +23,6 @@ namespace clients {
 namespace {
 
 using vrellis::avl::load_word;
-using vrellis::avl::UndoLog;
 using vrellis::avl::UndoView;
 using Word = vrellis::avl::Word;
 
