@@ -12,6 +12,15 @@
 namespace crash {
 namespace {
 
+// Binds the calling thread to the processor that it runs on. Returns: those that it was allowed.
+cpu_set_t stay_on_one_processor() {
+  cpu_set_t before{}, one{};
+  CPU_SET(static_cast<unsigned>(sched_getcpu()), &one);
+  sched_getaffinity(0, sizeof before, &before);
+  sched_setaffinity(0, sizeof one, &one);
+  return before;
+}
+
 // Without the handlers of fork(): the child does not enter itself into the window's table of processes.
 pid_t start(const std::function<void()> &work) {
   const pid_t child = _Fork();
@@ -28,7 +37,7 @@ pid_t start(const std::function<void()> &work) {
 
 }  // namespace
 
-Stepper::Stepper(const std::function<void()> &work) : pid_(start(work)) {
+Stepper::Stepper(const std::function<void()> &work) : processors_(stay_on_one_processor()), pid_(start(work)) {
   int status = 0;
   if (pid_ < 0 || waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status)) {
     give_up("a child process cannot be traced here: ptrace() is not permitted, and without it no instruction is seen");
@@ -37,6 +46,7 @@ Stepper::Stepper(const std::function<void()> &work) : pid_(start(work)) {
 
 Stepper::~Stepper() {
   kill();
+  sched_setaffinity(0, sizeof processors_, &processors_);
 }
 
 bool Stepper::step() {
