@@ -25,7 +25,7 @@ class EncapctlClientsTest : public EncapctlTest {
   }
 
   Json client(const std::string &name) const {
-    for (const Json &object : on_window({"clients", "--json"}).objects()) {
+    for (const Json &object : on_window("clients --json").objects()) {
       if (object.at("name") == name) {
         return object;
       }
@@ -33,11 +33,11 @@ class EncapctlClientsTest : public EncapctlTest {
     return {};
   }
 
-  Json load_as_lab(const std::string &routes) const { return json_of({"load", listing(routes), "--client", "lab"}); }
+  Json load_as_lab(const std::string &routes) const { return json_of("load " + listing(routes) + " --client lab"); }
 
   // The count and the holders of the NH with this bottom label.
   std::string held(const std::string &label) const {
-    const Json object = on_window({"find", "label1=" + label, "--json"}).objects().at(0);
+    const Json object = on_window("find label1=" + label + " --json").objects().at(0);
     return object.at("ref_count").dump() + object.at("holders").dump();
   }
 };
@@ -46,19 +46,17 @@ TEST_F(EncapctlClientsTest, AnNhTellsWhoHoldsIt) {
   make_database();
   Child child = daemon("bgpd");
   open_database();
-  ASSERT_EQ(vrl_find_and_share_egress_nh(on_window({"find", "label1=16002", "--json"}).objects().at(0).at("nh")), 0);
+  ASSERT_EQ(vrl_find_and_share_egress_nh(on_window("find label1=16002 --json").objects().at(0).at("nh")), 0);
   close_database();
   EXPECT_EQ(held("16002"), R"(3[{"held":2,"name":"bgpd","stale":0}])");
-  EXPECT_TRUE(has(on_window({"find", "label1=16002"}).out, "bgpd 2, no client 1"));
-  EXPECT_TRUE(has(on_window({"show", "nhs", "--index", "1002"}).out, "no client 5"));
-  EXPECT_EQ(client("bgpd").at("state"), "alive");
-  EXPECT_EQ(client("bgpd").at("pid").dump(), child.pid());
-  EXPECT_EQ(client("bgpd").at("held"), 3);
+  EXPECT_TRUE(has(on_window("find label1=16002").out, "bgpd 2, no client 1"));
+  EXPECT_TRUE(has(on_window("show nhs --index 1002").out, "no client 5"));
+  EXPECT_TRUE(says(client("bgpd"), {{"state", "alive"}, {"pid", Json::parse(child.pid())}, {"held", 3}}));
   EXPECT_EQ(client("bgpd").at("calls").at("entered"), 3);
   child.kill();
   EXPECT_EQ(client("bgpd").at("state"), "dead");
-  EXPECT_TRUE(has(on_window({"clients"}).out, "bgpd"));
-  EXPECT_EQ(on_window({"check"}).status, 0);
+  EXPECT_TRUE(has(on_window("clients").out, "bgpd"));
+  EXPECT_EQ(on_window("check").status, 0);
 }
 
 TEST_F(EncapctlClientsTest, OnlyALiveDaemonIsTold) {
@@ -72,15 +70,15 @@ TEST_F(EncapctlClientsTest, OnlyALiveDaemonIsTold) {
     open_client("fpm");
   });
   close(told[1]);
-  EXPECT_EQ(json_of({"settle", "fpm"}).at("pid").dump(), child.pid());
+  EXPECT_EQ(json_of("settle fpm").at("pid").dump(), child.pid());
   char byte = 0;
   EXPECT_EQ(read(told[0], &byte, 1), 1);
   child.kill();
   close(told[0]);
-  EXPECT_TRUE(has(on_window({"settle", "fpm"}).err, "no process that is alive"));
-  EXPECT_EQ(on_window({"settle", "bgpd"}).status, 2);
+  EXPECT_TRUE(has(on_window("settle fpm").err, "no process that is alive"));
+  EXPECT_EQ(on_window("settle bgpd").status, 2);
   const Child plain = daemon("bgpd");
-  EXPECT_TRUE(has(on_window({"settle", "bgpd"}).err, "does not expect SIGUSR1"));
+  EXPECT_TRUE(has(on_window("settle bgpd").err, "does not expect SIGUSR1"));
   EXPECT_EQ(client("bgpd").at("state"), "alive");
 }
 
@@ -98,9 +96,9 @@ TEST_F(EncapctlClientsTest, ADaemonsOwnStatusIsShown) {
   write_status(file, child.pid());
   EXPECT_EQ(client("fpm").at("daemon").at("routes"), 5000);
   EXPECT_TRUE(
-      has(on_window({"clients"}).out,
+      has(on_window("clients").out,
           "fpm: a router is connected, not settled; 5000 routes, 10002 messages, lag 310 us; refused: too_deep 3"));
-  const std::string metrics = on_window({"metrics"}).out;
+  const std::string metrics = on_window("metrics").out;
   EXPECT_TRUE(has(metrics, "encapd_messages_total{client=\"fpm\"} 10002\n"));
   EXPECT_TRUE(has(metrics, "encapd_refusals_total{client=\"fpm\",reason=\"too_deep\"} 3\n"));
   EXPECT_TRUE(has(metrics, "encapd_refused_paths{client=\"fpm\",reason=\"too_deep\"} 1\n"));
@@ -120,7 +118,7 @@ TEST_F(EncapctlClientsTest, ADaemonsOwnStatusIsShown) {
 TEST_F(EncapctlClientsTest, MetricsAreOpenMetricsText) {
   make_database();
   const Child child = daemon("bgpd");
-  const Outcome run = on_window({"metrics"});
+  const Outcome run = on_window("metrics");
   ASSERT_EQ(run.status, 0);
   std::istringstream lines(run.out);
   std::map<std::string, std::string> samples;
@@ -151,48 +149,38 @@ TEST_F(EncapctlClientsTest, MetricsAreOpenMetricsText) {
 TEST_F(EncapctlClientsTest, AListingIsEnteredAnewAndTakenBack) {
   const std::string first = "10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 200/16002 dev eth1\n";
   EXPECT_EQ(load_as_lab(first).at("new_nhs"), 2);
-  const Json same = load_as_lab(first);
-  EXPECT_EQ(same.at("renewed"), 2);
-  EXPECT_EQ(same.at("given_back"), 0);
+  EXPECT_TRUE(says(load_as_lab(first), {{"renewed", 2}, {"given_back", 0}}));
   const Json changed =
       load_as_lab("10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.2.0/24 encap mpls 200/16003 dev eth1\n");
-  EXPECT_EQ(changed.at("renewed"), 1);
-  EXPECT_EQ(changed.at("new_nhs"), 1);
-  EXPECT_EQ(changed.at("given_back"), 1);
-  EXPECT_EQ(on_window({"find", "label1=16002"}).status, 1);
+  EXPECT_TRUE(says(changed, {{"renewed", 1}, {"new_nhs", 1}, {"given_back", 1}}));
+  EXPECT_EQ(on_window("find label1=16002").status, 1);
   EXPECT_EQ(client("lab").at("state"), "closed");
-  EXPECT_EQ(on_window({"unload", "--client", "nobody"}).status, 1);
-  const Json unloaded = json_of({"unload", "--client", "lab"});
-  EXPECT_EQ(unloaded.at("references"), 2);
-  EXPECT_EQ(unloaded.at("tunnels_left"), 1);
+  EXPECT_EQ(on_window("unload --client nobody").status, 1);
+  EXPECT_TRUE(says(json_of("unload --client lab"), {{"references", 2}, {"tunnels_left", 1}}));
   EXPECT_EQ(client("lab"), Json{});
-  EXPECT_EQ(json_of({"summary"}).at("nhs").at("used"), 0);
+  EXPECT_EQ(json_of("summary").at("nhs").at("used"), 0);
 }
 
 TEST_F(EncapctlClientsTest, WhatTheDeadHeldIsReclaimed) {
-  EXPECT_EQ(on_window({"reclaim", "bgpd"}).status, 2) << "there is no database, and none is made";
+  EXPECT_EQ(on_window("reclaim bgpd").status, 2) << "there is no database, and none is made";
   EXPECT_NE(access(path().c_str(), F_OK), 0);
   make_database();
   Child first = daemon("bgpd"), second = daemon("ospfd");
-  const Outcome refused = on_window({"reclaim", "bgpd"});
-  EXPECT_EQ(refused.status, 2);
-  EXPECT_TRUE(has(refused.err, "the process of client 'bgpd' lives"));
-  EXPECT_EQ(on_window({"reclaim", "--dead"}).status, 1);
+  EXPECT_TRUE(ended(on_window("reclaim bgpd"), 2, "the process of client 'bgpd' lives"));
+  EXPECT_EQ(on_window("reclaim --dead").status, 1);
   first.kill();
-  EXPECT_EQ(on_window({"reclaim", "--dead", "--older-than", "1h"}).status, 1) << "it died just now";
-  const Outcome reclaimed = on_window({"reclaim", "--dead", "--older-than", "0s", "--json"});
-  EXPECT_EQ(reclaimed.object().at("client"), "bgpd");
-  EXPECT_EQ(reclaimed.object().at("references"), 3);
-  EXPECT_EQ(reclaimed.object().at("nhs_left"), 0);
+  EXPECT_EQ(on_window("reclaim --dead --older-than 1h").status, 1) << "it died just now";
+  EXPECT_TRUE(
+      says(json_of("reclaim --dead --older-than 0s"), {{"client", "bgpd"}, {"references", 3}, {"nhs_left", 0}}));
   second.kill();
-  EXPECT_EQ(json_of({"reclaim", "ospfd"}).at("nhs_left"), 2);
-  EXPECT_EQ(on_window({"reclaim", "ospfd"}).status, 2);
-  for (const std::string words : {"-1s", "5", "99999999999999999999s", "5 parsecs"}) {
-    EXPECT_EQ(on_window({"reclaim", "--dead", "--older-than=" + words}).status, 2) << words;
+  EXPECT_EQ(json_of("reclaim ospfd").at("nhs_left"), 2);
+  EXPECT_EQ(on_window("reclaim ospfd").status, 2);
+  for (const std::string words : {"-1s", "5", "99999999999999999999s", "5parsecs"}) {
+    EXPECT_EQ(on_window("reclaim --dead --older-than=" + words).status, 2) << words;
   }
-  EXPECT_EQ(on_window({"reclaim"}).status, 2);
-  EXPECT_EQ(on_window({"clients", "--json"}).closing().at("shown"), 0);
-  EXPECT_EQ(on_window({"check"}).status, 0);
+  EXPECT_EQ(on_window("reclaim").status, 2);
+  EXPECT_EQ(on_window("clients --json").closing().at("shown"), 0);
+  EXPECT_EQ(on_window("check").status, 0);
 }
 
 }  // namespace

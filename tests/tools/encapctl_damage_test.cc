@@ -7,10 +7,8 @@
 namespace encapctl_test {
 namespace {
 
-const std::vector<std::vector<std::string>> kReadingVerbs = {
-    {"status", "--json"}, {"show", "nhs"},          {"show", "tunnels", "--json"},
-    {"summary"},          {"find", "label1=16001"}, {"check"},
-};
+constexpr const char *kReadingVerbs[] = {"status --json", "show nhs", "show tunnels --json",
+                                         "summary",       "check",    "find label1=16001"};
 
 class EncapctlDamageTest : public EncapctlTest {
  protected:
@@ -23,10 +21,10 @@ class EncapctlDamageTest : public EncapctlTest {
   // Runs the reading verbs on a window of these bytes.
   void expect_survived(const std::vector<char> &damaged, const std::string &what) const {
     put_bytes(damaged);
-    for (const std::vector<std::string> &verb : kReadingVerbs) {
+    for (const char *verb : kReadingVerbs) {
       const Outcome run = on_window(verb);
-      EXPECT_LE(run.status, 2) << what << ", " << verb[0] << ": " << run.err;
-      EXPECT_FALSE(run.out.empty() && run.err.empty()) << what << ", " << verb[0] << " says nothing";
+      EXPECT_LE(run.status, 2) << what << ", " << verb << ": " << run.err;
+      EXPECT_FALSE(run.out.empty() && run.err.empty()) << what << ", " << verb << " says nothing";
     }
   }
 
@@ -40,7 +38,7 @@ TEST_F(EncapctlDamageTest, TruncatedAndForeignFiles) {
                     std::to_string(size) + " bytes");
   }
   expect_survived(std::vector<char>(sound_.size(), 'x'), "a foreign file");
-  EXPECT_EQ(on_window({"summary"}).status, 2);
+  EXPECT_EQ(on_window("summary").status, 2);
 }
 
 TEST_F(EncapctlDamageTest, RandomBytes) {
@@ -62,27 +60,24 @@ TEST_F(EncapctlDamageTest, RandomBytes) {
 }
 
 TEST_F(EncapctlDamageTest, CheckNamesAFaultAndRepairMendsIt) {
-  EXPECT_EQ(on_window({"check"}).status, 0);
+  EXPECT_EQ(on_window("check").status, 0);
   open_database();
   egress_encap_db->tun_info_array[101 - kTunStart].ref_count = 9;
   close_database();
-  const Outcome found = on_window({"check", "--json"});
+  const Outcome found = on_window("check --json");
   EXPECT_EQ(found.status, 1);
   ASSERT_EQ(found.objects().size(), 2u) << found.out;
-  EXPECT_EQ(found.objects()[0].at("name"), "tunnel-count");
-  EXPECT_EQ(found.objects()[0].at("tunnel"), 101);
+  EXPECT_TRUE(says(found.objects()[0], {{"name", "tunnel-count"}, {"tunnel", 101}}));
   EXPECT_EQ(found.objects()[1].at("sound"), false);
-  EXPECT_TRUE(has(on_window({"summary"}).err, "1 finding")) << "the other verbs go on, and tell";
+  EXPECT_TRUE(has(on_window("summary").err, "1 finding")) << "the other verbs go on, and tell";
 
-  const Outcome dry = on_window({"repair", "--dry-run", "--json"});
+  const Outcome dry = on_window("repair --dry-run --json");
   EXPECT_EQ(dry.status, 1);
   EXPECT_EQ(dry.objects().back().at("changes"), 1);
-  EXPECT_EQ(on_window({"check"}).status, 1) << "a dry run changes nothing";
-  const Outcome mended = on_window({"repair"});
-  EXPECT_EQ(mended.status, 0) << mended.out << mended.err;
-  EXPECT_TRUE(has(mended.out, "1 change; 1 finding before, 0 after"));
-  EXPECT_EQ(on_window({"check"}).status, 0);
-  EXPECT_EQ(on_window({"check", "--name", "none"}).status, 2);
+  EXPECT_EQ(on_window("check").status, 1) << "a dry run changes nothing";
+  EXPECT_TRUE(ended(on_window("repair"), 0, "1 change; 1 finding before, 0 after"));
+  EXPECT_EQ(on_window("check").status, 0);
+  EXPECT_EQ(on_window("check --name none").status, 2);
 }
 
 }  // namespace

@@ -162,9 +162,8 @@ class EncapctlTest : public testing::Test {
   }
 
   // Runs the command on the test's window.
-  Outcome on_window(std::vector<std::string> words, const Surroundings &surroundings = {}) const {
-    words.insert(words.end(), {"--dir", directory(), "--name", name_});
-    return encapctl(words, surroundings);
+  Outcome on_window(const std::string &words, const Surroundings &surroundings = {}) const {
+    return encapctl(split(words + " --dir " + directory() + " --name " + name_), surroundings);
   }
 
   // Writes a file of routes. Returns its path.
@@ -175,10 +174,7 @@ class EncapctlTest : public testing::Test {
   }
 
   // The one object that the command prints of the window.
-  Json json_of(std::vector<std::string> words) const {
-    words.push_back("--json");
-    return on_window(words).object();
-  }
+  Json json_of(const std::string &words) const { return on_window(words + " --json").object(); }
 
   // The processes that wait for the lock, once there is one.
   Json await_a_waiter() const {

@@ -84,16 +84,12 @@ class Page {
 
 class EncapctlJsonTest : public EncapctlTest {
  protected:
-  Outcome run(std::vector<std::string> words, bool window = true) {
-    words.push_back("--json");
-    const Outcome outcome = window ? on_window(words) : encapctl(words);
-    std::istringstream lines(outcome.out);
-    for (std::string line; std::getline(lines, line);) {
-      const Json object = Json::parse(line);
+  void compare(const Outcome &run) {
+    for (const Json &object : lines_of(run.out)) {
       page_.compare(object.at("kind"), object);
     }
-    return outcome;
   }
+  void run(const std::string &words) { compare(on_window(words + " --json")); }
 
   void run_beside_a_daemon() {
     const Child daemon = fork_child([&](const Ready &) {
@@ -101,18 +97,18 @@ class EncapctlJsonTest : public EncapctlTest {
       open_client("daemon");
     });
     std::ofstream(path() + ".daemon.status") << R"({"schema":"encapd/1","pid":)" << daemon.pid() << "}";
-    run({"clients"});
-    run({"settle", "daemon"});
+    run("clients");
+    run("settle daemon");
   }
 
   void run_while_a_process_waits_for_the_lock() {
     const Child holder = hold_lock();
     const Child waiter = want_lock();
     EXPECT_FALSE(await_a_waiter().empty());
-    run({"status"});
-    run({"trace"});
-    run({"debug", holder.pid(), "id 46 +p"}, false);
-    run({"find", "nh=1001"});
+    run("status");
+    run("trace");
+    compare(encapctl({"debug", holder.pid(), "id 46 +p", "--json"}));
+    run("find nh=1001");
   }
 
   Page page_;
@@ -121,29 +117,27 @@ class EncapctlJsonTest : public EncapctlTest {
 TEST_F(EncapctlJsonTest, ThePageDocumentsEachKeyThatIsPrinted) {
   const std::string routes =
       listing("10.0.0.0/24 encap mpls 200/16001 dev eth1\n10.0.1.0/24 encap mpls 16002 dev eth1\n");
-  run({"load", routes, "--nh-start", "1000", "--nh-size", "1"});
+  run("load " + routes + " --nh-start 1000 --nh-size 1");
   encap_db_destroy(directory().c_str(), name_.c_str(), 1, nullptr);
   make_database();
-  run({"load", routes, "--client", "lab"});
-  run({"load", routes, "--client", "left"});
-  run({"find", "label1=16001"});
-  run({"reclaim", "left"});
+  run("load " + routes + " --client lab");
+  run("load " + routes + " --client left");
+  run("find label1=16001");
+  run("reclaim left");
   run_beside_a_daemon();
-  run({"unload", "--client", "daemon"});
+  run("unload --client daemon");
   run_while_a_process_waits_for_the_lock();
   open_database();
   egress_encap_db->tun_info_array[101 - kTunStart].ref_count = 9;
   close_database();
-  run({"find", "tun=101", "--all-traces"});
-  run({"list", "--dir", directory()}, false);
-  for (const char *words : {"show nhs", "show tunnels", "summary", "check", "repair", "debug list", "destroy"}) {
-    if (std::string(words) == "destroy") {
-      run({"unload", "--client", "lab"});
-      run({"snapshot", path() + ".snap"});
-    }
-    std::istringstream split(words);
-    run({std::istream_iterator<std::string>(split), {}}, !std::string(words).starts_with("debug"));
+  run("find tun=101 --all-traces");
+  compare(encapctl({"list", "--dir", directory(), "--json"}));
+  compare(encapctl({"debug", "list", "--json"}));
+  for (const char *words : {"show nhs", "show tunnels", "summary", "check", "repair", "unload --client lab"}) {
+    run(words);
   }
+  run("snapshot " + path() + ".snap");
+  run("destroy");
   EXPECT_EQ(page_.unseen(), std::set<std::string>{});
 }
 

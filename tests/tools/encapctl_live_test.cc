@@ -13,86 +13,68 @@ namespace {
 
 TEST_F(EncapctlTest, StatusTellsWhoHoldsTheLockAndWhoWaits) {
   make_database();
-  const Json unused = json_of({"status"});
-  EXPECT_EQ(unused.at("processes"), Json::array());
+  const Json unused = json_of("status");
+  EXPECT_TRUE(says(unused, {{"processes", Json::array()}, {"sound", true}}));
   EXPECT_EQ(unused.at("lock").at("state"), "free");
-  EXPECT_EQ(unused.at("sound"), true);
   EXPECT_EQ(unused.at("database").at("nh_end"), kNhStart + kNhSize);
   Child holder = hold_lock();
-  const auto user = [&] { return json_of({"status"}).at("processes").at(0); };
-  EXPECT_EQ(user().at("pid").dump(), holder.pid());
-  EXPECT_EQ(user().at("liveness"), "alive");
-  EXPECT_EQ(user().at("comm"), "encapctl_test");
-  const Json held = json_of({"status"}).at("lock");
-  EXPECT_EQ(held.at("state"), "held");
-  EXPECT_EQ(held.at("pid").dump(), holder.pid());
-  EXPECT_EQ(held.at("depth"), 1);
+  const Json pid = Json::parse(holder.pid());
+  const auto user = [&] { return json_of("status").at("processes").at(0); };
+  EXPECT_TRUE(says(user(), {{"pid", pid}, {"liveness", "alive"}, {"comm", "encapctl_test"}}));
+  EXPECT_TRUE(says(json_of("status").at("lock"), {{"state", "held"}, {"pid", pid}, {"depth", 1}}));
   Child waiter = want_lock();
   const Json waits = await_a_waiter();
   ASSERT_EQ(waits.size(), 1u);
   EXPECT_EQ(waits[0].at("pid").dump(), waiter.pid());
   EXPECT_GT(waits[0].at("waited_ns"), 0);
-  EXPECT_TRUE(has(on_window({"status"}).out, "waits        " + waiter.pid()));
+  EXPECT_TRUE(has(on_window("status").out, "waits        " + waiter.pid()));
   waiter.kill();
   const std::vector<char> copy = bytes();
   holder.kill();
   EXPECT_EQ(user().at("liveness"), "dead");
-  EXPECT_EQ(json_of({"status"}).at("lock").at("state"), "held by the dead");
-  EXPECT_TRUE(
-      has(on_window({"status"}).out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
+  EXPECT_EQ(json_of("status").at("lock").at("state"), "held by the dead");
+  EXPECT_TRUE(has(on_window("status").out, "left locked by " + holder.pid() + "/" + holder.pid() + " (encapctl_test)"));
   put_bytes(copy);
-  EXPECT_EQ(json_of({"status"}).at("lock").at("state"), "lost");
-  EXPECT_TRUE(has(on_window({"status"}).out, "encapctl repair makes it anew"));
+  EXPECT_EQ(json_of("status").at("lock").at("state"), "lost");
+  EXPECT_TRUE(has(on_window("status").out, "encapctl repair makes it anew"));
 }
 
 TEST_F(EncapctlTest, ReadingNeedsNoLockAndASnapshotWantsTheMomentAfterIt) {
   make_database();
   Child holder = hold_lock();
-  EXPECT_EQ(on_window({"show", "nhs", "--json"}).objects().size(), 4u);
+  EXPECT_EQ(on_window("show nhs --json").objects().size(), 4u);
   const std::string file = path() + ".snap";
-  const Outcome refused = on_window({"snapshot", file, "--patience", "0.1"});
-  EXPECT_EQ(refused.status, 2);
-  EXPECT_TRUE(has(refused.err, "was locked"));
+  EXPECT_TRUE(ended(on_window("snapshot " + file + " --patience 0.1"), 2, "was locked"));
   EXPECT_NE(access(file.c_str(), F_OK), 0);
-  EXPECT_EQ(json_of({"snapshot", file, "--patience", "0", "--unsettled"}).at("consistent"), false);
+  EXPECT_EQ(json_of("snapshot " + file + " --patience 0 --unsettled").at("consistent"), false);
 }
 
 TEST_F(EncapctlTest, DestroyIsRefusedToALiveProcess) {
   make_database();
-  EXPECT_EQ(on_window({"destroy", "--name", "none"}).status, 2);
+  EXPECT_EQ(on_window("destroy --name none").status, 2);
   {
     Child child = attach();
-    const Outcome refused = on_window({"destroy"});
-    EXPECT_EQ(refused.status, 2);
-    EXPECT_TRUE(has(refused.err, "process " + child.pid()));
+    EXPECT_TRUE(ended(on_window("destroy"), 2, "process " + child.pid()));
   }
-  EXPECT_EQ(json_of({"destroy"}).at("forced"), false);
-  EXPECT_EQ(on_window({"status"}).status, 2) << "it is gone";
+  EXPECT_EQ(json_of("destroy").at("forced"), false);
+  EXPECT_EQ(on_window("status").status, 2) << "it is gone";
 
   make_database();
   Child child = attach();
-  EXPECT_EQ(on_window({"destroy", "--force"}).status, 0);
+  EXPECT_EQ(on_window("destroy --force").status, 0);
   EXPECT_NE(access(path().c_str(), F_OK), 0);
 }
 
 TEST_F(EncapctlTest, LoadEntersTheRoutesOfAListing) {
-  const Json first = json_of({"load", ENCAPCTL_ROUTES});
-  EXPECT_EQ(first.at("created"), true);
-  EXPECT_EQ(first.at("refused"), 0);
+  const Json first = json_of("load " ENCAPCTL_ROUTES);
+  EXPECT_TRUE(says(first, {{"created", true}, {"refused", 0}}));
   EXPECT_GT(first.at("shared"), 0);
   const int hops = first.at("next_hops");
   EXPECT_EQ(first.at("new_nhs").get<int>() + first.at("shared").get<int>(), hops);
-  Json summary = json_of({"summary"});
-  EXPECT_EQ(summary.at("nhs").at("used"), first.at("new_nhs"));
-  EXPECT_EQ(summary.at("nhs").at("references"), hops);
-
-  const Json second = json_of({"load", ENCAPCTL_ROUTES});
-  EXPECT_EQ(second.at("created"), false);
-  EXPECT_EQ(second.at("new_nhs"), 0);
-  EXPECT_EQ(second.at("shared"), hops);
-  summary = json_of({"summary"});
-  EXPECT_EQ(summary.at("nhs").at("references"), 2 * hops);
-  EXPECT_EQ(on_window({"check"}).status, 0);
+  EXPECT_TRUE(says(json_of("summary").at("nhs"), {{"used", first.at("new_nhs")}, {"references", hops}}));
+  EXPECT_TRUE(says(json_of("load " ENCAPCTL_ROUTES), {{"created", false}, {"new_nhs", 0}, {"shared", hops}}));
+  EXPECT_EQ(json_of("summary").at("nhs").at("references"), 2 * hops);
+  EXPECT_EQ(on_window("check").status, 0);
 }
 
 TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
@@ -104,59 +86,51 @@ TEST_F(EncapctlTest, LoadTellsWhatItRefuses) {
       "10.0.4.0/24 encap mpls 202/16004 via 192.0.2.1 dev eth1\n"
       "10.0.5.0/24 encap mpls 16005 via 192.0.2.1 dev eth1\n"
       "10.0.6.0/24 encap mpls 16006 via 192.0.2.1 dev eth1\n");
-  const std::vector<std::string> words = {"load", routes,       "--nh-size", "4",     "--tun-start",
-                                          "0",    "--tun-size", "3",         "--json"};
-  const Outcome run = on_window(words);
+  const Outcome run = on_window("load " + routes + " --nh-size 4 --tun-start 0 --tun-size 3 --json");
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(has(run.err, "line 3"));
-  EXPECT_EQ(run.object().at("refused_lines"), 1);
-  EXPECT_EQ(run.object().at("new_nhs"), 4);
-  EXPECT_EQ(run.object().at("refused"), 2);
-  EXPECT_EQ(run.object().at("refusals"), Json::parse(R"([{"reason":"no NH index from 1000 to 1003 is free","count":1},
-                            {"reason":"no tunnel index from 0 to 2 is free","count":1}])"));
-  EXPECT_TRUE(has(on_window({"load", routes}).out, "1 refused: no NH index from 1000 to 1003 is free"));
-  EXPECT_EQ(on_window({"check"}).status, 0);
-  const Outcome ranges = on_window({"load", routes, "--nh-size", "5"});
-  EXPECT_EQ(ranges.status, 2);
-  EXPECT_TRUE(has(ranges.err, "NH indexes from"));
+  EXPECT_TRUE(says(run.object(), Json::parse(R"({"refused_lines": 1, "new_nhs": 4, "refused": 2, "refusals": [
+    {"reason": "no NH index from 1000 to 1003 is free", "count": 1},
+    {"reason": "no tunnel index from 0 to 2 is free", "count": 1}]})")));
+  EXPECT_TRUE(has(on_window("load " + routes).out, "1 refused: no NH index from 1000 to 1003 is free"));
+  EXPECT_EQ(on_window("check").status, 0);
+  EXPECT_TRUE(ended(on_window("load " + routes + " --nh-size 5"), 2, "NH indexes from"));
   listing(std::string(30u << 20, 'x'));
   const std::pair<std::string, const char *> refusals[] = {{routes + ".none", "No such file"},
                                                            {directory(), "neither a file nor a pipe"},
                                                            {"/dev/zero", "neither a file nor a pipe"},
                                                            {routes, "line 1: it is longer than"}};
   for (const auto &[file, sentence] : refusals) {
-    const Outcome refused = on_window({"load", file});
+    const Outcome refused = on_window("load " + file);
     EXPECT_NE(refused.status, 0) << file;
     EXPECT_TRUE(has(refused.err, sentence));
     EXPECT_LT(refused.err.size(), 300u);
   }
-  EXPECT_TRUE(has(on_window({"load", "-"}, {.in = "/dev/zero"}).err, "is larger than 256.0 MiB"));
+  EXPECT_TRUE(has(on_window("load -", {.in = "/dev/zero"}).err, "is larger than 256.0 MiB"));
 }
 
 // An interface has one number, in whichever listing it comes.
 TEST_F(EncapctlTest, LoadKeepsTheNumbersOfInterfaces) {
-  const auto load = [&](const std::string &routes, const std::string &pair = "") {
-    std::vector<std::string> words = {"load", "-", "--json"};
-    words.insert(words.end(), pair.empty() ? 0 : 1, "--interface=" + pair);
-    return on_window(words, {.in = listing(routes)});
+  const auto load = [&](const std::string &routes, const std::string &option = "") {
+    return on_window("load - --json " + option, {.in = listing(routes)});
   };
   const std::string eth0 = "10.0.0.0/24 encap mpls 16001 dev eth0\n";
   const std::string eth7 = "10.0.1.0/24 encap mpls 16001 dev eth7\n";
   EXPECT_EQ(load(eth0).object().at("new_nhs"), 1);
   EXPECT_EQ(load(eth7 + eth0).object().at("new_nhs"), 1) << "eth7 is another interface than eth0";
   EXPECT_EQ(load(eth7).object().at("shared"), 1);
-  EXPECT_EQ(load("10.0.2.0/24 encap mpls 16001 dev bond3\n", "bond3=0x77").object().at("new_nhs"), 1);
-  EXPECT_EQ(on_window({"show", "nhs", "--ifh", "0x77", "--json"}).objects().size(), 1u);
-  EXPECT_TRUE(has(load(eth0, "eth0=0x77").err, "interface 'eth0' has the number 0x1000000"));
-  EXPECT_TRUE(has(load(eth0, "eth1=0x77").err, "number 0x77 is that of interface 'bond3'"));
-  EXPECT_TRUE(has(load(eth0, "eth1").err, "is no NAME=NUMBER"));
+  EXPECT_EQ(load("10.0.2.0/24 encap mpls 16001 dev bond3\n", "--interface=bond3=0x77").object().at("new_nhs"), 1);
+  EXPECT_EQ(on_window("show nhs --ifh 0x77 --json").objects().size(), 1u);
+  EXPECT_TRUE(has(load(eth0, "--interface=eth0=0x77").err, "interface 'eth0' has the number 0x1000000"));
+  EXPECT_TRUE(has(load(eth0, "--interface=eth1=0x77").err, "number 0x77 is that of interface 'bond3'"));
+  EXPECT_TRUE(has(load(eth0, "--interface=eth1").err, "is no NAME=NUMBER"));
   const std::string numbers = path() + ".interfaces";
   std::ofstream(numbers, std::ios::app) << "0x99 eth";  // cut off by a death
   EXPECT_EQ(load("10.0.3.0/24 encap mpls 16001 dev eth8\n").status, 0);
   EXPECT_EQ(load(eth0 + eth7).object().at("shared"), 2);
   chmod(numbers.c_str(), 0666);
   EXPECT_TRUE(has(load(eth0).err, "another user may write to it"));
-  EXPECT_EQ(on_window({"destroy"}).status, 0);
+  EXPECT_EQ(on_window("destroy").status, 0);
   EXPECT_NE(access(numbers.c_str(), F_OK), 0);
   std::ofstream(path()) << "no window";
   EXPECT_EQ(load(eth0).status, 2);
@@ -175,10 +149,7 @@ TEST_F(EncapctlTest, DestroyFromAnotherPidNamespaceIsRefused) {
                               name_ + " 2>" + directory() + "/refusal";
   EXPECT_NE(std::system(command.c_str()), 0);
   EXPECT_EQ(access(path().c_str(), F_OK), 0);
-  std::ifstream refusal(directory() + "/refusal");
-  std::string text;
-  std::getline(refusal, text);
-  EXPECT_TRUE(has(text, "namespace"));
+  EXPECT_TRUE(has(content_of(directory() + "/refusal"), "namespace"));
 }
 
 // A window of 16 MiB asks for huge pages. How many it gets is the system's matter, and on hugetlbfs it has no others.
@@ -191,7 +162,7 @@ TEST_F(EncapctlTest, HugePagesAreAskedForAndShown) {
     wanted.size = 16 << 20;
     ASSERT_EQ(encap_db_open(&wanted, nullptr, nullptr), 0);
   });
-  const Json window = json_of({"status"}).at("window");
+  const Json window = json_of("status").at("window");
   EXPECT_TRUE(window.at("huge_bytes").is_number());
   std::ifstream lines("/proc/" + holder.pid() + "/smaps");
   std::ostringstream begin;
@@ -211,13 +182,12 @@ TEST_F(EncapctlTest, TheWindowOfAnotherUserIsTrustedWhenNamed) {
   }
   make_database();
   ASSERT_EQ(chown(path().c_str(), 65534, 65534), 0);
-  const std::vector<std::vector<std::string>> verbs = {{"repair"}, {"reclaim", "--dead"}};
-  for (const std::vector<std::string> &verb : verbs) {
-    EXPECT_TRUE(has(on_window(verb).err, "belongs to user 65534")) << verb[0];
+  for (const char *verb : {"repair", "reclaim --dead"}) {
+    EXPECT_TRUE(has(on_window(verb).err, "belongs to user 65534")) << verb;
   }
-  EXPECT_EQ(on_window({"repair", "--user", "65534"}).status, 0);
-  EXPECT_EQ(on_window({"reclaim", "--dead", "--user", "nobody"}).status, 1) << "there is none";
-  EXPECT_TRUE(has(on_window({"repair", "--user", "no one"}).err, "there is no user 'no one'"));
+  EXPECT_EQ(on_window("repair --user 65534").status, 0);
+  EXPECT_EQ(on_window("reclaim --dead --user nobody").status, 1) << "there is none";
+  EXPECT_TRUE(has(on_window("repair --user no-one").err, "there is no user 'no-one'"));
 }
 
 TEST_F(EncapctlTest, AGroupSharesADatabase) {
@@ -225,15 +195,15 @@ TEST_F(EncapctlTest, AGroupSharesADatabase) {
     GTEST_SKIP() << "a file of another group takes root";
   }
   const std::string routes = listing("10.0.0.0/24 encap mpls 200/16001 dev eth1\n");
-  ASSERT_EQ(on_window({"load", routes, "--client", "lab", "--group", "65534"}).status, 0);
+  ASSERT_EQ(on_window("load " + routes + " --client lab --group 65534").status, 0);
   for (const std::string &file : {path(), path() + ".interfaces"}) {
     struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_gid, 65534u) << file;
     EXPECT_EQ(status.st_mode & 0777, 0660u) << file;
   }
-  EXPECT_EQ(on_window({"load", routes, "--client", "lab", "--group", "65534"}).status, 0);
-  EXPECT_TRUE(has(on_window({"load", routes, "--client", "lab"}).err, "may write to it"));
+  EXPECT_EQ(on_window("load " + routes + " --client lab --group 65534").status, 0);
+  EXPECT_TRUE(has(on_window("load " + routes + " --client lab").err, "may write to it"));
 }
 
 }  // namespace

@@ -114,6 +114,28 @@ inline testing::AssertionResult has(const std::string &text, const std::string &
                                                                             << text;
 }
 
+// Whether a run ended with this status and printed this, of a failure (2) to its stderr.
+inline testing::AssertionResult ended(const Outcome &run, int status, const std::string &part) {
+  return run.status == status ? has(status == 2 ? run.err : run.out, part)
+                              : testing::AssertionFailure() << "status " << run.status << "\n"
+                                                            << run.out << run.err;
+}
+
+// Whether an object has all these fields, among others.
+inline testing::AssertionResult says(const Json &object, const Json &fields) {
+  for (const auto &[name, value] : fields.items()) {
+    if (!object.contains(name) || object.at(name) != value) {
+      return testing::AssertionFailure() << name << " is not " << value << " in " << object;
+    }
+  }
+  return testing::AssertionSuccess();
+}
+
+inline std::vector<std::string> split(const std::string &text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), {}};
+}
+
 [[noreturn]] inline void execute(std::vector<std::string> &words, const std::string &in, const std::string &out,
                                  const std::string &err) {
   dup2(open(in.c_str(), O_RDONLY), STDIN_FILENO);

@@ -71,7 +71,7 @@ TEST_F(EncapctlTraceTest, IndexTellsTheLifeOfOneNh) {
   worker_->kill();  // its trace outlives it
   std::vector<int> ids;
   const std::string pid = worker_->pid();
-  for (const Json &record : on_window({"trace", "--index", "1007", "--json"}).objects()) {
+  for (const Json &record : on_window("trace --index 1007 --json").objects()) {
     EXPECT_EQ(record.at("nh"), 1007);
     ids.push_back(record.at("id"));
   }
@@ -83,9 +83,7 @@ TEST_F(EncapctlTraceTest, FiltersByPointTimeAndProcess) {
   EXPECT_EQ(trace({"--point", "vrl_egress_encap_nh_*", "--json"}).objects().size(), 3u);
   EXPECT_EQ(trace({"--index", "1"}).status, 1);
   for (const char *none : {"vrl_nothing", "120"}) {
-    const Outcome run = trace({"--point", none});
-    EXPECT_EQ(run.status, 2);
-    EXPECT_TRUE(has(run.err, std::string("no trace point is called '") + none + "'"));
+    EXPECT_TRUE(ended(trace({"--point", none}), 2, std::string("no trace point is called '") + none + "'"));
   }
   EXPECT_EQ(trace({"--since", "1h", "--json"}).objects().size(), trace({"--json"}).objects().size());
   EXPECT_EQ(trace({"--since", "5"}).status, 2) << "5 what";
@@ -105,23 +103,18 @@ TEST_F(EncapctlTraceTest, RecordsAreThoseOfProcessesAttachedToTheDatabase) {
     live_and_die();
   });
   name_ = own_name;
-  for (const char *verb : {"trace --index 1007 --json", "find nh=1007 --records 100 --json"}) {
-    std::istringstream split(verb);
-    const std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
-    std::vector<std::string> all = words;
-    all.push_back("--all-traces");
-    EXPECT_EQ(std::set<std::string>({worker_->pid()}), pids_in(on_window(words))) << verb;
-    EXPECT_EQ(std::set<std::string>({worker_->pid(), other.pid()}), pids_in(on_window(all))) << verb;
+  using Pids = std::set<std::string>;
+  for (const std::string verb : {"trace --index 1007 --json", "find nh=1007 --records 100 --json"}) {
+    EXPECT_EQ(pids_in(on_window(verb)), Pids{worker_->pid()}) << verb;
+    EXPECT_EQ(pids_in(on_window(verb + " --all-traces")), (Pids{worker_->pid(), other.pid()})) << verb;
   }
-  const Outcome none = encapctl({"trace", "--dir", directory(), "--name", "none"});
-  EXPECT_EQ(none.status, 2);
-  EXPECT_TRUE(has(none.err, "--all-traces reads"));
+  EXPECT_TRUE(ended(encapctl({"trace", "--dir", directory(), "--name", "none"}), 2, "--all-traces reads"));
   if (geteuid() == 0) {
     for (const auto &file : std::filesystem::directory_iterator(directory() + "/trace")) {
       ASSERT_EQ(chown(file.path().c_str(), 65534, 65534), 0);
     }
-    EXPECT_TRUE(has(on_window({"trace"}).err, "no process that is attached"));
-    EXPECT_EQ(json_of({"find", "nh=1007"}).at("records"), Json::array());
+    EXPECT_TRUE(has(on_window("trace").err, "no process that is attached"));
+    EXPECT_EQ(json_of("find nh=1007").at("records"), Json::array());
   }
 }
 

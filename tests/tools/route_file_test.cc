@@ -36,29 +36,24 @@ std::vector<std::string> hops_of(const RouteFile &file) {
 }
 
 TEST(RouteFileTest, StackIsReadFromTheTopIntoTheKeyFromTheBottom) {
-  const RouteFile file = read("10.1.0.0/24  encap mpls  100/200/16001 via 192.0.2.1 dev eth1 \n");
-  ASSERT_EQ(sentences(file), Sentences{});
-  ASSERT_EQ(hops_of(file), Sentences{"10.1.0.0/24 100/200/16001 eth1"});
-  const Hop &hop = file.hops[0];
-  EXPECT_EQ(hop.via, "192.0.2.1");
-  // out_label1, te_local_label..., out_label2, out_label3, ifh: every other bit of the key is 0.
-  const std::uint32_t words[5] = {16001, 0, 200, 100, 0x01000000};
-  const egress_encap_key_t key = key_of(hop);
-  EXPECT_EQ(std::memcmp(&key, words, sizeof words), 0);
-}
-
-TEST(RouteFileTest, SingleLabelRidesOnTheNullTunnel) {
-  const RouteFile file = read(
-      "198.51.100.1 encap mpls 1048575 dev eth0\n"
-      "198.51.100.2 encap mpls 24001/0 dev eth0\n");
-  ASSERT_EQ(sentences(file), Sentences{});
-  ASSERT_EQ(file.hops.size(), 2u);
-  EXPECT_TRUE(on_null_tunnel(file.hops[0]));
-  EXPECT_EQ(key_of(file.hops[0]).out_label1, kMaxLabel);
-  EXPECT_EQ(key_of(file.hops[0]).out_label2, 0u);
-  EXPECT_FALSE(on_null_tunnel(file.hops[1]));
-  EXPECT_EQ(key_of(file.hops[1]).out_label1, 0u) << "explicit null at the bottom";
-  EXPECT_EQ(key_of(file.hops[1]).out_label2, 24001u);
+  const struct {
+    const char *line;
+    bool on_null_tunnel;
+    std::uint32_t key[5];  // out_label1, te_local_label..., out_label2, out_label3, ifh: every other bit is 0
+  } cases[] = {
+      {"10.1.0.0/24  encap mpls  100/200/16001 via 192.0.2.1 dev eth1 ", false, {16001, 0, 200, 100, 0x01000000}},
+      {"198.51.100.1 encap mpls 1048575 via 192.0.2.1 dev eth0", true, {kMaxLabel, 0, 0, 0, 0x01000000}},
+      {"198.51.100.2 encap mpls 24001/0 via 192.0.2.1 dev eth0", false, {0, 0, 24001, 0, 0x01000000}},
+  };
+  for (const auto &[line, null_tunnel, words] : cases) {
+    const RouteFile file = read(line);
+    ASSERT_EQ(sentences(file), Sentences{}) << line;
+    ASSERT_EQ(file.hops.size(), 1u) << line;
+    EXPECT_EQ(file.hops[0].via, "192.0.2.1");
+    EXPECT_EQ(on_null_tunnel(file.hops[0]), null_tunnel) << line;
+    const egress_encap_key_t key = key_of(file.hops[0]);
+    EXPECT_EQ(std::memcmp(&key, words, sizeof words), 0) << line;
+  }
 }
 
 TEST(RouteFileTest, EveryPrintedAttributeIsReadOver) {
@@ -124,10 +119,7 @@ TEST(RouteFileTest, RoutesWithoutMplsAreSkippedAndHandlesFollowTheFirstAcceptedH
 }
 
 TEST(RouteFileTest, EachBadLineGetsOneSentence) {
-  const struct {
-    const char *line;
-    const char *reason;
-  } cases[] = {
+  const std::pair<const char *, const char *> cases[] = {
       {"10.0.0.0/24 encap mpls 1048576 dev eth1", "label 1048576 is past 20 bits"},
       {"10.0.0.0/24 encap mpls 99999999999/5 dev eth1", "label 99999999999 is past 20 bits"},
       {"10.0.0.0/24 encap mpls 100/x2 dev eth1", "label 'x2' is no number"},
@@ -198,10 +190,7 @@ TEST(RouteFileTest, MplsRoutesAndNextHopObjectsAreReadAsTextAndAsJson) {
 }
 
 TEST(RouteFileTest, WhatIsNoListingIsRefusedWithinBounds) {
-  const struct {
-    std::string text;
-    const char *sentence;
-  } cases[] = {
+  const std::pair<std::string, const char *> cases[] = {
       {"10.0.0.0/24 nhid 7 proto static", "line 1: next-hop object '7' is listed nowhere: `ip nexthop` prints it"},
       {std::string(30u << 20, 'x'), "line 1: it is longer than 1048576 bytes"},
       {std::string(900, 'x'), "is no destination"},
