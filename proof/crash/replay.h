@@ -3,8 +3,8 @@
 #define ENCAP_PROOF_CRASH_REPLAY_H
 
 #include "aftermath.h"
-#include "judge.h"
 #include "support/stepper.h"
+#include "survivors/judge.h"
 
 namespace crash {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "aftermath.h"
+#include "crash/aftermath.h"
 
 namespace crash {
 
