@@ -232,7 +232,6 @@ Message::Type read_nexthop(const nlmsghdr *message, Message &out) {
   if (out.id == 0 || group.size() % sizeof(nexthop_grp) != 0) {
     return Message::Type::kMalformed;
   }
-  out.is_group = attributes.has(NHA_GROUP);
   for (std::size_t at = 0; at < group.size(); at += sizeof(nexthop_grp)) {
     nexthop_grp member{};
     std::memcpy(&member, &group[at], sizeof member);
@@ -240,7 +239,7 @@ Message::Type read_nexthop(const nlmsghdr *message, Message &out) {
   }
   if (attributes.has(NHA_BLACKHOLE)) {
     out.paths.push_back({PathKind::kBlackhole, {}});
-  } else if (!out.is_group) {
+  } else if (!attributes.has(NHA_GROUP)) {
     out.paths.push_back(
         tunnelled(attributes, NHA_ENCAP_TYPE, NHA_ENCAP, attributes.template number<std::uint32_t>(NHA_OIF)));
   }
@@ -264,7 +263,6 @@ void read_message(const nlmsghdr *header, Message &message) {
   message.type = Message::Type::kOther;
   message.route = {};
   message.id = 0;
-  message.is_group = false;
   message.paths.clear();
   message.members.clear();
   message.removed = header->nlmsg_type == RTM_DELROUTE || header->nlmsg_type == RTM_DELNEXTHOP;

@@ -54,7 +54,6 @@ struct Message {
   RouteKey route;                      // of a route
   std::uint32_t id;                    // of a nexthop object; of a route: the object that has its paths, or 0
   std::vector<Path> paths;             // of a route without an object, or of an object
-  bool is_group;                       // of an object
   std::vector<std::uint32_t> members;  // of a group: the objects' ids
 };
 
