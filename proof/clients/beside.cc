@@ -123,7 +123,7 @@ std::string judge(const Steps &steps, const Work &work, const std::vector<std::p
 
 using KeyWords = std::array<std::uint32_t, sizeof(egress_encap_key_t) / 4>;
 
-// For each key whether it is there, its index and its tunnel's; for each NH whether it is there, its references and key.
+// For each key whether it is there, its index and its tunnel's; for each NH the same, its references and its key.
 struct Answers {
   std::vector<std::uint32_t> words;
 

@@ -52,8 +52,8 @@ bool is_one_of(const std::vector<Thing> &things, const Thing &thing) {
   return std::find(things.begin(), things.end(), thing) != things.end();
 }
 
-// Calls wrong_in(state) for each state until it returns what is wrong there, and prints that beside `what`. Returns: true
-// if nothing is wrong.
+// Calls wrong_in(state) for each state until it returns what is wrong there, and prints that beside `what`. Returns:
+// true if nothing is wrong.
 bool play(const Stage &stage, const crash::States &states, const std::string &what,
           const std::function<std::string(const crash::Image &)> &wrong_in);
 

@@ -159,8 +159,8 @@ std::vector<Scenario> heap_scenarios() {
   return all;
 }
 
-// Of the trees: turns of both kinds, and ways in which a node leaves, in both trees. The test of the tree service has all
-// shapes of small trees.
+// Of the trees: turns of both kinds, and ways in which a node leaves, in both trees. The test of the tree service has
+// all shapes of small trees.
 namespace {
 
 struct Shape {

@@ -2,8 +2,8 @@
 //
 //   random_operations [--operations N] [--seed S] [--stray]
 //
-// After every operation: its whole answer, all bytes of both arrays, all nodes of all trees in order, every count; now and
-// then, without --stray, also the inspector's whole check of the window, heap included.
+// After every operation: its whole answer, all bytes of both arrays, all nodes of all trees in order, every count; now
+// and then, without --stray, also the inspector's whole check of the window, heap included.
 #include <cinttypes>
 #include <cstdio>
 #include <random>

@@ -48,8 +48,8 @@ class States {
 };
 
 /*
- * Does `work` in a child process, which may fault or hang, without the handlers of fork(): the child does not enter itself
- * into the window's table of processes. Returns: "" if the work was good, or how the child ended.
+ * Does `work` in a child process, which may fault or hang, without the handlers of fork(): the child does not enter
+ * itself into the window's table of processes. Returns: "" if the work was good, or how the child ended.
  */
 std::string run_in_child(unsigned seconds, const std::function<bool()> &work);
 

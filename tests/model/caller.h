@@ -14,8 +14,8 @@ class Caller {
   // `stray`: breaks the rules as well: indexes in use or out of range, wrong flags, spare bits of keys.
   Caller(encap_test::Model model, std::uint64_t seed, bool stray);
 
-  // Makes one more operation on the database and on the model, and compares the answers, every slot, every tree and every
-  // count. Returns "" or what is wrong.
+  // Makes one more operation on the database and on the model, and compares the answers, every slot, every tree and
+  // every count. Returns "" or what is wrong.
   std::string step();
 
  private:

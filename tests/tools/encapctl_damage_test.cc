@@ -46,8 +46,8 @@ TEST_F(EncapctlDamageTest, RandomBytes) {
   std::mt19937 random(seed);
   for (int round = 0; round < 8; ++round) {
     std::vector<char> damaged = sound_;
-    // The bytes in use, which are few of the window's, are as likely to be hit as the others together. A window with few
-    // changes is one that its header does not refuse.
+    // The bytes in use, which are few of the window's, are as likely to be hit as the others together. A window with
+    // few changes is one that its header does not refuse.
     for (int i = 0; i < 2 << round; ++i) {
       std::size_t at = random() % damaged.size();
       for (int tries = 0; i % 2 == 0 && tries < 1000 && damaged[at] == 0; ++tries) {

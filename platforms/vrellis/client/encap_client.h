@@ -189,15 +189,15 @@ ENCAP_CLIENT_API int encap_client_list(encap_client_t *client, encap_client_info
 
 /*
  * Looks a key up without the lock: waits for no process, changes nothing in the window and writes no trace record. Only
- * when writers changed the same tree during each of thousands of looks, it tries the lock and, if the lock is free, looks
- * once under it.
+ * when writers changed the same tree during each of thousands of looks, it tries the lock and, if the lock is free,
+ * looks once under it.
  * Out: *nh and *tunnel, the indexes; UINT32_MAX for the one, or for both, that is not there.
- * Returns: 0; 2 (ENOENT) when the NH is not there; 22 (EINVAL) when the database is damaged; 11 (EAGAIN) when writers kept
- *   changing the tree during every look, and the lock was never free when it was tried.
+ * Returns: 0; 2 (ENOENT) when the NH is not there; 22 (EINVAL) when the database is damaged; 11 (EAGAIN) when writers
+ *   kept changing the tree during every look, and the lock was never free when it was tried.
  * The answer was true at one moment during the call for everything that clients do. While the process of a call is
  *   stopped, or dead, what it had begun is not seen. A process that uses the operations directly is seen step by step:
- *   an insert after the index of the NH, and that of its tunnel, is in the node; a removal once the NH has left its tree,
- *   and then once the tunnel has left its own.
+ *   an insert after the index of the NH, and that of its tunnel, is in the node; a removal once the NH has left its
+ *   tree, and then once the tunnel has left its own.
  */
 ENCAP_CLIENT_API int encap_client_peek(encap_client_t *client, egress_encap_key_t key, uint32_t *nh, uint32_t *tunnel);
 
@@ -205,8 +205,8 @@ ENCAP_CLIENT_API int encap_client_peek(encap_client_t *client, egress_encap_key_
  * Reads an NH by its index in the same way.
  * Out: *key, *aux and *ref_count (all references, of all processes), filled when 0 is returned.
  * Returns: 0; 2 for a free index; 22 for one out of range, or when the database is damaged; 11 as above.
- * Of a process that uses the operations directly, each word of a slot that it fills, counts or clears is a step: between
- *   two of them the fields may belong to different moments.
+ * Of a process that uses the operations directly, each word of a slot that it fills, counts or clears is a step:
+ *   between two of them the fields may belong to different moments.
  */
 ENCAP_CLIENT_API int encap_client_read(encap_client_t *client, uint32_t nh, egress_encap_key_t *key,
                                        egress_encap_aux_data_t *aux, uint32_t *ref_count);

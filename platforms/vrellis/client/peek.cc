@@ -1,11 +1,11 @@
 // The two calls that look without the lock. Only look_under_lock(), the last resort, writes to the window: to the lock.
 //
-// A look reads the versions (services/avl/undo/versions.h) of what it is about to read, reads it, and reads the versions
-// again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its change may be
-// under way, or its process may have died or been stopped in it. Then every word is read through the undo log, as it was
-// before the change, and the log and the lock's holder must be the same at the end: the version that a dead process left
-// odd behind its commit would not tell that its change is over and another one has begun. So a look fails only if a
-// writer went on meanwhile.
+// A look reads the versions (services/avl/undo/versions.h) of what it is about to read, reads it, and reads the
+// versions again: when they are the same, nothing that was read has changed meanwhile. While a version is odd, its
+// change may be under way, or its process may have died or been stopped in it. Then every word is read through the undo
+// log, as it was before the change, and the log and the lock's holder must be the same at the end: the version that a
+// dead process left odd behind its commit would not tell that its change is over and another one has begun. So a look
+// fails only if a writer went on meanwhile.
 #include <pthread.h>
 
 #include <cerrno>
@@ -48,8 +48,8 @@ class PlainLook {
  public:
   explicit PlainLook(KnownTunnels &known) : known_(known) {}
 
-  // Before anything is read whose version this is: of a first record, and then of one more. Returns: false when this look
-  // is in vain.
+  // Before anything is read whose version this is: of a first record, and then of one more. Returns: false when this
+  // look is in vain.
   bool watch(Word place) {
     first_ = Watched(window_.window, place);
     return !first_.is_odd();

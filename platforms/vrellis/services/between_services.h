@@ -24,8 +24,8 @@ inline constexpr std::size_t kUserAreaBytes = 1024;  // SHMWIN_USER_AREA_BYTES
 // the tree service writes to it.
 inline constexpr std::size_t kTreeAreaBytes = 16384;
 
-// Its versions, likewise (avl/undo/versions.h): bytes from the window's begin, and how many words. The first eight hold the
-// version of trees in the user area, which needs a cache line of its own.
+// Its versions, likewise (avl/undo/versions.h): bytes from the window's begin, and how many words. The first eight hold
+// the version of trees in the user area, which needs a cache line of its own.
 inline constexpr std::size_t kUserAreaOffset = 1024;
 inline constexpr std::size_t kVersionsOffset = 128;
 inline constexpr std::size_t kOwnVersionWords = 8;

@@ -1,5 +1,5 @@
-// The answers between a death and its repair where they differ from those before and after the interrupted operation. The
-// one table of them stands in docs/crash-promise.md: crash_steps accepts no other answer.
+// The answers between a death and its repair where they differ from those before and after the interrupted operation.
+// The one table of them stands in docs/crash-promise.md: crash_steps accepts no other answer.
 #include <fstream>
 #include <sstream>
 

@@ -12,7 +12,7 @@ using Snapshot = WindowOf<44>;  // as much of the window as these trees use
 
 class AvlUndo : public AvlTest {
  protected:
-  // The even keys are in the trees, the odd ones are not. Half of the keys go by a copy of the root, as the database's do.
+  // The even keys are in the trees, the odd ones are not. Half of them go by a copy of the root, as in the database.
   static bool toggle(std::uint64_t key) {
     return change(key % 2 == 0 ? avl_delete : avl_insert, key, &window_->root, key % 4 < 2);
   }

@@ -80,7 +80,7 @@ std::int64_t monotonic_ns() {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-// A look at the whole range. Returns: false when no slot is free, or when the last look that found none is not long ago.
+// A look at the whole range. Returns: false when no slot is free, or the last look that found none is not long ago.
 template <typename Kind>
 bool look_again(std::uint32_t *index) {
   if (monotonic_ns() < Kind::next_look_ns) {

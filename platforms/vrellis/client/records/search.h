@@ -1,5 +1,5 @@
-// What a look reads, and a search under the lock: trees and slots, whose words may be damaged. Without the lock they may
-// change meanwhile, too.
+// What a look reads, and a search under the lock: trees and slots, whose words may be damaged. Without the lock they
+// may change meanwhile, too.
 #ifndef VRELLIS_CLIENT_SEARCH_H
 #define VRELLIS_CLIENT_SEARCH_H
 
@@ -50,8 +50,8 @@ template <typename Node, typename Look>
   return {__builtin_bswap64(look.word(key)), kIsTunnel<Node> ? __builtin_bswap32(look.half(key + 8)) : 0};
 }
 
-// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there; *end, the last node that was
-// looked at. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
+// Searches the tree below `node`, which may be 0. Out: *found, 0 when the key is not there; *end, the last node that
+// was looked at. Returns: 0; EINVAL when the tree is damaged, or has changed meanwhile.
 template <typename Node, typename Look>
 [[gnu::always_inline]] inline int search(Look &look, std::uint64_t node, const SearchKey &key, std::uint64_t *found,
                                          std::uint64_t *end) {

@@ -33,15 +33,15 @@ AVL_CHANGE_API int avl_change_begin(void **root);
 /*
  * Tells where the caller's own search of a tree of this change ended: at the node of the key, or at the node that a new
  * node of the key would hang under. `top` is the tree's top node. The next search or insert of that key in that tree
- * goes there at once. Two trees are remembered, in places 0 and 1, until the change ends. A null `end` is none. Requires
- * that the tree has not changed since.
+ * goes there at once. Two trees are remembered, in places 0 and 1, until the change ends. A null `end` is none.
+ * Requires that the tree has not changed since.
  */
 AVL_CHANGE_API void avl_change_searched(unsigned place, const void *top, void *end);
 
 /*
  * Tells readers without the lock that the record at `record`, which is no tree, changes until the change is committed:
- * its version (avl/undo/versions.h) is odd from here on. Requires that something has been noted, and that the record has
- * not changed yet.
+ * its version (avl/undo/versions.h) is odd from here on. Requires that something has been noted, and that the record
+ * has not changed yet.
  */
 AVL_CHANGE_API void avl_change_version(const void *record);
 

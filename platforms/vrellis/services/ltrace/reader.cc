@@ -118,9 +118,6 @@ std::unique_ptr<TraceFile> TraceFile::open(const std::string &path, std::string 
 std::uint32_t TraceFile::pid() const {
   return header_->pid;
 }
-std::uint64_t TraceFile::start_time() const {
-  return header_->start_time;
-}
 std::uint32_t TraceFile::num_rings() const {
   return header_->num_rings;
 }

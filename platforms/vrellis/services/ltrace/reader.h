@@ -81,7 +81,6 @@ class TraceFile {
   // The process that wrote the file, as the file says. Only its owner could write this: a file that claims to be of a
   // process of another user is forged unless its owner is root, so compare uid() with the owner of that process.
   std::uint32_t pid() const;
-  std::uint64_t start_time() const;
   uid_t uid() const { return uid_; }  // the owner of the file, not what the file says
   std::string comm() const;
   std::string component(std::uint32_t tag) const;  // empty when it was never named

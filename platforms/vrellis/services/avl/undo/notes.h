@@ -36,8 +36,8 @@ inline UndoEntry *write_count(UndoEntry *entry, const std::uint32_t *count, std:
   return write_entry(entry, address_of(count) + kCount, Word{*count} << 32 | next);
 }
 
-// Adds so many entries, which `write` writes, all by one store. Ends the process when the bound of a change's length (U4)
-// is wrong: a word that is not noted could not be taken back.
+// Adds so many entries, which `write` writes, all by one store. Ends the process when the bound of a change's length
+// (U4) is wrong: a word that is not noted could not be taken back.
 template <typename Write>
 [[gnu::always_inline]] inline void add_entries(UndoLog &log, std::size_t entries, Write write) {
   const Word count = log.count;

@@ -4,8 +4,8 @@
 // The two lowest bits of an entry's address say what it names:
 //   kWord    an 8-byte word: `old` is what it held
 //   kHalf    a 4-byte word: likewise
-//   kCount   a 4-byte count: `old` is what it held, shifted by 32, and what it becomes. Processes that do not settle the
-//            window before they count may have changed it since, so the difference is taken back. Bit 31 of the
+//   kCount   a 4-byte count: `old` is what it held, shifted by 32, and what it becomes. Processes that do not settle
+//            the window before they count may have changed it since, so the difference is taken back. Bit 31 of the
 //            4-byte word behind a count has no meaning of its own.
 //   kMark    no word: tells when the counts of the entries before it have changed, by `old` (Counted)
 #ifndef VRELLIS_AVL_UNDO_LOG_H

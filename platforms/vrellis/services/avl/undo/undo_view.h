@@ -1,5 +1,5 @@
-// What the words of a window were before the change that is open, for a reader without the lock. The same rules as those
-// by which restore_log() (undo_log.h) writes them, without a store.
+// What the words of a window were before the change that is open, for a reader without the lock. The same rules as
+// those by which restore_log() (undo_log.h) writes them, without a store.
 #ifndef VRELLIS_AVL_UNDO_VIEW_H
 #define VRELLIS_AVL_UNDO_VIEW_H
 

@@ -1,15 +1,15 @@
 // Versions of trees and of other records in a window, for readers that take no lock.
 //
 // Word 0 is the version of the trees whose root fields lie in the window's user area (the tunnel tree of a database).
-// Every other root field, or other record, shares one of kSharedVersions words, which its address selects by a shift and
-// a mask.
+// Every other root field, or other record, shares one of kSharedVersions words, which its address selects by a shift
+// and a mask.
 //
 // Invariants:
-//   V1  A word of a tree that readers can reach changes only while the tree's version is odd, and the version becomes odd
-//       only when an entry of the undo log is in use. (The first node of a tree comes, and the last one goes, by one
-//       store. Outside an open change that store has no entry, and the first node comes without a new version.)
-//   V2  The version becomes another even number only after the change is committed, and another odd number when the next
-//       change begins. So an odd version beside an empty log belongs to a change that is committed or rolled back.
+//   V1  A word of a tree that readers can reach changes only while the tree's version is odd, and the version becomes
+//       odd only when an entry of the undo log is in use. (The first node of a tree comes, and the last one goes, by
+//       one store. Outside an open change that store has no entry, and the first node comes without a new version.)
+//   V2  The version becomes another even number only after the change is committed, and another odd number when the
+//       next change begins. So an odd version beside an empty log belongs to a change that is committed or rolled back.
 //   V3  No version ever takes an earlier value again (before 2^64 changes).
 //
 // A dead process may leave a version odd: the roll-back makes it even, and so does the next change of that tree.
