@@ -1,9 +1,9 @@
 // encapd's feed: any bytes, in any pieces. Afterwards the client's ledger must have what the routes need.
 #include <algorithm>
-#include <filesystem>
 #include <iterator>
 #include <optional>
 
+#include "database.h"
 #include "feed/feed.h"
 #include "fuzz_input.h"
 
@@ -12,28 +12,15 @@ namespace {
 struct World {
   World() {
     encapd::set_level(encapd::Level::kError);
-    if (mkdtemp(directory.data()) == nullptr) {
-      fuzz::found("no directory");
-    }
-    encap_client_config_t config{};
-    config.name = "fpm";
-    config.database.directory = directory.c_str();
-    config.database.name = "encaps";
-    config.database.shm_id = 1;
-    config.database.nh_start = 1;
-    config.database.nh_size = 8;  // small, so that some find no room
-    config.database.tun_start = 1;
-    config.database.tun_size = 4;
+    // Small ranges, so that some find no room.
+    const encap_client_config_t config{test_support::database_in(directory.path(), "encaps", 1, {1, 8}, {1, 4}), "fpm"};
     shmwin_error_t error{};
     if (encap_client_open(&config, &client, &error) != 0) {
       fuzz::found(error.text);
     }
     feed.emplace(client, events, std::nullopt);
   }
-  ~World() {
-    feed->leave();
-    std::filesystem::remove_all(directory);
-  }
+  ~World() { feed->leave(); }
 
   // References, and of these stale ones.
   void count(std::uint64_t &held, std::uint64_t &stale) {
@@ -44,7 +31,7 @@ struct World {
     stale = info.stale;
   }
 
-  std::string directory = "/dev/shm/fuzz-fpm.XXXXXX";
+  const test_support::Directory directory;
   encap_client_t *client = nullptr;
   encapd::Events events{-1};
   std::optional<encapd::Feed> feed;

@@ -1,11 +1,7 @@
 // The reader of trace files: a sound file in which some words are written over, at times cut short.
-#include <unistd.h>
-
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "directory.h"
 #include "fuzz_input.h"
 #include "ltrace.h"
 #include "ltrace/file.h"
@@ -13,16 +9,12 @@
 
 namespace {
 
-std::string directory = "/dev/shm/fuzz-trace-XXXXXX";
+const test_support::Directory directory;
 
 // A trace file of this process's own, with a ring of the smallest size.
 std::string sound_file() {
   constexpr std::uint64_t kRecord = std::uint64_t{1} << 31;
-  if (mkdtemp(directory.data()) == nullptr) {
-    fuzz::found("no directory");
-  }
-  std::atexit([] { std::filesystem::remove_all(directory); });
-  setenv("LTRACE_DIR", directory.c_str(), 1);
+  setenv("LTRACE_DIR", directory.path().c_str(), 1);
   setenv("LTRACE_RING_KIB", "8", 1);
   unsetenv("LTRACE");
   ltrace_name_component(1, "seed");
@@ -30,16 +22,14 @@ std::string sound_file() {
     _ltrace_1(0, kRecord | (i + 1), i);
     _ltrace_3(0, kRecord | (i + 2), i, i, i);
   }
-  std::ifstream file(ltrace_path(), std::ios::binary);
-  std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  return bytes.substr(0, vrellis::kRingHeaderBytes + 2 * vrellis::kMinRingKib * 1024);
+  return test_support::content_of(ltrace_path()).substr(0, vrellis::kRingHeaderBytes + 2 * vrellis::kMinRingKib * 1024);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
   static const std::string sound = sound_file();
-  static const std::string path = directory + "/damaged";
+  static const std::string path = directory.path() + "/damaged";
   fuzz::Input input(data, size);
   const auto cut = input.take<std::uint8_t>();
   std::string bytes = sound.substr(0, cut < 240 ? sound.size() : sound.size() * (cut - 240U) / 16 + cut % 7);

@@ -8,17 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include "check/check.h"
 #include "shmwin/layout.h"
 
 namespace crash {
-namespace {
-
-const Directory *newest = nullptr;
-
-}  // namespace
 
 void give_up(const char *format, ...) {
   va_list arguments;
@@ -26,40 +20,13 @@ void give_up(const char *format, ...) {
   std::vfprintf(stderr, format, arguments);
   va_end(arguments);
   std::fputc('\n', stderr);
-  if (newest != nullptr) {
-    newest->remove();
-  }
+  Directory::remove_newest();
   std::exit(1);
 }
 
-Directory::Directory() : path_("/dev/shm/encap-crash-XXXXXX"), maker_(getpid()) {
-  if (mkdtemp(path_.data()) == nullptr) {
-    give_up("cannot make a directory in /dev/shm");
-  }
-  newest = this;
-}
-
-Directory::~Directory() {
-  remove();
-  newest = nullptr;
-}
-
-void Directory::remove() const {
-  if (getpid() == maker_) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-}
-
 encap_db_config_t config_in(const Directory &directory, std::uint64_t size) {
-  encap_db_config_t config{};
-  config.directory = directory.path().c_str();
-  config.name = "window";
-  config.shm_id = kWindowId;
-  config.nh_start = kNhStart;
-  config.nh_size = kNhSize;
-  config.tun_start = kTunStart;
-  config.tun_size = kTunSize;
+  encap_db_config_t config =
+      test_support::database_in(directory.path(), "window", kWindowId, {kNhStart, kNhSize}, {kTunStart, kTunSize});
   config.size = size;
   return config;
 }

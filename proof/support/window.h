@@ -9,34 +9,20 @@
 #include <vector>
 
 #include "check/check.h"
-#include "encap_db_owner.h"
+#include "database.h"
 
 namespace crash {
 
+using test_support::Directory;
 using Image = std::vector<std::uint8_t>;  // all bytes of a window
 
 inline constexpr std::uint32_t kWindowId = 3;
 inline constexpr std::uint32_t kNhStart = 1000, kNhSize = 128, kTunStart = 10, kTunSize = 100;
 inline constexpr std::uint64_t kWindowBytes = 64 * 1024;
 
-// A fresh directory, removed with all its files at the end, also by give_up(); one at a time.
-class Directory {
- public:
-  Directory();
-  ~Directory();
-  Directory(const Directory &) = delete;
-  Directory &operator=(const Directory &) = delete;
-  const std::string &path() const { return path_; }
-  void remove() const;
-
- private:
-  std::string path_;
-  pid_t maker_;  // a forked child leaves it alone
-};
-
 encap_db_config_t config_in(const Directory &directory, std::uint64_t size = kWindowBytes);
 
-// Prints the sentence and ends the program: for what no test can go on without.
+// Prints the sentence, removes the program's directory and ends it: for what no test can go on without.
 [[noreturn]] void give_up(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // This process's open database.

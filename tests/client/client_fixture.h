@@ -4,14 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "child.h"
+#include "database.h"
 #include "encap_client.h"
 #include "records/layout.h"
 
@@ -45,22 +44,10 @@ using Holdings = std::map<std::uint32_t, std::pair<std::uint32_t, std::uint32_t>
 
 class ClientTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-    config_.directory = directory_.c_str();
-    config_.name = "encaps";
-    config_.shm_id = 3;
-    config_.nh_start = kNhStart;
-    config_.nh_size = 400;
-    config_.tun_start = kTunStart;
-    config_.tun_size = 100;
-  }
-
   void TearDown() override {
     for (encap_client_t *client : open_) {
       encap_client_close(client);
     }
-    std::filesystem::remove_all(directory_);
   }
 
   int open(const char *name, encap_client_t **client) {
@@ -120,8 +107,9 @@ class ClientTest : public ::testing::Test {
 
   static std::uint32_t count_of(std::uint32_t nh) { return egress_encap_db->nh_info_array[nh - kNhStart].ref_count; }
 
-  std::string directory_ = (std::filesystem::temp_directory_path() / "encap-client.XXXXXX").string();
-  encap_db_config_t config_{};
+  const Directory home_;
+  const std::string &directory_ = home_.path();
+  encap_db_config_t config_ = database_in(directory_, "encaps", 3, {kNhStart, 400}, {kTunStart, 100});
   shmwin_error_t error_{};
   std::set<encap_client_t *> open_;
 };

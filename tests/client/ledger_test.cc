@@ -11,7 +11,6 @@ namespace {
 class LedgerTest : public ClientTest {
  protected:
   void SetUp() override {
-    ClientTest::SetUp();
     config_.nh_size = 40'000;
     config_.tun_size = 1000;
   }

@@ -4,14 +4,13 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
 #include "child.h"
-#include "encap_db_owner.h"
+#include "database.h"
 
 namespace {
 
@@ -21,21 +20,7 @@ using test_support::in_child;
 
 class OwnerTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-    config_.directory = directory_.c_str();
-    config_.name = "encaps";
-    config_.shm_id = kId;
-    config_.nh_start = 1000;
-    config_.nh_size = 500;
-    config_.tun_start = 10;
-    config_.tun_size = 50;
-  }
-
-  void TearDown() override {
-    encap_db_close();
-    std::filesystem::remove_all(directory_);
-  }
+  void TearDown() override { encap_db_close(); }
 
   int open() { return encap_db_open(&config_, &created_, &error_); }
 
@@ -63,8 +48,9 @@ class OwnerTest : public ::testing::Test {
     return vrl_insert_egress_encap(&info, key);
   }
 
-  std::string directory_ = "/dev/shm/owner_test.XXXXXX";
-  encap_db_config_t config_{};
+  const test_support::Directory home_;
+  const std::string &directory_ = home_.path();
+  encap_db_config_t config_ = test_support::database_in(directory_, "encaps", kId, {1000, 500}, {10, 50});
   shmwin_error_t error_{};
   int created_ = -1;
 };
@@ -172,8 +158,7 @@ TEST_F(OwnerTest, ADamagedHeaderNeverHarmsAProcessThatOpensIt) {
   ASSERT_EQ(open(), 0) << error_.text;
   ASSERT_EQ(enter(1003, 12), 0);
   ASSERT_EQ(encap_db_close(), 0);
-  std::ifstream file(directory_ + "/encaps", std::ios::binary);
-  const std::string sound{std::istreambuf_iterator<char>(file), {}};
+  const std::string sound = test_support::content_of(directory_ + "/encaps");
   for (std::size_t offset = 0; offset <= 1024 + 48; offset += offset == 88 ? 936 : 8) {
     for (const char value : {'\x00', '\x01', '\x7f', '\xff'}) {
       std::string damaged = sound;

@@ -2,13 +2,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
+#include "database.h"
 #include "ed.h"
 #include "ed_catalogue.h"
-#include "encap_db_owner.h"
 
 namespace {
 
@@ -22,13 +20,8 @@ TEST(Unload, ThePointsCanBeListedAndSwitchedAfterwards) {
   void *const database = dlopen(DATABASE_LIBRARY, RTLD_NOW);
   void *const owner = dlopen(OWNER_LIBRARY, RTLD_NOW);
   ASSERT_TRUE(services != nullptr && database != nullptr && owner != nullptr) << dlerror();
-  std::string directory = "/dev/shm/unload_test.XXXXXX";
-  ASSERT_NE(mkdtemp(directory.data()), nullptr);
-  encap_db_config_t config{};
-  config.directory = directory.c_str();
-  config.name = "encaps";
-  config.nh_start = 1000;
-  config.nh_size = 10;
+  const test_support::Directory directory;
+  const encap_db_config_t config = test_support::database_in(directory.path(), "encaps", 0, {1000, 10}, {0, 0});
   shmwin_error_t error{};
   EXPECT_EQ(find<decltype(encap_db_open)>(owner, "encap_db_open")(&config, nullptr, &error), 0) << error.text;
   EXPECT_EQ(find<decltype(encap_db_close)>(owner, "encap_db_close")(), 0);
@@ -37,7 +30,6 @@ TEST(Unload, ThePointsCanBeListedAndSwitchedAfterwards) {
   for (void *const library : {owner, database, services}) {
     EXPECT_EQ(dlclose(library), 0);
   }
-  std::filesystem::remove_all(directory);
 
   EXPECT_EQ(query("func vrl_find_egress_encap category event +t", nullptr), 0);
   std::size_t bytes = 0;

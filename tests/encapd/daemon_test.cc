@@ -11,8 +11,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "feed_fixture.h"
@@ -29,12 +27,6 @@ class DaemonTest : public EncapdTest {
   }
 
   std::string path(const char *name) const { return directory_ + "/" + name; }
-
-  static std::string text_of(const std::string &file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-  }
 
   void start(std::vector<std::string> options, const std::string &fpm = "127.0.0.1:0") {
     unlink(path("encaps.fpm.status").c_str());
@@ -72,17 +64,17 @@ class DaemonTest : public EncapdTest {
   // Waits until the status says it.
   void await(const std::string &said) {
     for (int tries = 0; tries < 3000; ++tries) {
-      if (text_of(path("encaps.fpm.status")).find(said) != std::string::npos) {
+      if (content_of(path("encaps.fpm.status")).find(said) != std::string::npos) {
         return;
       }
       std::this_thread::sleep_for(10ms);
     }
-    FAIL() << said << " is never said: " << text_of(path("encaps.fpm.status")) << text_of(path("log"));
+    FAIL() << said << " is never said: " << content_of(path("encaps.fpm.status")) << content_of(path("log"));
   }
 
   void connect() {
     await("listening");
-    const std::string status = text_of(path("encaps.fpm.status"));
+    const std::string status = content_of(path("encaps.fpm.status"));
     const std::string before = "\"listening\":\"127.0.0.1:";
     const int port = std::stoi(status.substr(status.find(before) + before.size()));
     disconnect();
@@ -110,14 +102,7 @@ class DaemonTest : public EncapdTest {
 
   // What the database says of the daemon's client; the database must be sound.
   encap_client_info_t info() {
-    config_ = {};
-    config_.directory = directory_.c_str();
-    config_.name = "encaps";
-    config_.shm_id = 1;
-    config_.nh_start = 1000;
-    config_.nh_size = 65536;
-    config_.tun_start = 1;
-    config_.tun_size = 16384;
+    config_ = test_support::database_in(directory_, "encaps", 1, {1000, 65536}, {1, 16384});
     encap_client_t *const watch = client("watch");
     const encap_client_info_t info = info_of_encapd(watch);
     expect_sound();
@@ -164,7 +149,7 @@ TEST_F(DaemonTest, IsKilledInAFloodAndEndsAsIfItHadNotBeen) {
   start({"--leave"});
   await("listening");
   EXPECT_EQ(end(SIGTERM), 0);
-  EXPECT_EQ(text_of(path("encaps.fpm.status")), "");
+  EXPECT_EQ(content_of(path("encaps.fpm.status")), "");
   start({});
   await("listening");
   EXPECT_EQ(info().held, 0U);
@@ -187,7 +172,7 @@ TEST_F(DaemonTest, ServesOneRouterAtATime) {
   await("\"connected\":false");
   EXPECT_EQ(info().held, 1U);
   EXPECT_EQ(end(SIGINT), 0);
-  const std::string events = text_of(path("events"));
+  const std::string events = content_of(path("events"));
   EXPECT_NE(events.find(R"("event":"left")"), events.npos) << events;
   EXPECT_NE(events.find(R"("prefix":"10.2.0.0/16")", events.find(R"("event":"left")")), events.npos) << events;
 }
@@ -258,7 +243,7 @@ TEST_F(DaemonTest, RefusesWhatItCannotServe) {
     unlink(path("log").c_str());
     start(options, fpm);
     const int status = end(0);
-    EXPECT_NE(text_of(path("log")).find(sentence), std::string::npos) << text_of(path("log"));
+    EXPECT_NE(content_of(path("log")).find(sentence), std::string::npos) << content_of(path("log"));
     return status;
   };
   EXPECT_EQ(refused("0.0.0.0:0", {}, "it needs --allow-remote"), 2);

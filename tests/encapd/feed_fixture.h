@@ -14,6 +14,7 @@ namespace encapd_tests {
 
 using namespace std::chrono_literals;
 using router::Buffer, router::frame, router::named, router::route, router::withdrawal, router::operator+;
+using test_support::content_of;
 
 // Labels 1 to 3 and interface.
 using Key = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, std::uint32_t>;
@@ -44,10 +45,7 @@ class EncapdTest : public test_support::ClientTest {
 
 class FeedTest : public EncapdTest {
  protected:
-  void SetUp() override {
-    ClientTest::SetUp();
-    encapd::set_level(encapd::Level::kError);
-  }
+  void SetUp() override { encapd::set_level(encapd::Level::kError); }
 
   void TearDown() override {
     feed_.reset();

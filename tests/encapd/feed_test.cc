@@ -1,9 +1,6 @@
 // What a router's messages make of the database: paths, objects, refusals, refreshes.
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "feed_fixture.h"
 
 namespace encapd_tests {
@@ -69,11 +66,10 @@ TEST_F(FeedTest, WhatStaysNeverLeavesTheHardware) {
   const int fd = mkstemp(path);
   events_ = encapd::Events(fd);
   const auto lines = [&] {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
+    const std::string text = content_of(path);
     EXPECT_EQ(ftruncate(fd, 0), 0);
     lseek(fd, 0, SEEK_SET);
-    return text.str();
+    return text;
   };
   const auto count = [](const std::string &text, const char *what) {
     std::size_t found = 0;

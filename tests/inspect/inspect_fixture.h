@@ -3,7 +3,6 @@
 #define INSPECT_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -13,7 +12,7 @@
 #include <vector>
 
 #include "child.h"
-#include "encap_db_owner.h"
+#include "database.h"
 #include "repair/repair.h"
 #include "shmwin/layout.h"
 
@@ -35,15 +34,8 @@ class InspectTest : public ::testing::Test {
  protected:
   static constexpr std::uint32_t kId = 3;
 
-  void SetUp() override {
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-    open({});
-  }
-
-  void TearDown() override {
-    encap_db_close();
-    std::filesystem::remove_all(directory_);
-  }
+  void SetUp() override { open({}); }
+  void TearDown() override { encap_db_close(); }
 
   void open(const Ranges &ranges) {
     encap_db_close();
@@ -59,15 +51,8 @@ class InspectTest : public ::testing::Test {
   }
 
   encap_db_config_t config_of(const char *name) const {
-    encap_db_config_t config{};
-    config.directory = directory_.c_str();
-    config.name = name;
-    config.shm_id = kId;
-    config.nh_start = ranges_.nh_start;
-    config.nh_size = ranges_.nh_size;
-    config.tun_start = ranges_.tun_start;
-    config.tun_size = ranges_.tun_size;
-    return config;
+    return test_support::database_in(directory_, name, kId, {ranges_.nh_start, ranges_.nh_size},
+                                     {ranges_.tun_start, ranges_.tun_size});
   }
 
   std::string path() const { return directory_ + "/window"; }
@@ -171,7 +156,8 @@ class InspectTest : public ::testing::Test {
     return result;
   }
 
-  std::string directory_ = "/dev/shm/inspect_test.XXXXXX";
+  const test_support::Directory home_;
+  const std::string &directory_ = home_.path();
   Ranges ranges_;
   std::uint8_t *window_ = nullptr;
   std::size_t bytes_ = 0;

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "child.h"
+#include "database.h"
 #include "encap_client.h"
-#include "encap_db_owner.h"
 #include "encapctl_run.h"
 #include "mpls_egress_encap_db.h"
 
@@ -77,13 +77,7 @@ class EncapctlTest : public testing::Test {
   }
 
   encap_db_config_t config() const {
-    encap_db_config_t config{};
-    config.directory = directory().c_str();
-    config.name = name_.c_str();
-    config.shm_id = 1;
-    config.nh_start = kNhStart, config.nh_size = kNhSize;
-    config.tun_start = kTunStart, config.tun_size = kTunSize;
-    return config;
+    return test_support::database_in(directory(), name_.c_str(), 1, {kNhStart, kNhSize}, {kTunStart, kTunSize});
   }
 
   // Opens the test's database in this process, or attaches it.

@@ -20,38 +20,26 @@
 #include <string>
 #include <vector>
 
+#include "directory.h"
+
 namespace encapctl_test {
 
 using Json = nlohmann::json;
+using test_support::content_of;
 
 // One a test process, which its trace files are in too: made at first use, removed when that process ends.
-struct Directory {
-  std::string path;
-  pid_t owner = getpid();
-
-  Directory() {
-    char name[] = "/dev/shm/encapctl-test-XXXXXX";
-    path = mkdtemp(name);
-    setenv("LTRACE_DIR", (path + "/trace").c_str(), 1);
+struct TestDirectory : test_support::Directory {
+  TestDirectory() {
+    setenv("LTRACE_DIR", (path() + "/trace").c_str(), 1);
     for (const char *inherited : {"LTRACE", "ED_DEBUG", "ENCAPCTL_DIR", "ENCAPCTL_NAME", "NO_COLOR"}) {
       unsetenv(inherited);
-    }
-  }
-  ~Directory() {
-    if (getpid() == owner) {
-      std::filesystem::remove_all(path);
     }
   }
 };
 
 inline const std::string &directory() {
-  static const Directory directory;
-  return directory.path;
-}
-
-inline std::string content_of(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  static const TestDirectory made;
+  return made.path();
 }
 
 inline std::vector<Json> lines_of(const std::string &text) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "child.h"
+#include "directory.h"
 #include "ltrace.h"
 #include "ltrace/reader.h"
 #include "ptd.h"
@@ -58,13 +59,11 @@ inline void make_mutex(pthread_mutex_t *mutex, int type = PTHREAD_MUTEX_RECURSIV
 class TraceTest : public testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_NE(mkdtemp(directory_.data()), nullptr);
     setenv("LTRACE_DIR", directory_.c_str(), 1);
     for (const char *setting : {"LTRACE", "LTRACE_RING_KIB", "PTD_SPIN_NS"}) {
       unsetenv(setting);
     }
   }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
 
   std::vector<std::unique_ptr<TraceFile>> open_all() const {
     std::vector<std::unique_ptr<TraceFile>> files;
@@ -91,7 +90,8 @@ class TraceTest : public testing::Test {
     return {std::move(records), report};
   }
 
-  std::string directory_ = "/dev/shm/ltrace-test-XXXXXX";
+  const Directory home_;
+  const std::string &directory_ = home_.path();
 };
 
 }  // namespace vrellis

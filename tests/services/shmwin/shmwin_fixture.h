@@ -12,6 +12,7 @@
 #include <string>
 
 #include "child.h"
+#include "directory.h"
 #include "shmwin.h"
 #include "shmwin/layout.h"
 
@@ -26,13 +27,10 @@ using namespace test_support;
 
 class WindowTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(directory_.data()), nullptr); }
-
   void TearDown() override {
     for (std::uint32_t id = 0; id < 32; ++id) {
       shmwin_detach(id);
     }
-    std::filesystem::remove_all(directory_);
   }
 
   shmwin_config_t config(std::uint32_t id = kId, const char *name = "window") const {
@@ -94,7 +92,8 @@ class WindowTest : public ::testing::Test {
     EXPECT_EQ(std::strchr(error_.text, '\n'), nullptr);
   }
 
-  std::string directory_ = "/dev/shm/shmwin_test.XXXXXX";
+  const Directory home_;
+  const std::string &directory_ = home_.path();
   shmwin_error_t error_{};
   bool created_ = false;
 };

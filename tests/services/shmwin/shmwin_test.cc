@@ -110,7 +110,6 @@ class OwnedWindowTest : public WindowTest {
     if (geteuid() != 0) {
       GTEST_SKIP() << "files of other users need root";
     }
-    WindowTest::SetUp();
     chmod(directory_.c_str(), 01777);
   }
 
