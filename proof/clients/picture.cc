@@ -7,6 +7,7 @@
 namespace client_proof {
 namespace {
 
+using clients::at;
 using clients::ClientRecord;
 using clients::ClientRoot;
 using clients::Holding;
@@ -16,11 +17,6 @@ using clients::QueuePage;
 
 const ClientRoot &root() {
   return *reinterpret_cast<const ClientRoot *>(reinterpret_cast<const char *>(egress_encap_db) + clients::kRootOffset);
-}
-
-template <typename Record>
-Record *at(std::uint64_t address) {
-  return reinterpret_cast<Record *>(address);
 }
 
 std::vector<std::uint32_t> waiting_in(const IndexQueue &queue) {

@@ -257,22 +257,16 @@ class ClientProcess : Member {
 
   void close(encap_client_t *client, bool leaves) {
     crash::park_if_asked(journal_.herd, owner_);
-    if (!leaves) {
-      const int status = encap_client_close(client);
-      if (status != 0) {
-        fail("a close returned %d", status);
-      }
-      return;
+    for (std::uint32_t number = 0; leaves && number < kKeys; ++number) {
+      own_.wanted[number] = 0;
     }
-    for (auto &wanted : own_.wanted) {
-      wanted = 0;
-    }
-    own_.sweeping = true;
-    const int status = encap_client_leave(client, nullptr, nullptr);
+    own_.sweeping = leaves;
+    const int status = leaves ? encap_client_leave(client, nullptr, nullptr) : encap_client_close(client);
     if (status != 0) {
-      fail("a leave returned %d", status);
+      fail("a %s returned %d", leaves ? "leave" : "close", status);
+    } else if (leaves) {
+      swept();
     }
-    swept();
   }
 
   const encap_db_config_t &config_;

@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <fstream>
 
 #include "mpls_egress_encap_db.h"
+#include "process/process.h"
 #include "support/driver.h"
 
 namespace crash {
@@ -23,11 +23,8 @@ void on_hang(int /*signal*/) {
 }
 
 bool sleeps(const ThreadState &thread) {
-  std::ifstream file("/proc/" + std::to_string(thread.tid) + "/stat");
-  std::string stat;
-  std::getline(file, stat);
-  const std::size_t name_ends = stat.rfind(')');
-  return name_ends != std::string::npos && stat.compare(name_ends, 3, ") S") == 0;
+  vrellis::ProcessStat stat{};
+  return vrellis::read_process_stat(thread.tid, &stat) && stat.state == 'S';
 }
 
 bool lock_is_free() {
@@ -132,11 +129,7 @@ void Herd::stop() {
       pid = 0;
     }
   }
-  for (const ThreadState &thread : state_.thread) {
-    if (thread.failure[0] != '\0') {
-      fail(thread.failure);
-    }
-  }
+  expect_well();
 }
 
 std::uint64_t Herd::operations() const {

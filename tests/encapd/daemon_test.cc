@@ -113,9 +113,7 @@ class DaemonTest : public EncapdTest {
   static Buffer flood(std::uint32_t routes) {
     Buffer bytes;
     for (std::uint32_t i = 0; i < routes; ++i) {
-      const Buffer one = frame({route("10." + std::to_string(i >> 8) + "." + std::to_string(i & 255) + ".0/24",
-                                      {{{100 + i % 50, 1000 + i % 700}}})});
-      bytes.insert(bytes.end(), one.begin(), one.end());
+      bytes = std::move(bytes) + frame({route(router::prefix_number(i), {{{100 + i % 50, 1000 + i % 700}}})});
     }
     return bytes;
   }

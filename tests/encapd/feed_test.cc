@@ -6,7 +6,7 @@
 namespace encapd_tests {
 namespace {
 
-using router::object;
+using router::object, router::prefix_number;
 
 TEST_F(FeedTest, PathsOfEveryKindAreHeldOnceEach) {
   start();
@@ -205,7 +205,7 @@ TEST_F(FeedTest, ThoseThatWaitTakeTurnsAndNoTickTriesAll) {
   const std::uint32_t only = enter(other, test_support::key(999)).nh;
   feed_->connected();
   for (std::uint32_t i = 0; i < kWaiting; ++i) {
-    send(frame({route("10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24", {{{1000 + i}}})}));
+    send(frame({route(prefix_number(i), {{{1000 + i}}})}));
   }
   EXPECT_EQ(info_of_encapd(client_).refused, kWaiting);
   feed_->tick(now_);
@@ -225,11 +225,8 @@ TEST_F(FeedTest, WhatFindsNoMemoryIsEnteredWhenThereIsSome) {
   start();
   feed_->connected();
   References all;
-  const auto prefix = [](std::uint32_t i) {
-    return "10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24";
-  };
   for (std::uint32_t i = 0; i < 2000; ++i) {
-    send(frame({route(prefix(i), {{{1000 + i, 16 + i}}})}));
+    send(frame({route(prefix_number(i), {{{1000 + i, 16 + i}}})}));
     all[{16 + i, 1000 + i, 0, 6}] = 1;
   }
   const std::uint64_t waiting = feed_->holder().wanted() - feed_->holder().held();
@@ -238,7 +235,7 @@ TEST_F(FeedTest, WhatFindsNoMemoryIsEnteredWhenThereIsSome) {
   EXPECT_EQ(references().size(), 2000 - waiting);
   expect_sound();
   for (std::uint32_t i = 0; i < 1500; ++i) {
-    send(frame({withdrawal(prefix(i))}));
+    send(frame({withdrawal(prefix_number(i))}));
     all.erase({16 + i, 1000 + i, 0, 6});
   }
   pass(1s);

@@ -65,6 +65,11 @@ inline Buffer stack(const Labels &labels) {
   return bytes;
 }
 
+// One of 65536 prefixes.
+inline std::string prefix_number(std::uint32_t number) {
+  return "10." + std::to_string(number >> 8) + "." + std::to_string(number & 255) + ".0/24";
+}
+
 // A path: labels (none: a plain one) and an interface.
 struct Path {
   Labels labels;
